@@ -1,0 +1,400 @@
+#include "client/cchannel.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <new>
+
+#include <execinfo.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include "client/clientreq.h"
+#include "common/channelproto.h"
+
+uint32_t numCChannelObjects = 0;
+
+namespace {
+
+void initChannelLock(pthread_mutex_t& mutex)
+{
+    if (pthread_mutex_init(&mutex, nullptr) != 0) {
+        IPC_ERROR("CChannel::CChannel- Mutex initialization failed\n");
+        throw std::bad_alloc();
+    }
+}
+
+} // namespace
+
+CChannel::CChannel(const sockaddr_un* pRemoteAddress) : m_useTcpSocket(false)
+{
+    IPC_TRACE("CChannel::CChannel(DomainSocket)- Start, Obj = %08X\n", logAddress(this));
+    m_remoteAddrUn = *pRemoteAddress;
+    initChannelLock(m_mutex);
+    InterlockedIncrement(&numCChannelObjects);
+    IPC_TRACE("CChannel::CChannel(DomainSocket)- End\n");
+}
+
+CChannel::CChannel(const sockaddr_in* pRemoteAddress) : m_useTcpSocket(true)
+{
+    IPC_TRACE("CChannel::CChannel(TcpSocket)- Start, Obj = %08X\n", logAddress(this));
+    m_remoteAddrIn = *pRemoteAddress;
+    initChannelLock(m_mutex);
+    InterlockedIncrement(&numCChannelObjects);
+    IPC_TRACE("CChannel::CChannel(TcpSocket)- End\n");
+}
+
+CChannel::~CChannel()
+{
+    IPC_TRACE("CChannel::~CChannel- Start, Obj = %08X\n", logAddress(this));
+    pthread_mutex_destroy(&m_mutex);
+    tearDownSocket();
+    if (m_recvSocket != -1) {
+        const int recvSocket = m_recvSocket;
+        m_recvSocket = -1; // first, for a fork in between
+        close(recvSocket);
+    }
+    InterlockedDecrement(&numCChannelObjects);
+    IPC_TRACE("CChannel::~CChannel- End\n");
+}
+
+void CChannel::openSocket()
+{
+    IPC_TRACE("CChannel::openSocket- Start\n");
+    m_socket = m_useTcpSocket ? socket(AF_INET, SOCK_STREAM, IPPROTO_TCP) : socket(AF_UNIX, SOCK_STREAM, 0);
+    if (m_socket != -1) {
+        fcntl(m_socket, F_SETFD, FD_CLOEXEC);
+        m_recvSocket = fcntl(m_socket, F_DUPFD_CLOEXEC, 0);
+    }
+    IPC_TRACE("CChannel::openSocket- End\n");
+}
+
+int CChannel::connectSocket()
+{
+    IPC_TRACE("CChannel::connectSocket- Start\n");
+    int status = 0;
+    if (m_useTcpSocket) {
+        sockaddr_in localAddr{};
+        localAddr.sin_family = AF_INET;
+        status = bind(m_socket, reinterpret_cast<sockaddr*>(&localAddr), sizeof(localAddr));
+        if (status != 0) {
+            const int error = errno;
+            IPC_ERROR("CChannel::connectSocket- Unable to bind socket, error = %d", error);
+            IPC_TRACE("CChannel::connectSocket- End, status = %08X\n", static_cast<unsigned>(status));
+            errno = error;
+            return status;
+        }
+        status = connect(m_socket, reinterpret_cast<sockaddr*>(&m_remoteAddrIn), sizeof(m_remoteAddrIn));
+    } else {
+        const size_t length =
+            offsetof(sockaddr_un, sun_path) + strnlen(m_remoteAddrUn.sun_path, sizeof(m_remoteAddrUn.sun_path));
+        status = connect(m_socket, reinterpret_cast<sockaddr*>(&m_remoteAddrUn), static_cast<socklen_t>(length));
+    }
+    const int error = errno;
+    if (status == -1)
+        IPC_ERROR("CChannel::connectSocket- Connection creation failed, error = %d\n", error);
+    IPC_TRACE("CChannel::connectSocket- End, status = %08X\n", static_cast<unsigned>(status));
+    errno = error; // for the line that init logs about the same failure
+    return status;
+}
+
+int CChannel::init()
+{
+    IPC_TRACE("CChannel::init- Start, Obj = %08X\n", logAddress(this));
+    if (m_state != State_Uninitialized) {
+        IPC_ERROR("CChannel::init- invalid state, state = %d\n", static_cast<int>(m_state.load()));
+        return failInit();
+    }
+    openSocket();
+    if (m_socket == -1 || m_recvSocket == -1) {
+        IPC_ERROR("CChannel::init- Unable to open socket, error = %d\n", errno);
+        return failInit();
+    }
+    if (connectSocket() == -1) {
+        IPC_ERROR("CChannel::init- Connection creation failed, error = %d\n", errno);
+        return failInit();
+    }
+    m_state = State_Connected; // before there is a reader: it looks at once
+    if (startReader() != 0)
+        return failInit();
+    IPC_TRACE("CChannel::init- End, status = %08X\n", 0u);
+    return 0;
+}
+
+int CChannel::failInit()
+{
+    m_state = State_FailedInitialization;
+    IPC_TRACE("CChannel::init- End, status = %08X\n", static_cast<unsigned>(-1));
+    return -1;
+}
+
+/// Makes the reader thread and its reference to this channel. Returns 0 or -1.
+int CChannel::startReader()
+{
+    // The first pthread_exit of a process loads the unwinder, under the loader's lock. A thread that unloads this
+    // library holds that lock while it waits for the reader's end: so the unwinder must be there before the reader can
+    // need it.
+    void* pFrame = nullptr;
+    backtrace(&pFrame, 1);
+
+    SmartPtr<CChannel>* pSmartCChannel = nullptr;
+    try {
+        pSmartCChannel = new SmartPtr<CChannel>(this);
+    } catch (...) {
+        IPC_ERROR("CChannel::init- Exception caught creating smart pointer\n");
+        return -1;
+    }
+
+    sigset_t allSignals;
+    sigset_t oldSignals;
+    sigfillset(&allSignals);
+    pthread_sigmask(SIG_SETMASK, &allSignals, &oldSignals);
+    m_registration.readerStarts();
+    pthread_t thread;
+    const int threadCreateStatus = pthread_create(&thread, nullptr, connectionThread, pSmartCChannel);
+    pthread_sigmask(SIG_SETMASK, &oldSignals, nullptr);
+    if (threadCreateStatus != 0) {
+        IPC_ERROR("CChannel::init- Unable to create channel connection thread, error = %08X\n",
+                  static_cast<unsigned>(threadCreateStatus));
+        m_registration.readerNotMade();
+        // Gives the reader's reference back without destroying the channel, even where it was the only one.
+        IncRefCount();
+        delete pSmartCChannel;
+        DecRefCount();
+        return -1;
+    }
+    return 0;
+}
+
+bool CChannel::ok() const
+{
+    IPC_TRACE("CChannel::ok- Start, Obj = %08X\n", logAddress(this));
+    const bool connected = m_state == State_Connected;
+    IPC_TRACE("CChannel::ok- End, retStatus = %08X\n", connected ? 1u : 0u);
+    return connected;
+}
+
+/// The one teardown of m_socket. The number is out of the channel before it is given back.
+void CChannel::tearDownSocket()
+{
+    if (m_socket == -1)
+        return;
+    const int oldSocket = m_socket;
+    m_socket = -1;
+    shutdown(oldSocket, SHUT_RDWR);
+    const linger linger_opt = {1, 15};
+    setsockopt(oldSocket, SOL_SOCKET, SO_LINGER, &linger_opt, sizeof(linger_opt));
+    close(oldSocket);
+}
+
+void CChannel::closeChannel()
+{
+    IPC_TRACE("CChannel::closeChannel- Start, Obj = %08X\n", logAddress(this));
+    if (pthread_mutex_trylock(&m_mutex) != 0) {
+        // Perhaps held by a send that the daemon does not take: it ends when the socket is shut down.
+        shutdown(m_recvSocket, SHUT_RDWR);
+        pthread_mutex_lock(&m_mutex);
+    }
+    m_state = State_Closed;
+    tearDownSocket();
+    pthread_mutex_unlock(&m_mutex);
+    IPC_TRACE("CChannel::closeChannel- End\n");
+}
+
+void CChannel::abandonInForkChild(bool published)
+{
+    IncRefCount();
+    pthread_mutex_init(&m_mutex, nullptr);
+    if (m_recvSocket != -1)
+        close(m_recvSocket);
+    m_recvSocket = -1;
+    if (!published && m_socket != -1) {
+        close(m_socket);
+        m_socket = -1;
+    }
+}
+
+uint32_t CChannel::allocReqId()
+{
+    IPC_TRACE("CChannel::allocReqId- Start, Obj = %08X\n", logAddress(this));
+    const uint32_t allocatedId = InterlockedIncrement(&m_reqIdAllocator);
+    IPC_TRACE("CChannel::allocReqId- End, allocatedId = %08X\n", allocatedId);
+    return allocatedId;
+}
+
+int CChannel::submitReq(uint32_t reqId, ClientReq& clientReq, char* pClientData, int clientDataLen)
+{
+    IPC_TRACE("CChannel::submitReq- Start, Obj = %08X\n", logAddress(this));
+    MutexLock lock(m_mutex);
+    int retStatus = -1;
+    char header[PktHdrLength];
+    if (m_state != State_Connected) {
+        IPC_TRACE("CChannel::submitReq- Channel not connected, state = %08X\n", static_cast<unsigned>(m_state.load()));
+    } else if (!m_rcMap.emplace(reqId, &clientReq).second) {
+        IPC_ERROR("CChannel::submitReq- Unable to insert ClientReq into ClientReqMap, Obj = %08X\n", logAddress(this));
+    } else if (ChannelProto::buildReqDataPktHdr(reqId, clientDataLen, header) != 0) {
+        IPC_ERROR("CChannel::submitReq- Error building Req Data Pkt Header, Obj = %08X\n", logAddress(this));
+        if (m_rcMap.erase(reqId) == 0)
+            IPC_ERROR("CChannel::submitReq- Error, did not find object in map to remove\n");
+    } else {
+        retStatus = sendPacket(header, pClientData, static_cast<size_t>(clientDataLen));
+    }
+    lock.unlock();
+    IPC_TRACE("CChannel::submitReq- End, retStatus = %08X\n", static_cast<unsigned>(retStatus));
+    return retStatus;
+}
+
+/// Sends header and payload, in as many pieces as the socket wants; the channel lock is held. Returns 0 in any case:
+/// when the connection breaks, the reader ends and fails the request.
+int CChannel::sendPacket(char* pHeader, char* pPayload, size_t payloadLength)
+{
+    const size_t headerLength = PktHdrLength;
+    size_t totalBytesSent = 0;
+    while (totalBytesSent < headerLength + payloadLength) {
+        iovec ioVectors[2];
+        msghdr sendmsgHdr{};
+        sendmsgHdr.msg_iov = ioVectors;
+        if (totalBytesSent < headerLength) {
+            ioVectors[0] = {pHeader + totalBytesSent, headerLength - totalBytesSent};
+            ioVectors[1] = {pPayload, payloadLength};
+            sendmsgHdr.msg_iovlen = 2;
+        } else {
+            const size_t payloadSent = totalBytesSent - headerLength;
+            ioVectors[0] = {pPayload + payloadSent, payloadLength - payloadSent};
+            sendmsgHdr.msg_iovlen = 1;
+        }
+        const ssize_t sent = sendmsg(m_socket, &sendmsgHdr, MSG_NOSIGNAL);
+        if (sent >= 0) {
+            totalBytesSent += static_cast<size_t>(sent);
+        } else if (errno != EINTR) {
+            IPC_ERROR("CChannel::submitReq- sendmsg error, errno = %d\n", errno);
+            m_state = State_Disconnected;
+            tearDownSocket();
+            return 0;
+        }
+    }
+    return 0;
+}
+
+void CChannel::removeReq(uint32_t reqId)
+{
+    IPC_TRACE("CChannel::removeReq- Start, Obj = %08X\n", logAddress(this));
+    {
+        const MutexLock lock(m_mutex);
+        if (m_rcMap.erase(reqId) == 0)
+            IPC_ERROR("CChannel::removeReq- Error, did not find object in map\n");
+    }
+    IPC_TRACE("CChannel::removeReq- End\n");
+}
+
+void* CChannel::connectionThread(void* pSmartCChannel)
+{
+    auto* const pSmart = static_cast<SmartPtr<CChannel>*>(pSmartCChannel);
+    CChannel* const pChannel = *pSmart;
+    IPC_TRACE("CChannel::connectionThread- Start, Obj = %08X\n", logAddress(pChannel));
+    pthread_detach(pthread_self());
+    pthread_setname_np(pthread_self(), "obreg-reader");
+    pChannel->m_registration.readerRuns();
+    if (pChannel->m_state == State_Connected)
+        pChannel->receivePackets();
+    pChannel->failPendingReqs();
+    delete pSmart; // perhaps the last reference: the channel is not touched after this
+    IPC_TRACE("CChannel::connectionThread- End\n");
+    pthread_exit(nullptr); // no catch-all may stand around this: it unwinds
+}
+
+/// The receive loop; returns when the connection has ended or cannot be understood.
+void CChannel::receivePackets()
+{
+    for (;;) {
+        IPC_DETAIL("CChannel::connectionThread- Receive Loop, Obj = %08X\n", logAddress(this));
+        char header[PktHdrLength];
+        const ssize_t count = receive(header, sizeof(header));
+        if (count == -1) {
+            IPC_TRACE("CChannel::connectionThread- The channel connection was aborted, Obj = %08X\n", logAddress(this));
+            return;
+        }
+        if (count != PktHdrLength) {
+            IPC_TRACE("CChannel::connectionThread- The channel connection was terminated, Obj = %08X\n",
+                      logAddress(this));
+            return;
+        }
+        uint32_t reqId = 0;
+        int payloadLength = 0;
+        if (!ChannelProto::getReqIdAndPayloadLength(header, PktHdrLength, &reqId, &payloadLength)) {
+            IPC_TRACE("CChannel::connectionThread- Unable to obtain payload length, Obj = %08X\n", logAddress(this));
+            return;
+        }
+        switch (ChannelProto::getPktType(header[0])) {
+        case ChannelProto::ReqDataCarrierPacketType:
+            if (!receiveData(reqId, payloadLength))
+                return;
+            break;
+        case ChannelProto::ReqErrorCarrierPacketType: {
+            IPC_TRACE("CChannel::connectionThread- Processing Request Error Packet, Obj = %08X\n", logAddress(this));
+            const MutexLock lock(m_mutex);
+            if (ClientReq* const pClientReq = findReq(reqId))
+                pClientReq->processError();
+            break;
+        }
+        default:
+            IPC_ERROR("CChannel::connectionThread- Unknown Packet Type, Obj = %08X\n", logAddress(this));
+            return;
+        }
+    }
+}
+
+/// Receives a data packet's payload and hands it to its request. False when the connection is of no more use.
+bool CChannel::receiveData(uint32_t reqId, int payloadLength)
+{
+    IPC_DETAIL("CChannel::connectionThread- Processing Request Data Packet, Obj = %08X\n", logAddress(this));
+    const bool bounded = payloadLength >= 0 && payloadLength <= MaxPayloadLength;
+    const auto length = static_cast<size_t>(payloadLength);
+    std::unique_ptr<char[]> pRecvBuff(bounded ? new (std::nothrow) char[length] : nullptr);
+    if (!pRecvBuff) {
+        IPC_ERROR("CChannel::connectionThread- Unable to allocate receive buffer, Obj = %08X\n", logAddress(this));
+        return false;
+    }
+    // Asking for no bytes would not return at once: a receive that waits for all of nothing still waits for something.
+    if (length != 0 && receive(pRecvBuff.get(), length) != payloadLength) {
+        IPC_TRACE("CChannel::connectionThread- Connection aborted prematurely, Obj = %08X\n", logAddress(this));
+        return false;
+    }
+    const MutexLock lock(m_mutex);
+    if (ClientReq* const pClientReq = findReq(reqId))
+        pClientReq->processServerData(pRecvBuff.release(), payloadLength);
+    return true;
+}
+
+/// recv of exactly `length` bytes, begun again when interrupted: the count, short at the stream's end, or -1.
+ssize_t CChannel::receive(char* pBuff, size_t length) const
+{
+    ssize_t count = 0;
+    do
+        count = recv(m_recvSocket, pBuff, length, MSG_WAITALL);
+    while (count == -1 && errno == EINTR);
+    return count;
+}
+
+/// The pending request of an id, or null with a line in the log; the channel lock is held.
+ClientReq* CChannel::findReq(uint32_t reqId) const
+{
+    const auto entry = m_rcMap.find(reqId);
+    if (entry != m_rcMap.end())
+        return entry->second;
+    IPC_ERROR("CChannel::connectionThread- Error, did not find object in map, Obj = %08X\n", logAddress(this));
+    return nullptr;
+}
+
+/// The reader's last work: nobody waits for a reply that cannot come any more. The entries are their submitters' to
+/// remove.
+void CChannel::failPendingReqs()
+{
+    const MutexLock lock(m_mutex);
+    if (m_state == State_Connected)
+        m_state = State_Disconnected;
+    for (const auto& entry : m_rcMap)
+        entry.second->processError();
+}

@@ -1,0 +1,91 @@
+#include "client/clientreq.h"
+
+#include <new>
+
+#include "client/guards.h"
+#include "platform.h"
+
+uint32_t numClientReqObjects = 0;
+
+ClientReq::ClientReq(uint32_t reqId) : m_reqId(reqId)
+{
+    IPC_TRACE("ClientReq::ClientReq- Start, Obj = %08X\n", logAddress(this));
+    if (pthread_mutex_init(&m_mutex, nullptr) != 0) {
+        IPC_ERROR("ClientReq::ClientReq- Mutex initialization failed\n");
+        throw std::bad_alloc();
+    }
+    if (pthread_cond_init(&m_condition, nullptr) != 0) {
+        IPC_ERROR("ClientReq::ClientReq- Condition initialization failed\n");
+        pthread_mutex_destroy(&m_mutex);
+        throw std::bad_alloc();
+    }
+    InterlockedIncrement(&numClientReqObjects);
+    IPC_TRACE("ClientReq::ClientReq- End\n");
+}
+
+ClientReq::~ClientReq()
+{
+    IPC_TRACE("ClientReq::~ClientReq- Start, Obj = %08X\n", logAddress(this));
+    pthread_mutex_destroy(&m_mutex);
+    pthread_cond_destroy(&m_condition);
+    delete[] m_pServerData;
+    InterlockedDecrement(&numClientReqObjects);
+    IPC_TRACE("ClientReq::~ClientReq- End\n");
+}
+
+void ClientReq::wakeSubmitter()
+{
+    if (m_submitThreadActive)
+        return;
+    m_submitThreadActive = true;
+    pthread_cond_signal(&m_condition);
+}
+
+void ClientReq::processServerData(char* pServerData, int serverDataLength)
+{
+    IPC_TRACE("ClientReq::processServerData- Start, Obj = %08X\n", logAddress(this));
+    {
+        const MutexLock lock(m_mutex);
+        delete[] m_pServerData;
+        m_pServerData = pServerData;
+        m_serverDataLen = serverDataLength;
+        wakeSubmitter();
+        m_completed = true;
+    }
+    IPC_TRACE("ClientReq::processServerData- End\n");
+}
+
+void ClientReq::processError()
+{
+    IPC_TRACE("ClientReq::processError- Start, Obj = %08X\n", logAddress(this));
+    {
+        const MutexLock lock(m_mutex);
+        m_internalProblem = true;
+        m_completed = true;
+        wakeSubmitter();
+    }
+    IPC_TRACE("ClientReq::processError- End\n");
+}
+
+int ClientReq::waitForCompletion(char** ppResponseData, int* pResponseDataLength)
+{
+    IPC_TRACE("ClientReq::waitForCompletion- Start, Obj = %08X\n", logAddress(this));
+    const NoCancellation noCancellation;
+    int retStatus = -1;
+    {
+        const MutexLock lock(m_mutex);
+        while (!m_completed) {
+            m_submitThreadActive = false;
+            pthread_cond_wait(&m_condition, &m_mutex);
+        }
+        // Taken while the lock is held: a late second delivery replaces the buffer.
+        if (!m_internalProblem) {
+            *ppResponseData = m_pServerData;
+            *pResponseDataLength = m_serverDataLen;
+            m_pServerData = nullptr;
+            retStatus = 0;
+        }
+    }
+    IPC_TRACE("ClientReq::waitForCompletion- End, retStatus = %08X\n", static_cast<unsigned>(retStatus));
+    return retStatus;
+}

@@ -1,0 +1,31 @@
+// What every source of the library and the daemon includes: the public types and the log.
+//
+// Log lines go to syslog without openlog, so the process's own ident applies. Two kinds exist:
+//   IPC_ERROR   priority 14 (LOG_USER | LOG_INFO), always written;
+//   IPC_TRACE   priority 15 (LOG_USER | LOG_DEBUG), written only while CDebugLevel is above 0; its arguments are not
+//               evaluated otherwise. IPC_DETAIL is the same above 1.
+// The format is syslog's own and ends with a newline. syslog may change errno: save it before the first of two lines
+// about one failure.
+#ifndef OBREG_COMMON_IPCINT_H
+#define OBREG_COMMON_IPCINT_H
+
+#include <cstdint>
+#include <syslog.h>
+
+#include "obreg/obreg.h"
+
+/// The trace level, initially 0. Defined once by each program that links this code; the library exports it, so that an
+/// application can set it.
+OBREG_API extern int CDebugLevel;
+
+/// CDebugLevel as it is now. It is set without a lock while other threads read it, hence the atomic load.
+inline int debugLevel() { return __atomic_load_n(&CDebugLevel, __ATOMIC_RELAXED); }
+
+#define IPC_ERROR(...) syslog(LOG_USER | LOG_INFO, __VA_ARGS__)
+#define IPC_TRACE(...) (debugLevel() > 0 ? syslog(LOG_USER | LOG_DEBUG, __VA_ARGS__) : static_cast<void>(0))
+#define IPC_DETAIL(...) (debugLevel() > 1 ? syslog(LOG_USER | LOG_DEBUG, __VA_ARGS__) : static_cast<void>(0))
+
+/// An object's address as the "Obj = %08X" of the log shows it: the low 32 bits.
+inline unsigned logAddress(const void* pObj) { return static_cast<unsigned>(reinterpret_cast<uintptr_t>(pObj)); }
+
+#endif

@@ -1,0 +1,376 @@
+// Counted ownership, pending requests and the channel, each by itself.
+#include <array>
+#include <chrono>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include <dirent.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "client/cchannel.h"
+#include "client/clientreq.h"
+#include "client/livechannels.h"
+#include "common/channelproto.h"
+#include "support/log_capture.h"
+#include "support/scripted_daemon.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+struct Counted : ObjRef {
+    explicit Counted(int& destroyed) : m_destroyed(destroyed) {}
+    ~Counted() { ++m_destroyed; }
+    int& m_destroyed;
+};
+
+sockaddr_un daemonAddress()
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    strcpy(address.sun_path, FixedSocketPath);
+    return address;
+}
+
+int openDescriptors()
+{
+    int count = 0;
+    DIR* const pDir = opendir("/proc/self/fd");
+    while (readdir(pDir) != nullptr)
+        ++count;
+    closedir(pDir);
+    return count;
+}
+
+bool eventually(const std::function<bool()>& condition)
+{
+    for (int i = 0; i < 5000 && !condition(); ++i)
+        std::this_thread::sleep_for(1ms);
+    return condition();
+}
+
+/// A channel to the scripted daemon, held as the library holds it.
+class Channel : public testing::Test {
+protected:
+    std::unique_ptr<SmartCChannel> connect()
+    {
+        const sockaddr_un address = daemonAddress();
+        std::unique_ptr<SmartCChannel> pChannel(new SmartCChannel(new CChannel(&address)));
+        EXPECT_EQ((*pChannel)->init(), 0);
+        return pChannel;
+    }
+
+    /// One request as ReqReply makes it: "-1", or the reply.
+    static std::string exchange(CChannel& channel, std::string payload)
+    {
+        const uint32_t id = channel.allocReqId();
+        ClientReq req(id);
+        char* pReply = nullptr;
+        int length = 0;
+        int status = channel.submitReq(id, req, payload.data(), static_cast<int>(payload.size()));
+        if (status == 0)
+            status = req.waitForCompletion(&pReply, &length);
+        channel.removeReq(id);
+        const std::unique_ptr<char[]> owner(pReply);
+        return status == 0 ? std::string(pReply, static_cast<size_t>(length)) : std::to_string(status);
+    }
+
+    void TearDown() override
+    {
+        EXPECT_TRUE(eventually([] { return numCChannelObjects == 0 && numClientReqObjects == 0; }));
+        LiveChannels::awaitReaders(5000);
+        EXPECT_TRUE(eventually([this] { return openDescriptors() == m_descriptors; }));
+        logcapture::take();
+    }
+
+private:
+    const int m_descriptors = openDescriptors();
+};
+
+ScriptedDaemon::Script echo()
+{
+    return ScriptedDaemon::answering([](const std::string& text) { return text; });
+}
+
+} // namespace
+
+TEST(SmartPtr, LastHolderDestroys)
+{
+    int destroyed = 0;
+    auto* const pObj = new Counted(destroyed);
+    EXPECT_FALSE(pObj->DecRefCount()); // a count of 0 stays 0
+    {
+        const SmartPtr<Counted> first(pObj);
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 8; ++i)
+            threads.emplace_back([&first] {
+                for (int n = 0; n < 10000; ++n)
+                    const SmartPtr<Counted> copy(first);
+            });
+        for (std::thread& thread : threads)
+            thread.join();
+        EXPECT_EQ(first->GetRefCount(), 1u);
+        SmartPtr<Counted> assigned;
+        EXPECT_TRUE(!assigned);
+        assigned = first;
+        assigned = assigned.operator->();
+        EXPECT_EQ(pObj->GetRefCount(), 2u);
+        assigned = nullptr;
+        EXPECT_TRUE(assigned == nullptr && assigned != first);
+        EXPECT_EQ(destroyed, 0);
+    }
+    EXPECT_EQ(destroyed, 1);
+    const SmartPtr<Counted> none(nullptr);
+    EXPECT_FALSE(SmartPtr<Counted>(none));
+}
+
+TEST(PendingRequest, Outcomes)
+{
+    // Steps: d data, e error; then the wait's result. A second delivery replaces the first.
+    const struct {
+        const char* steps;
+        int result;
+        char reply;
+    } cases[] = {{"d", 0, '0'}, {"e", -1, 0}, {"de", -1, 0}, {"ed", -1, 0}, {"dd", 0, '1'}};
+    for (const auto& test : cases) {
+        for (const bool whileWaiting : {false, true}) {
+            SCOPED_TRACE(test.steps);
+            ClientReq req(2);
+            const auto deliver = [&] {
+                char n = '0';
+                for (const char* p = test.steps; *p != '\0'; ++p, ++n) {
+                    if (*p == 'e')
+                        req.processError();
+                    else
+                        req.processServerData(new char[1]{n}, 1);
+                }
+            };
+            std::thread reader;
+            if (whileWaiting && test.steps[1] == '\0')
+                reader = std::thread([&] {
+                    std::this_thread::sleep_for(2ms);
+                    deliver();
+                });
+            else
+                deliver();
+            char* pReply = nullptr;
+            int length = -7;
+            EXPECT_EQ(req.waitForCompletion(&pReply, &length), test.result);
+            EXPECT_EQ(length, test.result == 0 ? 1 : -7);
+            EXPECT_EQ(pReply != nullptr ? *pReply : 0, test.reply);
+            delete[] pReply;
+            if (reader.joinable())
+                reader.join();
+        }
+    }
+    EXPECT_EQ(numClientReqObjects, 0u);
+}
+
+TEST_F(Channel, LifeAndStates)
+{
+    const sockaddr_un address = daemonAddress();
+    {
+        CChannel unused(&address);
+        EXPECT_FALSE(unused.ok());
+        EXPECT_EQ(unused.init(), -1); // nobody listens
+        unused.closeChannel();
+        EXPECT_EQ(unused.init(), -1);
+        const auto log = logcapture::take();
+        ASSERT_EQ(log.size(), 3u);
+        EXPECT_EQ(log[0], "14 CChannel::connectSocket- Connection creation failed, error = 2\n");
+        EXPECT_EQ(log[1], "14 CChannel::init- Connection creation failed, error = 2\n");
+        EXPECT_EQ(log[2], "14 CChannel::init- invalid state, state = 5\n");
+        sockaddr_in nowhere{};
+        nowhere.sin_family = AF_INET;
+        nowhere.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        nowhere.sin_port = htons(1);
+        EXPECT_EQ(CChannel(&nowhere).init(), -1);
+    }
+    ScriptedDaemon daemon(echo());
+    const auto pChannel = connect();
+    EXPECT_TRUE((*pChannel)->ok());
+    EXPECT_EQ((*pChannel)->allocReqId(), 2u);
+    EXPECT_EQ(exchange(**pChannel, "hello"), "hello");
+    EXPECT_EQ(exchange(**pChannel, ""), "");
+    EXPECT_EQ((*pChannel)->init(), -1);
+    EXPECT_FALSE((*pChannel)->ok());
+    (*pChannel)->closeChannel();
+    (*pChannel)->closeChannel();
+    EXPECT_EQ(exchange(**pChannel, "late"), "-1");
+}
+
+TEST_F(Channel, WhatADaemonMaySend)
+{
+    using Peer = ScriptedDaemon::Peer;
+    const std::string ok = "fine";
+    const auto id = [](const ScriptedDaemon::Request& r) { return r.id; };
+    // Each script answers one request; the result is the reply, or -1 and a line in the log, if it breaks the
+    // connection.
+    const struct {
+        const char* name;
+        std::function<void(Peer&, const ScriptedDaemon::Request&)> script;
+        std::string result;
+        const char* log;
+        bool staysUp;
+    } cases[] = {
+        {"error packet", [&](Peer& p, auto& r) { p.error(id(r)); }, "-1", "", true},
+        {"unknown id first",
+         [&](Peer& p, auto& r) {
+             p.reply(99, "x");
+             p.error(98);
+             p.reply(id(r), ok);
+         },
+         ok, "14 CChannel::connectionThread- Error, did not find object in map", true},
+        {"one byte at a time",
+         [&](Peer& p, auto& r) {
+             for (const char c : Peer::packet(id(r), ok)) {
+                 p.send(std::string(1, c));
+                 std::this_thread::sleep_for(200us);
+             }
+         },
+         ok, "", true},
+        {"many packets in one write",
+         [&](Peer& p, auto& r) { p.send(Peer::packet(7, "") + Peer::packet(id(r), ok) + Peer::packet(8, "x")); }, ok,
+         "", true},
+        {"short fields",
+         [&](Peer& p, auto& r) {
+             std::string h = "Type01\r\nPayloadLength =4\r\nReqIdHdr =" + std::to_string(id(r)) + "\r\n\r\n";
+             p.send(h + std::string(55 - h.size(), '#') + ok);
+         },
+         ok, "", true},
+        {"unknown type",
+         [&](Peer& p, auto& r) {
+             auto t = Peer::packet(id(r), ok);
+             t[5] = '3';
+             p.send(t);
+         },
+         "-1", "14 CChannel::connectionThread- Unknown Packet Type", false},
+        {"no id", [&](Peer& p, auto&) { p.send(std::string(55, 'x')); }, "-1",
+         "15 CChannel::connectionThread- Unable to obtain payload length", false},
+        {"short header",
+         [&](Peer& p, auto& r) {
+             p.send(Peer::packet(id(r), ok).substr(0, 54));
+             p.hangUp();
+         },
+         "-1", "15 CChannel::connectionThread- The channel connection was terminated", false},
+        {"short payload",
+         [&](Peer& p, auto& r) {
+             p.send(Peer::packet(id(r), ok).substr(0, 58));
+             p.hangUp();
+         },
+         "-1", "15 CChannel::connectionThread- Connection aborted prematurely", false},
+        {"negative length",
+         [&](Peer& p, auto& r) {
+             char h[PktHdrLength];
+             ChannelProto::buildReqDataPktHdr(id(r), -1, h);
+             p.send({h, sizeof(h)});
+         },
+         "-1", "14 CChannel::connectionThread- Unable to allocate receive buffer", false},
+        {"length over the limit",
+         [&](Peer& p, auto& r) {
+             char h[PktHdrLength];
+             ChannelProto::buildReqDataPktHdr(id(r), MaxPayloadLength + 1, h);
+             p.send({h, sizeof(h)});
+         },
+         "-1", "14 CChannel::connectionThread- Unable to allocate receive buffer", false},
+        {"hang up", [&](Peer& p, auto&) { p.hangUp(); }, "-1", "", false},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.name);
+        ScriptedDaemon daemon([&](Peer& peer) {
+            for (ScriptedDaemon::Request request; peer.receive(request);)
+                test.script(peer, request);
+        });
+        logcapture::setDebugLevel(1);
+        const auto pChannel = connect();
+        EXPECT_EQ(exchange(**pChannel, "request"), test.result);
+        EXPECT_TRUE(logcapture::contains(test.log));
+        logcapture::setDebugLevel(0);
+        EXPECT_EQ((*pChannel)->ok(), test.staysUp);
+        (*pChannel)->closeChannel();
+        logcapture::take();
+    }
+}
+
+TEST_F(Channel, RepliesOutOfOrderReachTheirRequests)
+{
+    // Collects the requests that are there and answers them last first.
+    ScriptedDaemon daemon([](ScriptedDaemon::Peer& peer) {
+        std::vector<ScriptedDaemon::Request> waiting;
+        for (ScriptedDaemon::Request request; peer.receive(request);) {
+            if (request.payload == "held")
+                continue;
+            waiting.push_back(request);
+            if (waiting.size() < 16 && peer.hasMore(1))
+                continue;
+            for (; !waiting.empty(); waiting.pop_back())
+                peer.reply(waiting.back().id, waiting.back().payload);
+        }
+    });
+    const auto pChannel = connect();
+    std::atomic<int> right{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 16; ++t)
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 500; ++i) {
+                const std::string text = std::to_string(t) + ":" + std::to_string(i);
+                right += exchange(**pChannel, text) == text;
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(right, 16 * 500);
+
+    ClientReq req(77);
+    char payload[] = "held";
+    EXPECT_EQ((*pChannel)->submitReq(77, req, payload, 4), 0);
+    ClientReq again(77);
+    EXPECT_EQ((*pChannel)->submitReq(77, again, payload, 4), -1);
+    EXPECT_TRUE(logcapture::contains("14 CChannel::submitReq- Unable to insert ClientReq into ClientReqMap"));
+    (*pChannel)->closeChannel(); // fails the request that waits
+    char* pReply = nullptr;
+    int length = 0;
+    EXPECT_EQ(req.waitForCompletion(&pReply, &length), -1);
+    (*pChannel)->removeReq(77);
+    (*pChannel)->removeReq(77);
+    EXPECT_TRUE(logcapture::contains("14 CChannel::removeReq- Error, did not find object in map\n"));
+}
+
+TEST_F(Channel, ClosesPastASendThatNobodyTakes)
+{
+    std::atomic<bool> ended{false};
+    ScriptedDaemon daemon([&](ScriptedDaemon::Peer&) { // never reads
+        while (!ended)
+            std::this_thread::sleep_for(1ms);
+    });
+    const auto pChannel = connect();
+    std::string result;
+    std::thread sender([&] { result = exchange(**pChannel, std::string(8 << 20, 'x')); });
+    std::this_thread::sleep_for(50ms);
+    (*pChannel)->closeChannel();
+    sender.join();
+    EXPECT_EQ(result, "-1");
+    EXPECT_TRUE(logcapture::contains("14 CChannel::submitReq- sendmsg error, errno = 32\n"));
+    ended = true;
+}
+
+TEST_F(Channel, ClosedNumberMayBelongToAStranger)
+{
+    // The application gets the socket's old number for a pipe of its own; the reader must not touch it.
+    ScriptedDaemon daemon(echo());
+    for (int i = 0; i < 200; ++i) {
+        const auto pChannel = connect();
+        (*pChannel)->closeChannel();
+        std::array<int, 2> strangers{};
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, strangers.data()), 0);
+        ASSERT_EQ(write(strangers[0], "mine", 4), 4);
+        char text[5] = {};
+        EXPECT_EQ(recv(strangers[1], text, 4, MSG_DONTWAIT), 4);
+        close(strangers[0]);
+        close(strangers[1]);
+    }
+}

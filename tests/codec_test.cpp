@@ -1,0 +1,312 @@
+// Carrier headers and messages: bytes, reading rules, log lines.
+#include <cinttypes>
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <random>
+
+#include <gtest/gtest.h>
+
+#include "common/channelproto.h"
+#include "common/msgproto.h"
+#include "common/wiretext.h"
+#include "support/log_capture.h"
+
+namespace {
+
+bool failArrays = false; // makes the codec's own array allocations fail
+
+using Lines = std::vector<std::string>;
+
+HANDLE handle(uintptr_t value) { return reinterpret_cast<HANDLE>(value); }
+
+template <class Msg>
+std::string encoded(const Msg& msg)
+{
+    char* pText = nullptr;
+    int length = -1;
+    msg.serialize(&pText, &length);
+    const std::unique_ptr<char[]> owner(pText);
+    return pText == nullptr ? "null " + std::to_string(length) : std::string(pText, static_cast<size_t>(length));
+}
+
+/// Reads from a block of exactly the text's length, so that AddressSanitizer sees a byte too many.
+template <class Msg>
+std::unique_ptr<Msg> decoded(const std::string& text)
+{
+    const std::unique_ptr<char[]> block(new char[text.size()]);
+    std::copy(text.begin(), text.end(), block.get());
+    std::unique_ptr<Msg> msg(Msg::deserialize(block.get(), static_cast<int>(text.size())));
+    EXPECT_EQ(std::string(block.get(), text.size()), text) << "the input was changed";
+    return msg;
+}
+
+/// Everything that holds for every message: its bytes, that it reads back what it writes, its log lines when memory is
+/// short and when a text is too short or lacks its fields.
+template <class Msg>
+void expectMessage(const std::string& name, const Msg& msg, const std::string& text, size_t padding, size_t shortest,
+                   const std::string& noBufferName = {})
+{
+    SCOPED_TRACE(name);
+    const std::string bytes = encoded(msg);
+    EXPECT_EQ(bytes, text + std::string(padding, '\0'));
+
+    logcapture::setDebugLevel(1);
+    logcapture::take();
+    std::unique_ptr<Msg> back = decoded<Msg>(bytes);
+    ASSERT_TRUE(back);
+    char address[40];
+    snprintf(address, sizeof(address), "%p", static_cast<void*>(back.get()));
+    EXPECT_EQ(encoded(*back), bytes);
+    back.reset();
+    logcapture::setDebugLevel(0);
+    EXPECT_EQ(
+        logcapture::take(),
+        (Lines{"15 " + name + "::deserialize- Start\n", "15 " + name + "::" + name + "- Start\n",
+               "15 " + name + "::" + name + "- End\n", "15 " + name + "::deserialize- End, retObj = " + address + "\n",
+               "15 " + name + "::serialize- Start\n", "15 " + name + "::serialize- End\n",
+               "15 " + name + "::~" + name + "- Start\n", "15 " + name + "::~" + name + "- End\n"}));
+
+    failArrays = true;
+    const std::string failed = encoded(msg);
+    failArrays = false;
+    EXPECT_EQ(failed, "null 0");
+    EXPECT_EQ(decoded<Msg>(bytes.substr(0, shortest - 1)), nullptr);
+    std::string noFields(std::max(shortest, bytes.size()), '#');
+    noFields.replace(0, 8, "Type01\r\n");
+    EXPECT_EQ(decoded<Msg>(noFields), nullptr);
+    Lines expected = {"14 " + (noBufferName.empty() ? name : noBufferName) + "::serialize- Unable to allocate buffer\n",
+                      "14 " + name + "::deserialize- Serialized object lenght is too short\n",
+                      "14 " + name + "::deserialize- Not all parameters obtained\n"};
+    if (name == "SetValueRespMsg")
+        expected.pop_back();
+    EXPECT_EQ(logcapture::take(), expected);
+
+    Msg* const pNegative = Msg::deserialize(bytes.data(), -5);
+    EXPECT_EQ(pNegative, nullptr);
+    logcapture::take();
+}
+
+} // namespace
+
+// Arrays come from malloc throughout, so that the nothrow form can be made to fail.
+void* operator new[](size_t size)
+{
+    if (void* const p = std::malloc(size))
+        return p;
+    throw std::bad_alloc();
+}
+void* operator new[](size_t size, const std::nothrow_t&) noexcept { return failArrays ? nullptr : std::malloc(size); }
+void operator delete[](void* p) noexcept { std::free(p); }
+void operator delete[](void* p, size_t) noexcept { std::free(p); }
+
+TEST(Codec, EveryMessage)
+{
+    const std::string data("\r\n\r\nStatus =1\0\r", 16);
+    const auto n = static_cast<UINT32>(data.size());
+    const uint64_t time = 0x01D2C3B4A5968778;
+    const HANDLE h = handle(0x1F);
+    const HANDLE wide = handle(0xFEDCBA98);
+
+    expectMessage("OpenKeyReqMsg", OpenKeyReqMsg(h, "Software", 1, 0xF003F),
+                  "Type07\r\nParentKeyHandle =0x1f\r\nFlags =00000001\r\nAccess =000F003F\r\nKeyName =Software\r\n\r\n",
+                  16, 95);
+    expectMessage("OpenKeyRespMsg", OpenKeyRespMsg(0xC7F10001, nullptr), "Status =C7F10001\r\nKeyHandle =(nil)\r\n\r\n",
+                  13, 51);
+    expectMessage("CreateKeyReqMsg", CreateKeyReqMsg(wide, nullptr, 0, 0),
+                  "Type02\r\nParentKeyHandle =0xfedcba98\r\nFlags =00000000\r\nAccess =00000000\r\nKeyName =\r\n\r\n",
+                  10, 95);
+    expectMessage("CreateKeyRespMsg", CreateKeyRespMsg(0, h, 2),
+                  "Status =00000000\r\nKeyHandle =0x1f\r\nDisposition =00000002\r\n\r\n", 14, 74);
+    expectMessage("CloseKeyReqMsg", CloseKeyReqMsg(h), "Type01\r\nKeyHandle =0x1f\r\n\r\n", 14, 41);
+    expectMessage("CloseKeyRespMsg", CloseKeyRespMsg(7), "Status =00000007\r\n\r\n", 0, 20);
+    expectMessage("DeleteKeyReqMsg", DeleteKeyReqMsg(nullptr, "a\\b"),
+                  "Type03\r\nParentKeyHandle =(nil)\r\nKeyName =a\\b\r\n\r\n", 13, 58);
+    expectMessage("DeleteKeyRespMsg", DeleteKeyRespMsg(7), "Status =00000007\r\n\r\n", 0, 20, "DeleteKeyMsg");
+    expectMessage("SetValueReqMsg", SetValueReqMsg(handle(1), "", 3, nullptr, 0),
+                  "Type09\r\nKeyHandle =0x1\r\nValueType =00000003\r\nValueName =\r\n\r\n", 0, 60);
+    expectMessage("SetValueReqMsg", SetValueReqMsg(h, "v", 3, data.data(), n),
+                  "Type09\r\nKeyHandle =0x1f\r\nValueType =00000003\r\nValueName =v\r\n\r\n" + data, 0, 60);
+    expectMessage("SetValueRespMsg", SetValueRespMsg(0), "Status =00000000\r\n\r\n", 0, 20);
+    expectMessage("QueryValueReqMsg", QueryValueReqMsg(h, "v"), "Type08\r\nKeyHandle =0x1f\r\nValueName =v\r\n\r\n", 14,
+                  54, "Msg");
+    expectMessage("QueryValueRespMsg", QueryValueRespMsg(0, 1, data.data(), n),
+                  "Status =00000000\r\nValueType =00000001\r\n\r\n" + data, 0, 41);
+    expectMessage("DeleteValueReqMsg", DeleteValueReqMsg(h, "v"), "Type04\r\nKeyHandle =0x1f\r\nValueName =v\r\n\r\n",
+                  14, 54);
+    expectMessage("DeleteValueRespMsg", DeleteValueRespMsg(0), "Status =00000000\r\n\r\n", 0, 20);
+    expectMessage("EnumKeyReqMsg", EnumKeyReqMsg(h, 0xFFFFFFFF), "Type05\r\nKeyHandle =0x1f\r\nIndex =FFFFFFFF\r\n\r\n",
+                  14, 58);
+    expectMessage("EnumKeyRespMsg", EnumKeyRespMsg(0, "sub", time),
+                  "Status =00000000\r\nLastWriteTime =01D2C3B4A5968778\r\nSubKeyName =sub\r\n\r\n", 0, 67);
+    expectMessage("EnumValueReqMsg", EnumValueReqMsg(h, 3), "Type06\r\nKeyHandle =0x1f\r\nIndex =00000003\r\n\r\n", 14,
+                  58);
+    expectMessage("EnumValueRespMsg", EnumValueRespMsg(0, "name", 4, data.data(), n),
+                  "Status =00000000\r\nValueType =00000004\r\nValueName =name\r\n\r\n" + data, 0, 54,
+                  "EnumValueRespMsgMsg");
+    expectMessage("QueryInfoKeyReqMsg", QueryInfoKeyReqMsg(h), "Type0A\r\nKeyHandle =0x1f\r\n\r\n", 14, 41, "Msg");
+    expectMessage(
+        "QueryInfoKeyRespMsg", QueryInfoKeyRespMsg(0, 1, 2, 3, 4, 5, 6, time),
+        "Status =00000000\r\nSubKeyCount =00000001\r\nMaxSubKeyLength =00000002\r\nMaxClassLength =00000003\r\n"
+        "ValueCount =00000004\r\nMaxValueNameLength =00000005\r\nMaxValueLength =00000006\r\n"
+        "LastWriteTime =01D2C3B4A5968778\r\n\r\n",
+        0, 207);
+    if (sizeof(HANDLE) == 8)
+        expectMessage("CloseKeyReqMsg", CloseKeyReqMsg(handle(static_cast<uintptr_t>(0xFEDCBA9876543210))),
+                      "Type01\r\nKeyHandle =0xfedcba9876543210\r\n\r\n", 0, 41);
+    EXPECT_EQ(numOpenKeyReqMsgObjs + numSetValueReqMsgObjs + numEnumValueRespMsgObjs + numQueryInfoKeyRespMsgObjs, 0u);
+}
+
+TEST(Codec, ValueDataNeedsMemory)
+{
+    failArrays = true;
+    EXPECT_THROW(EnumValueRespMsg(0, "a long name that needs a block of its own", 1, "x", 1), std::bad_alloc);
+    failArrays = false;
+    EXPECT_EQ(logcapture::take(), Lines{"14 EnumValueRespMsg::EnumValueRespMsg- Unable to allocate buffer\n"});
+    EXPECT_EQ(numEnumValueRespMsgObjs, 0u);
+
+    QueryValueRespMsg tooLong(0, 1, nullptr, 0);
+    tooLong.m_valueDataLen = INT32_MAX; // with the text, more than an int can report
+    EXPECT_EQ(encoded(tooLong), "null 0");
+    tooLong.m_valueDataLen = 0;
+    logcapture::take();
+}
+
+TEST(Codec, ReaderIsGenerous)
+{
+    const struct {
+        const char* text;
+        const char* expected; // status, handle, disposition; null when refused
+    } cases[] = {
+        {"Status =1\r\nKeyHandle =0x2\r\nDisposition =3\r\n\r\n", "1 2 3"},
+        {"Disposition =3\r\nJunk\r\n\rKeyHandle =9\r\nKeyHandle =2\r\nStatus =1\r\n\r\n", "1 2 3"},
+        {"Status = \t\vc7f10001\r\nKeyHandle =(nil)\r\nDisposition =\r\n\r\n", "c7f10001 0 0"},
+        {"Status =C7F100011\r\nKeyHandle =0X2g\r\nDisposition =-2\r\n\r\n", "ffffffff 2 fffffffe"},
+        {"Status =1FFFFFFFF\r\nKeyHandle =+2\r\nDisposition =-1FFFFFFFF\r\n\r\n", "ffffffff 2 ffffffff"},
+        {"Status =1\r\nStatus =8\r\nKeyHandle =2\r\nDisposition =3\r\nStatus =9\r\n", "1 2 3"}, // the first counts
+        {"Status =\r1\r\nKeyHandle =2\n5\r\nDisposition =3\r\n", "1 2 3"}, // a lone CR or LF is an ordinary byte
+        {"status =1\r\nKeyHandle =2\r\nDisposition =3\r\n\r\n", nullptr},
+        {"Status =1\r\nKeyHandle =2\r\n\r\nDisposition =3\r\n", nullptr}, // after the empty line
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.text);
+        const std::string text = test.text;
+        const auto msg = decoded<CreateKeyRespMsg>(text + std::string(100, '.'));
+        ASSERT_EQ(msg != nullptr, test.expected != nullptr);
+        char read[80];
+        if (msg) {
+            snprintf(read, sizeof(read), "%x %" PRIxPTR " %x", msg->m_status,
+                     reinterpret_cast<uintptr_t>(msg->m_keyHandle), msg->m_disposition);
+            EXPECT_STREQ(read, test.expected);
+        }
+    }
+
+    // Data is what follows the empty line, or what the walk left over when there is none.
+    const struct {
+        std::string text;
+        std::string data;
+    } dataCases[] = {
+        {"Status =00000000\r\nValueType =00000001\r\n\r\n", ""},
+        {"Status =00000000\r\nValueType =00000001\r\n\r\n\r", "\r"},
+        {"Status =00000000\r\nValueType =00000000001\r\n", ""},
+        {"Status =00000000\r\nValueType =00000000001\r\nx", "x"},
+        {"Status =00000000\r\nValueType =00000000001\r\nxyz", "z"},
+    };
+    for (const auto& test : dataCases) {
+        SCOPED_TRACE(test.text);
+        const auto msg = decoded<QueryValueRespMsg>(test.text);
+        ASSERT_TRUE(msg);
+        EXPECT_EQ(std::string(msg->m_pValueData ? msg->m_pValueData : "", msg->m_valueDataLen), test.data);
+        EXPECT_EQ(msg->m_pValueData == nullptr, test.data.empty());
+    }
+
+    const auto cut =
+        decoded<OpenKeyReqMsg>("anything\r\nKeyName =ab" + std::string(1, '\0') +
+                               "c\r\nAccess =1\r\nFlags =2\r\nParentKeyHandle =3\r\n" + std::string(60, ' '));
+    ASSERT_TRUE(cut);
+    EXPECT_EQ(cut->m_keyName, "ab");
+    const auto split = decoded<EnumKeyRespMsg>(encoded(EnumKeyRespMsg(0, "left\r\nright", 1)));
+    ASSERT_TRUE(split);
+    EXPECT_EQ(split->m_subKeyName, "left");
+    logcapture::take();
+}
+
+TEST(Codec, NumbersReadAsTheCLibraryReadsThem)
+{
+    std::mt19937 random(20261122);
+    const std::string alphabet("  \t\r\n\v\f+-00xX19afAFgz\0~", 24);
+    for (int i = 0; i < 300000; ++i) {
+        std::string text(random() % 22, ' ');
+        for (char& c : text)
+            c = random() % 3 == 0 ? alphabet[random() % alphabet.size()] : "0123456789abcdefABCDEFxF"[random() % 24];
+        const std::vector<char> block(text.begin(), text.end());
+        const std::string_view view(block.data(), block.size());
+        ASSERT_EQ(wiretext::readHex<uint64_t>(view), std::strtoull(text.c_str(), nullptr, 16)) << text;
+        if constexpr (sizeof(unsigned long) == 4) {
+            ASSERT_EQ(wiretext::readHex<uint32_t>(view), std::strtoul(text.c_str(), nullptr, 16)) << text;
+        }
+    }
+}
+
+TEST(Codec, TypesAreRecognised)
+{
+    const struct {
+        const char* line;
+        int request;
+        int packet;
+    } cases[] = {
+        {"Type01\r", 1, 1},  {"Type02\r", 2, 2},   {"Type09\r", 9, 3},  {"Type0A\r", 10, 3}, {"Type0B\r", 11, 3},
+        {"Type0a\r", 11, 3}, {"Type01 \r", 11, 3}, {"type01\r", 11, 3}, {"\r", 11, 3},       {"Type0\r", 11, 3},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.line);
+        const std::vector<char> block(test.line, test.line + strlen(test.line));
+        EXPECT_EQ(ReqMessage::getReqMsgType(block[0]), test.request);
+        EXPECT_EQ(ChannelProto::getPktType(block[0]), test.packet);
+        Lines expected;
+        if (test.request == 11)
+            expected.emplace_back("14 ReqMessage::getReqMsgType- No match found\n");
+        if (test.packet == 3)
+            expected.emplace_back("14 ChannelProto::getPktType- No match found\n");
+        EXPECT_EQ(logcapture::take(), expected);
+    }
+}
+
+TEST(Carrier, HeadersAreWrittenAndRead)
+{
+    char header[56] = {};
+    EXPECT_EQ(ChannelProto::buildReqDataPktHdr(0x1F, 0x67, header), 0);
+    EXPECT_STREQ(header, "Type01\r\nReqIdHdr =0000001F\r\nPayloadLength =00000067\r\n\r\n");
+    EXPECT_EQ(ChannelProto::buildReqErrorPktHdr(0xFFFFFFFF, -1, header), 0);
+    EXPECT_STREQ(header, "Type02\r\nReqIdHdr =FFFFFFFF\r\nPayloadLength =FFFFFFFF\r\n\r\n");
+
+    const struct {
+        std::string text;
+        bool found;
+        uint32_t id; // 0x77 and 0x88: not stored
+        int length;
+    } cases[] = {
+        {"Type01\r\nReqIdHdr =0000001F\r\nPayloadLength =00000067\r\n\r\n", true, 0x1F, 0x67},
+        {"Type02\r\nReqIdHdr =FFFFFFFF\r\nPayloadLength =FFFFFFFF\r\n\r\n", true, 0xFFFFFFFF, -1},
+        {"x\r\nReqIdHdr =1F\r\nPayloadLength =67\r\n\r\n..............", true, 0x1F, 0x67},
+        {"\r\nPayloadLength = 0x67\r\nnoise\r\nReqIdHdr =1f\r\n", true, 0x1F, 0x67},
+        {"T\r\nPayloadLength =1\r\nPayloadLength =2\r\nReqIdHdr =3\r\n", true, 3, 2},
+        {"T\r\nReqIdHdr =1\r\nReqIdHdr =2\r\nPayloadLength =3\r\n", true, 1, 3},
+        {"Type01\r\nReqIdHdr =1\r\n\r\nPayloadLength =3\r\n", false, 1, 0x88},
+        {"Type01\r\nPayloadLength =3\r\n", false, 0x77, 3},
+        {"Type01\r\n\r\n", false, 0x77, 0x88},
+        {"ReqIdHdr =1 PayloadLength =2", false, 0x77, 0x88},
+        {"ReqIdHdr =1\r\nPayloadLength =2\r\n", false, 0x77, 2}, // the first line is the type's, whatever it says
+        {"", false, 0x77, 0x88},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.text);
+        const std::vector<char> block(test.text.begin(), test.text.end());
+        uint32_t id = 0x77;
+        int length = 0x88;
+        EXPECT_EQ(ChannelProto::getReqIdAndPayloadLength(block.data(), static_cast<int>(block.size()), &id, &length),
+                  test.found);
+        EXPECT_EQ(id, test.id);
+        EXPECT_EQ(length, test.length);
+    }
+}

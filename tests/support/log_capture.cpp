@@ -1,0 +1,50 @@
+#include "support/log_capture.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <mutex>
+#include <utility>
+
+#include <syslog.h>
+
+#include "common/ipcint.h"
+
+namespace {
+
+std::mutex mutex;
+std::vector<std::string>& lines()
+{
+    static auto* const pLines =
+        new std::vector<std::string>; // never destroyed: the library logs while the process exits
+    return *pLines;
+}
+
+} // namespace
+
+extern "C" void syslog(int priority, const char* format, ...) // NOLINT
+{
+    char text[512];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(text, sizeof(text), format, args);
+    va_end(args);
+    const std::lock_guard<std::mutex> lock(mutex);
+    lines().push_back(std::to_string(priority) + " " + text);
+}
+
+std::vector<std::string> logcapture::take()
+{
+    const std::lock_guard<std::mutex> lock(mutex);
+    return std::exchange(lines(), {});
+}
+
+bool logcapture::contains(const std::string& text)
+{
+    const std::lock_guard<std::mutex> lock(mutex);
+    for (const std::string& line : lines())
+        if (line.find(text) != std::string::npos)
+            return true;
+    return false;
+}
+
+void logcapture::setDebugLevel(int level) { __atomic_store_n(&CDebugLevel, level, __ATOMIC_RELAXED); }

@@ -1,0 +1,86 @@
+// A daemon that does what a test tells it to: every connection runs the test's script on a thread of its own.
+#ifndef OBREG_TESTS_SCRIPTED_DAEMON_H
+#define OBREG_TESTS_SCRIPTED_DAEMON_H
+
+#include <atomic>
+#include <functional>
+#include <list>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "common/msgproto.h"
+
+inline constexpr char FixedSocketPath[] = "/var/opt/quorlin/ombrel/obregd/reg-socket";
+
+/// The bytes that a message writes.
+template <class Msg>
+std::string encoded(const Msg& msg)
+{
+    char* pText = nullptr;
+    int length = 0;
+    msg.serialize(&pText, &length);
+    const std::unique_ptr<char[]> owner(pText);
+    return {pText, static_cast<size_t>(length)};
+}
+
+class ScriptedDaemon {
+public:
+    struct Request {
+        uint32_t id = 0;
+        std::string payload;
+    };
+
+    /// One client's connection, as a script sees it.
+    class Peer {
+    public:
+        explicit Peer(int fd) : m_fd(fd) {}
+        ~Peer();
+        Peer(const Peer&) = delete;
+        Peer& operator=(const Peer&) = delete;
+
+        bool receive(Request& request);       // false at the stream's end
+        bool hasMore(int milliseconds) const; // another request has begun to arrive
+        void send(const std::string& bytes);
+        void reply(uint32_t id, const std::string& payload) { send(packet(id, payload)); }
+        void error(uint32_t id);
+        void hangUp(); // any thread
+
+        static std::string packet(uint32_t id, const std::string& payload);
+
+    private:
+        const int m_fd;
+    };
+
+    using Script = std::function<void(Peer&)>;
+    /// Gives the reply to a request's payload.
+    using Answer = std::function<std::string(const std::string&)>;
+
+    /// Listens at once.
+    explicit ScriptedDaemon(Script script, const char* pPath = FixedSocketPath);
+    /// Cuts every connection and removes the socket.
+    ~ScriptedDaemon();
+
+    static Script answering(Answer answer);
+
+    int connections() const { return m_connections; }
+
+private:
+    struct Connection {
+        explicit Connection(int fd) : peer(fd) {}
+        Peer peer;
+        std::atomic<bool> ended{false};
+        std::thread thread;
+    };
+
+    void acceptAll();
+
+    const std::string m_path;
+    const Script m_script;
+    const int m_listener;
+    std::atomic<int> m_connections{0};
+    std::list<Connection> m_open; // the acceptor's, until it has ended
+    std::thread m_acceptor;
+};
+
+#endif
