@@ -22,6 +22,8 @@ using namespace std::chrono_literals;
 
 namespace {
 
+std::atomic<unsigned> receiveDelay{0}; // microseconds between a call of recv and its work
+
 struct Counted : ObjRef {
     explicit Counted(int& destroyed) : m_destroyed(destroyed) {}
     ~Counted() { ++m_destroyed; }
@@ -97,6 +99,13 @@ ScriptedDaemon::Script echo()
 }
 
 } // namespace
+
+extern "C" ssize_t recv(int fd, void* pBuff, size_t length, int flags)
+{
+    if (receiveDelay != 0)
+        usleep(receiveDelay);
+    return recvfrom(fd, pBuff, length, flags, nullptr, nullptr);
+}
 
 TEST(SmartPtr, LastHolderDestroys)
 {
@@ -360,17 +369,24 @@ TEST_F(Channel, ClosesPastASendThatNobodyTakes)
 
 TEST_F(Channel, ClosedNumberMayBelongToAStranger)
 {
-    // The application gets the socket's old number for a pipe of its own; the reader must not touch it.
+    // While the reader is about to receive, the channel is closed and the application gets the same number for a socket
+    // of its own: what arrives there is not the reader's.
     ScriptedDaemon daemon(echo());
-    for (int i = 0; i < 200; ++i) {
+    receiveDelay = 2000;
+    for (int i = 0; i < 20; ++i) {
         const auto pChannel = connect();
+        EXPECT_EQ(exchange(**pChannel, "x"), "x");
         (*pChannel)->closeChannel();
         std::array<int, 2> strangers{};
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, strangers.data()), 0);
         ASSERT_EQ(write(strangers[0], "mine", 4), 4);
-        char text[5] = {};
-        EXPECT_EQ(recv(strangers[1], text, 4, MSG_DONTWAIT), 4);
-        close(strangers[0]);
-        close(strangers[1]);
+        ASSERT_EQ(write(strangers[1], "mine", 4), 4);
+        std::this_thread::sleep_for(5ms);
+        for (const int fd : strangers) {
+            char text[5] = {};
+            EXPECT_EQ(::recvfrom(fd, text, 4, MSG_DONTWAIT, nullptr, nullptr), 4);
+            close(fd);
+        }
     }
+    receiveDelay = 0;
 }

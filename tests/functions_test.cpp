@@ -6,6 +6,9 @@
 #include <optional>
 #include <thread>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include "client/client.h"
@@ -364,6 +367,22 @@ TEST_F(Functions, LostConnectionsAreReplaced)
     EXPECT_EQ(secondsFor(OBREG_STATUS_REQUEST_FAILED) < 0.5, true);
     startDaemon();
     EXPECT_EQ(OBRegCloseKey(key), 0u);
+}
+
+TEST_F(Functions, ForkChildNeverDestroysTheParentsChannel)
+{
+    // The reader has ended, so the process's is the last reference; the child may still not run the destructor.
+    startDaemon();
+    EXPECT_EQ(OBRegCloseKey(key), 0u);
+    m_daemon.reset();
+    LiveChannels::awaitReaders(5000);
+    EXPECT_EQ(numCChannelObjects, 1u);
+    const pid_t child = fork();
+    if (child == 0)
+        _exit(g_pSmartCChannel == nullptr && numCChannelObjects == 1 ? 0 : 1);
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
 }
 
 TEST_F(Functions, RepliesOfAnyLength)

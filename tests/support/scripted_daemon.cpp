@@ -1,5 +1,6 @@
 #include "support/scripted_daemon.h"
 
+#include <csignal>
 #include <cstring>
 #include <stdexcept>
 
@@ -73,7 +74,13 @@ ScriptedDaemon::ScriptedDaemon(Script script, const char* pPath)
     unlink(pPath);
     if (bind(m_listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 || listen(m_listener, 64) != 0)
         throw std::runtime_error(m_path + ": " + strerror(errno));
+    // The process's signals are not for the daemon's threads: they would cut its receives short.
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
     m_acceptor = std::thread([this] { acceptAll(); });
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 void ScriptedDaemon::acceptAll()

@@ -119,7 +119,9 @@ inline std::string_view orEmpty(const char* pName)
 }
 
 /// Completes a constructor: traces, copies name and data, counts the object. The other members are set already.
-inline void construct(const Description& msg, void* pMsg, std::string_view name = {}, const char* pData = nullptr)
+/// (Not inlined, here and below: GCC would check every case of the code against every class, and warn.)
+[[gnu::noinline]] inline void construct(const Description& msg, void* pMsg, std::string_view name = {},
+                                        const char* pData = nullptr)
 {
     IPC_TRACE("%s::%s- Start\n", msg.name, msg.name);
     for (const Field& field : msg.fields)
@@ -143,7 +145,7 @@ inline void construct(const Description& msg, void* pMsg, std::string_view name 
 }
 
 /// Completes a constructor from what the reader found.
-inline void construct(const Description& msg, void* pMsg, const MessageValues& values)
+[[gnu::noinline]] inline void construct(const Description& msg, void* pMsg, const MessageValues& values)
 {
     for (size_t i = 0; i < MaxFields && !msg.fields[i].header.empty(); ++i) {
         const Field& field = msg.fields[i];
@@ -166,7 +168,7 @@ inline void construct(const Description& msg, void* pMsg, const MessageValues& v
     construct(msg, pMsg, values.name, values.data.data());
 }
 
-inline void destroy(const Description& msg, void* pMsg)
+[[gnu::noinline]] inline void destroy(const Description& msg, void* pMsg)
 {
     IPC_TRACE("%s::~%s- Start\n", msg.name, msg.name);
     if (msg.dataOffset != NoData)
@@ -204,7 +206,8 @@ inline uint64_t roomFor(const Description& msg, const void* pMsg)
 }
 
 /// The writer of every message.
-inline void write(const Description& msg, const void* pMsg, char** ppSerializedObj, int* pSerializedObjLen)
+[[gnu::noinline]] inline void write(const Description& msg, const void* pMsg, char** ppSerializedObj,
+                                    int* pSerializedObjLen)
 {
     IPC_TRACE("%s::serialize- Start\n", msg.name);
     *ppSerializedObj = nullptr;

@@ -1,0 +1,380 @@
+// The obregd program over its socket: bad input, limits, durability, starting and stopping.
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <memory>
+#include <optional>
+#include <random>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+#include "common/channelproto.h"
+#include "common/msgproto.h"
+#include "obreg/roots.h"
+#include "support/running_daemon.h"
+
+namespace {
+
+constexpr size_t MiB = 1024 * 1024;
+
+std::string packet(uint32_t reqId, const std::string& payload)
+{
+    std::string text(PktHdrLength, '\0');
+    ChannelProto::buildReqDataPktHdr(reqId, static_cast<int>(payload.size()), text.data());
+    return text + payload;
+}
+
+template <class Request>
+std::string textOf(const Request& request)
+{
+    char* pText = nullptr;
+    int length = 0;
+    request.serialize(&pText, &length);
+    const std::unique_ptr<char[]> owner(pText);
+    return {pText, static_cast<size_t>(length)};
+}
+
+SetValueReqMsg setRequest(HANDLE key, const std::string& name, const std::string& data)
+{
+    return {key, name.c_str(), REG_BINARY, data.data(), static_cast<UINT32>(data.size())};
+}
+
+std::string setText(HANDLE key, const std::string& name, const std::string& data)
+{
+    return textOf(setRequest(key, name, data));
+}
+
+/// A client that speaks packets and hides nothing. Its calls throw when the daemon has ended the connection.
+class RawClient {
+public:
+    explicit RawClient(const std::string& path) : m_fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::memcpy(address.sun_path, path.data(), path.size());
+        if (connect(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+            throw std::runtime_error("cannot connect: " + std::string(std::strerror(errno)));
+        const timeval patience{20, 0};
+        setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    }
+    ~RawClient() { close(m_fd); }
+    RawClient(const RawClient&) = delete;
+    RawClient& operator=(const RawClient&) = delete;
+
+    void send(const std::string& bytes)
+    {
+        for (size_t sent = 0; sent < bytes.size();) {
+            const ssize_t count = ::send(m_fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+            if (count <= 0)
+                throw std::runtime_error("the connection ended in a send");
+            sent += static_cast<size_t>(count);
+        }
+    }
+
+    void endSending() { shutdown(m_fd, SHUT_WR); }
+
+    /// The next packet's id and payload; no payload for an error packet.
+    std::pair<uint32_t, std::optional<std::string>> receive()
+    {
+        const std::string header = receiveBytes(PktHdrLength);
+        uint32_t reqId = 0;
+        int length = 0;
+        EXPECT_TRUE(ChannelProto::getReqIdAndPayloadLength(header.data(), PktHdrLength, &reqId, &length));
+        if (ChannelProto::getPktType(header.front()) == ChannelProto::ReqErrorCarrierPacketType)
+            return {reqId, std::nullopt};
+        return {reqId, receiveBytes(static_cast<size_t>(length))};
+    }
+
+    template <class Response, class Request>
+    std::unique_ptr<Response> call(const Request& request)
+    {
+        send(packet(7, textOf(request)));
+        return decode<Response>(receive());
+    }
+
+    template <class Response>
+    static std::unique_ptr<Response> decode(const std::pair<uint32_t, std::optional<std::string>>& reply)
+    {
+        const std::string& text = reply.second.value();
+        return std::unique_ptr<Response>(Response::deserialize(text.data(), static_cast<int>(text.size())));
+    }
+
+    HANDLE create(const char* pPath)
+    {
+        return call<CreateKeyRespMsg>(CreateKeyReqMsg(HKEY_LOCAL_MACHINE, pPath, 0, 0))->m_keyHandle;
+    }
+    REGSTATUS set(HANDLE key, const std::string& name, const std::string& data)
+    {
+        return call<SetValueRespMsg>(setRequest(key, name, data))->m_status;
+    }
+    std::string query(HANDLE key, const std::string& name)
+    {
+        const auto value = call<QueryValueRespMsg>(QueryValueReqMsg(key, name.c_str()));
+        return value->m_status == 0 ? std::string(value->m_pValueData, value->m_valueDataLen) : "(none)";
+    }
+
+private:
+    std::string receiveBytes(size_t length)
+    {
+        std::string bytes(length, '\0');
+        if (length != 0 && recv(m_fd, bytes.data(), length, MSG_WAITALL) != static_cast<ssize_t>(length))
+            throw std::runtime_error("the connection ended in a receive");
+        return bytes;
+    }
+
+    int m_fd;
+};
+
+class DaemonTest : public testing::Test {
+protected:
+    ~DaemonTest() override { std::filesystem::remove_all(m_folder); }
+
+    std::string socketPath() const { return m_folder + "/run/socket"; }
+    std::string storePath() const { return m_folder + "/store"; }
+    RunningDaemon daemonWith(const std::vector<std::string>& options) { return {socketPath(), storePath(), options}; }
+
+    std::string m_folder = testing::TempDir() + "/obregd-XXXXXX";
+    bool m_made = mkdtemp(m_folder.data()) != nullptr && mkdir((m_folder + "/run").c_str(), 0755) == 0;
+    RunningDaemon m_daemon{socketPath(), storePath()};
+};
+
+TEST_F(DaemonTest, BadInputHurtsOnlyItsSender)
+{
+    const std::string close = textOf(CloseKeyReqMsg(HKEY_USERS));
+    const struct {
+        const char* pWhat;
+        std::string bytes;
+        const char* pLogged; ///< null: an error packet for id 5, and the connection goes on
+    } cases[] = {
+        {"no payload", packet(5, ""), nullptr},
+        {"short payload", packet(5, "Type01"), nullptr},
+        {"unknown request", packet(5, "Type0B\r\nKeyHandle =0x10\r\n\r\n                    "), nullptr},
+        {"endless type line", packet(5, std::string(5000, 'T')), nullptr},
+        {"half a request", packet(5, close.substr(0, 20)), nullptr},
+        {"missing field", packet(5, "Type06\r\nKeyHandle =0x80000002\r\n\r\n" + std::string(60, ' ')), nullptr},
+        {"zero bytes", std::string(PktHdrLength, '\0'), "header that cannot be read"},
+        {"no length", "Type01\r\nReqIdHdr =00000005\r\n\r\n" + std::string(PktHdrLength, ' '), "cannot be read"},
+        {"unknown packet", "Type03" + packet(5, close).substr(6), "no request"},
+        {"error packet", "Type02" + packet(5, "").substr(6), "no request"},
+        {"negative length", "Type01\r\nReqIdHdr =00000005\r\nPayloadLength =FFFFFFFF\r\n\r\n", "of -1 bytes"},
+        {"over the limit", "Type01\r\nReqIdHdr =00000005\r\nPayloadLength =04000001\r\n\r\n",
+         "limit (--max-payload) is"},
+    };
+    m_daemon.start();
+    RawClient bystander(socketPath());
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.pWhat);
+        RawClient client(socketPath());
+        client.send(c.bytes);
+        if (c.pLogged == nullptr) {
+            const auto reply = client.receive();
+            EXPECT_EQ(reply.first, 5u);
+            EXPECT_FALSE(reply.second.has_value());
+            EXPECT_EQ(client.call<CloseKeyRespMsg>(CloseKeyReqMsg(HKEY_USERS))->m_status, 0u);
+        } else {
+            EXPECT_THROW(client.receive(), std::runtime_error);
+            EXPECT_NE(m_daemon.log().find(c.pLogged), std::string::npos) << m_daemon.log();
+        }
+        EXPECT_EQ(bystander.call<CloseKeyRespMsg>(CloseKeyReqMsg(HKEY_USERS))->m_status, 0u);
+    }
+}
+
+TEST_F(DaemonTest, PacketsMayComeInAnyPieces)
+{
+    m_daemon.start();
+    RawClient client(socketPath());
+    const HANDLE key = client.create("K");
+    std::string bytes;
+    for (uint32_t id = 100; id < 160; ++id) // short and long requests mixed
+        bytes += packet(id, setText(key, "v" + std::to_string(id), std::string(id % 7 == 0 ? 5000 : 10, 'x')));
+    client.send(bytes);
+    std::vector<bool> answered(60);
+    for (size_t i = 0; i < answered.size(); ++i) {
+        const auto reply = client.receive();
+        EXPECT_EQ(RawClient::decode<SetValueRespMsg>(reply)->m_status, 0u);
+        answered.at(reply.first - 100) = true;
+    }
+    EXPECT_EQ(std::count(answered.begin(), answered.end(), true), 60);
+    for (const char c : packet(9, textOf(QueryValueReqMsg(key, "v105"))))
+        client.send({c});
+    client.endSending(); // the reply comes all the same
+    EXPECT_EQ(RawClient::decode<QueryValueRespMsg>(client.receive())->m_valueDataLen, 5000u);
+    EXPECT_THROW(client.receive(), std::runtime_error);
+}
+
+TEST_F(DaemonTest, LargeValuesUpToTheLimit)
+{
+    m_daemon.start();
+    RawClient client(socketPath());
+    const HANDLE key = client.create("K");
+    const size_t overhead = setText(key, "v", "").size();
+    std::string big(64 * MiB - overhead, '\0');
+    for (size_t i = 0; i < big.size(); i += 997)
+        big[i] = static_cast<char>(i);
+    EXPECT_EQ(client.set(key, "v", big), 0u);
+    EXPECT_TRUE(client.query(key, "V") == big);
+}
+
+TEST_F(DaemonTest, WhoTakesNoRepliesIsCutOff)
+{
+    RunningDaemon daemon = daemonWith({"--max-payload", "1M", "--max-queued", "3M", "--max-held", "64M"});
+    daemon.start();
+    RawClient greedy(socketPath());
+    RawClient modest(socketPath());
+    const HANDLE key = modest.create("K");
+    modest.set(key, "v", std::string(1000000, 'x'));
+    const std::string query = packet(1, textOf(QueryValueReqMsg(key, "v")));
+    greedy.send(query + query); // within the limit: waits until it is taken
+    EXPECT_EQ(modest.query(key, "v").size(), 1000000u);
+    greedy.receive();
+    greedy.receive();
+    EXPECT_EQ(daemon.log().find("does not take"), std::string::npos) << daemon.log();
+    for (int i = 0; i < 10; ++i)
+        greedy.send(query);
+    EXPECT_EQ(modest.query(key, "v").size(), 1000000u);
+    EXPECT_THROW(for (;;) greedy.receive(), std::runtime_error);
+    EXPECT_NE(daemon.log().find("does not take its replies"), std::string::npos) << daemon.log();
+    EXPECT_EQ(modest.query(key, "v").size(), 1000000u);
+}
+
+TEST_F(DaemonTest, WhoHoldsMostIsCutOffWhenAllHoldTooMuch)
+{
+    RunningDaemon daemon = daemonWith({"--max-payload", "4M", "--max-held", "8M"});
+    daemon.start();
+    RawClient modest(socketPath());
+    const HANDLE key = modest.create("K");
+    const std::string begun = packet(1, setText(key, "v", std::string(3 * MiB, 'x'))).substr(0, 2 * MiB);
+    std::vector<std::unique_ptr<RawClient>> clients;
+    for (int i = 0; i < 8; ++i) {
+        clients.push_back(std::make_unique<RawClient>(socketPath()));
+        try {
+            clients.back()->send(begun);
+        } catch (const std::runtime_error&) { // cut off while it was sending
+        }
+    }
+    EXPECT_EQ(modest.set(key, "v", "small"), 0u);
+    EXPECT_NE(daemon.log().find("limit (--max-held)"), std::string::npos) << daemon.log();
+}
+
+TEST_F(DaemonTest, StartsOnlyWhereNoOtherLives)
+{
+    m_daemon.start();
+    struct stat found;
+    ASSERT_EQ(stat(socketPath().c_str(), &found), 0);
+    EXPECT_EQ(found.st_mode & 07777, 0666u);
+    ASSERT_EQ(stat(storePath().c_str(), &found), 0);
+    EXPECT_EQ(found.st_mode & 07777, 0600u);
+    const auto refusal = [](RunningDaemon&& daemon) -> std::string {
+        try {
+            daemon.start();
+        } catch (const std::runtime_error& error) {
+            return error.what();
+        }
+        return "";
+    };
+    const std::string other = m_folder + "/run/other";
+    EXPECT_NE(refusal({socketPath(), m_folder + "/other"}).find(socketPath() + ": another obregd"), std::string::npos);
+    EXPECT_NE(refusal({other, storePath()}).find(storePath() + ": another obregd"), std::string::npos);
+    EXPECT_NE(refusal({m_folder + "/run", other}).find("is not a socket"), std::string::npos);
+    EXPECT_NE(refusal({other, "/dev/null"}).find("/dev/null"), std::string::npos);
+
+    m_daemon.stop(SIGKILL);
+    ASSERT_EQ(access(socketPath().c_str(), F_OK), 0) << "a dead daemon's socket stays";
+    m_daemon.start();
+    RawClient(socketPath()).create("K");
+    EXPECT_EQ(m_daemon.stop(SIGTERM), 0);
+    EXPECT_NE(access(socketPath().c_str(), F_OK), 0) << "a stopped daemon's does not";
+}
+
+TEST_F(DaemonTest, StopsInGoodOrder)
+{
+    m_daemon.start();
+    RawClient client(socketPath());
+    const RawClient idle(socketPath());
+    const HANDLE key = client.create("K");
+    std::string bytes;
+    for (uint32_t id = 0; id < 500; ++id)
+        bytes += packet(id, setText(key, std::to_string(id), "x"));
+    client.send(bytes);
+    client.receive();
+    EXPECT_EQ(m_daemon.stop(SIGTERM), 0);
+    std::vector<uint32_t> answered;
+    try {
+        for (;;)
+            answered.push_back(client.receive().first);
+    } catch (const std::runtime_error&) {
+    }
+    m_daemon.start();
+    RawClient after(socketPath());
+    for (const uint32_t id : answered)
+        EXPECT_EQ(after.query(key, std::to_string(id)), "x") << id;
+}
+
+TEST_F(DaemonTest, WhatWasAnsweredSurvivesAKill)
+{
+    constexpr int writers = 4;
+    std::mt19937 random(std::random_device{}());
+    HANDLE key = nullptr;
+    int total = 0;
+    for (int round = 0; round < 8; ++round) {
+        m_daemon.start();
+        key = RawClient(socketPath()).create("K");
+        std::array<int, writers> answered{};
+        std::vector<std::thread> threads;
+        for (size_t i = 0; i < writers; ++i)
+            threads.emplace_back([&, i] {
+                try {
+                    RawClient client(socketPath());
+                    for (int n = 1;; ++n) {
+                        if (client.set(key, std::to_string(round * writers) + "-" + std::to_string(i),
+                                       std::to_string(n)) == 0)
+                            answered[i] = n;
+                    }
+                } catch (const std::runtime_error&) { // killed
+                }
+            });
+        usleep(10000 + static_cast<useconds_t>(random() % 100000));
+        m_daemon.stop(SIGKILL);
+        for (std::thread& thread : threads)
+            thread.join();
+        m_daemon.start();
+        RawClient client(socketPath());
+        for (size_t i = 0; i < writers; ++i) {
+            const std::string stored = client.query(key, std::to_string(round * writers) + "-" + std::to_string(i));
+            EXPECT_GE(stored == "(none)" ? 0 : std::stoi(stored), answered[i]);
+            total += answered[i];
+        }
+        m_daemon.stop(SIGKILL);
+    }
+    EXPECT_GT(total, 0);
+}
+
+TEST_F(DaemonTest, RunsOutOfDescriptorsAndRecovers)
+{
+    m_daemon.start();
+    RawClient first(socketPath());
+    const rlimit few{24, 24};
+    ASSERT_EQ(prlimit(m_daemon.pid(), RLIMIT_NOFILE, &few, nullptr), 0);
+    std::vector<std::unique_ptr<RawClient>> clients;
+    for (int i = 0; i < 30; ++i)
+        clients.push_back(std::make_unique<RawClient>(socketPath())); // the last ones wait in the backlog
+    usleep(300000);
+    EXPECT_EQ(first.call<CloseKeyRespMsg>(CloseKeyReqMsg(HKEY_USERS))->m_status, 0u);
+    const std::string log = m_daemon.log();
+    const size_t line = log.find("cannot accept connections");
+    EXPECT_NE(line, std::string::npos);
+    EXPECT_EQ(log.find("cannot accept connections", line + 1), std::string::npos) << "one line, not one each";
+    const std::unique_ptr<RawClient> last = std::move(clients.back());
+    clients.clear();
+    EXPECT_EQ(last->call<CloseKeyRespMsg>(CloseKeyReqMsg(HKEY_USERS))->m_status, 0u);
+}
+
+} // namespace

@@ -1,0 +1,416 @@
+// What the daemon's operations do, in process: requests and responses as text, without a socket.
+#include <algorithm>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <random>
+#include <set>
+#include <unistd.h>
+
+#include "daemon/clock.h"
+#include "daemon/committer.h"
+#include "daemon/names.h"
+#include "obreg/roots.h"
+
+using namespace obregd;
+
+namespace {
+
+class RegistryTest : public testing::Test {
+protected:
+    RegistryTest() { reopen(); }
+    ~RegistryTest() override { std::filesystem::remove_all(m_folder); }
+
+    void reopen()
+    {
+        m_pReader.reset();
+        m_pWriter.reset();
+        m_pWriter = std::make_unique<WritableStore>(storePath());
+        m_pReader = std::make_unique<Store>(storePath());
+    }
+
+    std::string storePath() const { return m_folder + "/store"; }
+
+    template <class Request>
+    static WriteJob job(uid_t uid, const Request& request)
+    {
+        char* pText = nullptr;
+        int length = 0;
+        request.serialize(&pText, &length);
+        const std::unique_ptr<char[]> owner(pText);
+        const std::string_view text(pText, static_cast<size_t>(length));
+        return {nullptr, 0, {uid, 1}, findOperation(text), Payload(text.size(), text)};
+    }
+
+    template <class Response>
+    static std::unique_ptr<Response> response(const Reply& reply)
+    {
+        return std::unique_ptr<Response>(Response::deserialize(reply.pText.get(), reply.length));
+    }
+
+    /// As the daemon does it: on the reading store when that will do.
+    template <class Response, class Request>
+    std::unique_ptr<Response> call(const Request& request, uid_t uid = 0)
+    {
+        WriteJob work = job(uid, request);
+        try {
+            if (!work.pOperation->writes)
+                return response<Response>(
+                    work.pOperation->serve({*m_pReader, nullptr, work.peer}, work.request.text()));
+        } catch (const NeedsWriter&) {
+        }
+        Committer::run(*m_pWriter, {&work, 1});
+        return response<Response>(work.reply);
+    }
+
+    auto open(HANDLE parent, const std::string& path, UINT32 access = KEY_READ, uid_t uid = 0)
+    {
+        return call<OpenKeyRespMsg>(OpenKeyReqMsg(parent, path.c_str(), 0, access), uid);
+    }
+    auto create(HANDLE parent, const std::string& path, UINT32 access = KEY_READ, uid_t uid = 0)
+    {
+        return call<CreateKeyRespMsg>(CreateKeyReqMsg(parent, path.c_str(), 0, access), uid);
+    }
+    HANDLE make(const std::string& path) { return create(HKEY_LOCAL_MACHINE, path)->m_keyHandle; }
+    REGSTATUS removeKey(HANDLE parent, const std::string& path, uid_t uid = 0)
+    {
+        return call<DeleteKeyRespMsg>(DeleteKeyReqMsg(parent, path.c_str()), uid)->m_status;
+    }
+    REGSTATUS close(HANDLE key) { return call<CloseKeyRespMsg>(CloseKeyReqMsg(key))->m_status; }
+    REGSTATUS set(HANDLE key, const std::string& name, const std::string& data, UINT32 type = REG_BINARY, uid_t uid = 0)
+    {
+        return call<SetValueRespMsg>(
+                   SetValueReqMsg(key, name.c_str(), type, data.data(), static_cast<UINT32>(data.size())), uid)
+            ->m_status;
+    }
+    auto query(HANDLE key, const std::string& name)
+    {
+        return call<QueryValueRespMsg>(QueryValueReqMsg(key, name.c_str()));
+    }
+    REGSTATUS removeValue(HANDLE key, const std::string& name, uid_t uid = 0)
+    {
+        return call<DeleteValueRespMsg>(DeleteValueReqMsg(key, name.c_str()), uid)->m_status;
+    }
+    auto info(HANDLE key) { return call<QueryInfoKeyRespMsg>(QueryInfoKeyReqMsg(key)); }
+    auto keyAt(HANDLE key, size_t index)
+    {
+        return call<EnumKeyRespMsg>(EnumKeyReqMsg(key, static_cast<UINT32>(index)));
+    }
+    auto valueAt(HANDLE key, size_t index)
+    {
+        return call<EnumValueRespMsg>(EnumValueReqMsg(key, static_cast<UINT32>(index)));
+    }
+
+    std::string m_folder = testing::TempDir() + "/obregd-XXXXXX";
+    bool m_made = mkdtemp(m_folder.data()) != nullptr;
+    std::unique_ptr<WritableStore> m_pWriter;
+    std::unique_ptr<Store> m_pReader;
+};
+
+HANDLE handle(uintptr_t number) { return reinterpret_cast<HANDLE>(number); }
+
+std::string levels(size_t count)
+{
+    std::string path = "k";
+    for (size_t i = 1; i < count; ++i)
+        path += "\\k";
+    return path;
+}
+
+std::string dataOf(const auto& response) { return {response->m_pValueData, response->m_valueDataLen}; }
+
+TEST_F(RegistryTest, PathsNameKeys)
+{
+    const struct {
+        std::string path;
+        REGSTATUS status;
+        UINT32 disposition;
+    } cases[] = {
+        {"Soft\\Maker\\Thing", 0, REG_CREATED_NEW_KEY},
+        {"SOFT\\maker\\tHING", 0, REG_OPENED_EXISTING_KEY},
+        {"Soft\\Maker\\", 0, REG_OPENED_EXISTING_KEY},
+        {"", 0, REG_OPENED_EXISTING_KEY},
+        {"Soft\\\xC4\xE4 b.c", 0, REG_CREATED_NEW_KEY},
+        {"Soft\\\xE4\xE4 b.c", 0, REG_CREATED_NEW_KEY}, // only ASCII has cases
+        {std::string(MaxKeyNameLength, 'n'), 0, REG_CREATED_NEW_KEY},
+        {levels(MaxPathLevels), 0, REG_CREATED_NEW_KEY},
+        {"\\Soft", OBREG_STATUS_BAD_NAME, 0},
+        {"\\", OBREG_STATUS_BAD_NAME, 0},
+        {"Soft\\\\Maker", OBREG_STATUS_BAD_NAME, 0},
+        {"Soft\\a\tb", OBREG_STATUS_BAD_NAME, 0},
+        {std::string(MaxKeyNameLength + 1, 'n'), OBREG_STATUS_BAD_NAME, 0},
+        {levels(MaxPathLevels + 1), OBREG_STATUS_BAD_NAME, 0},
+    };
+    for (const auto& c : cases) {
+        const auto made = create(HKEY_LOCAL_MACHINE, c.path);
+        EXPECT_EQ(made->m_status, c.status) << c.path;
+        EXPECT_EQ(made->m_disposition, c.disposition) << c.path;
+        const auto opened = open(HKEY_LOCAL_MACHINE, c.path);
+        EXPECT_EQ(opened->m_status, c.status) << c.path;
+        EXPECT_EQ(opened->m_keyHandle, made->m_keyHandle) << c.path;
+        EXPECT_EQ(made->m_keyHandle != nullptr, c.status == 0) << c.path;
+    }
+    EXPECT_EQ(open(HKEY_LOCAL_MACHINE, "Soft\\None\\Thing")->m_status, OBREG_STATUS_NOT_FOUND);
+    EXPECT_EQ(open(HKEY_LOCAL_MACHINE, "")->m_keyHandle, HKEY_LOCAL_MACHINE);
+    EXPECT_EQ(keyAt(open(HKEY_LOCAL_MACHINE, "soft")->m_keyHandle, 0)->m_subKeyName, "Maker");
+}
+
+TEST_F(RegistryTest, ValuesComeBackAsTheyWereSet)
+{
+    const HANDLE key = make("K");
+    const std::string big(3'000'000, '\xA5');
+    const std::string longName(MaxValueNameLength, 'v');
+    for (const auto& [name, data] : std::vector<std::pair<std::string, std::string>>{
+             {"", "unnamed"}, {"a\\b", "with a backslash"}, {"empty", ""}, {"crlf", "\r\n\r\n\0x"}, {"big", big}}) {
+        EXPECT_EQ(set(key, name, data, REG_MULTI_SZ), 0u) << name;
+        const auto value = query(key, name);
+        EXPECT_EQ(value->m_valueType, REG_MULTI_SZ) << name;
+        EXPECT_TRUE(dataOf(value) == data) << name;
+    }
+    EXPECT_EQ(set(key, longName, "x"), 0u);
+    EXPECT_EQ(set(key, longName + "v", "x"), OBREG_STATUS_BAD_NAME);
+    EXPECT_EQ(set(key, "a\nb", "x"), OBREG_STATUS_BAD_NAME);
+    EXPECT_EQ(query(key, "none")->m_status, OBREG_STATUS_NOT_FOUND);
+
+    EXPECT_EQ(set(key, "EMPTY", "replaced", REG_SZ), 0u);
+    EXPECT_EQ(dataOf(query(key, "empty")), "replaced");
+    EXPECT_EQ(valueAt(key, 2)->m_valueName, "empty") << "keeps its first spelling and place";
+    EXPECT_EQ(removeValue(key, "Empty"), 0u);
+    EXPECT_EQ(removeValue(key, "empty"), OBREG_STATUS_NOT_FOUND);
+}
+
+TEST_F(RegistryTest, HandlesAreNeverReused)
+{
+    const HANDLE parent = make("P");
+    const HANDLE child = make("P\\C");
+    EXPECT_EQ(removeKey(HKEY_LOCAL_MACHINE, "P"), OBREG_STATUS_KEY_HAS_SUBKEYS);
+    EXPECT_EQ(removeKey(parent, "none"), OBREG_STATUS_NOT_FOUND);
+    EXPECT_EQ(removeKey(parent, ""), OBREG_STATUS_BAD_NAME);
+    set(child, "v", "gone with its key");
+    EXPECT_EQ(removeKey(parent, "c"), 0u);
+    const HANDLE again = make("P\\C");
+    EXPECT_NE(again, child);
+    EXPECT_EQ(query(again, "v")->m_status, OBREG_STATUS_NOT_FOUND);
+    EXPECT_EQ(removeKey(HKEY_LOCAL_MACHINE, "P\\C"), 0u);
+    reopen();
+    EXPECT_NE(make("P\\C"), again);
+
+    const struct {
+        HANDLE key;
+        REGSTATUS status, closeStatus;
+    } cases[] = {
+        {parent, 0, 0},
+        {child, OBREG_STATUS_KEY_DELETED, 0},
+        {again, OBREG_STATUS_KEY_DELETED, 0},
+        {nullptr, OBREG_STATUS_BAD_HANDLE, OBREG_STATUS_BAD_HANDLE},
+        {handle(MachineId), OBREG_STATUS_BAD_HANDLE, OBREG_STATUS_BAD_HANDLE},
+        {handle(LastKeyId), OBREG_STATUS_BAD_HANDLE, OBREG_STATUS_BAD_HANDLE},
+        {handle(0x80000004u), OBREG_STATUS_BAD_HANDLE, OBREG_STATUS_BAD_HANDLE},
+        {HKEY_CLASSES_ROOT, 0, 0},
+        {HKEY_CURRENT_USER, 0, 0},
+    };
+    for (const auto& c : cases) {
+        const REGSTATUS missing = c.status == 0 ? OBREG_STATUS_NOT_FOUND : c.status;
+        EXPECT_EQ(close(c.key), c.closeStatus) << c.key;
+        EXPECT_EQ(open(c.key, "")->m_status, c.status) << c.key;
+        EXPECT_EQ(create(c.key, "")->m_status, c.status) << c.key;
+        EXPECT_EQ(info(c.key)->m_status, c.status) << c.key;
+        EXPECT_EQ(set(c.key, "v", "x"), c.status) << c.key;
+        EXPECT_EQ(removeValue(c.key, "v"), c.status) << c.key;
+        EXPECT_EQ(query(c.key, "v")->m_status, missing) << c.key;
+        EXPECT_EQ(removeKey(c.key, "none"), missing) << c.key;
+        const REGSTATUS pastLast = c.status == 0 ? OBREG_STATUS_NO_MORE_ENTRIES : c.status;
+        EXPECT_EQ(keyAt(c.key, 1000)->m_status, pastLast) << c.key;
+        EXPECT_EQ(valueAt(c.key, 1000)->m_status, pastLast) << c.key;
+    }
+}
+
+TEST_F(RegistryTest, EachTreeIsWrittenByItsOwner)
+{
+    constexpr uid_t ann = 40001;
+    constexpr uid_t bob = 40002;
+    const HANDLE annsTree = open(HKEY_CURRENT_USER, "", KEY_READ, ann)->m_keyHandle;
+    EXPECT_EQ(open(HKEY_USERS, "40001")->m_keyHandle, annsTree);
+    make("Shared");
+    create(HKEY_USERS, "nobody");
+    create(HKEY_CURRENT_USER, "Mine\\Deep", KEY_ALL_ACCESS, ann);
+
+    const struct {
+        HANDLE root;
+        const char* path;
+        std::set<uid_t> writers;
+    } cases[] = {
+        {HKEY_LOCAL_MACHINE, "Shared", {0, geteuid()}},
+        {HKEY_CLASSES_ROOT, "", {0, geteuid()}},
+        {HKEY_USERS, "", {0, geteuid()}},
+        {HKEY_USERS, "nobody", {0, geteuid()}},
+        {HKEY_USERS, "40001", {0, geteuid(), ann}},
+        {annsTree, "mine\\deep", {0, geteuid(), ann}},
+    };
+    for (const auto& c : cases)
+        for (const uid_t uid : {uid_t{0}, geteuid(), ann, bob}) {
+            SCOPED_TRACE(std::string(c.path) + " as " + std::to_string(uid));
+            const REGSTATUS allowed = c.writers.count(uid) != 0 ? 0 : OBREG_STATUS_ACCESS_DENIED;
+            for (const UINT32 access : {KEY_SET_VALUE, KEY_CREATE_SUB_KEY, KEY_ALL_ACCESS, 0x40000000u}) {
+                EXPECT_EQ(open(c.root, c.path, access, uid)->m_status, allowed) << access;
+                EXPECT_EQ(create(c.root, c.path, access, uid)->m_status, allowed) << access;
+            }
+            for (const UINT32 access : {0u, KEY_READ, 0x02000000u})
+                EXPECT_EQ(open(c.root, c.path, access, uid)->m_status, 0u) << access;
+            const HANDLE key = open(c.root, c.path, KEY_READ, uid)->m_keyHandle;
+            EXPECT_EQ(set(key, "v", "x", REG_SZ, uid), allowed);
+            EXPECT_EQ(removeValue(key, "v", uid), allowed);
+            EXPECT_EQ(create(key, "New\\er", KEY_READ, uid)->m_status, allowed);
+            EXPECT_EQ(removeKey(key, "New\\er", uid), allowed == 0 ? 0 : OBREG_STATUS_NOT_FOUND);
+            create(key, "New");
+            EXPECT_EQ(removeKey(key, "New", uid), allowed);
+        }
+}
+
+TEST_F(RegistryTest, TimesMoveWithTheKeysOwnContent)
+{
+    const HANDLE top = make("Top");
+    const HANDLE key = make("Top\\Key");
+    EXPECT_NEAR(static_cast<double>(info(key)->m_lastWriteTime), static_cast<double>(timeNow()), 6e8); // a minute
+    UINT64 topTime = info(top)->m_lastWriteTime;
+    UINT64 keyTime = info(key)->m_lastWriteTime;
+    const auto expectMoved = [&](bool topMoves, bool keyMoves, const char* pWhat) {
+        const UINT64 topNow = info(top)->m_lastWriteTime;
+        const UINT64 keyNow = info(key)->m_lastWriteTime;
+        EXPECT_EQ(topNow > topTime, topMoves) << pWhat;
+        EXPECT_EQ(keyNow > keyTime, keyMoves) << pWhat;
+        EXPECT_EQ(keyAt(top, 0)->m_lastWriteTime, keyNow) << pWhat;
+        topTime = topNow;
+        keyTime = keyNow;
+    };
+    set(key, "v", "1");
+    expectMoved(false, true, "set");
+    query(key, "v");
+    open(key, "", KEY_ALL_ACCESS);
+    expectMoved(false, false, "read");
+    removeValue(key, "none");
+    expectMoved(false, false, "delete nothing");
+    removeValue(key, "v");
+    expectMoved(false, true, "delete value");
+    make("Top\\Other");
+    expectMoved(true, false, "add sub-key");
+    removeKey(top, "Other");
+    expectMoved(true, false, "delete sub-key");
+
+    // A clock that was once wrong does not bring later changes to a halt.
+    SQLite::Database(storePath(), SQLite::OPEN_READWRITE).exec("UPDATE regkey SET written = written * 2");
+    keyTime = info(key)->m_lastWriteTime;
+    topTime = info(top)->m_lastWriteTime;
+    set(key, "v", "2");
+    expectMoved(false, true, "set after a step back of the clock");
+}
+
+TEST_F(RegistryTest, EnumerationFollowsCreationThroughChanges)
+{
+    const HANDLE key = make("K");
+    std::vector<std::string> keys, values;
+    std::mt19937 random(7);
+    const auto pick = [&](const auto& from) { return random() % from.size(); };
+    size_t at = 0;
+    for (int step = 0; step < 3000; ++step) {
+        const std::string name = "name" + std::to_string(step);
+        switch (random() % 12) {
+        case 0:
+            create(key, name);
+            keys.push_back(name);
+            break;
+        case 1:
+            set(key, name, std::string(random() % 50, 'd'));
+            values.push_back(name);
+            break;
+        case 2:
+            if (!keys.empty() && random() % 2 == 0) {
+                const size_t victim = pick(keys);
+                EXPECT_EQ(removeKey(key, keys[victim]), 0u);
+                keys.erase(keys.begin() + static_cast<ptrdiff_t>(victim));
+            } else if (!values.empty()) {
+                const size_t victim = pick(values);
+                EXPECT_EQ(removeValue(key, values[victim]), 0u);
+                values.erase(values.begin() + static_cast<ptrdiff_t>(victim));
+            }
+            break;
+        default: // mostly steps, up and down, now and then a leap
+            at = random() % 8 == 0 ? random() % 200 : at + (random() % 3 == 0 ? size_t(-1) : 1);
+            at = std::min(at, std::max(keys.size(), values.size()));
+            const auto foundKey = keyAt(key, at);
+            ASSERT_EQ(foundKey->m_status, at < keys.size() ? 0 : OBREG_STATUS_NO_MORE_ENTRIES);
+            const auto foundValue = valueAt(key, at);
+            ASSERT_EQ(foundValue->m_status, at < values.size() ? 0 : OBREG_STATUS_NO_MORE_ENTRIES);
+            ASSERT_EQ(foundKey->m_subKeyName, at < keys.size() ? keys[at] : "") << "step " << step;
+            ASSERT_EQ(foundValue->m_valueName, at < values.size() ? values[at] : "") << "step " << step;
+        }
+    }
+    EXPECT_EQ(info(key)->m_subKeyCount, keys.size());
+    EXPECT_EQ(info(key)->m_valueCount, values.size());
+    EXPECT_EQ(keyAt(key, 0xFFFFFFFF)->m_status, OBREG_STATUS_NO_MORE_ENTRIES);
+}
+
+TEST(Enumeration, NeighboursAreOneStepApart)
+{
+    constexpr UINT32 count = 1000;
+    for (UINT32 i = 1; i < count - 1; ++i) {
+        const Cursor cursor{i, 5000 + i};
+        for (const UINT32 next : {i - 1, i, i + 1})
+            EXPECT_LE(shortestWalk(next, count, &cursor).skip, 1u) << i << " to " << next;
+    }
+    EXPECT_EQ(shortestWalk(count - 1, count, nullptr).skip, 0u);
+    EXPECT_EQ(shortestWalk(0, count, nullptr).skip, 0u);
+}
+
+TEST_F(RegistryTest, InfoGivesCountsAndLengths)
+{
+    const HANDLE key = make("K");
+    const auto expectInfo = [&](std::vector<UINT32> expected) {
+        const auto now = info(key);
+        EXPECT_EQ((std::vector{now->m_subKeyCount, now->m_maxSubKeyLength, now->m_maxClassLength, now->m_valueCount,
+                               now->m_maxValueNameLength, now->m_maxValueLength}),
+                  expected);
+    };
+    expectInfo({0, 0, 0, 0, 0, 0});
+    make("K\\four");
+    make("K\\\xC3\xA4\xC3\xB6"); // four bytes, two letters
+    set(key, "name", "12345");
+    set(key, "\xC3\xA4\xC3\xB6\xC3\xBC", "");
+    expectInfo({2, 4, 0, 2, 6, 5});
+    set(key, "name", "123");
+    removeKey(key, "four");
+    expectInfo({1, 4, 0, 2, 6, 3});
+    removeValue(key, "name");
+    expectInfo({1, 4, 0, 1, 6, 0});
+}
+
+TEST_F(RegistryTest, OneBadWriteSpoilsNoOther)
+{
+    const HANDLE key = make("K");
+    SQLite::Database(storePath(), SQLite::OPEN_READWRITE)
+        .exec("UPDATE sqlite_sequence SET seq = " + std::to_string(LastKeyId - 2));
+    Batch batch;
+    batch.push_back(job(0, CreateKeyReqMsg(key, "a", 0, 0)));
+    batch.push_back(job(0, CreateKeyReqMsg(key, "b\\c\\d", 0, 0))); // takes the last number and fails on the next
+    batch.push_back(job(0, SetValueReqMsg(key, "v", REG_SZ, "x", 1)));
+    batch.push_back(job(40001, SetValueReqMsg(key, "denied", REG_SZ, "x", 1)));
+    Committer::run(*m_pWriter, batch);
+    EXPECT_EQ(response<CreateKeyRespMsg>(batch[0].reply)->m_status, 0u);
+    EXPECT_EQ(response<CreateKeyRespMsg>(batch[1].reply)->m_status, OBREG_STATUS_STORE_FULL);
+    EXPECT_EQ(response<CreateKeyRespMsg>(batch[1].reply)->m_keyHandle, nullptr);
+    EXPECT_EQ(response<SetValueRespMsg>(batch[2].reply)->m_status, 0u);
+    EXPECT_EQ(response<SetValueRespMsg>(batch[3].reply)->m_status, OBREG_STATUS_ACCESS_DENIED);
+    EXPECT_EQ(info(key)->m_subKeyCount, 1u);
+    EXPECT_EQ(info(key)->m_valueCount, 1u);
+    EXPECT_EQ(open(key, "b")->m_status, OBREG_STATUS_NOT_FOUND);
+}
+
+TEST_F(RegistryTest, ForeignFilesAreRefused)
+{
+    const std::string path = m_folder + "/other";
+    SQLite::Database(path, SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE).exec("CREATE TABLE t (x)");
+    EXPECT_THROW(WritableStore{path}, std::runtime_error);
+    SQLite::Database(storePath(), SQLite::OPEN_READWRITE).exec("PRAGMA user_version = 99");
+    EXPECT_THROW(WritableStore{storePath()}, std::runtime_error);
+}
+
+} // namespace
