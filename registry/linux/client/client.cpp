@@ -41,7 +41,6 @@ constexpr int UnloadReaderPatience = 5000;
 bool unloading = false;
 
 // --- Load, unload, fork
-// -----------------------------------------------------------------------------------------------
 
 __attribute__((constructor)) void so_init()
 {
@@ -85,7 +84,6 @@ void OBRegForkHandler()
 }
 
 // --- The process channel
-// ----------------------------------------------------------------------------------------------
 
 int IpcInit()
 {
@@ -174,7 +172,6 @@ SmartCChannel* getCChannel()
 }
 
 // --- The exchange
-// -----------------------------------------------------------------------------------------------------
 
 int ReqReply(char* pClientData, int clientDataLen, char** ppServerData, int* pServerDataLen)
 {
@@ -287,7 +284,6 @@ void copyData(const Response& response, void* pData, UINT32* pDataLength, REGSTA
 } // namespace
 
 // --- The registry functions
-// -------------------------------------------------------------------------------------------
 
 REGSTATUS OBRegOpenKeyExA(HANDLE parentHandle, const char* pKeyName, UINT32 flags, UINT32 access, HANDLE* pKeyHandle)
 {

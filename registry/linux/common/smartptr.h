@@ -46,7 +46,12 @@ public:
         }
         return *this;
     }
-    SmartPtr<T>& operator=(const SmartPtr<T>& ref) { return *this = ref.m_Ptr; }
+    SmartPtr<T>& operator=(const SmartPtr<T>& ref)
+    {
+        if (this != &ref)
+            *this = ref.m_Ptr;
+        return *this;
+    }
 
     T* operator->() const { return m_Ptr; }
     T& operator*() const { return *m_Ptr; }

@@ -52,8 +52,8 @@ inline constexpr uint8_t NoDigit = 16;
 
 inline constexpr std::array<uint8_t, 256> DigitValues = [] {
     std::array<uint8_t, 256> values{};
-    for (size_t i = 0; i < values.size(); ++i)
-        values[i] = NoDigit;
+    for (uint8_t& value : values)
+        value = NoDigit;
     for (uint8_t i = 0; i < 10; ++i)
         values[static_cast<size_t>('0') + i] = i;
     for (uint8_t i = 0; i < 6; ++i)
