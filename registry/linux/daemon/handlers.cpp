@@ -1,0 +1,275 @@
+#include "daemon/handlers.h"
+
+#include <vector>
+
+#include "daemon/names.h"
+#include "obreg/roots.h"
+
+namespace obregd {
+
+namespace {
+
+constexpr REGSTATUS Success = OBREG_STATUS_SUCCESS;
+
+/// The predefined roots that are rows of the store, by handle.
+const struct {
+    HANDLE handle;
+    KeyId id;
+} Roots[] = {{HKEY_CLASSES_ROOT, ClassesId}, {HKEY_LOCAL_MACHINE, MachineId}, {HKEY_USERS, UsersId}};
+
+HANDLE handleOf(KeyId id)
+{
+    for (const auto& root : Roots)
+        if (root.id == id)
+            return root.handle;
+    return reinterpret_cast<HANDLE>(static_cast<uintptr_t>(id));
+}
+
+Owner ownerBelow(KeyId parent, Owner parentOwner, const std::string& name)
+{
+    return parent == UsersId ? ownerOfUserTree(name) : parentOwner;
+}
+
+/// The peer's own tree, made when it is first needed.
+KeyId currentUser(const Session& session)
+{
+    const std::string name = std::to_string(session.peer.uid);
+    if (const auto id = session.store.child(UsersId, name))
+        return *id;
+    return session.writer().addKey(UsersId, name, static_cast<Owner>(session.peer.uid));
+}
+
+/// The row number that a handle stands for; the row may be gone, or never have been there.
+KeyId idOf(const Session& session, HANDLE handle)
+{
+    if (handle == HKEY_CURRENT_USER)
+        return currentUser(session);
+    for (const auto& root : Roots)
+        if (root.handle == handle)
+            return root.id;
+    const auto number = reinterpret_cast<uintptr_t>(handle);
+    return number >= FirstKeyId && number <= LastKeyId ? static_cast<KeyId>(number) : 0;
+}
+
+REGSTATUS findById(const Session& session, KeyId id, Key& key)
+{
+    if (const auto found = session.store.key(id)) {
+        key = *found;
+        return Success;
+    }
+    return session.store.wasIssued(id) ? OBREG_STATUS_KEY_DELETED : OBREG_STATUS_BAD_HANDLE;
+}
+
+REGSTATUS findByHandle(const Session& session, HANDLE handle, Key& key)
+{
+    return findById(session, idOf(session, handle), key);
+}
+
+/// Follows names downwards from key as far as there are such keys. Returns how many there were; key is the last.
+size_t follow(const Session& session, const std::vector<std::string>& names, Key& key)
+{
+    size_t found = 0;
+    KeyId id = key.id;
+    for (; found < names.size(); ++found) {
+        const auto child = session.store.child(id, names[found]);
+        if (!child)
+            break;
+        id = *child;
+    }
+    if (id != key.id)
+        key = session.store.key(id).value();
+    return found;
+}
+
+/// The key at a path below a handle. `found` is less than the number of names when only key, a part of the way, exists.
+struct PathSearch {
+    std::vector<std::string> names;
+    size_t found = 0;
+    Key key{};
+
+    REGSTATUS run(const Session& session, HANDLE parent, const std::string& path)
+    {
+        if (!splitPath(path, names))
+            return OBREG_STATUS_BAD_NAME;
+        const REGSTATUS status = findByHandle(session, parent, key);
+        if (status == Success)
+            found = follow(session, names, key);
+        return status;
+    }
+
+    bool complete() const { return found == names.size(); }
+};
+
+bool deniesAccess(const Session& session, UINT32 access, Owner owner)
+{
+    return asksToWrite(access) && !mayWrite(session.peer, owner);
+}
+
+/// The key whose values a request is about to change.
+REGSTATUS findToWrite(const Session& session, HANDLE handle, const std::string& valueName, Key& key)
+{
+    if (!isValueName(valueName))
+        return OBREG_STATUS_BAD_NAME;
+    const REGSTATUS status = findByHandle(session, handle, key);
+    if (status != Success)
+        return status;
+    return mayWrite(session.peer, key.owner) ? Success : OBREG_STATUS_ACCESS_DENIED;
+}
+
+} // namespace
+
+REGSTATUS openKey(const Session& session, const OpenKeyReqMsg& request, HANDLE& key)
+{
+    PathSearch search;
+    const REGSTATUS status = search.run(session, request.m_parentKeyHandle, request.m_keyName);
+    if (status != Success)
+        return status;
+    if (!search.complete())
+        return OBREG_STATUS_NOT_FOUND;
+    if (deniesAccess(session, request.m_access, search.key.owner))
+        return OBREG_STATUS_ACCESS_DENIED;
+    key = handleOf(search.key.id);
+    return Success;
+}
+
+REGSTATUS createKey(const Session& session, const CreateKeyReqMsg& request, HANDLE& key, UINT32& disposition)
+{
+    PathSearch search;
+    const REGSTATUS status = search.run(session, request.m_parentKeyHandle, request.m_keyName);
+    if (status != Success)
+        return status;
+    KeyId id = search.key.id;
+    Owner owner = search.key.owner;
+    if (search.complete()) {
+        if (deniesAccess(session, request.m_access, owner))
+            return OBREG_STATUS_ACCESS_DENIED;
+        key = handleOf(id);
+        disposition = REG_OPENED_EXISTING_KEY;
+        return Success;
+    }
+    if (!mayWrite(session.peer, ownerBelow(id, owner, search.names[search.found])))
+        return OBREG_STATUS_ACCESS_DENIED;
+    WritableStore& writer = session.writer();
+    for (size_t i = search.found; i < search.names.size(); ++i) {
+        owner = ownerBelow(id, owner, search.names[i]);
+        id = writer.addKey(id, search.names[i], owner);
+    }
+    key = handleOf(id);
+    disposition = REG_CREATED_NEW_KEY;
+    return Success;
+}
+
+REGSTATUS closeKey(const Session& session, const CloseKeyReqMsg& request)
+{
+    if (request.m_keyHandle == HKEY_CURRENT_USER)
+        return Success;
+    Key key;
+    const REGSTATUS status = findByHandle(session, request.m_keyHandle, key);
+    return status == OBREG_STATUS_KEY_DELETED ? Success : status;
+}
+
+REGSTATUS deleteKey(const Session& session, const DeleteKeyReqMsg& request)
+{
+    if (request.m_keyName.empty())
+        return OBREG_STATUS_BAD_NAME;
+    PathSearch search;
+    const REGSTATUS status = search.run(session, request.m_parentKeyHandle, request.m_keyName);
+    if (status != Success)
+        return status;
+    if (!search.complete())
+        return OBREG_STATUS_NOT_FOUND;
+    if (!mayWrite(session.peer, search.key.owner))
+        return OBREG_STATUS_ACCESS_DENIED;
+    if (search.key.subKeys != 0)
+        return OBREG_STATUS_KEY_HAS_SUBKEYS;
+    session.writer().removeKey(search.key);
+    return Success;
+}
+
+REGSTATUS setValue(const Session& session, const SetValueReqMsg& request)
+{
+    Key key;
+    const REGSTATUS status = findToWrite(session, request.m_keyHandle, request.m_valueName, key);
+    if (status == Success)
+        session.writer().setValue(key.id, request.m_valueName, request.m_valueType, request.m_pValueData,
+                                  request.m_valueDataLen);
+    return status;
+}
+
+REGSTATUS queryValue(const Session& session, const QueryValueReqMsg& request, UINT32& type, const char*& pData,
+                     UINT32& length)
+{
+    if (!isValueName(request.m_valueName))
+        return OBREG_STATUS_BAD_NAME;
+    const KeyId id = idOf(session, request.m_keyHandle);
+    if (const auto value = session.store.value(id, request.m_valueName)) {
+        type = value->type;
+        pData = value->pData;
+        length = value->length;
+        return Success;
+    }
+    Key key;
+    const REGSTATUS status = findById(session, id, key);
+    return status == Success ? OBREG_STATUS_NOT_FOUND : status;
+}
+
+REGSTATUS deleteValue(const Session& session, const DeleteValueReqMsg& request)
+{
+    Key key;
+    const REGSTATUS status = findToWrite(session, request.m_keyHandle, request.m_valueName, key);
+    if (status != Success)
+        return status;
+    return session.writer().removeValue(key.id, request.m_valueName) ? Success : OBREG_STATUS_NOT_FOUND;
+}
+
+REGSTATUS enumKey(const Session& session, const EnumKeyReqMsg& request, const char*& pName, UINT64& written)
+{
+    Key key;
+    const REGSTATUS status = findByHandle(session, request.m_keyHandle, key);
+    if (status != Success)
+        return status;
+    const auto entry = session.store.subKeyAt(key, request.m_index);
+    if (!entry)
+        return OBREG_STATUS_NO_MORE_ENTRIES;
+    pName = entry->pName;
+    written = entry->written;
+    return Success;
+}
+
+REGSTATUS enumValue(const Session& session, const EnumValueReqMsg& request, const char*& pName, UINT32& type,
+                    const char*& pData, UINT32& length)
+{
+    Key key;
+    const REGSTATUS status = findByHandle(session, request.m_keyHandle, key);
+    if (status != Success)
+        return status;
+    const auto entry = session.store.valueAt(key, request.m_index);
+    if (!entry)
+        return OBREG_STATUS_NO_MORE_ENTRIES;
+    pName = entry->pName;
+    type = entry->value.type;
+    pData = entry->value.pData;
+    length = entry->value.length;
+    return Success;
+}
+
+REGSTATUS queryInfoKey(const Session& session, const QueryInfoKeyReqMsg& request, UINT32& subKeys,
+                       UINT32& longestSubKey, UINT32& longestClass, UINT32& values, UINT32& longestValueName,
+                       UINT32& longestValue, UINT64& written)
+{
+    Key key;
+    const REGSTATUS status = findByHandle(session, request.m_keyHandle, key);
+    if (status != Success)
+        return status;
+    const Longest longest = session.store.longest(key);
+    subKeys = key.subKeys;
+    longestSubKey = longest.subKeyName;
+    longestClass = 0; // keys have no classes here
+    values = key.values;
+    longestValueName = longest.valueName;
+    longestValue = longest.valueData;
+    written = key.written;
+    return Success;
+}
+
+} // namespace obregd

@@ -1,0 +1,28 @@
+// What a key or value may be called, and how a path names a key.
+//
+// Names are bytes. They are found whatever the case of their ASCII letters; that is the store's business.
+#ifndef OBREG_DAEMON_NAMES_H
+#define OBREG_DAEMON_NAMES_H
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace obregd {
+
+inline constexpr size_t MaxKeyNameLength = 255;
+inline constexpr size_t MaxValueNameLength = 16383;
+inline constexpr size_t MaxPathLevels = 512;
+
+/// True for a name that a value can have: at most MaxValueNameLength bytes, none of them a control character. The empty
+/// name is the key's unnamed value.
+bool isValueName(std::string_view name);
+
+/// Cuts a path at its backslashes into key names, outermost first; the empty path gives none. False when a name is
+/// empty, too long or holds a control character, or when there are too many. One backslash at the end is overlooked.
+bool splitPath(std::string_view path, std::vector<std::string>& names);
+
+} // namespace obregd
+
+#endif

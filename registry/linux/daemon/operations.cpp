@@ -1,0 +1,79 @@
+#include "daemon/operations.h"
+
+#include <tuple>
+
+#include "daemon/handlers.h"
+
+namespace obregd {
+
+namespace {
+
+template <class Response>
+Reply encode(const Response& response)
+{
+    char* pText = nullptr;
+    Reply reply;
+    response.serialize(&pText, &reply.length);
+    reply.pText.reset(pText);
+    return reply;
+}
+
+/// What surrounds a handler. A handler takes the decoded request, returns the status and sets the response's other
+/// fields; they stay zero when it leaves them alone.
+template <class Response, auto handler>
+struct Serving;
+
+template <class Response, class Request, class... Results,
+          REGSTATUS (*handler)(const Session&, const Request&, Results&...)>
+struct Serving<Response, handler> {
+    static Reply serve(const Session& session, std::string_view text)
+    {
+        const std::unique_ptr<Request> pRequest(Request::deserialize(text.data(), static_cast<int>(text.size())));
+        if (pRequest == nullptr)
+            return {};
+        const Store::Snapshot snapshot(session.store);
+        std::tuple<Results...> results{};
+        return std::apply(
+            [&](Results&... result) {
+                const REGSTATUS status = handler(session, *pRequest, result...);
+                return encode(Response(status, result...));
+            },
+            results);
+    }
+
+    static Reply refuse(REGSTATUS status) { return encode(Response(status, Results{}...)); }
+};
+
+template <class Response, auto handler>
+constexpr Operation operation(ReqMessage::MessageTypes type, bool writes)
+{
+    return {type, writes, Serving<Response, handler>::serve, Serving<Response, handler>::refuse};
+}
+
+constexpr Operation Operations[] = {
+    operation<CloseKeyRespMsg, closeKey>(ReqMessage::CloseKeyReqMsgType, false),
+    operation<CreateKeyRespMsg, createKey>(ReqMessage::CreateKeyReqMsgType, false), // most creates only open
+    operation<DeleteKeyRespMsg, deleteKey>(ReqMessage::DeleteKeyReqMsgType, true),
+    operation<DeleteValueRespMsg, deleteValue>(ReqMessage::DeleteValueReqMsgType, true),
+    operation<EnumKeyRespMsg, enumKey>(ReqMessage::EnumKeyReqMsgType, false),
+    operation<EnumValueRespMsg, enumValue>(ReqMessage::EnumValueReqMsgType, false),
+    operation<OpenKeyRespMsg, openKey>(ReqMessage::OpenKeyReqMsgType, false),
+    operation<QueryValueRespMsg, queryValue>(ReqMessage::QueryValueReqMsgType, false),
+    operation<SetValueRespMsg, setValue>(ReqMessage::SetValueReqMsgType, true),
+    operation<QueryInfoKeyRespMsg, queryInfoKey>(ReqMessage::QueryInfoKeyReqMsgType, false),
+};
+
+} // namespace
+
+const Operation* findOperation(std::string_view request)
+{
+    if (request.size() <= MsgTypeTemplateS.size()) // a type line and its end would not fit
+        return nullptr;
+    const ReqMessage::MessageTypes type = ReqMessage::getReqMsgType(request.front());
+    for (const Operation& operation : Operations)
+        if (operation.type == type)
+            return &operation;
+    return nullptr;
+}
+
+} // namespace obregd

@@ -1,0 +1,56 @@
+// The ten operations of the registry: one table, and one way to serve an entry of it.
+//
+// An operation reads the request from its text, runs, and writes the response to text. It runs in a session: a store
+// and the peer whose rights count. In a session without a writable store an operation that finds something to write
+// throws NeedsWriter before it has changed anything, and is served again, from the beginning, in a session that has
+// one.
+//
+// No state of its own: any thread, with that thread's store.
+#ifndef OBREG_DAEMON_OPERATIONS_H
+#define OBREG_DAEMON_OPERATIONS_H
+
+#include <memory>
+#include <string_view>
+
+#include "common/msgproto.h"
+#include "daemon/store.h"
+
+namespace obregd {
+
+struct NeedsWriter {};
+
+struct Session {
+    Store& store;
+    WritableStore* pWriter; ///< the same store when it can be written, else null
+    Peer peer;
+
+    WritableStore& writer() const
+    {
+        if (pWriter == nullptr)
+            throw NeedsWriter();
+        return *pWriter;
+    }
+};
+
+/// A response as text. None when there was no response to make: the client then gets an error packet.
+struct Reply {
+    std::unique_ptr<char[]> pText;
+    int length = 0;
+};
+
+struct Operation {
+    ReqMessage::MessageTypes type;
+    /// Writes as a rule, so it is not even tried without a writable store.
+    bool writes;
+    /// No text when the request cannot be decoded. Throws NeedsWriter, SQLite::Exception or std::bad_alloc.
+    Reply (*serve)(const Session& session, std::string_view request);
+    /// The response that gives a status and nothing else.
+    Reply (*refuse)(REGSTATUS status);
+};
+
+/// The operation that a request asks for by its first line; null when there is none of that name.
+const Operation* findOperation(std::string_view request);
+
+} // namespace obregd
+
+#endif

@@ -1,0 +1,58 @@
+#include "daemon/options.h"
+
+#include <CLI/CLI.hpp>
+
+#include "common/channelproto.h"
+#include "daemon/files.h"
+
+namespace obregd {
+
+std::optional<Options> parseOptions(int argc, const char* const* argv, int* pExitCode)
+{
+    Options options;
+    Limits& limits = options.limits;
+    CLI::App app("The registry daemon: keeps the registry in a file and answers the clients of a local socket.\n"
+                 "Runs in the foreground; SIGTERM or SIGINT stops it after it has answered what it has begun.",
+                 "obregd");
+    app.add_option("--socket", options.socketPath, "Socket to listen on")->type_name("PATH")->capture_default_str();
+    app.add_option("--store", options.storePath, "File that keeps the registry [registry.db beside the socket]")
+        ->type_name("PATH");
+    CLI::Validator asSize = CLI::AsSizeValue(false);
+    asSize.description("SIZE");
+    CLI::Validator inRange = CLI::Range(size_t{1024}, size_t{MaxPayloadLength});
+    inRange.description("");
+    app.add_option("--max-payload", limits.maxPayload, "Longest request, 1K to 256M")
+        ->transform(asSize)
+        ->check(inRange)
+        ->type_name("")
+        ->default_str("64M");
+    app.add_option("--max-queued", limits.maxQueued, "Replies that may wait for one client [2 x max-payload]")
+        ->transform(asSize)
+        ->type_name("");
+    app.add_option("--max-held", limits.maxHeld, "Requests and replies that may be held for all clients")
+        ->transform(asSize)
+        ->type_name("")
+        ->default_str("1G");
+    CLI::Option* const pCheck = app.add_flag(
+        "--check", options.check, "Check the store instead, which a daemon may be using; 1 if it is unsound");
+    app.add_option("--backup", options.backupPath,
+                   "Copy the store, which a daemon may be using, into a new file instead")
+        ->type_name("FILE")
+        ->excludes(pCheck);
+    app.add_flag("-v,--verbose", options.verbosity, "Log connections and trace messages; twice for more");
+    app.footer("Sizes are in bytes; K, M and G are understood.");
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        *pExitCode = app.exit(error);
+        return std::nullopt;
+    }
+    if (app.count("--max-queued") == 0)
+        limits.maxQueued = 2 * limits.maxPayload;
+    if (options.storePath.empty())
+        options.storePath = folderOf(options.socketPath) + "/registry.db";
+    return options;
+}
+
+} // namespace obregd

@@ -1,0 +1,40 @@
+// The command line: what the daemon is to do, where it listens and stores, and its limits.
+#ifndef OBREG_DAEMON_OPTIONS_H
+#define OBREG_DAEMON_OPTIONS_H
+
+#include <cstddef>
+#include <optional>
+#include <string>
+
+namespace obregd {
+
+inline constexpr size_t MiB = 1024 * 1024;
+
+/// What one client, and all of them together, may make the daemon hold.
+struct Limits {
+    /// The longest request, in bytes. A connection that announces a longer one is closed.
+    size_t maxPayload = 64 * MiB;
+    /// Replies that wait for one client to take them. Beyond it that client is cut off, unless a single reply is all
+    /// that waits.
+    size_t maxQueued = 128 * MiB;
+    /// Requests arriving, writes waiting for their commit and replies waiting to be taken, of all clients. Beyond it
+    /// the client that holds most is cut off.
+    size_t maxHeld = 1024 * MiB;
+};
+
+struct Options {
+    std::string socketPath = "/var/opt/quorlin/ombrel/obregd/reg-socket";
+    std::string storePath;                 ///< never empty after parseOptions
+    bool check = false;                    ///< check the store instead of serving
+    std::optional<std::string> backupPath; ///< copy the store there instead of serving
+    Limits limits;
+    int verbosity = 0;
+};
+
+/// Reads the command line. Nothing when the program is to end at once with *pExitCode: help was asked for, or the line
+/// was wrong and a message says how.
+std::optional<Options> parseOptions(int argc, const char* const* argv, int* pExitCode);
+
+} // namespace obregd
+
+#endif

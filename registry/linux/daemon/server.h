@@ -1,0 +1,52 @@
+// The running daemon: accepts connections, answers reads on its one thread, lets the committer do the writes, and stops
+// in good order.
+//
+// Everything but the committer's own thread runs inside run(), on the thread that calls it; that thread owns the
+// reading store and every connection, so nothing here needs a lock.
+#ifndef OBREG_DAEMON_SERVER_H
+#define OBREG_DAEMON_SERVER_H
+
+#include <unordered_set>
+
+#include "daemon/connection.h"
+
+namespace obregd {
+
+class Server : private ConnectionHost {
+public:
+    /// Serves the connections made to a listening descriptor, which it takes over. The stores outlive the server.
+    Server(int listeningDescriptor, Store& store, WritableStore& writableStore, const Limits& limits);
+
+    /// Returns after SIGTERM or SIGINT, when what had been begun has been answered.
+    void run();
+
+private:
+    const Limits& limits() const override { return m_limits; }
+    Store& store() override { return m_store; }
+    void submit(WriteJob&& job) override { m_committer.submit(std::move(job)); }
+    void holds(ptrdiff_t more) override;
+    void forget(Connection& connection) override;
+
+    Committer::Callbacks committerCallbacks();
+    asio::awaitable<void> acceptAll();
+    void begin(Connection::Socket socket);
+    void answer(Batch& batch);
+    void stop();
+    void end();
+
+    Store& m_store;
+    const Limits m_limits;
+    size_t m_held = 0;
+    bool m_stopping = false;
+    std::unordered_set<Connection*> m_connections;
+    asio::io_context m_io{1}; // destroyed before what its coroutines touch
+    asio::executor_work_guard<asio::io_context::executor_type> m_work;
+    asio::local::stream_protocol::acceptor m_acceptor;
+    asio::signal_set m_signals;
+    asio::steady_timer m_deadline;
+    Committer m_committer; // last: its thread uses m_io
+};
+
+} // namespace obregd
+
+#endif
