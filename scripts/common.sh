@@ -1,0 +1,69 @@
+# shellcheck shell=bash
+# What ./demo and ./check share; sourced by both, with the working directory at the top of the tree.
+#
+# Long commands run through run_job: in the background, as a process group of their own. So a signal to the script is
+# answered at once and takes everything with it that the script has started.
+
+# shellcheck disable=SC2034 # used by those who source this
+build_packages=(g++ g++-multilib cmake ninja-build googletest libasio-dev libsqlite3-dev libsqlitecpp-dev libcli11-dev)
+jobs=$(nproc)
+job=
+
+die() { echo "$(basename "$0"): $*" >&2; exit 1; }
+
+end_job() {
+    [ -n "$job" ] || return 0
+    local group=-$job
+    job=
+    kill -TERM -- "$group" 2>/dev/null || return 0 # a build takes its compilers with it when it is told so
+    for _ in {1..20}; do
+        kill -0 -- "$group" 2>/dev/null || return 0
+        sleep 0.1
+    done
+    kill -KILL -- "$group" 2>/dev/null || true
+}
+
+exec {terminal}>&2 # a trap may run while standard error is a log
+trap end_job EXIT
+trap 'echo "interrupted" >&"$terminal"; exit 130' INT
+trap 'exit 129' HUP
+trap 'exit 143' TERM
+
+# run_job COMMAND... : its exit status, once it has ended. Reads no standard input.
+run_job() {
+    local status=0
+    set -m # a process group for the job
+    "$@" </dev/null &
+    job=$!
+    set +m
+    wait "$job" || status=$?
+    end_job # what the command may have left behind
+    return "$status"
+}
+
+is_installed() { [ "$(dpkg-query -W -f '${db:Status-Status}' "$1" 2>/dev/null)" = installed ]; }
+
+# install_missing LOG PACKAGE... : installs those that are not there; calls no package manager when all are.
+install_missing() {
+    local log=$1 package missing=()
+    shift
+    if ! command -v dpkg-query >/dev/null; then
+        echo "This is not a Debian system; going on in the hope that there is what these packages hold: $*"
+        return
+    fi
+    for package; do is_installed "$package" || missing+=("$package"); done
+    [ ${#missing[@]} != 0 ] || return 0
+    [ "$(id -u)" = 0 ] || die "these packages are missing and only root can install them: apt-get install ${missing[*]}"
+    echo "Installing ${missing[*]}"
+    run_job apt_install "${missing[@]}" >"$log" 2>&1 || { tail -n 20 "$log" >&2; die "installing failed; all of it: $log"; }
+}
+
+apt_install() {
+    export DEBIAN_FRONTEND=noninteractive
+    apt-get update -q && apt-get install -q -y --no-install-recommends "$@"
+}
+
+# build PRESET [TARGET...] : all targets unless some are named
+build() {
+    cmake --preset "$1" -D BUILD_TESTING=ON && ninja -C "build/$1" -j "$jobs" "${@:2}"
+}
