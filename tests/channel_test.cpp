@@ -48,6 +48,8 @@ int openDescriptors()
     return count;
 }
 
+uint32_t now(const uint32_t& counter) { return __atomic_load_n(&counter, __ATOMIC_SEQ_CST); }
+
 bool eventually(const std::function<bool()>& condition)
 {
     for (int i = 0; i < 5000 && !condition(); ++i)
@@ -83,7 +85,7 @@ protected:
 
     void TearDown() override
     {
-        EXPECT_TRUE(eventually([] { return numCChannelObjects == 0 && numClientReqObjects == 0; }));
+        EXPECT_TRUE(eventually([] { return now(numCChannelObjects) == 0 && now(numClientReqObjects) == 0; }));
         LiveChannels::awaitReaders(5000);
         EXPECT_TRUE(eventually([this] { return openDescriptors() == m_descriptors; }));
         logcapture::take();
@@ -351,15 +353,18 @@ TEST_F(Channel, RepliesOutOfOrderReachTheirRequests)
 
 TEST_F(Channel, ClosesPastASendThatNobodyTakes)
 {
+    std::atomic<bool> begun{false};
     std::atomic<bool> ended{false};
-    ScriptedDaemon daemon([&](ScriptedDaemon::Peer&) { // never reads
+    ScriptedDaemon daemon([&](ScriptedDaemon::Peer& peer) { // never reads
+        begun = peer.hasMore(-1);
         while (!ended)
             std::this_thread::sleep_for(1ms);
     });
     const auto pChannel = connect();
     std::string result;
     std::thread sender([&] { result = exchange(**pChannel, std::string(8 << 20, 'x')); });
-    std::this_thread::sleep_for(50ms);
+    EXPECT_TRUE(eventually([&] { return begun.load(); }));
+    std::this_thread::sleep_for(20ms); // until the socket is full
     (*pChannel)->closeChannel();
     sender.join();
     EXPECT_EQ(result, "-1");

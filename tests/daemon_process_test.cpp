@@ -23,7 +23,7 @@
 
 namespace {
 
-constexpr size_t MiB = 1024 * 1024;
+constexpr size_t MiB = size_t{1024} * 1024;
 
 std::string packet(uint32_t reqId, const std::string& payload)
 {
@@ -69,7 +69,7 @@ public:
     RawClient(const RawClient&) = delete;
     RawClient& operator=(const RawClient&) = delete;
 
-    void send(const std::string& bytes)
+    void send(const std::string& bytes) const
     {
         for (size_t sent = 0; sent < bytes.size();) {
             const ssize_t count = ::send(m_fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
@@ -79,7 +79,7 @@ public:
         }
     }
 
-    void endSending() { shutdown(m_fd, SHUT_WR); }
+    void endSending() const { shutdown(m_fd, SHUT_WR); }
 
     /// The next packet's id and payload; no payload for an error packet.
     std::pair<uint32_t, std::optional<std::string>> receive()
@@ -122,7 +122,7 @@ public:
     }
 
 private:
-    std::string receiveBytes(size_t length)
+    std::string receiveBytes(size_t length) const
     {
         std::string bytes(length, '\0');
         if (length != 0 && recv(m_fd, bytes.data(), length, MSG_WAITALL) != static_cast<ssize_t>(length))
@@ -221,6 +221,19 @@ TEST_F(DaemonTest, LargeValuesUpToTheLimit)
         big[i] = static_cast<char>(i);
     EXPECT_EQ(client.set(key, "v", big), 0u);
     EXPECT_TRUE(client.query(key, "V") == big);
+}
+
+TEST_F(DaemonTest, TheStoresLogStaysShortUnderReading)
+{
+    m_daemon.start();
+    RawClient client(socketPath());
+    const HANDLE key = client.create("K");
+    for (int i = 0; i < 1200; ++i) {
+        const std::string data(20000, static_cast<char>(i));
+        ASSERT_EQ(client.set(key, "v", data), 0u);
+        ASSERT_EQ(client.query(key, "v"), data);
+    }
+    EXPECT_LT(std::filesystem::file_size(storePath() + "-wal"), 10 * MiB); // of 30 written
 }
 
 TEST_F(DaemonTest, WhoTakesNoRepliesIsCutOff)

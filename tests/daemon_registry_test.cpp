@@ -249,7 +249,7 @@ TEST_F(RegistryTest, EachTreeIsWrittenByItsOwner)
     for (const auto& c : cases)
         for (const uid_t uid : {uid_t{0}, geteuid(), ann, bob}) {
             SCOPED_TRACE(std::string(c.path) + " as " + std::to_string(uid));
-            const REGSTATUS allowed = c.writers.count(uid) != 0 ? 0 : OBREG_STATUS_ACCESS_DENIED;
+            const REGSTATUS allowed = c.writers.contains(uid) ? 0 : OBREG_STATUS_ACCESS_DENIED;
             for (const UINT32 access : {KEY_SET_VALUE, KEY_CREATE_SUB_KEY, KEY_ALL_ACCESS, 0x40000000u}) {
                 EXPECT_EQ(open(c.root, c.path, access, uid)->m_status, allowed) << access;
                 EXPECT_EQ(create(c.root, c.path, access, uid)->m_status, allowed) << access;
@@ -364,7 +364,7 @@ TEST(Enumeration, NeighboursAreOneStepApart)
 TEST_F(RegistryTest, InfoGivesCountsAndLengths)
 {
     const HANDLE key = make("K");
-    const auto expectInfo = [&](std::vector<UINT32> expected) {
+    const auto expectInfo = [&](const std::vector<UINT32>& expected) {
         const auto now = info(key);
         EXPECT_EQ((std::vector{now->m_subKeyCount, now->m_maxSubKeyLength, now->m_maxClassLength, now->m_valueCount,
                                now->m_maxValueNameLength, now->m_maxValueLength}),

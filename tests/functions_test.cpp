@@ -1,10 +1,13 @@
 // The ten functions and the driver below them, against a scripted daemon: what is sent, what is returned, what is
 // retried.
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <map>
+#include <mutex>
 #include <optional>
 #include <thread>
+#include <utility>
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -110,9 +113,17 @@ protected:
     {
         m_replies = goodReplies(status);
         m_daemon.emplace(ScriptedDaemon::answering([this](const std::string& request) {
+            const std::lock_guard<std::mutex> lock(m_mutex);
             m_requests.push_back(request);
             return m_replies[request.substr(4, 2)];
         }));
+    }
+
+    /// What the daemon has received since the last call.
+    std::vector<std::string> takeRequests()
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return std::exchange(m_requests, {});
     }
 
     void startDaemon(ScriptedDaemon::Script script) { m_daemon.emplace(std::move(script)); }
@@ -138,6 +149,7 @@ protected:
         return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     }
 
+    std::mutex m_mutex; // guards the two that follow while the daemon runs
     std::map<std::string, std::string> m_replies;
     std::vector<std::string> m_requests;
     std::optional<ScriptedDaemon> m_daemon;
@@ -151,16 +163,16 @@ TEST_F(Functions, SendTheirRequestsAndReturnTheirResults)
     Results results;
     for (const Function& function : functions()) {
         SCOPED_TRACE(function.name);
-        m_requests.clear();
         if (std::string(function.name) == "OBRegEnumValueA") {
             EXPECT_EQ(shown(results), "0x2a 0x2b 1 3 4 5 1d2c3b4a5968778 'child' 'data' 000000");
             results.nameLength = 8;
             results.length = 8;
         }
         EXPECT_EQ(function.call(results), DaemonNotice);
-        ASSERT_EQ(m_requests.size(), 1u);
-        EXPECT_EQ(m_requests[0].substr(0, function.request.size()), function.request);
-        EXPECT_EQ(m_requests[0].find_first_not_of('\0', function.request.size()), std::string::npos);
+        const std::vector<std::string> requests = takeRequests();
+        ASSERT_EQ(requests.size(), 1u);
+        EXPECT_EQ(requests[0].substr(0, function.request.size()), function.request);
+        EXPECT_EQ(requests[0].find_first_not_of('\0', function.request.size()), std::string::npos);
     }
     EXPECT_EQ(shown(results), "0x2a 0x2b 1 3 4 5 1d2c3b4a5968778 'value' 'data' 123456");
     EXPECT_EQ(ipcInitAttempts, 1);
@@ -180,8 +192,11 @@ TEST_F(Functions, ErrorsLeaveResultsAlone)
         EXPECT_EQ(shown(results) != shown(Results()), writes);
     }
     // Replies that are no responses, then error packets: the library's own failure, named in the log.
-    for (auto& reply : m_replies)
-        reply.second = "nonsense";
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        for (auto& reply : m_replies)
+            reply.second = "nonsense";
+    }
     logcapture::take();
     for (const Function& function : functions()) {
         Results results;
@@ -190,23 +205,28 @@ TEST_F(Functions, ErrorsLeaveResultsAlone)
         EXPECT_EQ(logcapture::take().back(),
                   std::string("14 OBReg -") + function.name + "- Error deserializing response\n");
     }
+    std::mutex idsMutex;
     std::vector<uint32_t> ids;
     IpcShutdown();
     m_daemon.reset();
     startDaemon([&](ScriptedDaemon::Peer& peer) {
         for (ScriptedDaemon::Request request; peer.receive(request);) {
-            ids.push_back(request.id);
+            {
+                const std::lock_guard<std::mutex> lock(idsMutex);
+                ids.push_back(request.id);
+            }
             peer.error(request.id);
         }
     });
     logcapture::setDebugLevel(1);
     for (const Function& function : functions()) {
         Results results;
-        ids.clear();
         EXPECT_EQ(function.call(results), OBREG_STATUS_REQUEST_FAILED);
         EXPECT_EQ(shown(results), shown(Results()));
+        const std::lock_guard<std::mutex> lock(idsMutex);
         ASSERT_EQ(ids.size(), 3u); // sent three times, each under an id of its own
         EXPECT_TRUE(ids[0] != ids[1] && ids[1] != ids[2]);
+        ids.clear();
         EXPECT_TRUE(logcapture::contains(std::string("15 OBReg -") + function.name + "- RPC error\n"));
         logcapture::take();
     }
@@ -311,11 +331,11 @@ TEST_F(Functions, BuffersThatDoNotFit)
     const std::pair<const char*, const char*> names[] = {
         {nullptr, "default"}, {"", "default"}, {"@", "default"}, {"@x", "@x"}, {" ", " "}};
     for (const auto& name : names) {
-        m_requests.clear();
+        takeRequests();
         char data = 1;
         OBRegSetValueExA(key, name.first, 0, 0, &data, 1);
         OBRegQueryValueExA(key, name.first, nullptr, nullptr, nullptr, nullptr);
-        for (const std::string& request : m_requests)
+        for (const std::string& request : takeRequests())
             EXPECT_NE(request.find(std::string("ValueName =") + name.second + "\r\n"), std::string::npos) << request;
     }
 }
@@ -387,7 +407,7 @@ TEST_F(Functions, ForkChildNeverDestroysTheParentsChannel)
 
 TEST_F(Functions, RepliesOfAnyLength)
 {
-    size_t size = 0;
+    std::atomic<size_t> size{0};
     startDaemon(ScriptedDaemon::answering([&](const std::string&) { return std::string(size, 'x'); }));
     char request[] = "request";
     for (const size_t length : {size_t{0}, size_t{1}, size_t{64} << 20}) {

@@ -14,7 +14,7 @@ namespace {
 constexpr size_t WriteOverhead = 512;
 constexpr size_t ReplyOverhead = 128;
 /// Replies are sent when that much waits, and at the latest before more is read.
-constexpr size_t SendAt = 256 * 1024;
+constexpr size_t SendAt = size_t{256} * 1024;
 constexpr size_t MaxGather = 64;
 
 size_t costOf(const WriteJob& job) { return job.request.capacity() + WriteOverhead; }

@@ -18,20 +18,20 @@ std::optional<Options> parseOptions(int argc, const char* const* argv, int* pExi
     app.add_option("--store", options.storePath, "File that keeps the registry [registry.db beside the socket]")
         ->type_name("PATH");
     CLI::Validator asSize = CLI::AsSizeValue(false);
-    asSize.description("SIZE");
+    asSize.description("");
     CLI::Validator inRange = CLI::Range(size_t{1024}, size_t{MaxPayloadLength});
     inRange.description("");
     app.add_option("--max-payload", limits.maxPayload, "Longest request, 1K to 256M")
         ->transform(asSize)
         ->check(inRange)
-        ->type_name("")
+        ->type_name("SIZE")
         ->default_str("64M");
     app.add_option("--max-queued", limits.maxQueued, "Replies that may wait for one client [2 x max-payload]")
         ->transform(asSize)
-        ->type_name("");
+        ->type_name("SIZE");
     app.add_option("--max-held", limits.maxHeld, "Requests and replies that may be held for all clients")
         ->transform(asSize)
-        ->type_name("")
+        ->type_name("SIZE")
         ->default_str("1G");
     CLI::Option* const pCheck = app.add_flag(
         "--check", options.check, "Check the store instead, which a daemon may be using; 1 if it is unsound");

@@ -8,7 +8,7 @@
 
 namespace obregd {
 
-inline constexpr size_t MiB = 1024 * 1024;
+inline constexpr size_t MiB = size_t{1024} * 1024;
 
 /// What one client, and all of them together, may make the daemon hold.
 struct Limits {

@@ -43,7 +43,7 @@ public:
     void arrived(size_t bytes) { m_arrived += bytes; }
 
 private:
-    static constexpr size_t FirstStep = 64 * 1024;
+    static constexpr size_t FirstStep = size_t{64} * 1024;
 
     struct Free {
         void operator()(char* pBytes) const { std::free(pBytes); }
