@@ -327,14 +327,14 @@ TEST_F(Channel, RepliesOutOfOrderReachTheirRequests)
     std::vector<std::thread> threads;
     for (int t = 0; t < 16; ++t)
         threads.emplace_back([&, t] {
-            for (int i = 0; i < 500; ++i) {
+            for (int i = 0; i < 5000; ++i) {
                 const std::string text = std::to_string(t) + ":" + std::to_string(i);
                 right += exchange(**pChannel, text) == text;
             }
         });
     for (std::thread& thread : threads)
         thread.join();
-    EXPECT_EQ(right, 16 * 500);
+    EXPECT_EQ(right, 16 * 5000);
 
     ClientReq req(77);
     char payload[] = "held";
