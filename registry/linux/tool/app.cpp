@@ -1,0 +1,177 @@
+#include "app.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <unistd.h>
+
+#include "alarm.h"
+#include "complete.h"
+#include "text.h"
+#include "valuetext.h"
+#include "verbs.h"
+
+namespace obregtool {
+
+namespace {
+
+const struct Verb {
+    const char* pName;
+    const char* pHelp;
+    Shape shape;
+    Run (*declare)(CLI::App& app);
+} Verbs[] = {
+    {"query", "Show a key, its values and its sub-keys", Shape::List, declareQuery},
+    {"add", "Make a key, or store a value", Shape::Record, declareAdd},
+    {"delete", "Delete a key with all below it, or values", Shape::Record, declareDelete},
+    {"export", "Write a key with all below it as .reg text", Shape::Record, declareExport},
+    {"import", "Carry out what .reg text says", Shape::Record, declareImport},
+    {"copy", "Copy a key", Shape::Record, declareCopy},
+    {"compare", "Show how two keys differ", Shape::List, declareCompare},
+    {"tree", "Draw the keys below a key", Shape::List, declareTree},
+    {"info", "Show a key's figures", Shape::Record, declareInfo},
+    {"watch", "Show what changes, while it changes", Shape::Stream, declareWatch},
+    {"ping", "Measure how fast the daemon answers", Shape::Record, declarePing},
+    {"get", "Print the data of one value", Shape::Record, declareGet},
+    {"set", "Store one value", Shape::Record, declareSet},
+    {"ls", "List the sub-keys and values of a key", Shape::List, declareLs},
+    {"rm", "Delete one key or one value", Shape::Record, declareRm},
+};
+
+constexpr const char* CompleteVerb = "__complete"; // for the shells, see packaging/completions
+constexpr double CompletionSeconds = 2;
+
+struct Common {
+    bool json = false;
+    std::string colour = "auto";
+    double timeout = 0;
+};
+
+void addCommon(CLI::App& app, Common& common)
+{
+    app.add_flag("--json", common.json, "JSON on standard output; errors as JSON on standard error");
+    app.add_option("--color", common.colour, "auto; never; always: as on a terminal, even in a pipe")
+        ->check(CLI::IsMember({"auto", "always", "never"}))
+        ->type_name("WHEN");
+    app.add_option("--timeout", common.timeout, "Give up after that many seconds")
+        ->check(CLI::Range(0.0, 1e6))
+        ->type_name("SECONDS");
+}
+
+Output makeOutput(const Common& common, Shape shape)
+{
+    const bool terminal = isatty(STDOUT_FILENO) == 1;
+    const char* const pNoColor = getenv("NO_COLOR");
+    const char* const pTerm = getenv("TERM");
+    const bool wanted = (pNoColor == nullptr || *pNoColor == '\0') && (pTerm == nullptr || strcmp(pTerm, "dumb") != 0);
+    const bool always = common.colour == "always";
+    const Form form = common.json ? Form::Json : terminal || always ? Form::Terminal : Form::Plain;
+    return {form, always || (common.colour == "auto" && terminal && wanted), shape};
+}
+
+std::string errorText(const Common& common, const Failure& failure)
+{
+    if (!common.json)
+        return "obreg: " + std::string(failure.what()) + (failure.advice.empty() ? "" : "\n  " + failure.advice) + '\n';
+    nlohmann::ordered_json json;
+    putText(json, "error", failure.what());
+    if (!failure.key.empty())
+        putText(json, "key", failure.key);
+    if (const obreg::StatusText* const pText = obreg::statusText(failure.status); failure.status != 0) {
+        json["status"] = pText != nullptr ? pText->name : "";
+        json["code"] = upperCase(hexOfNumber(failure.status, 8)); // as the message writes it
+    }
+    if (!failure.advice.empty())
+        putText(json, "advice", failure.advice);
+    json["exit"] = static_cast<int>(failure.exit);
+    return json.dump() + '\n';
+}
+
+int runVerb(const Common& common, const Verb& verb, const Run& run)
+{
+    std::optional<Failure> failure;
+    try {
+        Output output = makeOutput(common, verb.shape);
+        setTimeout(common.timeout, errorText(common, {ExitNoDaemon, "no answer in time (--timeout)",
+                                                      "is obregd running, and not under heavy load?"}));
+        const int status = run(output);
+        output.finish();
+        return status;
+    } catch (const Failure& caught) {
+        failure = caught;
+    } catch (const UsageError& caught) {
+        failure.emplace(ExitUsage, caught.what(), "\"obreg " + std::string(verb.pName) + " --help\" tells more");
+    } catch (const std::exception& caught) {
+        failure.emplace(ExitFailed, caught.what());
+    }
+    fflush(stdout);
+    fputs(errorText(common, *failure).c_str(), stderr);
+    return failure->exit;
+}
+
+/// The first word that is no option: where the verb belongs.
+const char* verbGiven(int argc, const char* const* argv)
+{
+    int i = 1;
+    while (i < argc && argv[i][0] == '-')
+        i += strcmp(argv[i], "--color") == 0 || strcmp(argv[i], "--timeout") == 0 ? 2 : 1;
+    return i < argc ? argv[i] : nullptr;
+}
+
+bool isVerb(const char* pName)
+{
+    return std::any_of(std::begin(Verbs), std::end(Verbs),
+                       [pName](const Verb& verb) { return strcmp(verb.pName, pName) == 0; });
+}
+
+constexpr const char* Footer =
+    "Keys are written HKLM/Software/Acme or 'HKLM\\Software\\Acme'; HKCR, HKCU, HKLM, HKU and the long names are "
+    "known.\n"
+    "In a pipe each fact is a line of fields separated by tabs. Names are written as they are, with control "
+    "characters\n"
+    "as \\xHH; in data \\\\ \\t \\n \\r \\0 and \\xHH stand for the bytes that would not be text, numbers are decimal, "
+    "and\n"
+    "other bytes are pairs of hexadecimal digits.\n"
+    "Exit status: 0 done, 1 not found or different, 2 usage, 3 no daemon, 4 refused or failed.";
+
+} // namespace
+
+int runTool(int argc, const char* const* argv)
+{
+    CLI::App app("Looks at and changes the registry.", "obreg");
+    app.footer(Footer);
+    app.require_subcommand(1);
+    app.set_help_all_flag("--help-all", "The help of all verbs");
+    Common common;
+    addCommon(app, common);
+    std::vector<std::pair<const CLI::App*, Run>> runs;
+    for (const Verb& verb : Verbs) {
+        CLI::App& sub = *app.add_subcommand(verb.pName, verb.pHelp);
+        addCommon(sub, common);
+        runs.emplace_back(&sub, verb.declare(sub));
+    }
+    if (argc > 1 && strcmp(argv[1], CompleteVerb) == 0) {
+        setTimeout(CompletionSeconds, "");
+        for (const std::string& word : candidates(app, {argv + 2, argv + argc}))
+            puts(word.c_str());
+        return ExitDone;
+    }
+    if (const char* const pGiven = verbGiven(argc, argv); pGiven != nullptr && !isVerb(pGiven)) {
+        fprintf(stderr, "obreg: there is no verb \"%s\"; \"obreg --help\" lists them\n", pGiven);
+        return ExitUsage;
+    }
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? ExitDone : ExitUsage;
+    }
+    for (size_t i = 0; i < runs.size(); ++i)
+        if (runs[i].first->parsed())
+            return runVerb(common, Verbs[i], runs[i].second);
+    return ExitUsage;
+}
+
+} // namespace obregtool

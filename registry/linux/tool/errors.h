@@ -1,0 +1,53 @@
+// How the tool ends: exit statuses, and the exceptions that lead to them.
+//
+// A failure carries what was wrong, where (a key, perhaps a value) and what to do next; app.cpp prints it once, as text
+// or as JSON. Stateless; any thread may throw.
+#ifndef OBREG_TOOL_ERRORS_H
+#define OBREG_TOOL_ERRORS_H
+
+#include <stdexcept>
+#include <string>
+#include <system_error>
+
+#include "keypath.h"
+
+namespace obregtool {
+
+enum Exit : int {
+    ExitDone = 0,
+    ExitNotFound = 1, ///< not found; of a comparison: different
+    ExitUsage = 2,    ///< the command line, or a question that could not be asked
+    ExitNoDaemon = 3, ///< no daemon, or no answer in time
+    ExitFailed = 4,   ///< refused or failed
+    ExitDifferent = ExitNotFound,
+};
+
+/// The command line asks for something that cannot be.
+struct UsageError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+/// Something did not work.
+struct Failure : std::runtime_error {
+    Failure(Exit exitStatus, const std::string& what, std::string toDo = {})
+        : std::runtime_error(what), exit(exitStatus), advice(std::move(toDo))
+    {}
+
+    Exit exit;
+    std::string advice; ///< what to do next; may be empty
+    std::string key;    ///< the key it is about; may be empty
+    REGSTATUS status = 0;
+};
+
+/// The failure that a status means for a key, or for a value of it when pValueName is not null.
+Failure failureOf(const KeyPath& key, const std::string* pValueName, const std::error_code& error);
+
+/// Throws it when there is an error.
+void check(const std::error_code& error, const KeyPath& key, const std::string* pValueName = nullptr);
+
+/// What errno says, for a file.
+Failure fileFailure(const std::string& file, int errorNumber);
+
+} // namespace obregtool
+
+#endif

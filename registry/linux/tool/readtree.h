@@ -1,0 +1,71 @@
+// Reading keys whole: their values and sub-keys in order of name, and the trees that they make.
+//
+// The daemon gives entries in the order in which they were made. Here they come sorted by name, whatever their case,
+// the unnamed value first: then the same content looks the same whoever wrote it first, and two keys are compared side
+// by side. Requests run on several threads inside; a call is for any thread.
+#ifndef OBREG_TOOL_READTREE_H
+#define OBREG_TOOL_READTREE_H
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <obreg/registry.hpp>
+
+#include "keypath.h"
+#include "text.h"
+
+namespace obregtool {
+
+/// A value of a key. Its data are read when the key is, unless that would hold too much at once: then when asked for.
+struct ValueEntry {
+    std::string name;
+    std::optional<obreg::Value> held;
+};
+
+struct KeyContent {
+    std::vector<ValueEntry> values;
+    std::vector<obreg::SubKey> subKeys;
+    UINT64 lastWriteTime = 0;
+};
+
+/// The order of entries, by name: less than, equal to or greater than 0. The unnamed value comes first.
+int compareValueNames(const std::string& a, const std::string& b);
+template <class Entry>
+int compareEntries(const Entry& a, const Entry& b)
+{
+    return std::is_same_v<Entry, obreg::SubKey> ? compareFolded(a.name, b.name) : compareValueNames(a.name, b.name);
+}
+
+/// Goes through two lists in order of name and calls f(pA, pB) for each name, with null where a list has it not.
+template <class Entry, class F>
+void sideBySide(std::vector<Entry>& a, std::vector<Entry>& b, const F& f)
+{
+    for (size_t i = 0, j = 0; i < a.size() || j < b.size();) {
+        const int order = i == a.size() ? 1 : j == b.size() ? -1 : compareEntries(a[i], b[j]);
+        f(order <= 0 ? &a[i] : nullptr, order >= 0 ? &b[j] : nullptr);
+        i += order <= 0 ? 1 : 0;
+        j += order >= 0 ? 1 : 0;
+    }
+}
+
+enum class Read { All, Values, SubKeys };
+
+/// Reads an open key. Entries that come or go meanwhile may be missing. Throws Failure.
+KeyContent readKey(const obreg::Key& key, const KeyPath& path, Read what = Read::All);
+
+/// The entry's value; the entry gives it away. Nothing when it has been deleted since.
+std::optional<obreg::NamedValue> takeValue(const obreg::Key& key, const KeyPath& path, ValueEntry&& entry);
+
+/// Reads a key and, when recursive, everything below it, each key before its sub-keys. Sub-keys that vanish meanwhile
+/// are left out. `visit` gets each open key with its content and its depth, and returns whether to go below it.
+using Visit = std::function<bool(const KeyPath& path, const obreg::Key& key, KeyContent& content, size_t depth)>;
+void walk(const KeyPath& path, bool recursive, const Visit& visit, Read what = Read::All);
+
+/// Deletes a key and everything below it, the deepest first. Returns how many keys there were.
+size_t removeTree(const KeyPath& path);
+
+} // namespace obregtool
+
+#endif

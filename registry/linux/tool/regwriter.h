@@ -1,0 +1,46 @@
+// Writes .reg text: keys and values in, bytes out. docs/reg-format.md says what the text looks like.
+//
+// What a writer writes, a RegReader reads back to the same names, types and bytes. It holds one piece of text and knows
+// nothing of files or of the registry. One writer belongs to one thread.
+#ifndef OBREG_TOOL_REGWRITER_H
+#define OBREG_TOOL_REGWRITER_H
+
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include <obreg/value.hpp>
+
+namespace obregtool {
+
+enum class RegFormat {
+    Utf8,     ///< Version 5.00, UTF-8, lines end in LF
+    Utf16,    ///< Version 5.00, UTF-16LE with a byte-order mark, CR LF
+    Regedit4, ///< REGEDIT4, bytes as they are, CR LF
+};
+
+class RegWriter {
+public:
+    RegWriter(RegFormat format, std::function<void(std::string_view)> write);
+
+    /// The names that follow: first a key, then its values. Throws std::invalid_argument for a name with control
+    /// characters, which the text cannot hold.
+    void key(const std::string& key);
+    void value(const std::string& name, const obreg::Value& value);
+    /// Hands over what is still held.
+    void finish();
+
+private:
+    void put(std::string_view text);
+    void endLine() { put(m_format == RegFormat::Utf8 ? "\n" : "\r\n"); }
+    void quoted(std::string_view text);
+    void hex(const obreg::Value& value, size_t column);
+
+    const RegFormat m_format;
+    const std::function<void(std::string_view)> m_write;
+    std::string m_text;
+};
+
+} // namespace obregtool
+
+#endif

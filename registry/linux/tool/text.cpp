@@ -1,0 +1,296 @@
+#include "text.h"
+
+#include <algorithm>
+#include <charconv>
+#include <ctime>
+
+namespace obregtool {
+
+namespace {
+
+constexpr uint32_t ByteSurrogates = 0xDC00; // plus a byte of 0x80 and more
+
+bool isHigh(uint32_t unit) { return unit >= 0xD800 && unit < 0xDC00; }
+bool isLow(uint32_t unit) { return unit >= 0xDC00 && unit < 0xE000; }
+
+void appendUnit(std::string& bytes, uint32_t unit)
+{
+    bytes += static_cast<char>(unit & 0xFF);
+    bytes += static_cast<char>(unit >> 8 & 0xFF);
+}
+
+char lowerCase(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+
+constexpr char HexDigits[] = "0123456789abcdef";
+
+} // namespace
+
+std::optional<uint32_t> takeUtf8(std::string_view text, size_t& at)
+{
+    const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
+    const uint32_t first = byte(at);
+    if (first < 0x80) {
+        ++at;
+        return first;
+    }
+    const size_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
+    if (first < 0xC2 || first > 0xF4 || text.size() - at < length)
+        return std::nullopt;
+    uint32_t character = first & (0x7Fu >> length);
+    for (size_t i = 1; i < length; ++i) {
+        if ((byte(at + i) & 0xC0) != 0x80)
+            return std::nullopt;
+        character = character << 6 | (byte(at + i) & 0x3Fu);
+    }
+    constexpr uint32_t least[] = {0x80, 0x800, 0x10000};
+    if (character < least[length - 2] || character > 0x10FFFF || (character >= 0xD800 && character < 0xE000))
+        return std::nullopt;
+    at += length;
+    return character;
+}
+
+void appendUtf8(std::string& text, uint32_t character)
+{
+    if (character < 0x80) {
+        text += static_cast<char>(character);
+        return;
+    }
+    const int more = character < 0x800 ? 1 : character < 0x10000 ? 2 : 3;
+    constexpr uint32_t marks[] = {0xC0, 0xE0, 0xF0};
+    text += static_cast<char>(marks[more - 1] | character >> (6 * more));
+    for (int i = more - 1; i >= 0; --i)
+        text += static_cast<char>(0x80 | (character >> (6 * i) & 0x3F));
+}
+
+bool isUtf8(std::string_view text)
+{
+    for (size_t at = 0; at < text.size();)
+        if (!takeUtf8(text, at))
+            return false;
+    return true;
+}
+
+std::string repairedUtf8(std::string_view text)
+{
+    std::string repaired;
+    for (size_t at = 0; at < text.size();) {
+        const std::optional<uint32_t> character = takeUtf8(text, at);
+        at += character ? 0 : 1;
+        appendUtf8(repaired, character.value_or(0xFFFD));
+    }
+    return repaired;
+}
+
+size_t characters(std::string_view text)
+{
+    size_t count = 0;
+    for (size_t at = 0; at < text.size(); ++count)
+        if (!takeUtf8(text, at))
+            ++at;
+    return count;
+}
+
+std::string toUtf16(std::string_view text)
+{
+    std::string bytes;
+    bytes.reserve(2 * text.size());
+    for (size_t at = 0; at < text.size();) {
+        const std::optional<uint32_t> character = takeUtf8(text, at);
+        if (!character) {
+            appendUnit(bytes, ByteSurrogates + static_cast<unsigned char>(text[at++]));
+        } else if (*character >= 0x10000) {
+            appendUnit(bytes, 0xD800 + ((*character - 0x10000) >> 10));
+            appendUnit(bytes, 0xDC00 + (*character & 0x3FF));
+        } else {
+            appendUnit(bytes, *character);
+        }
+    }
+    return bytes;
+}
+
+void Utf16Reader::read(std::string_view bytes, std::string& text)
+{
+    for (const char c : bytes) {
+        const int byte = static_cast<unsigned char>(c);
+        if (m_firstByte < 0) {
+            m_firstByte = byte;
+        } else {
+            unit(static_cast<uint32_t>(m_firstByte | byte << 8), text);
+            m_firstByte = -1;
+        }
+    }
+}
+
+void Utf16Reader::unit(uint32_t unit, std::string& text)
+{
+    const uint32_t high = m_high;
+    m_high = 0;
+    if (high != 0 && isLow(unit)) {
+        appendUtf8(text, 0x10000 + ((high - 0xD800) << 10) + (unit - 0xDC00));
+        return;
+    }
+    if (high != 0)
+        lone(high, text);
+    if (isHigh(unit))
+        m_high = unit;
+    else
+        lone(unit, text);
+}
+
+void Utf16Reader::lone(uint32_t unit, std::string& text)
+{
+    if (unit >= ByteSurrogates + 0x80 && unit <= ByteSurrogates + 0xFF)
+        text += static_cast<char>(unit - ByteSurrogates);
+    else
+        appendUtf8(text, unit);
+}
+
+bool Utf16Reader::finish(std::string& text)
+{
+    if (m_high != 0)
+        lone(m_high, text);
+    m_high = 0;
+    return m_firstByte < 0;
+}
+
+std::string folded(std::string_view text)
+{
+    std::string lower(text);
+    for (char& c : lower)
+        c = lowerCase(c);
+    return lower;
+}
+
+std::string upperCase(std::string text)
+{
+    for (char& c : text)
+        if (c >= 'a' && c <= 'z')
+            c = static_cast<char>(c - 'a' + 'A');
+    return text;
+}
+
+int compareFolded(std::string_view a, std::string_view b)
+{
+    const auto byte = [](char c) { return static_cast<unsigned char>(lowerCase(c)); };
+    for (size_t i = 0; i < std::min(a.size(), b.size()); ++i)
+        if (byte(a[i]) != byte(b[i]))
+            return byte(a[i]) < byte(b[i]) ? -1 : 1;
+    return a.size() == b.size() ? 0 : a.size() < b.size() ? -1 : 1;
+}
+
+std::string escaped(std::string_view text, Escape how)
+{
+    std::string result;
+    const auto escape = [&](char c) {
+        constexpr std::string_view plain("\t\n\r\0", 4);
+        const size_t letter = how == Escape::Data ? plain.find(c) : std::string_view::npos;
+        result += '\\';
+        if (letter != std::string_view::npos)
+            result += "tnr0"[letter];
+        else
+            result += 'x' + hexOf({&c, 1});
+    };
+    for (size_t at = 0; at < text.size();) {
+        const size_t begin = at;
+        const std::optional<uint32_t> character = takeUtf8(text, at);
+        const bool disturbs = !character || *character == 0x7F || (*character >= 0x80 && *character < 0xA0);
+        at += character ? 0 : 1;
+        const bool harmless = how == Escape::Screen && (text[begin] == '\n' || text[begin] == '\t');
+        if ((isControl(text[begin]) && !harmless) || (disturbs && how != Escape::Pipe)) {
+            for (const char c : text.substr(begin, at - begin))
+                escape(c);
+            continue;
+        }
+        if (text[begin] == '\\' && how == Escape::Data)
+            result += '\\';
+        result += text.substr(begin, at - begin);
+    }
+    return result;
+}
+
+std::string shellQuoted(const std::string& text)
+{
+    constexpr std::string_view harmless = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-./@:+,";
+    if (!text.empty() && text.find_first_not_of(harmless) == std::string::npos)
+        return text;
+    std::string quoted = "'";
+    for (const char c : text)
+        quoted += c == '\'' ? "'\\''" : std::string(1, c);
+    return quoted + "'";
+}
+
+std::string hexOf(std::string_view bytes)
+{
+    std::string hex;
+    hex.reserve(2 * bytes.size());
+    for (const char c : bytes) {
+        hex += HexDigits[static_cast<unsigned char>(c) >> 4];
+        hex += HexDigits[c & 15];
+    }
+    return hex;
+}
+
+std::string hexOfNumber(uint64_t number, size_t leastDigits)
+{
+    std::string digits;
+    for (; number != 0 || digits.size() < leastDigits; number >>= 4)
+        digits.insert(digits.begin(), HexDigits[number & 15]);
+    return digits;
+}
+
+int hexDigit(char c)
+{
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    if (c >= 'a' && c <= 'f')
+        return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F')
+        return c - 'A' + 10;
+    return -1;
+}
+
+std::optional<std::string> bytesOfHex(std::string_view hex)
+{
+    std::string bytes;
+    for (size_t i = 0; i < hex.size(); ++i) {
+        if (std::string_view(" \t\n\r,:").find(hex[i]) != std::string_view::npos)
+            continue;
+        const int high = hexDigit(hex[i]);
+        const int low = i + 1 < hex.size() ? hexDigit(hex[i + 1]) : -1;
+        if (high < 0 || low < 0)
+            return std::nullopt;
+        bytes += static_cast<char>(high << 4 | low);
+        ++i;
+    }
+    return bytes;
+}
+
+std::optional<uint64_t> numberOf(std::string_view text, uint64_t greatest)
+{
+    int base = 10;
+    if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
+        text.remove_prefix(2);
+        base = 16;
+    }
+    uint64_t number = 0;
+    const char* const pEnd = text.data() + text.size();
+    const auto [pStop, error] = std::from_chars(text.data(), pEnd, number, base);
+    if (error != std::errc() || pStop != pEnd || number > greatest)
+        return std::nullopt;
+    return number;
+}
+
+std::string timeText(uint64_t time)
+{
+    constexpr uint64_t perSecond = 10000000;
+    constexpr int64_t secondsTo1970 = 11644473600;
+    const auto seconds = static_cast<time_t>(static_cast<int64_t>(time / perSecond) - secondsTo1970);
+    tm parts{};
+    gmtime_r(&seconds, &parts);
+    char text[64];
+    const size_t length = strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%S", &parts);
+    const std::string fraction = std::to_string(time % perSecond + perSecond).substr(1);
+    return std::string(text, length) + '.' + fraction + 'Z';
+}
+
+} // namespace obregtool

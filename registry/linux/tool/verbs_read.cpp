@@ -1,0 +1,214 @@
+// query, get, ls, tree and info: looking at keys and values.
+#include "readtree.h"
+#include "text.h"
+#include "valuetext.h"
+#include "verbs.h"
+
+namespace obregtool {
+
+namespace {
+
+constexpr size_t WidestName = 40;
+
+struct ReadOptions {
+    std::string key;
+    std::string name;
+    bool recursive = false;
+    bool values = false;
+    bool raw = false;
+    size_t depth = SIZE_MAX;
+};
+
+size_t nameWidth(const std::vector<ValueEntry>& values)
+{
+    size_t width = 0;
+    for (const ValueEntry& value : values)
+        width = std::max(width, characters(escaped(shownName(value.name), Escape::Name)));
+    return std::min(width, WidestName);
+}
+
+/// A fact for each value of a key, the names aligned. On a terminal each begins with `lead`, and what stands above says
+/// the key.
+void valueFacts(Output& output, const KeyPath& path, const obreg::Key& key, std::vector<ValueEntry>& values,
+                const std::string& lead, bool keyField = true)
+{
+    const size_t width = nameWidth(values);
+    for (ValueEntry& entry : values) {
+        const std::optional<obreg::NamedValue> value = takeValue(key, path, std::move(entry));
+        if (!value)
+            continue;
+        Fact fact = valueFact(path, *value);
+        fact.lead = lead;
+        fact.fields[0].hidden = true;
+        fact.fields[1].width = width;
+        if (!keyField)
+            fact.fields.erase(fact.fields.begin());
+        output.fact(fact);
+    }
+}
+
+obreg::NamedValue readValue(const KeyPath& path, const std::string& name)
+{
+    std::error_code error;
+    const obreg::Key key = path.open();
+    obreg::NamedValue value{name, key.get<obreg::Value>(name, error)};
+    check(error, path, &name);
+    return value;
+}
+
+int query(const ReadOptions& options, Output& output)
+{
+    walk(keyArgument(options.key), options.recursive,
+         [&](const KeyPath& path, const obreg::Key& key, KeyContent& content, size_t depth) {
+             Fact fact = keyFact(path);
+             fact.leadStyle = Style::Normal;
+             fact.lead = depth == 0 || output.form() != Form::Terminal ? "" : "\n";
+             output.fact(fact);
+             valueFacts(output, path, key, content.values, "    ");
+             for (const obreg::SubKey& subKey : content.subKeys)
+                 if (!options.recursive)
+                     output.fact(keyFact(path.child(subKey.name), "subkey"));
+             return true;
+         });
+    return ExitDone;
+}
+
+int queryValue(const ReadOptions& options, Output& output)
+{
+    const KeyPath path = keyArgument(options.key);
+    output.fact(valueFact(path, readValue(path, options.name)));
+    return ExitDone;
+}
+
+int get(const ReadOptions& options, Output& output)
+{
+    const KeyPath path = keyArgument(options.key);
+    const obreg::NamedValue value = readValue(path, options.name);
+    if (options.raw)
+        output.bytes(value.value.data);
+    else if (output.form() == Form::Json)
+        output.fact(valueFact(path, value));
+    else if (output.form() == Form::Plain)
+        output.bytes(bareData(value.value) + '\n');
+    else
+        output.bytes(escaped(bareData(value.value), Escape::Screen) + '\n');
+    return ExitDone;
+}
+
+int ls(const ReadOptions& options, Output& output)
+{
+    const KeyPath path = keyArgument(options.key);
+    const obreg::Key key = path.open();
+    KeyContent content = readKey(key, path);
+    for (const obreg::SubKey& subKey : content.subKeys) {
+        Fact fact{"subkey", {{"name", subKey.name, Style::Key}}};
+        if (output.form() == Form::Terminal)
+            std::get<std::string>(fact.fields[0].data) += '\\';
+        output.fact(fact);
+    }
+    valueFacts(output, path, key, content.values, "", false);
+    return ExitDone;
+}
+
+void treeBelow(const ReadOptions& options, Output& output, const KeyPath& path, const obreg::Key& key,
+               const std::string& lead, size_t depth)
+{
+    KeyContent content = readKey(key, path, options.values ? Read::All : Read::SubKeys);
+    const bool deeper = depth < options.depth && !content.subKeys.empty();
+    valueFacts(output, path, key, content.values, lead + (deeper ? "│ " : "  "));
+    content.values = {};
+    for (const obreg::SubKey& subKey : content.subKeys) {
+        if (!deeper)
+            break;
+        const KeyPath below = path.child(subKey.name);
+        std::error_code error;
+        const obreg::Key child = obreg::Key::open(key, subKey.name, KEY_READ, error);
+        if (error == obreg::Status::notFound)
+            continue;
+        check(error, below);
+        const bool last = &subKey == &content.subKeys.back();
+        Fact fact = keyFact(below);
+        if (output.form() == Form::Terminal)
+            fact.fields = {{"key", subKey.name, Style::Key}};
+        fact.lead = lead + (last ? "└── " : "├── ");
+        output.fact(fact);
+        treeBelow(options, output, below, child, lead + (last ? "    " : "│   "), depth + 1);
+    }
+}
+
+int tree(const ReadOptions& options, Output& output)
+{
+    const KeyPath path = keyArgument(options.key);
+    const obreg::Key key = path.open();
+    output.fact(keyFact(path));
+    treeBelow(options, output, path, key, "", 0);
+    return ExitDone;
+}
+
+int info(const ReadOptions& options, Output& output)
+{
+    const KeyPath path = keyArgument(options.key);
+    std::error_code error;
+    const obreg::KeyInfo info = path.open().info(error);
+    check(error, path);
+    const auto number = [](const char* pName, uint64_t count) { return Field{pName, count}; };
+    output.fact({"info",
+                 {{"key", path.text(), Style::Key},
+                  number("subKeys", info.subKeys),
+                  number("values", info.values),
+                  number("maxSubKeyLength", info.maxSubKeyLength),
+                  number("maxValueNameLength", info.maxValueNameLength),
+                  number("maxValueLength", info.maxValueLength),
+                  {"lastWriteTime", timeText(info.lastWriteTime)},
+                  number("lastWriteTimeUnits", info.lastWriteTime)}});
+    return ExitDone;
+}
+
+using Action = int (*)(const ReadOptions&, Output&);
+
+/// What all of them begin with: a KEY, and the options kept until it runs.
+std::shared_ptr<ReadOptions> withKey(CLI::App& app)
+{
+    auto pOptions = std::make_shared<ReadOptions>();
+    app.add_option("KEY", pOptions->key, "Key, such as HKLM/Software/Acme or 'HKLM\\Software\\Acme'")->required();
+    return pOptions;
+}
+
+Run running(Action action, const std::shared_ptr<ReadOptions>& pOptions)
+{
+    return [=](Output& output) { return action(*pOptions, output); };
+}
+
+} // namespace
+
+Run declareQuery(CLI::App& app)
+{
+    const auto pOptions = withKey(app);
+    const CLI::Option* const pName =
+        app.add_option("-v,--value", pOptions->name, "Show this value only; @ for the unnamed");
+    app.add_flag("-s,--recursive", pOptions->recursive, "Show all keys below as well")->excludes("--value");
+    return
+        [=](Output& output) { return pName->count() != 0 ? queryValue(*pOptions, output) : query(*pOptions, output); };
+}
+
+Run declareGet(CLI::App& app)
+{
+    const auto pOptions = withKey(app);
+    app.add_option("NAME", pOptions->name, "Value's name; without it the unnamed value");
+    app.add_flag("--raw", pOptions->raw, "The stored bytes, and nothing else");
+    return running(get, pOptions);
+}
+
+Run declareLs(CLI::App& app) { return running(ls, withKey(app)); }
+
+Run declareTree(CLI::App& app)
+{
+    const auto pOptions = withKey(app);
+    app.add_option("--depth", pOptions->depth, "Levels to show");
+    app.add_flag("--values", pOptions->values, "Show the values as well");
+    return running(tree, pOptions);
+}
+
+Run declareInfo(CLI::App& app) { return running(info, withKey(app)); }
+
+} // namespace obregtool

@@ -1,0 +1,140 @@
+#!/usr/bin/env python3
+"""The manual against what it describes: man_test.py PAGES INCLUDES LIBRARY PROGRAM...
+
+PAGES is the folder of the rendered pages and of the joined sources beside them, INCLUDES that of the headers. Every
+exported function, every status, every option of the programs and of their verbs must have its page and its line there,
+and the examples must compile.
+"""
+
+import os
+import re
+import subprocess
+import sys
+import tempfile
+
+pages, includes, library, *programs = sys.argv[1:]
+mistakes = []
+
+
+def run(*words):
+    return subprocess.run(words, check=True, capture_output=True, text=True, errors="replace").stdout
+
+
+def expect(condition, mistake):
+    if not condition:
+        mistakes.append(mistake)
+
+
+def page(name):
+    """The source of a page, when it was rendered too; else nothing, which is a mistake."""
+    path = os.path.join(pages, name)
+    if not os.path.isfile(path) or os.path.getsize(path) == 0:
+        mistakes.append(f"there is no page {name}")
+        return ""
+    with open(path + ".scd", encoding="utf-8") as file:
+        return file.read()
+
+
+def section(text, heading):
+    """What stands under a heading, up to the next of its rank."""
+    rank = heading.split()[0]
+    found = re.search(rf"^{re.escape(heading)}\n(.*?)(?=^#{{1,{len(rank)}}} |\Z)", text, re.M | re.S)
+    return found.group(1) if found else ""
+
+
+def code(text):
+    return "\n".join(re.findall(r"^```\n(.*?)^```", text, re.M | re.S))
+
+
+def squeeze(text):
+    return re.sub(r"\s+", " ", text).strip()
+
+
+def check_function(name, declaration):
+    text = page(name + ".3")
+    synopsis = section(text, "# SYNOPSIS")
+    expect(squeeze(declaration) in squeeze(code(synopsis)), f"{name}.3: the synopsis is not the header's declaration")
+    for parameter in re.findall(r"(\w+)[,)]", declaration):
+        expect(re.search(rf"^\*.*\b{parameter}\*", section(text, "# PARAMETERS"), re.M),
+               f"{name}.3: parameter {parameter} has no line")
+    for heading in "# RETURN VALUE", "## Threads", "## Fork", "## Lost connections", "# EXAMPLE", "# SEE ALSO":
+        expect(section(text, heading).strip(), f"{name}.3: nothing under {heading}")
+    for status in "SUCCESS", "REQUEST_FAILED", "INVALID_PARAMETER":
+        expect(f"\n*OBREG_STATUS_{status}*," in section(text, "# RETURN VALUE"), f"{name}.3: {status} has no line")
+    example = code(section(text, "# EXAMPLE"))
+    expect(name in example, f"{name}.3: the example does not call it")
+    check_compiles(f"{name}.3", "#include <stddef.h>\n" + code(synopsis).split("REGSTATUS")[0] + example)
+
+
+def check_compiles(where, source):
+    compiler = os.environ.get("CC", "cc")
+    with tempfile.NamedTemporaryFile("w", suffix=".c") as file:
+        file.write(source)
+        file.flush()
+        result = subprocess.run([compiler, "-std=c99", "-Wall", "-Wextra", "-Werror", "-fsyntax-only", "-I", includes,
+                                 file.name], capture_output=True, text=True)
+    expect(result.returncode == 0, f"{where}: the example does not compile:\n{result.stderr}")
+
+
+def check_library():
+    headers = ""
+    for name in "obreg.h", "roots.h":
+        with open(os.path.join(includes, "obreg", name), encoding="utf-8") as file:
+            headers += file.read()
+    declared = {}
+    for declaration in re.findall(r"^OBREG_API (REGSTATUS \w+\([^;]*;)", headers, re.M):
+        declared[re.search(r"(\w+)\(", declaration).group(1)] = declaration
+    exported = {line.split()[-1] for line in run("nm", "-D", "--defined-only", library).splitlines()}
+    functions = {name for name in exported if re.fullmatch(r"OBReg\w+", name)} - {"OBRegForkHandler"}
+    expect(functions == set(declared), f"exported {sorted(functions)}, declared {sorted(declared)}")
+    for name in sorted(functions & set(declared)):
+        check_function(name, declared[name])
+
+    overview = page("obreg.7")
+    statuses = re.findall(r"#define (OBREG_STATUS_\w+) \(\(REGSTATUS\)(0x\w{8})u\)", headers)
+    expect(len(statuses) > 10, "the headers' statuses cannot be found")
+    for name, value in statuses:
+        expect(f"\n*{name}*, {value}\n" in overview, f"obreg.7: {name} {value} has no line")
+    for name in re.findall(r"#define ((?:REG_|HKEY_)\w+) ", headers):
+        if not name.endswith("_KEY"):
+            expect(f"*{name}*" in overview, f"obreg.7: {name} is missing")
+    for name in sorted(functions):
+        expect(f"*{name}*(3)" in overview, f"obreg.7: {name} is missing")
+    check_compiles("obreg.7", code(section(overview, "# DESCRIPTION")))
+
+
+def options_in(help_text):
+    """The options that a help text lists: the words with dashes at the beginnings of its lines."""
+    options = set()
+    for line in re.findall(r"^\s+(-.*)", help_text, re.M):
+        names = re.match(r"-[\w-]*(?:,\s*-[\w-]+)*", line).group(0)
+        options.update(re.split(r",\s*", names))
+    return options
+
+
+def has_line(text, option):
+    return re.search(rf"^\t*\*(?:.*[ *])?{re.escape(option)}\*", text, re.M)
+
+
+def check_program(program):
+    name = os.path.basename(program)
+    text = page(f"{name}.8" if name.endswith("d") else f"{name}.1")
+    help_text = run(program, "--help")
+    everywhere = section(text, "# OPTIONS")
+    options = options_in(help_text)
+    expect("--help" in options, f"{name} --help: the options cannot be found")
+    for option in options:
+        expect(has_line(everywhere, option), f"{name}: {option} has no line under OPTIONS")
+    verbs = re.findall(r"^  (\w+)(?:,| )", help_text.partition("Subcommands:")[2], re.M)
+    for verb in verbs:
+        own = section(text, f"## {verb}")
+        expect(own.strip(), f"{name}: the verb {verb} has no section")
+        for option in options_in(run(program, verb, "--help")):
+            expect(has_line(own + everywhere, option), f"{name} {verb}: {option} has no line")
+    return f"{name}: {len(verbs)} verbs"
+
+
+check_library()
+checked = [check_program(program) for program in programs]
+print("\n".join(mistakes or [f"the manual is complete; {', '.join(checked)}"]))
+sys.exit(bool(mistakes))

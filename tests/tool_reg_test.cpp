@@ -1,0 +1,325 @@
+// The .reg reader and writer and the tool's key paths by themselves; then a thousand trees through the tool and the
+// real daemon.
+#include <fstream>
+#include <map>
+#include <random>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "app.h"
+#include "regreader.h"
+#include "regwriter.h"
+#include "support/running_daemon.h"
+#include "support/scripted_daemon.h"
+#include "text.h"
+
+using namespace obregtool;
+using namespace std::string_literals;
+
+namespace {
+
+/// Statements as text, one a line.
+class Recorder : public RegSink {
+public:
+    void key(const KeyPath& key, const Place& place) override { add(place) << "key " << key.text() << '\n'; }
+    void removeKey(const KeyPath& key, const Place& place) override { add(place) << "-key " << key.text() << '\n'; }
+    void value(std::string&& name, obreg::Value&& value, const Place& place) override
+    {
+        add(place) << name << '=' << value.type << ':' << hexOf(value.data) << '\n';
+    }
+    void removeValue(std::string&& name, const Place& place) override { add(place) << '-' << name << '\n'; }
+
+    std::ostringstream statements;
+
+private:
+    std::ostream& add(const Place& place) { return statements << place.line << ' '; }
+};
+
+/// The statements of a text, or its first mistake. Fed in pieces of that size.
+std::string read(std::string_view text, size_t piece)
+{
+    Recorder recorder;
+    try {
+        RegReader reader(recorder);
+        for (; !text.empty(); text.remove_prefix(std::min(piece, text.size())))
+            reader.feed(text.substr(0, piece));
+        reader.finish();
+    } catch (const RegSyntaxError& error) {
+        return error.what();
+    }
+    return recorder.statements.str();
+}
+
+const std::string Header = "Windows Registry Editor Version 5.00\n";
+
+/// Reads a text in every encoding and in pieces of several sizes; all must come out the same.
+std::string readEveryWay(const std::string& text)
+{
+    const std::string result = read(text, SIZE_MAX);
+    std::string crLf;
+    for (const char c : text)
+        crLf += c == '\n' ? "\r\n" : std::string(1, c);
+    for (const std::string& same : {text, crLf, "\xEF\xBB\xBF" + text, "\xFF\xFE" + toUtf16(text)})
+        for (const size_t piece : {1u, 2u, 7u, 100000u})
+            EXPECT_EQ(read(same, piece), result) << text;
+    return result;
+}
+
+TEST(RegReader, ReadsEveryStatement)
+{
+    const struct {
+        const char* pText;
+        const char* pStatements;
+    } cases[] = {
+        {"", ""},
+        {"; comment\n\n  ; another", ""},
+        {"[HKLM\\a]\n[hkey_users\\B\\]", "2 key HKEY_LOCAL_MACHINE\\a\n3 key HKEY_USERS\\B\n"},
+        {"[HKCU\\a/b]c] ; d", "2 key HKEY_CURRENT_USER\\a/b]c\n"},
+        {"[-HKCR\\x]", "2 -key HKEY_CLASSES_ROOT\\x\n"},
+        {"[HKLM\\a]\n@=\"x\"\n\"\"=-", "2 key HKEY_LOCAL_MACHINE\\a\n3 default=1:7800\n4 -default\n"},
+        {"[HKLM]\n \"a\\\\b\\\"=\" = \"c\\\\;\" ; d", "2 key HKEY_LOCAL_MACHINE\n3 a\\b\"==1:635c3b00\n"},
+        {"[HKLM]\n\"a\"=dword:1\n\"b\"=DWORD:fedcBA98", "2 key HKEY_LOCAL_MACHINE\n3 a=4:01000000\n4 b=4:98badcfe\n"},
+        {"[HKLM]\n@=hex:0,f,ff,Ab\n\"x\"=hex(b):1,\\\n  2,\\ ; on it goes\n3 ;\n@=hex(FFFFFFFF):\\\n00",
+         "2 key HKEY_LOCAL_MACHINE\n3 default=3:000fffab\n4 x=11:010203\n7 default=4294967295:00\n"},
+        {"[HKLM\\\xC3\xA4\xF0\x9F\x98\x80]\n\"\xFF\xC3\"=\"\xE2\x82\xAC\"",
+         "2 key HKEY_LOCAL_MACHINE\\\xC3\xA4\xF0\x9F\x98\x80\n3 \xFF\xC3=1:e282ac00\n"},
+    };
+    for (const auto& one : cases)
+        EXPECT_EQ(readEveryWay(Header + one.pText), one.pStatements) << one.pText;
+    EXPECT_EQ(readEveryWay("REGEDIT4\n[HKLM\\a]"), "2 key HKEY_LOCAL_MACHINE\\a\n");
+}
+
+TEST(RegReader, NamesTheFirstMistake)
+{
+    const struct {
+        const char* pText;
+        const char* pPlace;
+        const char* pPart;
+    } cases[] = {
+        {"@=\"x\"", "line 2, column 1", "[key] before"},
+        {"[HKLM\\a]\n[-HKLM\\a]\n@=\"x\"", "line 4, column 1", "[key] before"},
+        {"[HKLM\\a", "line 2, column 8", "]"},
+        {"[HKLM\\a]]x", "line 2, column 10", "end of the line"},
+        {"[Software\\a]", "line 2, column 2", "HKLM"},
+        {"[-HKLM]", "line 2, column 3", "root cannot be deleted"},
+        {"[HKLM\\a\\\\b]", "line 2, column 9", "not empty"},
+        {"[HKLM\\a\tb]", "line 2, column 8", "control"},
+        {"junk", "line 2, column 1", "found 'j'"},
+        {"[HKLM]\n\"a\"x", "line 3, column 4", "="},
+        {"[HKLM]\n\"\xC3\xA4\xC3\xA4", "line 3, column 4", "closes"},
+        {"[HKLM]\n\"a\"=\"c:\\dir\"", "line 3, column 9", "twice"},
+        {"[HKLM]\n\"a\"=\"b\" c", "line 3, column 9", "end of the line"},
+        {"[HKLM]\n\"@\"=\"b\"", "line 3, column 1", "another name"},
+        {"[HKLM]\n\"a\"=dword:", "line 3, column 11", "digits"},
+        {"[HKLM]\n\"a\"=dword:123456789", "line 3, column 19", "digits"},
+        {"[HKLM]\n\"a\"=qword:1", "line 3, column 5", "dword:"},
+        {"[HKLM]\n\"a\"=hex:", "line 3, column 9", "empty value"},
+        {"[HKLM]\n\"a\"=hex(:00", "line 3, column 9", "type"},
+        {"[HKLM]\n\"a\"=hex:00 11", "line 3, column 12", "comma"},
+        {"[HKLM]\n\"a\"=hex:00,\\\n  11,xx", "line 4, column 6", "digits"},
+        {"[HKLM]\n\"a\"=hex:00,\\", "line 4, column 1", "more bytes"},
+        {"[HKLM]\n\"a\"=hex:00,", "line 3, column 12", "after the comma"},
+    };
+    for (const auto& one : cases) {
+        const std::string mistake = readEveryWay(Header + one.pText);
+        EXPECT_EQ(mistake.find(one.pPlace), 0u) << mistake << " for " << one.pText;
+        EXPECT_NE(mistake.find(one.pPart), std::string::npos) << mistake << " for " << one.pText;
+    }
+    EXPECT_EQ(read("", 1).find("line 1, column 1: expected the header"), 0u);
+    EXPECT_EQ(read("Windows Registry Editor Version 6.00", 1).find("line 1, column 1"), 0u);
+    EXPECT_NE(read("\xFF\xFE" + toUtf16(Header) + 'x', 3).find("whole UTF-16"), std::string::npos);
+    EXPECT_NE(read(Header + "[HKLM]\n\"a\"=\"\0\""s, 9).find("NUL"), std::string::npos);
+}
+
+TEST(KeyPaths, AreReadAsPeopleWriteThem)
+{
+    const struct {
+        const char* pText;
+        const char* pKey; // null: none
+    } cases[] = {
+        {"HKLM", "HKEY_LOCAL_MACHINE"},
+        {"hklm/", "HKEY_LOCAL_MACHINE"},
+        {"hkey_Current_User/a/b", "HKEY_CURRENT_USER\\a\\b"},
+        {"HKU\\a/b\\c", "HKEY_USERS\\a/b\\c"},
+        {"HKU/a\\b", "HKEY_USERS\\a\\b"},
+        {"HKCR\\a\\", "HKEY_CLASSES_ROOT\\a"},
+        {"HKLM//a", nullptr},
+        {"HKLMa", nullptr},
+        {"", nullptr},
+        {"HKLM/a\nb", nullptr},
+    };
+    for (const auto& one : cases) {
+        if (one.pKey == nullptr)
+            EXPECT_THROW(parseKey(one.pText, true), BadKey) << one.pText;
+        else
+            EXPECT_EQ(parseKey(one.pText, true).text(), one.pKey);
+    }
+    EXPECT_TRUE(parseKey("HKLM\\A\\b", true).isWithin(parseKey("hklm\\a", true)));
+    EXPECT_FALSE(parseKey("HKLM\\ab", true).isWithin(parseKey("HKLM\\a", true)));
+}
+
+using Values = std::map<std::string, obreg::Value>; // by folded name
+using Model =
+    std::map<std::string, std::pair<std::string, std::map<std::string, std::pair<std::string, obreg::Value>>>>;
+
+/// Names and data that want to break something.
+class Hostile {
+public:
+    explicit Hostile(unsigned seed) : m_random(seed) {}
+
+    size_t below(size_t limit) { return std::uniform_int_distribution<size_t>(0, limit - 1)(m_random); }
+
+    std::string text(std::string_view forbidden)
+    {
+        static const std::string pieces[] = {"a",       "B",
+                                             "]",       "[-",
+                                             "\"",      "\\",
+                                             "=",       ";",
+                                             "@",       ",",
+                                             " ",       "/",
+                                             "-",       "\xC3\xA4",
+                                             "\xFF",    "\x80",
+                                             "%s",      "\x7F",
+                                             "\xC3",    "\xED\xB2\x80",
+                                             "'",       "\xF0\x9F\x98\x80",
+                                             "default", "hex:"};
+        std::string result;
+        for (size_t i = 1 + below(6); i > 0; --i)
+            result += pieces[below(std::size(pieces))];
+        result.erase(std::remove_if(result.begin(), result.end(),
+                                    [&](char c) { return forbidden.find(c) != std::string_view::npos; }),
+                     result.end());
+        return result.empty() || result == "@" ? "n" : result;
+    }
+
+    obreg::Value value()
+    {
+        if (below(3) == 0)
+            return {REG_SZ, text("") + (below(4) == 0 ? "" : "\0"s) + (below(6) == 0 ? "\0"s : "")};
+        obreg::Value value{static_cast<UINT32>(below(8) == 0 ? m_random() : below(14)), {}};
+        for (size_t i = 1 + below(below(20) == 0 ? 3000 : 12); i > 0; --i)
+            value.data += static_cast<char>(below(256));
+        return value;
+    }
+
+    /// By folded path and folded name, with the spelling.
+    Model tree(const std::string& top)
+    {
+        Model model;
+        std::vector<std::string> keys = {top};
+        for (size_t i = below(7); i > 0; --i)
+            keys.push_back(keys[below(keys.size())] + '\\' + text("\\"));
+        for (const std::string& key : keys) {
+            auto& entry = model.try_emplace(folded(key), key, decltype(Model::mapped_type::second)()).first->second;
+            for (size_t i = below(7); i > 0; --i) {
+                const std::string name = below(8) == 0 ? "default" : text("");
+                entry.second.try_emplace(folded(name), name, value());
+            }
+        }
+        return model;
+    }
+
+private:
+    std::mt19937 m_random;
+};
+
+std::string write(const Model& model, RegFormat format)
+{
+    std::string text;
+    RegWriter writer(format, [&text](std::string_view piece) { text += piece; });
+    for (const auto& [folded, key] : model) {
+        writer.key("HKEY_LOCAL_MACHINE\\" + key.first);
+        for (const auto& [foldedName, value] : key.second)
+            writer.value(value.first, value.second);
+    }
+    writer.finish();
+    return text;
+}
+
+TEST(RegWriter, WhatItWritesReadsBackInEveryFormat)
+{
+    for (unsigned seed = 0; seed < 300; ++seed) {
+        const Model model = Hostile(seed).tree("t");
+        std::ostringstream expected;
+        for (const auto& [folded, key] : model) {
+            expected << "key HKEY_LOCAL_MACHINE\\" << key.first << '\n';
+            for (const auto& [foldedName, value] : key.second)
+                expected << value.first << '=' << value.second.type << ':' << hexOf(value.second.data) << '\n';
+        }
+        for (const RegFormat format : {RegFormat::Utf8, RegFormat::Utf16, RegFormat::Regedit4}) {
+            std::istringstream got(read(write(model, format), 4096));
+            std::string withoutPlaces;
+            for (std::string line; std::getline(got, line);)
+                withoutPlaces += line.substr(line.find(' ') + 1) + '\n';
+            ASSERT_EQ(withoutPlaces, expected.str()) << seed;
+        }
+    }
+}
+
+int tool(std::vector<const char*> arguments)
+{
+    arguments.insert(arguments.begin(), "obreg");
+    return runTool(static_cast<int>(arguments.size()), arguments.data());
+}
+
+void store(const Model& model)
+{
+    for (const auto& [folded, key] : model) {
+        const obreg::Key open = obreg::Key::create(obreg::localMachine(), key.first);
+        for (const auto& [foldedName, value] : key.second)
+            open.set(value.first, value.second);
+    }
+}
+
+void expectStored(const Model& model)
+{
+    for (const auto& [folded, key] : model) {
+        const obreg::Key open = obreg::Key::open(obreg::localMachine(), key.first);
+        size_t count = 0;
+        for (const obreg::NamedValue& value : open.values()) {
+            const auto found = key.second.find(obregtool::folded(value.name));
+            ASSERT_NE(found, key.second.end()) << value.name;
+            EXPECT_EQ(value.name, found->second.first);
+            EXPECT_EQ(value.value, found->second.second) << value.name;
+            ++count;
+        }
+        EXPECT_EQ(count, key.second.size());
+    }
+}
+
+std::string contents(const std::string& file)
+{
+    std::ifstream stream(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+TEST(Tool, AThousandHostileTreesSurviveExportAndImport)
+{
+    const std::string folder = "/var/opt/quorlin/ombrel/obregd/";
+    RunningDaemon daemon(FixedSocketPath, folder + "registry.db");
+    daemon.start();
+    const std::string first = folder + "1.reg";
+    const std::string second = folder + "2.reg";
+    const char* const formats[] = {"--yes", "--utf16", "--regedit4"};
+    for (unsigned seed = 0; seed < 1000; ++seed) {
+        SCOPED_TRACE(seed);
+        const Model model = Hostile(seed).tree("Tree");
+        const char* const pFormat = formats[seed % std::size(formats)];
+        store(model);
+        store(Hostile(seed).tree("Twin"));
+        ASSERT_EQ(tool({"export", "HKLM/Tree", first.c_str(), "--yes", pFormat}), 0);
+        ASSERT_EQ(tool({"delete", "HKLM/Tree", "--yes"}), 0);
+        ASSERT_EQ(tool({"import", first.c_str()}), 0);
+        expectStored(model);
+        ASSERT_EQ(tool({"export", "HKLM/Tree", second.c_str(), "--yes", pFormat}), 0);
+        EXPECT_EQ(contents(first), contents(second));
+        EXPECT_EQ(tool({"compare", "HKLM/Tree", "HKLM/Twin", "-s"}), 0);
+        ASSERT_EQ(tool({"delete", "HKLM/Twin", "--yes"}), 0);
+        ASSERT_EQ(tool({"delete", "HKLM/Tree", "--yes"}), 0);
+        if (HasFailure())
+            break;
+    }
+}
+
+} // namespace
