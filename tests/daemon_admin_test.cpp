@@ -196,7 +196,7 @@ TEST_F(Administration, TakesTheSocketThatIsHandedOverAndLeavesItBehind)
     const timeval patience{10, 0};
     setsockopt(news.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     const auto nextNews = [&] {
-        return std::string(text, std::max<ssize_t>(0, recv(news.get(), text, sizeof text, 0)));
+        return std::string(text, static_cast<size_t>(std::max<ssize_t>(0, recv(news.get(), text, sizeof text, 0))));
     };
     EXPECT_EQ(nextNews(), "READY=1");
     EXPECT_TRUE(canConnect(socketPath));

@@ -2,8 +2,8 @@
 # Installs a build into a temporary root, moves that elsewhere, and builds the examples outside the tree against it,
 # through pkg-config and through CMake: install_test.sh BUILD EXAMPLES
 set -euo pipefail
-build=$1
-examples=$2
+build=$(realpath "$1")
+examples=$(realpath "$2")
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 fail() { echo "$*"; exit 1; }
