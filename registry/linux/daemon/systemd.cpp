@@ -24,7 +24,7 @@ constexpr int FirstHandedOver = 3; // descriptors follow each other from here
 std::string takeVariable(const char* pName)
 {
     const char* const pText = std::getenv(pName);
-    const std::string text = pText == nullptr ? "" : pText;
+    std::string text = pText == nullptr ? "" : pText;
     unsetenv(pName);
     return text;
 }
