@@ -27,7 +27,11 @@ fi
 # What else there must be, by the components of the build.
 expected=(include/obreg/{obreg.h,roots.h,registry.hpp,status.hpp,value.hpp} share/cmake/obreg/obreg-config.cmake)
 if grep -q ELF64 <<<"$class"; then
-    expected+=(bin/obreg sbin/obregd lib/systemd/system/obregd.{service,socket} lib/{sysusers,tmpfiles}.d/obregd.conf)
+    expected+=(sbin/obregd lib/systemd/system/obregd.{service,socket} lib/{sysusers,tmpfiles}.d/obregd.conf)
+    [ "$(value_of OBREG_TOOL)" != ON ] || expected+=(bin/obreg share/zsh/vendor-completions/_obreg)
+    # The manual is there, or scdoc was not.
+    [ "$(value_of OBREG_SCDOC)" = OBREG_SCDOC-NOTFOUND ] ||
+        expected+=(share/man/man{3/OBRegCloseKey.3,7/obreg.7,8/obregd.8})
     grep -q "^ExecStart=$(value_of CMAKE_INSTALL_PREFIX)/sbin/obregd" "$root/lib/systemd/system/obregd.service" ||
         fail "the service does not start the installed daemon"
 fi
