@@ -22,7 +22,7 @@ const struct Verb {
     const char* pName;
     const char* pHelp;
     Shape shape;
-    Run (*declare)(CLI::App& app);
+    Run (*declare)(Arguments& arguments);
 } Verbs[] = {
     {"query", "Show a key, its values and its sub-keys", Shape::List, declareQuery},
     {"add", "Make a key, or store a value", Shape::Record, declareAdd},
@@ -50,15 +50,12 @@ struct Common {
     double timeout = 0;
 };
 
-void addCommon(CLI::App& app, Common& common)
+void addCommon(Arguments& arguments, Common& common)
 {
-    app.add_flag("--json", common.json, "JSON on standard output; errors as JSON on standard error");
-    app.add_option("--color", common.colour, "auto; never; always: as on a terminal, even in a pipe")
-        ->check(CLI::IsMember({"auto", "always", "never"}))
-        ->type_name("WHEN");
-    app.add_option("--timeout", common.timeout, "Give up after that many seconds")
-        ->check(CLI::Range(0.0, 1e6))
-        ->type_name("SECONDS");
+    arguments.flag("--json", common.json, "JSON on standard output; errors as JSON on standard error");
+    arguments.choice("--color", common.colour, "WHEN", {"auto", "always", "never"},
+                     "auto; never; always: as on a terminal, even in a pipe");
+    arguments.seconds("--timeout", common.timeout, 0, "Give up after that many seconds");
 }
 
 Output makeOutput(const Common& common, Shape shape)
@@ -141,21 +138,20 @@ constexpr const char* Footer =
 
 int runTool(int argc, const char* const* argv)
 {
-    CLI::App app("Looks at and changes the registry.", "obreg");
-    app.footer(Footer);
-    app.require_subcommand(1);
-    app.set_help_all_flag("--help-all", "The help of all verbs");
+    CommandLine commandLine("Looks at and changes the registry.", "obreg", Footer);
     Common common;
-    addCommon(app, common);
-    std::vector<std::pair<const CLI::App*, Run>> runs;
+    addCommon(commandLine.common(), common);
+    std::vector<Run> runs;
+    std::vector<VerbWords> verbWords;
     for (const Verb& verb : Verbs) {
-        CLI::App& sub = *app.add_subcommand(verb.pName, verb.pHelp);
-        addCommon(sub, common);
-        runs.emplace_back(&sub, verb.declare(sub));
+        Arguments& arguments = commandLine.addVerb(verb.pName, verb.pHelp);
+        addCommon(arguments, common);
+        runs.push_back(verb.declare(arguments));
+        verbWords.push_back({verb.pName, &arguments});
     }
     if (argc > 1 && strcmp(argv[1], CompleteVerb) == 0) {
         setTimeout(CompletionSeconds, "");
-        for (const std::string& word : candidates(app, {argv + 2, argv + argc}))
+        for (const std::string& word : candidates(verbWords, {argv + 2, argv + argc}))
             puts(word.c_str());
         return ExitDone;
     }
@@ -163,15 +159,9 @@ int runTool(int argc, const char* const* argv)
         fprintf(stderr, "obreg: there is no verb \"%s\"; \"obreg --help\" lists them\n", pGiven);
         return ExitUsage;
     }
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? ExitDone : ExitUsage;
-    }
-    for (size_t i = 0; i < runs.size(); ++i)
-        if (runs[i].first->parsed())
-            return runVerb(common, Verbs[i], runs[i].second);
-    return ExitUsage;
+    int status = ExitUsage;
+    const std::optional<size_t> chosen = commandLine.parse(argc, argv, status);
+    return chosen ? runVerb(common, Verbs[*chosen], runs[*chosen]) : status;
 }
 
 } // namespace obregtool

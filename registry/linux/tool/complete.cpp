@@ -48,47 +48,44 @@ Words valueNames(const std::string& key)
     return all;
 }
 
-Words options(const CLI::App& verb)
+const Arguments::Option* findOption(const Arguments& verb, const std::string& name)
 {
-    Words all;
-    for (const CLI::Option* const pOption : verb.get_options())
-        for (const std::string& name : pOption->get_lnames())
-            all.push_back("--" + name);
-    return all;
+    for (const Arguments::Option& option : verb.options())
+        if (std::find(option.names.begin(), option.names.end(), name) != option.names.end())
+            return &option;
+    return nullptr;
 }
 
-/// The names of the verb's positional arguments, in order.
-Words positionals(const CLI::App& verb)
+Words longOptions(const Arguments& verb)
 {
-    Words all;
-    for (const CLI::Option* const pOption : verb.get_options())
-        if (pOption->get_positional())
-            all.push_back(pOption->get_name(true));
+    Words all = {"--help"};
+    for (const Arguments::Option& option : verb.options())
+        all.push_back(option.names.front());
     return all;
 }
 
 /// Candidates for the last word, behind a verb and what was given to it.
-Words argument(const CLI::App& verb, const Words& words)
+Words argument(const Arguments& verb, const Words& words)
 {
     const std::string& word = words.back();
-    Words given;                        // positional arguments
-    const CLI::Option* pOpen = nullptr; // the option whose value the next word is
+    Words given;                              // positional arguments
+    const Arguments::Option* pOpen = nullptr; // the option whose value the next word is
     for (size_t i = 1; i + 1 < words.size(); ++i) {
         if (pOpen != nullptr) {
             pOpen = nullptr;
         } else if (words[i].size() > 1 && words[i][0] == '-') {
-            pOpen = verb.get_option_no_throw(words[i]);
-            if (pOpen != nullptr && pOpen->get_type_size() == 0) // a flag
+            pOpen = findOption(verb, words[i]);
+            if (pOpen != nullptr && !pOpen->takesValue)
                 pOpen = nullptr;
         } else {
             given.push_back(words[i]);
         }
     }
     if (pOpen != nullptr)
-        return pOpen->check_lname("value") && !given.empty() ? valueNames(given[0]) : Words();
+        return pOpen->names.front() == "--value" && !given.empty() ? valueNames(given[0]) : Words();
     if (!word.empty() && word[0] == '-')
-        return options(verb);
-    const Words names = positionals(verb);
+        return longOptions(verb);
+    const Words& names = verb.positionals();
     const std::string name = given.size() < names.size() ? names[given.size()] : "";
     if (name == "KEY" || name == "FROM" || name == "TO")
         return keys(word);
@@ -97,17 +94,17 @@ Words argument(const CLI::App& verb, const Words& words)
 
 } // namespace
 
-std::vector<std::string> candidates(const CLI::App& app, const std::vector<std::string>& words)
+std::vector<std::string> candidates(const std::vector<VerbWords>& verbs, const std::vector<std::string>& words)
 {
     Words all;
     if (words.empty())
         return all;
     try {
-        for (const CLI::App* const pVerb : app.get_subcommands({})) {
+        for (const VerbWords& verb : verbs) {
             if (words.size() == 1)
-                all.push_back(pVerb->get_name());
-            else if (pVerb->get_name() == words[0])
-                all = argument(*pVerb, words);
+                all.push_back(verb.name);
+            else if (verb.name == words[0])
+                all = argument(*verb.pArguments, words);
         }
     } catch (const Failure&) {
         return {};

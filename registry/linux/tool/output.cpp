@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdio>
 #include <iostream>
+#include <nlohmann/json.hpp>
 #include <unistd.h>
 
 #include "errors.h"

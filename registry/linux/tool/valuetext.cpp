@@ -1,6 +1,7 @@
 #include "valuetext.h"
 
 #include <limits>
+#include <nlohmann/json.hpp>
 #include <variant>
 
 #include "errors.h"

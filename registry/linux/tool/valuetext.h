@@ -2,7 +2,7 @@
 #ifndef OBREG_TOOL_VALUETEXT_H
 #define OBREG_TOOL_VALUETEXT_H
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
 

@@ -3,12 +3,10 @@
 #ifndef OBREG_TOOL_VERBS_H
 #define OBREG_TOOL_VERBS_H
 
-#include <CLI/App.hpp>
-#include <CLI/Config.hpp>
-#include <CLI/Formatter.hpp>
 #include <functional>
 #include <memory>
 
+#include "arguments.h"
 #include "errors.h"
 #include "output.h"
 
@@ -17,21 +15,21 @@ namespace obregtool {
 /// Runs the verb and returns the exit status; throws Failure, UsageError or std::system_error.
 using Run = std::function<int(Output&)>;
 
-Run declareQuery(CLI::App& app);
-Run declareGet(CLI::App& app);
-Run declareLs(CLI::App& app);
-Run declareTree(CLI::App& app);
-Run declareInfo(CLI::App& app);
-Run declareAdd(CLI::App& app);
-Run declareSet(CLI::App& app);
-Run declareDelete(CLI::App& app);
-Run declareRm(CLI::App& app);
-Run declareExport(CLI::App& app);
-Run declareImport(CLI::App& app);
-Run declareCopy(CLI::App& app);
-Run declareCompare(CLI::App& app);
-Run declareWatch(CLI::App& app);
-Run declarePing(CLI::App& app);
+Run declareQuery(Arguments& arguments);
+Run declareGet(Arguments& arguments);
+Run declareLs(Arguments& arguments);
+Run declareTree(Arguments& arguments);
+Run declareInfo(Arguments& arguments);
+Run declareAdd(Arguments& arguments);
+Run declareSet(Arguments& arguments);
+Run declareDelete(Arguments& arguments);
+Run declareRm(Arguments& arguments);
+Run declareExport(Arguments& arguments);
+Run declareImport(Arguments& arguments);
+Run declareCopy(Arguments& arguments);
+Run declareCompare(Arguments& arguments);
+Run declareWatch(Arguments& arguments);
+Run declarePing(Arguments& arguments);
 
 } // namespace obregtool
 

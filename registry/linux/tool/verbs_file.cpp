@@ -182,22 +182,22 @@ int exportKey(const FileOptions& options, Output& output)
 
 } // namespace
 
-Run declareExport(CLI::App& app)
+Run declareExport(Arguments& arguments)
 {
     const auto pOptions = std::make_shared<FileOptions>();
-    app.add_option("KEY", pOptions->key, "Key to write, with all below it")->required();
-    app.add_option("FILE", pOptions->file, "File to make; - or nothing for standard output");
-    CLI::Option* const pUtf16 = app.add_flag("--utf16", pOptions->utf16, "UTF-16LE with a byte-order mark, not UTF-8");
-    app.add_flag("--regedit4", pOptions->regedit4, "The older header, bytes as they are")->excludes(pUtf16);
-    app.add_flag("-y,--yes", pOptions->yes, "Replace FILE without asking");
+    arguments.text("KEY", pOptions->key, "Key to write, with all below it", Arguments::Required);
+    arguments.text("FILE", pOptions->file, "File to make; - or nothing for standard output");
+    arguments.flag("--utf16", pOptions->utf16, "UTF-16LE with a byte-order mark, not UTF-8");
+    arguments.flag("--regedit4", pOptions->regedit4, "The older header, bytes as they are", "--utf16");
+    arguments.flag("-y,--yes", pOptions->yes, "Replace FILE without asking");
     return [=](Output& output) { return exportKey(*pOptions, output); };
 }
 
-Run declareImport(CLI::App& app)
+Run declareImport(Arguments& arguments)
 {
     const auto pOptions = std::make_shared<FileOptions>();
-    app.add_option("FILE", pOptions->file, "File to read; - for standard input")->required();
-    app.add_flag("--check", pOptions->checkOnly, "Read and check the file, and write nothing");
+    arguments.text("FILE", pOptions->file, "File to read; - for standard input", Arguments::Required);
+    arguments.flag("--check", pOptions->checkOnly, "Read and check the file, and write nothing");
     return [=](Output& output) { return import(*pOptions, output); };
 }
 

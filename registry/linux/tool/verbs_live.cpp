@@ -163,37 +163,37 @@ int ping(const LiveOptions& options, Output& output)
         output.fact({"ping", {{"roundTripUs", histogram.mean()}}});
         return ExitDone;
     }
-    Fact fact{"ping", {{"count", histogram.count()}, {"leastUs", histogram.least()}, {"meanUs", histogram.mean()}}};
-    for (const auto& [pName, share] : {std::pair("medianUs", 0.5), std::pair("p90Us", 0.9), std::pair("p99Us", 0.99)})
-        fact.fields.push_back({pName, histogram.quantile(share)});
-    fact.fields.push_back({"mostUs", histogram.most()});
-    output.fact(fact);
+    output.fact({"ping",
+                 {{"count", histogram.count()},
+                  {"leastUs", histogram.least()},
+                  {"meanUs", histogram.mean()},
+                  {"medianUs", histogram.quantile(0.5)},
+                  {"p90Us", histogram.quantile(0.9)},
+                  {"p99Us", histogram.quantile(0.99)},
+                  {"mostUs", histogram.most()}}});
     return ExitDone;
 }
 
 } // namespace
 
-Run declareWatch(CLI::App& app)
+Run declareWatch(Arguments& arguments)
 {
     const auto pOptions = std::make_shared<LiveOptions>();
     pOptions->interval = 1;
-    app.add_option("KEY", pOptions->key, "Key to watch, with all below it")->required();
-    app.add_option("--interval", pOptions->interval, "Seconds between two looks")
-        ->check(CLI::Range(0.001, 86400.0))
-        ->capture_default_str();
-    app.add_option("--count", pOptions->count, "End after that many changes; otherwise Ctrl-C ends it");
+    arguments.text("KEY", pOptions->key, "Key to watch, with all below it", Arguments::Required);
+    arguments.seconds("--interval", pOptions->interval, 0.001, "Time between two looks");
+    arguments.number("--count", pOptions->count, "End after that many changes; otherwise Ctrl-C ends it");
     return [=](Output& output) { return watch(*pOptions, output); };
 }
 
-Run declarePing(CLI::App& app)
+Run declarePing(Arguments& arguments)
 {
     const auto pOptions = std::make_shared<LiveOptions>();
     pOptions->interval = 0.01;
-    app.add_flag("--latency", pOptions->latency, "Many round trips: a live histogram on a terminal, figures in a pipe");
-    app.add_option("--count", pOptions->count, "Round trips [1; with --latency until Ctrl-C, or 1000 in a pipe]");
-    app.add_option("--interval", pOptions->interval, "Seconds between two of them")
-        ->check(CLI::Range(0.0, 86400.0))
-        ->capture_default_str();
+    arguments.flag("--latency", pOptions->latency,
+                   "Many round trips: a live histogram on a terminal, figures in a pipe");
+    arguments.number("--count", pOptions->count, "Round trips [1; with --latency until Ctrl-C, or 1000 in a pipe]");
+    arguments.seconds("--interval", pOptions->interval, 0, "Time between two of them");
     return [=](Output& output) { return ping(*pOptions, output); };
 }
 

@@ -16,7 +16,7 @@ struct ReadOptions {
     bool recursive = false;
     bool values = false;
     bool raw = false;
-    size_t depth = SIZE_MAX;
+    uint64_t depth = UINT64_MAX;
 };
 
 size_t nameWidth(const std::vector<ValueEntry>& values)
@@ -111,7 +111,7 @@ int ls(const ReadOptions& options, Output& output)
 }
 
 void treeBelow(const ReadOptions& options, Output& output, const KeyPath& path, const obreg::Key& key,
-               const std::string& lead, size_t depth)
+               const std::string& lead, uint64_t depth)
 {
     KeyContent content = readKey(key, path, options.values ? Read::All : Read::SubKeys);
     const bool deeper = depth < options.depth && !content.subKeys.empty();
@@ -167,10 +167,11 @@ int info(const ReadOptions& options, Output& output)
 using Action = int (*)(const ReadOptions&, Output&);
 
 /// What all of them begin with: a KEY, and the options kept until it runs.
-std::shared_ptr<ReadOptions> withKey(CLI::App& app)
+std::shared_ptr<ReadOptions> withKey(Arguments& arguments)
 {
     auto pOptions = std::make_shared<ReadOptions>();
-    app.add_option("KEY", pOptions->key, "Key, such as HKLM/Software/Acme or 'HKLM\\Software\\Acme'")->required();
+    arguments.text("KEY", pOptions->key, "Key, such as HKLM/Software/Acme or 'HKLM\\Software\\Acme'",
+                   Arguments::Required);
     return pOptions;
 }
 
@@ -181,34 +182,34 @@ Run running(Action action, const std::shared_ptr<ReadOptions>& pOptions)
 
 } // namespace
 
-Run declareQuery(CLI::App& app)
+Run declareQuery(Arguments& arguments)
 {
-    const auto pOptions = withKey(app);
-    const CLI::Option* const pName =
-        app.add_option("-v,--value", pOptions->name, "Show this value only; @ for the unnamed");
-    app.add_flag("-s,--recursive", pOptions->recursive, "Show all keys below as well")->excludes("--value");
-    return
-        [=](Output& output) { return pName->count() != 0 ? queryValue(*pOptions, output) : query(*pOptions, output); };
+    const auto pOptions = withKey(arguments);
+    arguments.text("-v,--value", pOptions->name, "Show this value only; @ for the unnamed");
+    arguments.flag("-s,--recursive", pOptions->recursive, "Show all keys below as well", "--value");
+    return [=, &arguments](Output& output) {
+        return arguments.given("--value") ? queryValue(*pOptions, output) : query(*pOptions, output);
+    };
 }
 
-Run declareGet(CLI::App& app)
+Run declareGet(Arguments& arguments)
 {
-    const auto pOptions = withKey(app);
-    app.add_option("NAME", pOptions->name, "Value's name; without it the unnamed value");
-    app.add_flag("--raw", pOptions->raw, "The stored bytes, and nothing else");
+    const auto pOptions = withKey(arguments);
+    arguments.text("NAME", pOptions->name, "Value's name; without it the unnamed value");
+    arguments.flag("--raw", pOptions->raw, "The stored bytes, and nothing else");
     return running(get, pOptions);
 }
 
-Run declareLs(CLI::App& app) { return running(ls, withKey(app)); }
+Run declareLs(Arguments& arguments) { return running(ls, withKey(arguments)); }
 
-Run declareTree(CLI::App& app)
+Run declareTree(Arguments& arguments)
 {
-    const auto pOptions = withKey(app);
-    app.add_option("--depth", pOptions->depth, "Levels to show");
-    app.add_flag("--values", pOptions->values, "Show the values as well");
+    const auto pOptions = withKey(arguments);
+    arguments.number("--depth", pOptions->depth, "Levels to show");
+    arguments.flag("--values", pOptions->values, "Show the values as well");
     return running(tree, pOptions);
 }
 
-Run declareInfo(CLI::App& app) { return running(info, withKey(app)); }
+Run declareInfo(Arguments& arguments) { return running(info, withKey(arguments)); }
 
 } // namespace obregtool

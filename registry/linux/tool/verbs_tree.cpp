@@ -105,26 +105,27 @@ int compare(const TwoKeys& options, Output& output)
     return comparison.different() ? ExitDifferent : ExitDone;
 }
 
-std::shared_ptr<TwoKeys> withTwoKeys(CLI::App& app, const char* pFrom, const char* pTo)
+std::shared_ptr<TwoKeys> withTwoKeys(Arguments& arguments, const char* pFrom, const char* pTo)
 {
     auto pOptions = std::make_shared<TwoKeys>();
-    app.add_option("FROM", pOptions->from, pFrom)->required();
-    app.add_option("TO", pOptions->to, pTo)->required();
-    app.add_flag("-s,--recursive", pOptions->recursive, "With all keys below");
+    arguments.text("FROM", pOptions->from, pFrom, Arguments::Required);
+    arguments.text("TO", pOptions->to, pTo, Arguments::Required);
+    arguments.flag("-s,--recursive", pOptions->recursive, "With all keys below");
     return pOptions;
 }
 
 } // namespace
 
-Run declareCopy(CLI::App& app)
+Run declareCopy(Arguments& arguments)
 {
-    const auto pOptions = withTwoKeys(app, "Key to copy", "Key to copy to; what it has of the same name is replaced");
+    const auto pOptions =
+        withTwoKeys(arguments, "Key to copy", "Key to copy to; what it has of the same name is replaced");
     return [=](Output& output) { return copy(*pOptions, output); };
 }
 
-Run declareCompare(CLI::App& app)
+Run declareCompare(Arguments& arguments)
 {
-    const auto pOptions = withTwoKeys(app, "Key to begin from", "Key to compare with it");
+    const auto pOptions = withTwoKeys(arguments, "Key to begin from", "Key to compare with it");
     return [=](Output& output) { return compare(*pOptions, output); };
 }
 

@@ -128,50 +128,50 @@ int removeKey(const WriteOptions& options, Output& output)
     return ExitDone;
 }
 
-std::shared_ptr<WriteOptions> withKey(CLI::App& app)
+std::shared_ptr<WriteOptions> withKey(Arguments& arguments)
 {
     auto pOptions = std::make_shared<WriteOptions>();
-    app.add_option("KEY", pOptions->key, "Key, such as HKLM/Software/Acme or 'HKLM\\Software\\Acme'")->required();
+    arguments.text("KEY", pOptions->key, "Key, such as HKLM/Software/Acme or 'HKLM\\Software\\Acme'",
+                   Arguments::Required);
     return pOptions;
 }
 
-void addDataOptions(CLI::App& app, WriteOptions& options)
+void addDataOptions(Arguments& arguments, WriteOptions& options)
 {
-    app.add_option("-t,--type", options.type,
+    arguments.text("-t,--type", options.type,
                    "Type by name or number [REG_SZ; REG_MULTI_SZ for several texts, REG_BINARY for a file]");
-    app.add_option("--data-file", options.dataFile, "Store this file's bytes as they are; - for standard input");
-    app.add_option("--separator", options.separator, "Take one text apart at this into the strings of a REG_MULTI_SZ");
+    arguments.text("--data-file", options.dataFile, "Store this file's bytes as they are; - for standard input");
+    arguments.text("--separator", options.separator, "Take one text apart at this into the strings of a REG_MULTI_SZ");
 }
 
-void addYes(CLI::App& app, WriteOptions& options)
+void addYes(Arguments& arguments, WriteOptions& options)
 {
-    app.add_flag("-y,--yes", options.yes, "Do not ask before deleting a key that has sub-keys");
+    arguments.flag("-y,--yes", options.yes, "Do not ask before deleting a key that has sub-keys");
 }
 
 } // namespace
 
-Run declareAdd(CLI::App& app)
+Run declareAdd(Arguments& arguments)
 {
-    const auto pOptions = withKey(app);
-    const CLI::Option* const pName = app.add_option("-v,--value", pOptions->name, "Value's name; @ for the unnamed");
-    app.add_option("-d,--data", pOptions->data,
-                   "Text, number, or bytes as hexadecimal digits; several for REG_MULTI_SZ")
-        ->expected(1)
-        ->take_all();
-    addDataOptions(app, *pOptions);
-    return [=, &app](Output& output) {
-        const bool value = pName->count() + app.count("--data") + app.count("--data-file") + app.count("--type") != 0;
+    const auto pOptions = withKey(arguments);
+    arguments.text("-v,--value", pOptions->name, "Value's name; @ for the unnamed");
+    arguments.texts("-d,--data", pOptions->data,
+                    "Text, number, or bytes as hexadecimal digits; several for REG_MULTI_SZ");
+    addDataOptions(arguments, *pOptions);
+    return [=, &arguments](Output& output) {
+        const bool value = arguments.given("--value") || arguments.given("--data") || arguments.given("--data-file") ||
+                           arguments.given("--type");
         return value ? store(*pOptions, output) : createKey(*pOptions, output);
     };
 }
 
-Run declareSet(CLI::App& app)
+Run declareSet(Arguments& arguments)
 {
-    const auto pOptions = withKey(app);
-    app.add_option("NAME", pOptions->name, "Value's name; @ for the unnamed")->required();
-    app.add_option("DATA", pOptions->data,
-                   "Text, number, or bytes as hexadecimal digits; several for REG_MULTI_SZ; - for standard input");
-    addDataOptions(app, *pOptions);
+    const auto pOptions = withKey(arguments);
+    arguments.text("NAME", pOptions->name, "Value's name; @ for the unnamed", Arguments::Required);
+    arguments.texts("DATA", pOptions->data,
+                    "Text, number, or bytes as hexadecimal digits; several for REG_MULTI_SZ; - for standard input");
+    addDataOptions(arguments, *pOptions);
     return [=](Output& output) {
         if (pOptions->data == std::vector<std::string>{"-"}) {
             pOptions->data.clear();
@@ -183,28 +183,26 @@ Run declareSet(CLI::App& app)
     };
 }
 
-Run declareDelete(CLI::App& app)
+Run declareDelete(Arguments& arguments)
 {
-    const auto pOptions = withKey(app);
-    const CLI::Option* const pName =
-        app.add_option("-v,--value", pOptions->name, "Delete this value only; @ for the unnamed");
-    app.add_flag("--all-values", pOptions->allValues, "Delete the key's values and keep the key")->excludes("--value");
-    addYes(app, *pOptions);
-    return [=](Output& output) {
-        return pName->count() != 0   ? removeValue(*pOptions, output)
-               : pOptions->allValues ? removeAllValues(*pOptions, output)
-                                     : removeKey(*pOptions, output);
+    const auto pOptions = withKey(arguments);
+    arguments.text("-v,--value", pOptions->name, "Delete this value only; @ for the unnamed");
+    arguments.flag("--all-values", pOptions->allValues, "Delete the key's values and keep the key", "--value");
+    addYes(arguments, *pOptions);
+    return [=, &arguments](Output& output) {
+        return arguments.given("--value") ? removeValue(*pOptions, output)
+               : pOptions->allValues      ? removeAllValues(*pOptions, output)
+                                          : removeKey(*pOptions, output);
     };
 }
 
-Run declareRm(CLI::App& app)
+Run declareRm(Arguments& arguments)
 {
-    const auto pOptions = withKey(app);
-    const CLI::Option* const pName =
-        app.add_option("NAME", pOptions->name, "Delete this value only; @ for the unnamed");
-    addYes(app, *pOptions);
-    return [=](Output& output) {
-        return pName->count() != 0 ? removeValue(*pOptions, output) : removeKey(*pOptions, output);
+    const auto pOptions = withKey(arguments);
+    arguments.text("NAME", pOptions->name, "Delete this value only; @ for the unnamed");
+    addYes(arguments, *pOptions);
+    return [=, &arguments](Output& output) {
+        return arguments.given("NAME") ? removeValue(*pOptions, output) : removeKey(*pOptions, output);
     };
 }
 

@@ -1,0 +1,104 @@
+#include "arguments.h"
+
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+
+#include "errors.h"
+
+namespace obregtool {
+
+namespace {
+
+constexpr double MostSeconds = 1e6;
+
+} // namespace
+
+CLI::Option& Arguments::add(CLI::Option* pOption, bool takesValue)
+{
+    if (pOption->get_positional()) {
+        m_positionals.push_back(pOption->get_name(true));
+        return *pOption;
+    }
+    Option option{{}, takesValue};
+    for (const std::string& name : pOption->get_lnames())
+        option.names.push_back("--" + name);
+    for (const std::string& name : pOption->get_snames())
+        option.names.push_back('-' + name);
+    m_options.push_back(std::move(option));
+    return *pOption;
+}
+
+void Arguments::text(const char* pNames, std::string& text, const char* pHelp, Need need)
+{
+    add(m_app.add_option(pNames, text, pHelp), true).required(need == Required);
+}
+
+void Arguments::texts(const char* pNames, std::vector<std::string>& texts, const char* pHelp)
+{
+    CLI::Option& option = add(m_app.add_option(pNames, texts, pHelp), true);
+    if (!option.get_positional()) // one for each time, so that a positional argument may follow
+        option.expected(1)->take_all();
+}
+
+void Arguments::choice(const char* pNames, std::string& text, const char* pType,
+                       const std::vector<std::string>& choices, const char* pHelp)
+{
+    add(m_app.add_option(pNames, text, pHelp), true).check(CLI::IsMember(choices))->type_name(pType);
+}
+
+void Arguments::number(const char* pNames, uint64_t& number, const char* pHelp)
+{
+    add(m_app.add_option(pNames, number, pHelp), true);
+}
+
+void Arguments::seconds(const char* pNames, double& seconds, double least, const char* pHelp)
+{
+    CLI::Option& option = add(m_app.add_option(pNames, seconds, pHelp), true);
+    option.check(CLI::Range(least, MostSeconds))->type_name("SECONDS");
+    if (seconds != 0)
+        option.capture_default_str();
+}
+
+void Arguments::flag(const char* pNames, bool& flag, const char* pHelp, const char* pExcludedOption)
+{
+    CLI::Option& option = add(m_app.add_flag(pNames, flag, pHelp), false);
+    if (pExcludedOption != nullptr)
+        option.excludes(m_app.get_option(pExcludedOption));
+}
+
+bool Arguments::given(const char* pName) const { return m_app.count(pName) != 0; }
+
+CommandLine::CommandLine(const char* pDescription, const char* pName, const char* pFooter)
+    : m_pApp(std::make_unique<CLI::App>(pDescription, pName)), m_pCommon(std::make_unique<Arguments>(*m_pApp))
+{
+    m_pApp->footer(pFooter);
+    m_pApp->require_subcommand(1);
+    m_pApp->set_help_all_flag("--help-all", "The help of all verbs");
+}
+
+CommandLine::~CommandLine() = default;
+
+Arguments& CommandLine::addVerb(const char* pName, const char* pHelp)
+{
+    CLI::App* const pVerb = m_pApp->add_subcommand(pName, pHelp);
+    m_verbs.push_back({pVerb, std::make_unique<Arguments>(*pVerb)});
+    return *m_verbs.back().pArguments;
+}
+
+std::optional<size_t> CommandLine::parse(int argc, const char* const* argv, int& exitStatus)
+{
+    exitStatus = ExitUsage;
+    try {
+        m_pApp->parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        exitStatus = m_pApp->exit(error) == 0 ? ExitDone : ExitUsage;
+        return std::nullopt;
+    }
+    for (size_t i = 0; i < m_verbs.size(); ++i)
+        if (m_verbs[i].pApp->parsed())
+            return i;
+    return std::nullopt;
+}
+
+} // namespace obregtool
