@@ -47,7 +47,7 @@ if(bits EQUAL 32)
         "What is needed beside libobreg-dev to link 32-bit programs to libobreg.so,"
         "with pkg-config or with CMake.")
 else()
-    set(CPACK_COMPONENTS_ALL library linking development daemon)
+    set(CPACK_COMPONENTS_ALL library linking development daemon tool)
     obreg_package(library libobreg libs SCRIPTS ${ldconfig}
         DESCRIPTION "registry client library" ${about}
         "This is libobreg.so: ten functions in plain C, and a program's way to the"
@@ -61,13 +61,10 @@ else()
         DESCRIPTION "registry daemon" ${about}
         "This is obregd, which keeps the registry in a file, answers the clients of"
         "a local socket, and decides who may change what.")
-    if(TARGET obreg_tool)
-        list(APPEND CPACK_COMPONENTS_ALL tool)
-        obreg_package(tool obreg utils DEPENDS "libobreg ${same_version}"
-            DESCRIPTION "registry command line" ${about}
-            "This is obreg, which looks at the registry, changes it, exports and"
-            "imports it, from a shell.")
-    endif()
+    obreg_package(tool obreg utils DEPENDS "libobreg ${same_version}"
+        DESCRIPTION "registry command line" ${about}
+        "This is obreg, which looks at the registry, changes it, exports and"
+        "imports it, from a shell.")
 endif()
 
 include(CPack)

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Installs a build into a temporary root, moves that elsewhere, and builds the examples outside the tree against it,
-# through pkg-config and through CMake: install_test.sh BUILD EXAMPLES
+# through pkg-config and through CMake: install_test.sh BUILD SOURCES
 set -euo pipefail
 build=$(realpath "$1")
-examples=$(realpath "$2")
+sources=$(realpath "$2")
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 fail() { echo "$*"; exit 1; }
@@ -20,15 +20,15 @@ mv "$work/first" "$work/root"
 root=$work/root
 library=$(find "$root" -name libobreg.so)
 [ "$(wc -w <<<"$library")" = 1 ] || fail "expected one library, found: $library"
-if grep -rlI -e "$work/first" -e "$build" -e "$(dirname "$examples")" "$root" | grep .; then
+if grep -rlI -e "$work/first" -e "$build" -e "$sources" "$root" | grep .; then
     fail "these name a place that is not the installation's"
 fi
 
 # What else there must be, by the components of the build.
 expected=(include/obreg/{obreg.h,roots.h,registry.hpp,status.hpp,value.hpp} share/cmake/obreg/obreg-config.cmake)
 if grep -q ELF64 <<<"$class"; then
-    expected+=(sbin/obregd lib/systemd/system/obregd.{service,socket} lib/{sysusers,tmpfiles}.d/obregd.conf)
-    [ "$(value_of OBREG_TOOL)" != ON ] || expected+=(bin/obreg share/zsh/vendor-completions/_obreg)
+    expected+=(bin/obreg sbin/obregd lib/systemd/system/obregd.{service,socket} lib/{sysusers,tmpfiles}.d/obregd.conf
+               share/zsh/vendor-completions/_obreg)
     # The manual is there, or scdoc was not.
     [ "$(value_of OBREG_SCDOC)" = OBREG_SCDOC-NOTFOUND ] ||
         expected+=(share/man/man{3/OBRegCloseKey.3,7/obreg.7,8/obregd.8})
@@ -49,7 +49,7 @@ check() {
 }
 
 mkdir "$work/app"
-cp "$examples"/example.c "$examples"/example.cpp "$work/app"
+cp "$sources"/examples/example.{c,cpp} "$work/app"
 cd "$work/app"
 
 PKG_CONFIG_PATH=$(dirname "$(find "$root" -name obreg.pc)")
@@ -61,7 +61,9 @@ check "$work/app/c"
 check "$work/app/cpp"
 unset PKG_CONFIG_PATH
 
-cat >CMakeLists.txt <<'END'
+mkdir user part other
+cp example.c example.cpp user
+cat >user/CMakeLists.txt <<'END'
 cmake_minimum_required(VERSION 3.16)
 project(app C CXX)
 set(CMAKE_CXX_STANDARD 17)
@@ -71,17 +73,28 @@ add_executable(cpp example.cpp)
 target_link_libraries(c obreg::obreg)
 target_link_libraries(cpp obreg::obreg)
 END
+# configure SOURCE FLAG... : into SOURCE/out
 configure() {
-    cmake -S . -B "$1" -D CMAKE_PREFIX_PATH="$root" -D CMAKE_C_COMPILER="$cc" -D CMAKE_CXX_COMPILER="$cxx" \
+    cmake -S "$1" -B "$1/out" -D CMAKE_PREFIX_PATH="$root" -D CMAKE_C_COMPILER="$cc" -D CMAKE_CXX_COMPILER="$cxx" \
         -D CMAKE_C_FLAGS="${*:2}" -D CMAKE_CXX_FLAGS="${*:2}" >"$1.log" 2>&1
 }
-configure out "${cflags[@]}" || { cat out.log; fail "find_package does not find it"; }
-cmake --build out >build.log || { cat build.log; fail "what find_package finds does not build"; }
-check "$work/app/out/c"
-check "$work/app/out/cpp"
+configure user "${cflags[@]}" || { cat user.log; fail "find_package does not find it"; }
+cmake --build user/out >build.log || { cat build.log; fail "what find_package finds does not build"; }
+check "$work/app/user/out/c"
+check "$work/app/user/out/cpp"
+
+# As a part of another project: the library alone.
+cp example.c example.cpp part
+sed "s|^find_package.*|add_subdirectory($sources libobreg)|" user/CMakeLists.txt >part/CMakeLists.txt
+configure part "${cflags[@]}" || { cat part.log; fail "it cannot be a part of another project"; }
+cmake --build part/out >build.log || { cat build.log; fail "as a part of another project it does not build"; }
+[ -z "$(find part/out -name 'obregd*' -o -name '*_test')" ] || fail "as a part of another project it builds more than the library"
+library=$(find "$PWD/part/out" -name libobreg.so)
+check "$work/app/part/out/c"
 
 # The other word size is not there, and that is said.
 case ${cflags[*]-} in *-m32*) other=-m64 ;; *) other=-m32 ;; esac
+cp user/CMakeLists.txt other
 ! configure other "$other" || fail "find_package gives a library of the wrong word size"
 grep -q "bit libobreg" other.log || { cat other.log; fail "find_package does not say which library is missing"; }
 

@@ -10,8 +10,7 @@
 
 #include <gtest/gtest.h>
 
-#include "obreg/obreg.h"
-#include "obreg/roots.h"
+#include "obreg/registry.hpp"
 #include "support/log_capture.h"
 #include "support/running_daemon.h"
 #include "support/scripted_daemon.h"
@@ -71,6 +70,44 @@ protected:
 };
 
 } // namespace
+
+TEST_F(WithDaemon, ItsFiguresAreKeys)
+{
+    const auto figure = [](const char* pGroup, const std::string& name) {
+        return obreg::Key::open(obreg::performanceData(), pGroup).get<UINT64>(name);
+    };
+    const UINT64 before = figure("requests", "QUERYVALUE");
+    const HANDLE key = create(HKEY_LOCAL_MACHINE, "a");
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(set(key, "v", std::string(1000, 'x')), 0u);
+    EXPECT_EQ(figure("Requests", "QueryValue"), before + 1); // the one that asked before
+    EXPECT_EQ(figure("Requests", "SetValue"), 3u);
+    EXPECT_EQ(figure("Store", "Writes"), 4u);
+    EXPECT_EQ(figure("Clients", "Connected"), 1u);
+    EXPECT_GT(figure("Bytes", "Received"), 3000u);
+
+    std::map<std::string, size_t> groups;
+    for (const obreg::SubKey& group : obreg::performanceData().subKeys()) {
+        const obreg::Key open = obreg::Key::open(obreg::performanceData(), group.name);
+        const auto values = open.values();
+        groups[group.name] = static_cast<size_t>(std::distance(values.begin(), values.end()));
+        EXPECT_EQ(open.info().values, groups[group.name]);
+    }
+    EXPECT_EQ(groups, (std::map<std::string, size_t>{{"Requests", 11}, {"Store", 3}, {"Clients", 3}, {"Bytes", 3}}));
+
+    HANDLE requests = nullptr;
+    EXPECT_EQ(OBRegOpenKeyExA(HKEY_PERFORMANCE_DATA, "Requests", 0, KEY_READ, &requests), 0u);
+    EXPECT_EQ(set(requests, "SetValue", "x"), OBREG_STATUS_ACCESS_DENIED);
+    EXPECT_EQ(set(HKEY_PERFORMANCE_DATA, "new", "x"), OBREG_STATUS_ACCESS_DENIED);
+    EXPECT_EQ(OBRegDeleteKeyA(HKEY_PERFORMANCE_DATA, "Requests"), OBREG_STATUS_ACCESS_DENIED);
+    EXPECT_EQ(OBRegDeleteValueA(requests, "SetValue"), OBREG_STATUS_ACCESS_DENIED);
+    HANDLE none = nullptr;
+    EXPECT_EQ(OBRegCreateKeyExA(requests, "new", 0, nullptr, 0, KEY_READ, nullptr, &none, nullptr),
+              OBREG_STATUS_ACCESS_DENIED);
+    EXPECT_EQ(OBRegOpenKeyExA(HKEY_PERFORMANCE_DATA, "None", 0, KEY_READ, &none), OBREG_STATUS_NOT_FOUND);
+    EXPECT_EQ(OBRegCloseKey(requests), 0u);
+    EXPECT_EQ(OBRegCloseKey(reinterpret_cast<HANDLE>(15)), OBREG_STATUS_BAD_HANDLE); // no group has that number
+}
 
 TEST_F(WithDaemon, TreeOfKeys)
 {

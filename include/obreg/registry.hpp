@@ -291,6 +291,7 @@ inline Key classesRoot() { return Key::root(HKEY_CLASSES_ROOT); }
 inline Key currentUser() { return Key::root(HKEY_CURRENT_USER); }
 inline Key localMachine() { return Key::root(HKEY_LOCAL_MACHINE); }
 inline Key users() { return Key::root(HKEY_USERS); }
+inline Key performanceData() { return Key::root(HKEY_PERFORMANCE_DATA); }
 
 namespace detail {
 

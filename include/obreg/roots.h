@@ -15,6 +15,8 @@
 #define HKEY_CURRENT_USER ((HANDLE)(uintptr_t)0x80000001u)
 #define HKEY_LOCAL_MACHINE ((HANDLE)(uintptr_t)0x80000002u)
 #define HKEY_USERS ((HANDLE)(uintptr_t)0x80000003u)
+/* What the daemon counts of its own work, for reading only. */
+#define HKEY_PERFORMANCE_DATA ((HANDLE)(uintptr_t)0x80000004u)
 
 /* Statuses of the daemon; each is of the error class. */
 /* The key or value does not exist. */

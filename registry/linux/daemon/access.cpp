@@ -22,7 +22,7 @@ constexpr UINT32 WriteBits =
 bool mayWrite(const Peer& peer, Owner owner)
 {
     static const uid_t own = geteuid();
-    return peer.uid == 0 || peer.uid == own || owner == static_cast<Owner>(peer.uid);
+    return owner != NobodysOwner && (peer.uid == 0 || peer.uid == own || owner == static_cast<Owner>(peer.uid));
 }
 
 bool asksToWrite(UINT32 access) { return (access & WriteBits) != 0; }

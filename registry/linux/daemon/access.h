@@ -22,6 +22,7 @@ struct Peer {
 /// key, so that a check needs no walk to the root.
 using Owner = int64_t;
 inline constexpr Owner MachineOwner = -1;
+inline constexpr Owner NobodysOwner = -2; ///< of what nobody may write, not even root
 
 /// True for the owner of the tree, for root and for the daemon's own user.
 bool mayWrite(const Peer& peer, Owner owner);

@@ -24,6 +24,8 @@ std::optional<Failure> runTogether(WritableStore& store, std::span<WriteJob> job
         for (WriteJob& job : jobs)
             job.reply = job.pOperation->serve({store, &store, job.peer}, job.request.text());
         store.commit();
+        count(Figure::Commits);
+        count(Figure::Writes, static_cast<int64_t>(jobs.size()));
         return std::nullopt;
     } catch (const SQLite::Exception& failure) {
         store.rollback();
@@ -76,6 +78,7 @@ void Committer::finish()
 void Committer::run(WritableStore& store, std::span<WriteJob> jobs)
 {
     if (const auto failure = runTogether(store, jobs)) {
+        count(Figure::FailedTransactions);
         logLine(LOG_ERR, "the store failed in a transaction (writes: %zu): %s; what cannot be done is refused",
                 jobs.size(), failure->reason.c_str());
         runApart(store, jobs, *failure);

@@ -26,6 +26,8 @@ Connection::Connection(ConnectionHost& host, Socket socket, const Peer& peer)
       m_committed(m_socket.get_executor(), asio::steady_timer::time_point::max())
 {
     m_socket.non_blocking(true);
+    count(Figure::Accepted);
+    count(Figure::Connected);
     logLine(LOG_DEBUG, "uid %u, process %d: connected", peer.uid, peer.pid);
 }
 
@@ -33,6 +35,7 @@ Connection::~Connection()
 {
     m_host.holds(-static_cast<ptrdiff_t>(held()));
     m_host.forget(*this);
+    count(Figure::Connected, -1);
     logLine(LOG_DEBUG, "uid %u, process %d: disconnected", m_peer.uid, m_peer.pid);
 }
 
@@ -50,6 +53,7 @@ asio::awaitable<void> Connection::run()
         const auto [error, bytes] = co_await m_socket.async_read_some(room(), token);
         if (error || m_stopped)
             break;
+        count(Figure::BytesReceived, static_cast<int64_t>(bytes));
         arrived(bytes);
     }
     m_stopped = true;
@@ -132,6 +136,7 @@ void Connection::arrived(size_t bytes)
 void Connection::serve(std::string_view request)
 {
     const Operation* const pOperation = findOperation(request);
+    countRequest(pOperation != nullptr ? pOperation->type : ReqMessage::UnknownReqMsgType);
     if (pOperation == nullptr)
         return queue(m_reqId, Reply());
     if (pOperation->writes)
@@ -212,6 +217,7 @@ void Connection::waitToSend()
 
 void Connection::dropSent(size_t bytes)
 {
+    count(Figure::BytesSent, static_cast<int64_t>(bytes));
     m_outSent += bytes;
     while (!m_out.empty() && m_outSent >= m_out.front().size()) {
         m_outSent -= m_out.front().size();
@@ -232,6 +238,7 @@ void Connection::cutOff(const std::string& reason)
 {
     if (!m_socket.is_open())
         return;
+    count(Figure::CutOff);
     logLine(LOG_WARNING, "uid %u, process %d: %s; the connection is closed", m_peer.uid, m_peer.pid, reason.c_str());
     close();
 }

@@ -12,11 +12,9 @@
 #include <limits>
 #include <unordered_map>
 
-#include "obreg/obreg.h"
+#include "daemon/tree.h"
 
 namespace obregd {
-
-using KeyId = int64_t;
 
 /// Something worked out about keys. It holds for a key until the key changes: the last write time, which grows with
 /// every change, tells.

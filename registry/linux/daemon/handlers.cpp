@@ -11,11 +11,14 @@ namespace {
 
 constexpr REGSTATUS Success = OBREG_STATUS_SUCCESS;
 
-/// The predefined roots that are rows of the store, by handle.
+/// The predefined roots that are always the same key, by handle.
 const struct {
     HANDLE handle;
     KeyId id;
-} Roots[] = {{HKEY_CLASSES_ROOT, ClassesId}, {HKEY_LOCAL_MACHINE, MachineId}, {HKEY_USERS, UsersId}};
+} Roots[] = {{HKEY_CLASSES_ROOT, ClassesId},
+             {HKEY_LOCAL_MACHINE, MachineId},
+             {HKEY_USERS, UsersId},
+             {HKEY_PERFORMANCE_DATA, PerformanceId}};
 
 HANDLE handleOf(KeyId id)
 {
@@ -39,7 +42,7 @@ KeyId currentUser(const Session& session)
     return session.writer().addKey(UsersId, name, static_cast<Owner>(session.peer.uid));
 }
 
-/// The row number that a handle stands for; the row may be gone, or never have been there.
+/// The number of the key that a handle stands for; the key may be gone, or never have been there.
 KeyId idOf(const Session& session, HANDLE handle)
 {
     if (handle == HKEY_CURRENT_USER)
@@ -48,16 +51,16 @@ KeyId idOf(const Session& session, HANDLE handle)
         if (root.handle == handle)
             return root.id;
     const auto number = reinterpret_cast<uintptr_t>(handle);
-    return number >= FirstKeyId && number <= LastKeyId ? static_cast<KeyId>(number) : 0;
+    return number > PerformanceId && number <= LastKeyId ? static_cast<KeyId>(number) : 0;
 }
 
 REGSTATUS findById(const Session& session, KeyId id, Key& key)
 {
-    if (const auto found = session.store.key(id)) {
+    if (const auto found = session.at(id).key(id)) {
         key = *found;
         return Success;
     }
-    return session.store.wasIssued(id) ? OBREG_STATUS_KEY_DELETED : OBREG_STATUS_BAD_HANDLE;
+    return session.at(id).wasIssued(id) ? OBREG_STATUS_KEY_DELETED : OBREG_STATUS_BAD_HANDLE;
 }
 
 REGSTATUS findByHandle(const Session& session, HANDLE handle, Key& key)
@@ -71,13 +74,13 @@ size_t follow(const Session& session, const std::vector<std::string>& names, Key
     size_t found = 0;
     KeyId id = key.id;
     for (; found < names.size(); ++found) {
-        const auto child = session.store.child(id, names[found]);
+        const auto child = session.at(id).child(id, names[found]);
         if (!child)
             break;
         id = *child;
     }
     if (id != key.id)
-        key = session.store.key(id).value();
+        key = session.at(id).key(id).value();
     return found;
 }
 
@@ -202,7 +205,7 @@ REGSTATUS queryValue(const Session& session, const QueryValueReqMsg& request, UI
     if (!isValueName(request.m_valueName))
         return OBREG_STATUS_BAD_NAME;
     const KeyId id = idOf(session, request.m_keyHandle);
-    if (const auto value = session.store.value(id, request.m_valueName)) {
+    if (const auto value = session.at(id).value(id, request.m_valueName)) {
         type = value->type;
         pData = value->pData;
         length = value->length;
@@ -228,7 +231,7 @@ REGSTATUS enumKey(const Session& session, const EnumKeyReqMsg& request, const ch
     const REGSTATUS status = findByHandle(session, request.m_keyHandle, key);
     if (status != Success)
         return status;
-    const auto entry = session.store.subKeyAt(key, request.m_index);
+    const auto entry = session.at(key.id).subKeyAt(key, request.m_index);
     if (!entry)
         return OBREG_STATUS_NO_MORE_ENTRIES;
     pName = entry->pName;
@@ -243,7 +246,7 @@ REGSTATUS enumValue(const Session& session, const EnumValueReqMsg& request, cons
     const REGSTATUS status = findByHandle(session, request.m_keyHandle, key);
     if (status != Success)
         return status;
-    const auto entry = session.store.valueAt(key, request.m_index);
+    const auto entry = session.at(key.id).valueAt(key, request.m_index);
     if (!entry)
         return OBREG_STATUS_NO_MORE_ENTRIES;
     pName = entry->pName;
@@ -261,7 +264,7 @@ REGSTATUS queryInfoKey(const Session& session, const QueryInfoKeyReqMsg& request
     const REGSTATUS status = findByHandle(session, request.m_keyHandle, key);
     if (status != Success)
         return status;
-    const Longest longest = session.store.longest(key);
+    const Longest longest = session.at(key.id).longest(key);
     subKeys = key.subKeys;
     longestSubKey = longest.subKeyName;
     longestClass = 0; // keys have no classes here

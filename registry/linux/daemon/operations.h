@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "common/msgproto.h"
+#include "daemon/figures.h"
 #include "daemon/store.h"
 
 namespace obregd {
@@ -24,6 +25,13 @@ struct Session {
     WritableStore* pWriter; ///< the same store when it can be written, else null
     Peer peer;
 
+    /// Where the key of that number is to be found.
+    Tree& at(KeyId id) const
+    {
+        if (id >= PerformanceId && id < FirstKeyId)
+            return figureTree();
+        return store;
+    }
     WritableStore& writer() const
     {
         if (pWriter == nullptr)

@@ -114,6 +114,7 @@ void Server::answer(Batch& batch)
 void Server::holds(ptrdiff_t more)
 {
     m_held += static_cast<size_t>(more);
+    count(Figure::BytesHeld, more);
     if (more <= 0 || m_held <= m_limits.maxHeld)
         return;
     const auto most = std::max_element(m_connections.begin(), m_connections.end(),

@@ -8,71 +8,30 @@
 // A Store reads. The one WritableStore of a process also writes, inside begin() and commit(); other Stores see what has
 // been committed. Each belongs to one thread. Reading never waits for writing.
 //
-// Pointers in results hold until the next call on the same store. Whatever fails throws SQLite::Exception.
+// Whatever fails throws SQLite::Exception.
 #ifndef OBREG_DAEMON_STORE_H
 #define OBREG_DAEMON_STORE_H
 
 #include <SQLiteCpp/SQLiteCpp.h>
-#include <optional>
 #include <string>
 
-#include "daemon/access.h"
 #include "daemon/enumeration.h"
+#include "daemon/tree.h"
 
 namespace obregd {
 
-/// The predefined roots' rows, there from the beginning. Numbers below FirstKeyId are never handed out as handles.
-inline constexpr KeyId ClassesId = 1;
-inline constexpr KeyId MachineId = 2;
-inline constexpr KeyId UsersId = 3;
-inline constexpr KeyId FirstKeyId = 16;
-inline constexpr KeyId LastKeyId = 0x7FFFFFFF;
-
-struct Key {
-    KeyId id;
-    KeyId parent;
-    Owner owner;
-    uint64_t written; ///< last write time, 100 ns units since 1601-01-01 UTC; grows with every change of the key
-    UINT32 subKeys;
-    UINT32 values;
-};
-
-struct Value {
-    UINT32 type;
-    const char* pData;
-    UINT32 length;
-};
-
-struct SubKeyEntry {
-    const char* pName;
-    uint64_t written;
-};
-
-struct ValueEntry {
-    const char* pName;
-    Value value;
-};
-
-/// The greatest lengths among a key's entries.
-struct Longest {
-    UINT32 subKeyName;
-    UINT32 valueName;
-    UINT32 valueData;
-};
-
-class Store {
+class Store : public Tree {
 public:
     /// Opens for reading what a WritableStore of this process has open.
     explicit Store(const std::string& path) : Store(path, SQLite::OPEN_READONLY) {}
 
-    std::optional<Key> key(KeyId id);
-    std::optional<KeyId> child(KeyId parent, const std::string& name);
-    /// Whether the number was ever given to a key, one that is deleted by now included.
-    bool wasIssued(KeyId id);
-    std::optional<Value> value(KeyId key, const std::string& name);
-    std::optional<SubKeyEntry> subKeyAt(const Key& key, UINT32 index);
-    std::optional<ValueEntry> valueAt(const Key& key, UINT32 index);
-    Longest longest(const Key& key);
+    std::optional<Key> key(KeyId id) override;
+    std::optional<KeyId> child(KeyId parent, const std::string& name) override;
+    bool wasIssued(KeyId id) override;
+    std::optional<Value> value(KeyId key, const std::string& name) override;
+    std::optional<SubKeyEntry> subKeyAt(const Key& key, UINT32 index) override;
+    std::optional<ValueEntry> valueAt(const Key& key, UINT32 index) override;
+    Longest longest(const Key& key) override;
 
     /// Keeps the reads of its lifetime on one state of the store. Inside a write transaction that is so anyway.
     class Snapshot {

@@ -125,8 +125,8 @@ bool isVerb(const char* pName)
 }
 
 constexpr const char* Footer =
-    "Keys are written HKLM/Software/Acme or 'HKLM\\Software\\Acme'; HKCR, HKCU, HKLM, HKU and the long names are "
-    "known.\n"
+    "Keys are written HKLM/Software/Acme or 'HKLM\\Software\\Acme'; HKCR, HKCU, HKLM, HKU, HKPD and the long names "
+    "are known.\n"
     "In a pipe each fact is a line of fields separated by tabs. Names are written as they are, with control "
     "characters\n"
     "as \\xHH; in data \\\\ \\t \\n \\r \\0 and \\xHH stand for the bytes that would not be text, numbers are decimal, "

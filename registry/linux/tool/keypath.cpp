@@ -12,9 +12,7 @@ const std::vector<Root>& roots()
     static const std::vector<Root> all = {
         {"HKLM", "HKEY_LOCAL_MACHINE", HKEY_LOCAL_MACHINE},       {"HKCU", "HKEY_CURRENT_USER", HKEY_CURRENT_USER},
         {"HKCR", "HKEY_CLASSES_ROOT", HKEY_CLASSES_ROOT},         {"HKU", "HKEY_USERS", HKEY_USERS},
-#ifdef HKEY_PERFORMANCE_DATA
         {"HKPD", "HKEY_PERFORMANCE_DATA", HKEY_PERFORMANCE_DATA},
-#endif
     };
     return all;
 }

@@ -1,0 +1,80 @@
+#!/usr/bin/env python3
+"""The examples and what the README shows, run as a reader would:
+examples_test.py OBREGD SOURCES LIBRARY PROGRAM...
+
+PROGRAMs are the built examples. The README's blocks in C, C++ and Python are built and run, its console blocks typed
+line by line, and what they print compared. Runs in a mount namespace of its own (in-namespace.sh).
+"""
+import os
+import re
+import struct
+import subprocess
+import sys
+import tempfile
+import time
+
+daemon, sources, library, *programs = sys.argv[1:]
+SOCKET = "/var/opt/quorlin/ombrel/obregd/reg-socket"
+folder = os.path.dirname(library)
+with open(library, "rb") as elf:
+    bits = {1: 32, 2: 64}[elf.read(5)[4]]
+with open(os.path.join(sources, "README.md"), encoding="utf-8") as readme:
+    text = readme.read()
+
+work = tempfile.TemporaryDirectory()
+os.chdir(work.name)
+os.environ["LD_LIBRARY_PATH"] = folder
+os.environ["PATH"] = folder + ":" + os.path.dirname(daemon) + ":" + os.environ["PATH"]
+
+
+def run(*words):
+    done = subprocess.run(words, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=60, check=False, text=True)
+    if done.returncode != 0:
+        sys.exit(f"{' '.join(words)} ends with {done.returncode}:\n{done.stdout}")
+    return done.stdout
+
+
+def blocks(language):
+    found = re.findall(rf"^```{language}\n(.*?)^```", text, re.M | re.S)
+    if not found:
+        sys.exit(f"the README has no block in {language}")
+    return found
+
+
+def compile_and_run(block, compiler, suffix, standard):
+    with open("block" + suffix, "w", encoding="utf-8") as file:
+        file.write(block)
+    run(compiler, f"-m{bits}", "-std=" + standard, "-Wall", "-Wextra", "-Werror", "block" + suffix,
+        "-I" + os.path.join(sources, "include"), "-L" + folder, "-lobreg", "-o", "block")
+    run("./block")
+
+
+def type_in(block):
+    """Commands after "$ ", each with the lines that it prints."""
+    for command, expected in re.findall(r"^\$ (.*)\n((?:(?!\$ ).*\n)*)", block, re.M):
+        printed = run("sh", "-c", command)
+        if printed != expected:
+            sys.exit(f"{command}\nprints\n{printed}and should print\n{expected}")
+
+
+with subprocess.Popen([daemon], stderr=subprocess.DEVNULL) as process:
+    for _ in range(200):
+        if os.path.exists(SOCKET):
+            break
+        time.sleep(0.05)
+    os.environ["OMBREL_MAX_REGIPC_SETUP_TIME"] = "5"  # it may be there and not listening yet
+    try:
+        for program in programs:
+            print(run(program))
+        for one in blocks("c"):
+            compile_and_run(one, "cc", ".c", "c99")
+        for one in blocks("cpp"):
+            compile_and_run(one, "c++", ".cpp", "c++17")
+        if struct.calcsize("P") * 8 == bits:
+            print(run(sys.executable, os.path.join(sources, "examples", "example.py")))
+            for one in blocks("python"):
+                run(sys.executable, "-c", one)
+        for one in blocks("console"):
+            type_in(one)
+    finally:
+        process.terminate()

@@ -1,0 +1,240 @@
+// The C++ face: what it stores and reads through the real daemon; and, against a scripted one, what it does when a
+// value grows between two calls, when a range breaks off, and when a key closes.
+#include <filesystem>
+#include <limits>
+#include <mutex>
+
+#include <gtest/gtest.h>
+
+#include "obreg/registry.hpp"
+#include "support/running_daemon.h"
+#include "support/scripted_daemon.h"
+
+using namespace obreg;
+using namespace std::string_literals;
+
+namespace {
+
+class WithDaemon : public testing::Test {
+protected:
+    WithDaemon()
+    {
+        std::filesystem::remove(m_store);
+        m_daemon.start();
+        m_key = Key::create(localMachine(), "Software\\Acme");
+    }
+
+    /// Stores, and reads back both as it came and as it lies there.
+    template <class Type>
+    void expectStored(const Type& data, const Value& stored)
+    {
+        m_key.set("v", data);
+        EXPECT_EQ(m_key.get<Value>("v"), stored);
+        EXPECT_EQ(m_key.get<Type>("v"), data);
+    }
+
+    const std::string m_store = "/var/opt/quorlin/ombrel/obregd/registry.db";
+    RunningDaemon m_daemon{FixedSocketPath, m_store};
+    Key m_key;
+};
+
+TEST_F(WithDaemon, StoresEveryTypeAsItsKindOfValue)
+{
+    expectStored("text"s, {REG_SZ, "text\0"s});
+    expectStored(""s, {REG_SZ, "\0"s});
+    expectStored("in\0side"s, {REG_SZ, "in\0side\0"s});
+    expectStored(std::string(5000, 'x'), {REG_SZ, std::string(5000, 'x') + '\0'}); // more than the first room
+    expectStored(StringList{"a", "bc"}, {REG_MULTI_SZ, "a\0bc\0\0"s});
+    expectStored(StringList{}, {REG_MULTI_SZ, "\0"s});
+    expectStored(UINT32{0x01020304}, {REG_DWORD, "\4\3\2\1"});
+    expectStored(UINT64{0xF102030405060708}, {REG_QWORD, "\x08\7\6\5\4\3\2\xF1"});
+    expectStored(Bytes{std::byte{0}, std::byte{255}}, {REG_BINARY, "\0\xFF"s});
+    expectStored(Value{77, "\0"s}, {77, "\0"s});
+    m_key.set("v", "a literal");
+    EXPECT_EQ(m_key.get<std::string>("v"), "a literal");
+}
+
+TEST_F(WithDaemon, ReadsWhatOthersStoreWithoutTerminators)
+{
+    const struct {
+        Value stored;
+        const char* pText;
+        StringList list;
+    } cases[] = {
+        {{REG_SZ, "a"}, "a", {}},
+        {{REG_EXPAND_SZ, "$A\0"s}, "$A", {}},
+        {{REG_LINK, "\\x"}, "\\x", {}},
+        {{REG_MULTI_SZ, "a"}, "", {"a"}},
+        {{REG_MULTI_SZ, "a\0b"s}, "", {"a", "b"}},
+        {{REG_MULTI_SZ, "a\0\0b"s}, "", {"a"}},
+    };
+    for (const auto& one : cases) {
+        m_key.set("v", one.stored);
+        if (one.stored.type == REG_MULTI_SZ)
+            EXPECT_EQ(m_key.get<StringList>("v"), one.list);
+        else
+            EXPECT_EQ(m_key.get<std::string>("v"), one.pText);
+    }
+    m_key.set("v", Value{REG_DWORD_BIG_ENDIAN, "\1\2\3\4"});
+    EXPECT_EQ(m_key.get<UINT32>("v"), 0x01020304u);
+    EXPECT_EQ(m_key.get<UINT64>("v"), 0x01020304u);
+    m_key.set("v", Value{REG_DWORD, "\1\2\3"});
+    std::error_code error;
+    EXPECT_EQ(m_key.get<UINT32>("v", error), 0u);
+    EXPECT_EQ(error, Status::invalidParameter);
+}
+
+TEST_F(WithDaemon, TheUnnamedValueHasManyNames)
+{
+    m_key.set("", "x");
+    EXPECT_EQ(m_key.get<std::string>("@"), "x");
+    EXPECT_EQ(m_key.get<std::string>("default"), "x");
+    for (const char* const pName : {"", "@", "default"}) {
+        m_key.set("", "x");
+        m_key.removeValue(pName);
+        EXPECT_EQ(m_key.info().values, 0u) << pName;
+    }
+}
+
+TEST_F(WithDaemon, RangesGiveEveryEntry)
+{
+    const std::string longName(255, 'n');
+    m_key.set(longName, std::string(3000, 'd'));
+    m_key.set("b", UINT32{1});
+    Key::create(m_key, "sub\\below");
+    std::map<std::string, Value> values;
+    for (const auto& [name, value] : m_key.values())
+        values[name] = value;
+    EXPECT_EQ(values, (std::map<std::string, Value>{{longName, ValueOf<std::string>::encode(std::string(3000, 'd'))},
+                                                    {"b", ValueOf<UINT32>::encode(1)}}));
+    std::error_code error = Status::notFound;
+    for (const SubKey& subKey : m_key.subKeys(error)) {
+        EXPECT_EQ(subKey.name, "sub");
+        EXPECT_EQ(subKey.lastWriteTime, Key::open(m_key, "sub").info().lastWriteTime);
+    }
+    EXPECT_FALSE(error);
+    EXPECT_EQ(m_key.info().maxValueNameLength, 255u);
+}
+
+TEST_F(WithDaemon, ReportsFailuresByNameEitherWay)
+{
+    try {
+        Key::open(localMachine(), "Missing\\Key");
+        FAIL();
+    } catch (const std::system_error& error) {
+        EXPECT_EQ(error.code(), Status::notFound);
+        EXPECT_EQ(error.what(), "Missing\\Key: there is no such key or value (NOT_FOUND, C7F20002)"s);
+    }
+    bool created = false;
+    std::error_code error = Status::notFound;
+    const Key made = Key::create(m_key, "new", KEY_ALL_ACCESS, &created, error);
+    EXPECT_TRUE(made && created && !error);
+    Key::create(m_key, "new", KEY_ALL_ACCESS, &created, error);
+    EXPECT_FALSE(created || error);
+    m_key.remove("new", error);
+    EXPECT_FALSE(error);
+    EXPECT_EQ(made.info(error).subKeys, 0u);
+    EXPECT_EQ(error, Status::keyDeleted);
+    EXPECT_FALSE(Key::open(m_key, "new", KEY_READ, error));
+    EXPECT_EQ(error, Status::notFound);
+    m_key.set("v", Bytes{}, error);
+    EXPECT_EQ(error, Status::invalidParameter);
+    EXPECT_NE(errorCode(0xC7F2FFFF).message().find("C7F2FFFF"), std::string::npos); // one that nobody knows
+    for (const StatusText& text : statusTexts)
+        EXPECT_NE(errorCode(text.status).message().find(text.sentence), std::string::npos);
+}
+
+/// Answers each request of a type with the next of the replies, the last of them again and again.
+ScriptedDaemon::Script inTurn(std::map<std::string, std::vector<std::string>> replies)
+{
+    const auto pMutex = std::make_shared<std::mutex>();
+    return ScriptedDaemon::answering([replies, pMutex](const std::string& request) mutable {
+        const std::lock_guard lock(*pMutex);
+        std::vector<std::string>& left = replies.at(request.substr(4, 2));
+        const std::string reply = left.front();
+        if (left.size() > 1)
+            left.erase(left.begin());
+        return reply;
+    });
+}
+
+template <class Response>
+std::string valueReply(size_t length)
+{
+    const std::string data(length, 'x');
+    if constexpr (std::is_same_v<Response, EnumValueRespMsg>)
+        return encoded(
+            Response(0, std::string(length, 'n').c_str(), REG_BINARY, data.data(), static_cast<int>(length)));
+    else
+        return encoded(Response(0, REG_BINARY, data.data(), static_cast<int>(length)));
+}
+
+TEST(RegistryHpp, AsksAgainUntilAValueStopsGrowing)
+{
+    const std::string end = encoded(EnumValueRespMsg(OBREG_STATUS_NO_MORE_ENTRIES, "", 0, nullptr, 0));
+    std::vector<std::string> queries;
+    std::vector<std::string> entries;
+    for (const size_t length : {300u, 1000u, 5000u, 4000u}) { // shrinking fits
+        queries.push_back(valueReply<QueryValueRespMsg>(length));
+        entries.push_back(valueReply<EnumValueRespMsg>(length));
+    }
+    entries.push_back(end);
+    const ScriptedDaemon daemon(inTurn({{"08", queries}, {"06", entries}}));
+    EXPECT_EQ(localMachine().get<Bytes>("v").size(), 4000u);
+    size_t count = 0;
+    for (const auto& [name, value] : localMachine().values()) {
+        EXPECT_EQ(name, std::string(4000, 'n'));
+        EXPECT_EQ(value.data, std::string(4000, 'x'));
+        ++count;
+    }
+    EXPECT_EQ(count, 1u);
+}
+
+TEST(RegistryHpp, ARangeSaysHowItBrokeOff)
+{
+    const std::vector<std::string> replies = {encoded(EnumKeyRespMsg(0, "a", 1)),
+                                              encoded(EnumKeyRespMsg(OBREG_STATUS_KEY_DELETED, "", 0))};
+    const auto count = [](const Entries<SubKey>& range) { return std::distance(range.begin(), range.end()); };
+    std::error_code error;
+    {
+        const ScriptedDaemon daemon(inTurn({{"05", replies}}));
+        EXPECT_EQ(count(localMachine().subKeys(error)), 1);
+        EXPECT_EQ(error, Status::keyDeleted);
+    }
+    const ScriptedDaemon daemon(inTurn({{"05", replies}}));
+    EXPECT_THROW(count(localMachine().subKeys()), std::system_error);
+}
+
+TEST(RegistryHpp, AKeyClosesItselfOnce)
+{
+    std::atomic<int> closed{0};
+    const ScriptedDaemon daemon(ScriptedDaemon::answering([&closed](const std::string& request) {
+        if (request.compare(4, 2, "01") == 0) {
+            ++closed;
+            return encoded(CloseKeyRespMsg(0));
+        }
+        const bool missing = request.find("missing") != std::string::npos;
+        return encoded(OpenKeyRespMsg(missing ? OBREG_STATUS_NOT_FOUND : 0, reinterpret_cast<HANDLE>(0x2A)));
+    }));
+    {
+        Key key = Key::open(localMachine(), "a");
+        Key moved = std::move(key);
+        EXPECT_FALSE(key); // NOLINT: empty by contract
+        key = std::move(moved);
+        EXPECT_EQ(closed, 0);
+        std::error_code error;
+        EXPECT_FALSE(Key::open(localMachine(), "missing", KEY_READ, error)); // a handle that came with an error
+        const Key root = localMachine();
+        EXPECT_EQ(closed, 0);
+        key.close();
+        EXPECT_EQ(closed, 1);
+    }
+    EXPECT_EQ(closed, 1);
+    {
+        Key key = Key::open(localMachine(), "a");
+        key = Key::open(localMachine(), "b"); // what it had closes
+    }
+    EXPECT_EQ(closed, 3);
+}
+
+} // namespace
