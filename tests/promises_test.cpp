@@ -330,6 +330,26 @@ TEST(Signals, DoNotBreakAnExchange)
     EXPECT_EQ(daemon.connections(), 1); // no connection was lost
 }
 
+TEST(Signals, NorDoesAStop)
+{
+    const std::string self = std::to_string(getpid());
+    const std::string stopAndGoOn = "(kill -STOP " + self + "; sleep 0.02; kill -CONT " + self + ")";
+    const ScriptedDaemon daemon([&](ScriptedDaemon::Peer& peer) {
+        ScriptedDaemon::Request request;
+        while (peer.receive(request)) {
+            const std::string packet = ScriptedDaemon::Peer::packet(request.id, encoded(CloseKeyRespMsg(0)));
+            for (const size_t cut : {size_t{20}, size_t{60}}) { // in the header and in the payload
+                peer.send(packet.substr(cut == 20 ? 0 : 20, cut == 20 ? 20 : 40));
+                EXPECT_EQ(system(stopAndGoOn.c_str()), 0); // only another process can wake this one
+            }
+            peer.send(packet.substr(60));
+        }
+    });
+    Library library;
+    EXPECT_EQ(library.closeKey(key), 0u);
+    EXPECT_EQ(daemon.connections(), 1);
+}
+
 TEST(Exec, NoDescriptorSurvives)
 {
     const ScriptedDaemon daemon(answering());

@@ -68,7 +68,9 @@ void CChannel::openSocket()
         fcntl(m_socket, F_SETFD, FD_CLOEXEC);
         m_recvSocket = fcntl(m_socket, F_DUPFD_CLOEXEC, 0);
     }
+    const int error = errno;
     IPC_TRACE("CChannel::openSocket- End\n");
+    errno = error;
 }
 
 int CChannel::connectSocket()
@@ -296,12 +298,13 @@ void* CChannel::connectionThread(void* pSmartCChannel)
     IPC_TRACE("CChannel::connectionThread- Start, Obj = %08X\n", logAddress(pChannel));
     pthread_detach(pthread_self());
     pthread_setname_np(pthread_self(), "obreg-reader");
-    pChannel->m_registration.readerRuns();
+    LiveChannels::Reader reader = pChannel->m_registration.readerRuns();
     if (pChannel->m_state == State_Connected)
         pChannel->receivePackets();
     pChannel->failPendingReqs();
     delete pSmart; // perhaps the last reference: the channel is not touched after this
     IPC_TRACE("CChannel::connectionThread- End\n");
+    reader.ends();
     pthread_exit(nullptr); // no catch-all may stand around this: it unwinds
 }
 
@@ -368,14 +371,20 @@ bool CChannel::receiveData(uint32_t reqId, int payloadLength)
     return true;
 }
 
-/// recv of exactly `length` bytes, begun again when interrupted: the count, short at the stream's end, or -1.
+/// recv of exactly `length` bytes: the count, short when the stream ends or fails in between, or -1. Not everything
+/// that interrupts can be blocked (a stop and its continuation, a debugger, the C library's own signals), and it cuts a
+/// receive short that has begun; what is missing still comes.
 ssize_t CChannel::receive(char* pBuff, size_t length) const
 {
-    ssize_t count = 0;
-    do
-        count = recv(m_recvSocket, pBuff, length, MSG_WAITALL);
-    while (count == -1 && errno == EINTR);
-    return count;
+    size_t received = 0;
+    while (received < length) {
+        const ssize_t count = recv(m_recvSocket, pBuff + received, length - received, MSG_WAITALL);
+        if (count > 0)
+            received += static_cast<size_t>(count);
+        else if (count == 0 || errno != EINTR)
+            return count == 0 || received != 0 ? static_cast<ssize_t>(received) : -1;
+    }
+    return static_cast<ssize_t>(received);
 }
 
 /// The pending request of an id, or null with a line in the log; the channel lock is held.

@@ -6,12 +6,15 @@
 //
 // s_mutex guards changes of the list; it is a leaf in the lock order. The list is changed by single stores, and an
 // entry is out of it before it is freed: so a fork child, which may have been cut out of the middle of a change, can
-// walk it without the lock.
+// walk it without the lock. (The kernel copies descriptors before memory: a socket that another thread closes at that
+// moment can stay open in the child. It is a dead one.)
 #ifndef OBREG_CLIENT_LIVECHANNELS_H
 #define OBREG_CLIENT_LIVECHANNELS_H
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <ctime>
 #include <pthread.h>
 #include <sys/syscall.h>
@@ -31,6 +34,21 @@ class LiveChannels {
     };
 
 public:
+    /// A reader thread's word about itself; good after its channel is gone.
+    class Reader {
+    public:
+        explicit Reader(Entry* pEntry) : m_pEntry(pEntry), m_thread(static_cast<pid_t>(syscall(SYS_gettid)))
+        {
+            m_pEntry->reader.store(m_thread);
+        }
+        /// The last word: little is left to do.
+        void ends() { m_pEntry->reader.store(-m_thread); }
+
+    private:
+        Entry* const m_pEntry;
+        const pid_t m_thread;
+    };
+
     /// A channel's own entry, a member of it.
     class Registration {
     public:
@@ -45,17 +63,21 @@ public:
         /// ... when it could not be made ...
         void readerNotMade() { m_pEntry->reader.store(NoReader); }
         /// ... and by the reader thread itself, while the channel lives.
-        void readerRuns() { m_pEntry->reader.store(static_cast<pid_t>(syscall(SYS_gettid))); }
+        Reader readerRuns() { return Reader(m_pEntry); }
 
     private:
         Entry* const m_pEntry;
     };
 
-    /// Unload: waits until the reader threads of all channels are gone, `milliseconds` at the most. Their connections
-    /// must have been shut down.
+    /// Unload: waits until the reader threads of all channels are gone, `milliseconds` at the most, and much less when
+    /// only those are left that were about to end: the number of such a one may be another thread's by now. Their
+    /// connections must have been shut down.
     static void awaitReaders(int milliseconds)
     {
-        while (!removeFinished() && milliseconds-- > 0) {
+        int patience = PatienceWithEnding;
+        for (Left left; (left = removeFinished()) != Left::None && milliseconds > 0; --milliseconds) {
+            if (left == Left::OnlyEnding && patience-- == 0)
+                return;
             const timespec oneMillisecond = {0, 1000000};
             nanosleep(&oneMillisecond, nullptr);
         }
@@ -73,7 +95,10 @@ public:
 
 private:
     static constexpr pid_t NoReader = 0;
-    static constexpr pid_t Starting = -1;
+    static constexpr pid_t Starting = -1; // never the negative of a reader's number: 1 is a process's first thread
+    static constexpr int PatienceWithEnding = 100;
+
+    enum class Left { None, OnlyEnding, Running };
 
     static Entry* add(CChannel* pChannel)
     {
@@ -85,15 +110,15 @@ private:
         return pEntry;
     }
 
-    /// Frees the entries that nothing is left of. Returns true when no reader is left either.
-    static bool removeFinished()
+    /// Frees the entries that nothing is left of. Returns what readers there still are.
+    static Left removeFinished()
     {
         const MutexLock lock(s_mutex);
-        bool noReaders = true;
+        Left left = Left::None;
         std::atomic<Entry*>* pLink = &s_first;
         while (Entry* const pEntry = pLink->load()) {
-            if (hasReader(*pEntry)) {
-                noReaders = false;
+            if (const Left its = readerOf(*pEntry); its != Left::None) {
+                left = std::max(left, its);
             } else if (pEntry->pChannel.load() == nullptr) {
                 pLink->store(pEntry->pNext.load());
                 delete pEntry;
@@ -101,15 +126,17 @@ private:
             }
             pLink = &pEntry->pNext;
         }
-        return noReaders;
+        return left;
     }
 
-    static bool hasReader(const Entry& entry)
+    static Left readerOf(const Entry& entry)
     {
         const pid_t reader = entry.reader.load();
         if (reader == NoReader || reader == Starting)
-            return reader == Starting;
-        return syscall(SYS_tgkill, getpid(), reader, 0) == 0 || errno != ESRCH;
+            return reader == Starting ? Left::Running : Left::None;
+        if (syscall(SYS_tgkill, getpid(), std::abs(reader), 0) != 0 && errno == ESRCH)
+            return Left::None;
+        return reader > 0 ? Left::Running : Left::OnlyEnding;
     }
 
     static inline pthread_mutex_t s_mutex = PTHREAD_MUTEX_INITIALIZER;
