@@ -7,6 +7,7 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <utility>
 
 #include "client/clientreq.h"
 #include "client/guards.h"
@@ -72,8 +73,11 @@ __attribute__((destructor)) void so_fini()
 
 } // namespace
 
+/// Logs nothing: a thread of the parent may have held the log's lock, which nobody gives back in the child.
 void OBRegForkHandler()
 {
+    const int level = std::exchange(CDebugLevel, 0);
+    unloading = false;
     pthread_mutex_init(&clientMutex, nullptr);
     const CChannel* const pPublished = g_pSmartCChannel != nullptr ? g_pSmartCChannel->operator->() : nullptr;
     LiveChannels::forgetInForkChild(
@@ -81,6 +85,7 @@ void OBRegForkHandler()
     IpcShutdown();
     ipcInitAttempts = 0;
     ipcInitSuccessfulAttempts = 0;
+    CDebugLevel = level;
 }
 
 // --- The process channel
