@@ -94,9 +94,7 @@ inline std::error_code make_error_code(Status status) { return errorCode(static_
 template <>
 struct std::is_error_code_enum<obreg::Status> : std::true_type {};
 
-namespace obreg {
-
-namespace detail {
+namespace obreg::detail {
 
 /// Runs the error_code form of an operation and throws what it reports, named after `what`.
 template <class Operation>
@@ -121,8 +119,6 @@ auto throwing(const std::string& what, Operation operation)
     }
 }
 
-} // namespace detail
-
-} // namespace obreg
+} // namespace obreg::detail
 
 #endif

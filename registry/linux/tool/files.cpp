@@ -10,7 +10,7 @@ namespace obregtool {
 
 namespace {
 
-constexpr size_t PieceSize = 64 * 1024;
+constexpr size_t PieceSize = size_t{64} * 1024;
 
 int keepOpen(FILE* /*pFile*/) { return 0; }
 

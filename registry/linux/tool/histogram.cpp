@@ -48,16 +48,16 @@ void Histogram::draw(Output& output)
         bars[i / PerDoubling] += m_buckets[i];
     const uint64_t longest = *std::max_element(bars.begin(), bars.end());
     const auto counted = [](uint64_t bar) { return bar != 0; };
-    const auto first = std::find_if(bars.begin(), bars.end(), counted);
-    const auto last = std::find_if(bars.rbegin(), bars.rend(), counted).base();
+    const auto* const pFirst = std::find_if(bars.begin(), bars.end(), counted);
+    const auto* const pEnd = std::find_if(bars.rbegin(), bars.rend(), counted).base();
 
     std::string text = m_drawn == 0 ? "" : "\33[" + std::to_string(m_drawn) + "A";
     m_drawn = 0;
-    for (auto bar = first; bar != last; ++bar, ++m_drawn) {
+    for (const auto* pBar = pFirst; pBar != pEnd; ++pBar, ++m_drawn) {
         char label[48];
-        const double upTo = upperEnd(static_cast<size_t>(bar - bars.begin()) * PerDoubling + PerDoubling - 1);
-        snprintf(label, sizeof(label), "\33[K< %9.0f us %9llu ", upTo, static_cast<unsigned long long>(*bar));
-        text += label + std::string(static_cast<size_t>(*bar * BarWidth / longest), '#') + '\n';
+        const double upTo = upperEnd(static_cast<size_t>(pBar - bars.begin()) * PerDoubling + PerDoubling - 1);
+        snprintf(label, sizeof(label), "\33[K< %9.0f us %9llu ", upTo, static_cast<unsigned long long>(*pBar));
+        text += label + std::string(static_cast<size_t>(*pBar * BarWidth / longest), '#') + '\n';
     }
     output.bytes(text);
     output.flush();

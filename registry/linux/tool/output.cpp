@@ -15,7 +15,7 @@ namespace obregtool {
 
 namespace {
 
-constexpr size_t BufferSize = 64 * 1024;
+constexpr size_t BufferSize = size_t{64} * 1024;
 constexpr int BarWidth = 30;
 constexpr int64_t RedrawMs = 100;
 

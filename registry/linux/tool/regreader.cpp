@@ -80,7 +80,7 @@ public:
             if (atEnd())
                 expected("a quote that closes the string on its line");
             if (accept('\\') && peek() != '\\' && peek() != '"')
-                expected("\\\\ or \\\" (a backslash in a string is written twice)");
+                expected(R"(\\ or \" (a backslash in a string is written twice))");
             if (peek() == '\0')
                 expected("text without NUL (give the bytes as hex:)");
             result += peek();

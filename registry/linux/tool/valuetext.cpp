@@ -19,23 +19,23 @@ enum class Nature { Text, List, Number32, Number64, Bytes };
 
 const struct Type {
     UINT32 type;
-    const char* pName;
     Nature nature;
+    const char* pName;
 } Types[] = {
-    {REG_NONE, "REG_NONE", Nature::Bytes},
-    {REG_SZ, "REG_SZ", Nature::Text},
-    {REG_EXPAND_SZ, "REG_EXPAND_SZ", Nature::Text},
-    {REG_BINARY, "REG_BINARY", Nature::Bytes},
-    {REG_DWORD, "REG_DWORD", Nature::Number32},
-    {REG_DWORD_BIG_ENDIAN, "REG_DWORD_BIG_ENDIAN", Nature::Number32},
-    {REG_LINK, "REG_LINK", Nature::Text},
-    {REG_MULTI_SZ, "REG_MULTI_SZ", Nature::List},
-    {REG_RESOURCE_LIST, "REG_RESOURCE_LIST", Nature::Bytes},
-    {REG_FULL_RESOURCE_DESCRIPTOR, "REG_FULL_RESOURCE_DESCRIPTOR", Nature::Bytes},
-    {REG_RESOURCE_REQUIREMENTS_LIST, "REG_RESOURCE_REQUIREMENTS_LIST", Nature::Bytes},
-    {REG_QWORD, "REG_QWORD", Nature::Number64},
-    {REG_DWORD, "REG_DWORD_LITTLE_ENDIAN", Nature::Number32},
-    {REG_QWORD, "REG_QWORD_LITTLE_ENDIAN", Nature::Number64},
+    {REG_NONE, Nature::Bytes, "REG_NONE"},
+    {REG_SZ, Nature::Text, "REG_SZ"},
+    {REG_EXPAND_SZ, Nature::Text, "REG_EXPAND_SZ"},
+    {REG_BINARY, Nature::Bytes, "REG_BINARY"},
+    {REG_DWORD, Nature::Number32, "REG_DWORD"},
+    {REG_DWORD_BIG_ENDIAN, Nature::Number32, "REG_DWORD_BIG_ENDIAN"},
+    {REG_LINK, Nature::Text, "REG_LINK"},
+    {REG_MULTI_SZ, Nature::List, "REG_MULTI_SZ"},
+    {REG_RESOURCE_LIST, Nature::Bytes, "REG_RESOURCE_LIST"},
+    {REG_FULL_RESOURCE_DESCRIPTOR, Nature::Bytes, "REG_FULL_RESOURCE_DESCRIPTOR"},
+    {REG_RESOURCE_REQUIREMENTS_LIST, Nature::Bytes, "REG_RESOURCE_REQUIREMENTS_LIST"},
+    {REG_QWORD, Nature::Number64, "REG_QWORD"},
+    {REG_DWORD, Nature::Number32, "REG_DWORD_LITTLE_ENDIAN"},
+    {REG_QWORD, Nature::Number64, "REG_QWORD_LITTLE_ENDIAN"},
 };
 
 const Type* typeOf(UINT32 type)

@@ -89,11 +89,11 @@ void readFile(RereadableFile& file, RegSink& sink)
     reader.finish();
 }
 
-/// Adds what the file was doing to a failure.
-Failure inFile(Failure failure, const std::string& what)
+/// The failure with its place in a file, and what to do then.
+Failure inFile(const Failure& failure, const std::string& place, const std::string& advice)
 {
-    Failure located(failure.exit, what + failure.what(), std::move(failure.advice));
-    located.key = std::move(failure.key);
+    Failure located(failure.exit, place + failure.what(), failure.advice + advice);
+    located.key = failure.key;
     located.status = failure.status;
     return located;
 }
@@ -108,9 +108,8 @@ void importFile(RereadableFile& file, uint64_t total)
         readFile(file, importer);
         importer.wait();
     } catch (const WriteFailure& failure) {
-        Failure located = inFile(failure, file.name() + ", line " + std::to_string(failure.line) + ": ");
-        located.advice += soFar() + ", and the file can be imported again";
-        throw located;
+        throw inFile(failure, file.name() + ", line " + std::to_string(failure.line) + ": ",
+                     soFar() + ", and the file can be imported again");
     } catch (const RegSyntaxError& error) {
         throw Failure(ExitFailed, file.name() + ", " + error.what(),
                       "the file has changed while it was read" + soFar());

@@ -96,7 +96,7 @@ uint64_t WriteQueue::done() const
 void WriteQueue::throwFailure() const
 {
     if (m_failure)
-        throw *m_failure;
+        throw WriteFailure(*m_failure);
 }
 
 void WriteQueue::work()

@@ -1,0 +1,60 @@
+#!/usr/bin/env bash
+# The Debian packages as an administrator meets them: packages_test.sh FOLDER. lintian finds no error; all install, are
+# used and are purged again on a copy of this system that nothing outside sees, and what is left is the store.
+set -euo pipefail
+if [ -z "${inside-}" ]; then
+    packages=$(realpath "$1")
+    lintian --fail-on error --allow-root "$packages"/*.deb
+    inside=yes exec unshare --mount --pid --fork "$(realpath "$0")" "$packages"
+fi
+
+fail() { echo "$*"; exit 1; }
+mount -t tmpfs none /mnt
+mkdir /mnt/{root,changes,work}
+mount -t overlay -o lowerdir=/,upperdir=/mnt/changes,workdir=/mnt/work none /mnt/root
+mount -t proc proc /mnt/root/proc
+mount --rbind /dev /mnt/root/dev
+mkdir /mnt/root/packages
+cp "$1"/*.deb /mnt/root/packages
+inside() { chroot /mnt/root env -u LD_LIBRARY_PATH DEBIAN_FRONTEND=noninteractive "$@"; }
+
+inside dpkg --install --recursive /packages >/mnt/dpkg.log 2>&1 || { cat /mnt/dpkg.log; fail "they do not install"; }
+names=$(for package in "$1"/*.deb; do dpkg-deb --field "$package" Package; done)
+chroot /mnt/root obregd 2>/mnt/obregd.log & # not through a shell, which would take the signal
+daemon=$!
+for _ in {1..100}; do
+    ! grep -q "listening on" /mnt/obregd.log || break
+    sleep 0.05
+done
+inside obreg set HKLM/Software/Packages Works yes
+[ "$(inside obreg get HKLM/Software/Packages Works)" = yes ] || fail "what was set is not there"
+for page in man1/obreg.1 man3/OBRegOpenKeyExA.3 man7/obreg.7 man8/obregd.8; do
+    [ -s "/mnt/root/usr/share/man/$page.gz" ] || fail "there is no manual page $page"
+done
+cat >/mnt/root/app.c <<'END'
+#include <obreg/obreg.h>
+#include <obreg/roots.h>
+int main(void)
+{
+    char data[4];
+    UINT32 length = sizeof(data);
+    HANDLE key;
+    return OBRegOpenKeyExA(HKEY_LOCAL_MACHINE, "Software\\Packages", 0, KEY_READ, &key) != 0 ||
+           OBRegQueryValueExA(key, "Works", 0, 0, data, &length) != 0 || length != 4;
+}
+END
+for libraries in lib/x86_64-linux-gnu lib32; do
+    case $libraries in lib32) flags=-m32 ;; *) flags=-m64 ;; esac
+    inside env "PKG_CONFIG_PATH=/usr/$libraries/pkgconfig" sh -ec \
+        "cc $flags app.c \$(pkg-config --cflags --libs obreg) -o app && ./app" || fail "no program for $libraries"
+done
+kill "$daemon"
+wait "$daemon" || fail "the daemon ends with $?"
+# shellcheck disable=SC2086 # a list
+inside dpkg --purge $names >>/mnt/dpkg.log 2>&1 || { cat /mnt/dpkg.log; fail "they cannot be purged"; }
+
+# The system's own records, and this test's files; systemd-sysusers keeps the user that the store belongs to.
+left=$(cd /mnt/changes && find . \( -type f -o -type l \) -print | grep -vE \
+    '^./(app(\.c)?|packages/.*|tmp/.*|run/.*|var/(log|cache|lib/(dpkg|systemd))/.*|etc/(ld\.so\.cache|(passwd|group|shadow|gshadow|subuid|subgid)-?|\.pwd\.lock))$')
+[ "$left" = ./var/opt/quorlin/ombrel/obregd/registry.db ] || fail "these are left: $left"
+echo "$(wc -w <<<"$names") packages installed, used and purged; only the store is left"
