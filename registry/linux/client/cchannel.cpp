@@ -92,7 +92,9 @@ int CChannel::connectSocket()
     } else {
         const size_t length =
             offsetof(sockaddr_un, sun_path) + strnlen(m_remoteAddrUn.sun_path, sizeof(m_remoteAddrUn.sun_path));
-        status = connect(m_socket, reinterpret_cast<sockaddr*>(&m_remoteAddrUn), static_cast<socklen_t>(length));
+        do // a signal while the daemon's queue is full: nothing has begun, so it begins again
+            status = connect(m_socket, reinterpret_cast<sockaddr*>(&m_remoteAddrUn), static_cast<socklen_t>(length));
+        while (status == -1 && errno == EINTR);
     }
     const int error = errno;
     if (status == -1)
