@@ -1,0 +1,209 @@
+#include "failures/fail_nth.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <new>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+// The linker gives the C library's own functions these names.
+extern "C" void* __real_malloc(size_t size); // NOLINT
+
+namespace failnth {
+
+namespace {
+
+Plan plan;
+std::atomic<bool> armed{false}; // last to be set and first to be cleared: guards what is above
+std::atomic<unsigned> calls{0};
+std::atomic<long> live{0};
+pid_t armedBy = 0;
+
+} // namespace
+
+void arm(const Plan& newPlan)
+{
+    plan = newPlan;
+    calls = 0;
+    armedBy = static_cast<pid_t>(syscall(SYS_gettid));
+    armed = true;
+}
+
+unsigned disarm()
+{
+    armed = false;
+    return calls;
+}
+
+int next(Call call)
+{
+    if (!armed || call != plan.call)
+        return 0;
+    if ((syscall(SYS_gettid) == armedBy) != (plan.victims == Victims::ThisThread))
+        return 0;
+    const unsigned count = ++calls;
+    return count >= plan.first && count - plan.first < plan.times ? plan.how : 0;
+}
+
+long liveBlocks() { return live; }
+
+namespace {
+
+/// True, with errno set, when the call is to fail.
+bool fails(Call call)
+{
+    const int how = next(call);
+    if (how > 0)
+        errno = how;
+    return how != 0;
+}
+
+void* allocate(size_t size)
+{
+    void* const p = next(Call::Allocation) != 0 ? nullptr : __real_malloc(size != 0 ? size : 1);
+    live += p != nullptr;
+    return p;
+}
+
+void* allocateOrThrow(size_t size)
+{
+    if (void* const p = allocate(size))
+        return p;
+    throw std::bad_alloc();
+}
+
+void release(void* p)
+{
+    live -= p != nullptr;
+    std::free(p);
+}
+
+} // namespace
+
+} // namespace failnth
+
+// Not inlined: GCC would see malloc where a delete expression ends, and warn.
+[[gnu::noinline]] void* operator new(size_t size) { return failnth::allocateOrThrow(size); }
+[[gnu::noinline]] void* operator new[](size_t size) { return failnth::allocateOrThrow(size); }
+[[gnu::noinline]] void* operator new(size_t size, const std::nothrow_t&) noexcept { return failnth::allocate(size); }
+[[gnu::noinline]] void* operator new[](size_t size, const std::nothrow_t&) noexcept { return failnth::allocate(size); }
+[[gnu::noinline]] void operator delete(void* p) noexcept { failnth::release(p); }
+[[gnu::noinline]] void operator delete[](void* p) noexcept { failnth::release(p); }
+[[gnu::noinline]] void operator delete(void* p, size_t) noexcept { failnth::release(p); }
+[[gnu::noinline]] void operator delete[](void* p, size_t) noexcept { failnth::release(p); }
+
+// WRAP(type, name, (parameters), (arguments), call, failure): the replacement of a function that fails as a whole.
+#define WRAP(type, name, parameters, arguments, call, failure)                                                         \
+    type __real_##name parameters;                                                                                     \
+    type __wrap_##name parameters;                                                                                     \
+    type __wrap_##name parameters { return failnth::fails(failnth::Call::call) ? (failure) : __real_##name arguments; }
+
+// NOLINTBEGIN: the linker names these functions
+extern "C" {
+WRAP(int, socket, (int domain, int type, int protocol), (domain, type, protocol), Socket, -1)
+WRAP(int, connect, (int fd, const sockaddr* to, socklen_t length), (fd, to, length), Connect, -1)
+WRAP(int, accept, (int fd, sockaddr* from, socklen_t* length), (fd, from, length), Accept, -1)
+WRAP(int, getsockopt, (int fd, int level, int name, void* value, socklen_t* length), (fd, level, name, value, length),
+     SocketOption, -1)
+WRAP(int, epoll_ctl, (int epoll, int operation, int fd, epoll_event* event), (epoll, operation, fd, event), Poll, -1)
+WRAP(int, poll, (pollfd * fds, nfds_t count, int timeout), (fds, count, timeout), Poll, -1)
+WRAP(int, pthread_create, (pthread_t * thread, const pthread_attr_t* how, void* (*start)(void*), void* argument),
+     (thread, how, start, argument), ThreadCreate, errno)
+WRAP(int, pthread_mutex_init, (pthread_mutex_t * mutex, const pthread_mutexattr_t* how), (mutex, how), MutexInit, errno)
+WRAP(int, pthread_cond_init, (pthread_cond_t * condition, const pthread_condattr_t* how), (condition, how), CondInit,
+     errno)
+WRAP(void*, malloc, (size_t size), (size), Allocation, nullptr)
+WRAP(void*, realloc, (void* p, size_t size), (p, size), Allocation, nullptr)
+WRAP(void*, aligned_alloc, (size_t alignment, size_t size), (alignment, size), Allocation, nullptr)
+
+int __real_fcntl(int fd, int command, ...);
+int __wrap_fcntl(int fd, int command, long argument);
+int __wrap_fcntl(int fd, int command, long argument)
+{
+    return failnth::fails(failnth::Call::Fcntl) ? -1 : __real_fcntl(fd, command, argument);
+}
+
+// Transfers: they can also move one byte only, or find the end.
+
+ssize_t __real_recv(int fd, void* bytes, size_t length, int flags);
+ssize_t __wrap_recv(int fd, void* bytes, size_t length, int flags);
+ssize_t __wrap_recv(int fd, void* bytes, size_t length, int flags)
+{
+    const int how = failnth::next(failnth::Call::Receive);
+    if (how == 0 || how == failnth::Short)
+        return __real_recv(fd, bytes, how == 0 ? length : 1, flags);
+    errno = how;
+    return how == failnth::Ended ? 0 : -1;
+}
+
+ssize_t __real_send(int fd, const void* bytes, size_t length, int flags);
+ssize_t __wrap_send(int fd, const void* bytes, size_t length, int flags);
+ssize_t __wrap_send(int fd, const void* bytes, size_t length, int flags)
+{
+    const int how = failnth::next(failnth::Call::Send);
+    if (how == 0 || how == failnth::Short)
+        return __real_send(fd, bytes, how == 0 ? length : 1, flags);
+    errno = how;
+    return -1;
+}
+
+} // extern "C"
+
+namespace {
+
+/// A message of the first byte only.
+struct OneByte {
+    explicit OneByte(const msghdr& whole) : message(whole)
+    {
+        size_t i = 0;
+        while (i + 1 < whole.msg_iovlen && whole.msg_iov[i].iov_len == 0)
+            ++i;
+        byte = {whole.msg_iov[i].iov_base, whole.msg_iov[i].iov_len != 0 ? size_t{1} : 0};
+        message.msg_iov = &byte;
+        message.msg_iovlen = 1;
+    }
+    iovec byte;
+    msghdr message;
+};
+
+template <class Message>
+ssize_t transfer(failnth::Call call, ssize_t (*real)(int, Message*, int), int fd, Message* message, int flags)
+{
+    const int how = failnth::next(call);
+    if (how == 0)
+        return real(fd, message, flags);
+    if (how == failnth::Short) {
+        OneByte part(*message);
+        return real(fd, &part.message, flags);
+    }
+    errno = how;
+    return how == failnth::Ended ? 0 : -1;
+}
+
+} // namespace
+
+extern "C" {
+
+ssize_t __real_sendmsg(int fd, const msghdr* message, int flags);
+ssize_t __wrap_sendmsg(int fd, const msghdr* message, int flags);
+ssize_t __wrap_sendmsg(int fd, const msghdr* message, int flags)
+{
+    return transfer(failnth::Call::Send, __real_sendmsg, fd, message, flags);
+}
+
+ssize_t __real_recvmsg(int fd, msghdr* message, int flags);
+ssize_t __wrap_recvmsg(int fd, msghdr* message, int flags);
+ssize_t __wrap_recvmsg(int fd, msghdr* message, int flags)
+{
+    return transfer(failnth::Call::Receive, __real_recvmsg, fd, message, flags);
+}
+
+} // extern "C"
+// NOLINTEND

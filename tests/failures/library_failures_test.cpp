@@ -1,0 +1,229 @@
+// The library when something below it fails: each of the ten functions against a running daemon, with the first,
+// second, third ... allocation or system call of it failing, once and from there on, in the caller's thread and in the
+// reader's, over a connection that is there and over one that is yet to be made.
+//
+// Whatever failed, the call ends with a status or std::bad_alloc, writes no result unless it succeeded, gives every
+// block and descriptor back, holds no lock, and the next call works. What is only a lost connection, an interruption or
+// a short transfer, the caller does not even notice.
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <new>
+
+#include <gtest/gtest.h>
+
+#include "client/client.h"
+#include "client/clientreq.h"
+#include "client/livechannels.h"
+#include "failures/fail_nth.h"
+#include "obreg/obreg.h"
+#include "obreg/roots.h"
+#include "support/running_daemon.h"
+#include "support/scripted_daemon.h"
+
+using failnth::Call;
+using failnth::FromThereOn;
+using failnth::Victims;
+
+namespace {
+
+char lastLogLine[200]; // of the calling thread or the reader; for messages only
+
+} // namespace
+
+extern "C" void syslog(int, const char* format, ...) // NOLINT: takes the C library's place, and allocates nothing
+{
+    va_list args;
+    va_start(args, format);
+    vsnprintf(lastLogLine, sizeof(lastLogLine), format, args);
+    va_end(args);
+}
+
+namespace {
+
+// Longer than what a string keeps without an allocation.
+constexpr char Name[] = "a name that needs a block of its own";
+constexpr char Doomed[] = "another name that needs a block of its own";
+
+struct Results {
+    HANDLE opened = nullptr;
+    UINT32 number = 0, type = 0, length = 64;
+    int nameLength = 64;
+    UINT64 time = 0;
+    char name[64] = {}, data[64] = {};
+
+    bool operator==(const Results& other) const { return std::memcmp(this, &other, sizeof(other)) == 0; }
+};
+
+const struct Function {
+    const char* pName;
+    REGSTATUS (*call)(HANDLE key, Results& r);
+} functions[] = {
+    {"open", [](HANDLE key, Results& r) { return OBRegOpenKeyExA(key, Name, 0, 0, &r.opened); }},
+    {"create",
+     [](HANDLE key, Results& r) {
+         return OBRegCreateKeyExA(key, Name, 0, nullptr, 0, 0, nullptr, &r.opened, &r.number);
+     }},
+    {"close", [](HANDLE key, Results&) { return OBRegCloseKey(key); }},
+    {"delete key", [](HANDLE key, Results&) { return OBRegDeleteKeyA(key, Doomed); }},
+    {"set", [](HANDLE key, Results& r) { return OBRegSetValueExA(key, Name, 0, REG_SZ, r.data, 64); }},
+    {"query",
+     [](HANDLE key, Results& r) { return OBRegQueryValueExA(key, Name, nullptr, &r.type, r.data, &r.length); }},
+    {"delete value", [](HANDLE key, Results&) { return OBRegDeleteValueA(key, Doomed); }},
+    {"enum key",
+     [](HANDLE key, Results& r) {
+         return OBRegEnumKeyExA(key, 0, r.name, &r.nameLength, nullptr, nullptr, nullptr, &r.time);
+     }},
+    {"enum value",
+     [](HANDLE key, Results& r) {
+         return OBRegEnumValueA(key, 0, r.name, &r.nameLength, nullptr, &r.type, r.data, &r.length);
+     }},
+    {"query info",
+     [](HANDLE key, Results& r) {
+         return OBRegQueryInfoKeyA(key, nullptr, nullptr, nullptr, &r.number, nullptr, nullptr, &r.type, nullptr,
+                                   nullptr, nullptr, &r.time);
+     }},
+};
+
+/// How the library takes a failure that happens once; one that lasts may fail any call, unless it is harmless.
+enum class Effect { MayFail, Unnoticed, Harmless };
+
+const struct Failure {
+    const char* pName;
+    Call call;
+    int how;
+    Victims victims;
+    Effect effect;
+    unsigned lasts = FromThereOn;
+} failures[] = {
+    {"an allocation", Call::Allocation, ENOMEM, Victims::ThisThread, Effect::MayFail},
+    {"an allocation of the reader", Call::Allocation, ENOMEM, Victims::OtherThreads, Effect::Unnoticed},
+    {"socket", Call::Socket, EMFILE, Victims::ThisThread, Effect::MayFail},
+    {"connect", Call::Connect, ECONNREFUSED, Victims::ThisThread, Effect::MayFail},
+    {"connect interrupted", Call::Connect, EINTR, Victims::ThisThread, Effect::Harmless, 3},
+    {"fcntl", Call::Fcntl, EMFILE, Victims::ThisThread, Effect::MayFail},
+    {"pthread_create", Call::ThreadCreate, EAGAIN, Victims::ThisThread, Effect::MayFail},
+    {"pthread_mutex_init", Call::MutexInit, ENOMEM, Victims::ThisThread, Effect::MayFail},
+    {"pthread_cond_init", Call::CondInit, ENOMEM, Victims::ThisThread, Effect::MayFail},
+    {"a send", Call::Send, EPIPE, Victims::ThisThread, Effect::Unnoticed},
+    {"a send interrupted", Call::Send, EINTR, Victims::ThisThread, Effect::Harmless, 3},
+    {"a send of one byte", Call::Send, failnth::Short, Victims::ThisThread, Effect::Harmless},
+    {"a receive", Call::Receive, ECONNRESET, Victims::OtherThreads, Effect::Unnoticed},
+    {"a receive at the end", Call::Receive, failnth::Ended, Victims::OtherThreads, Effect::Unnoticed},
+    {"a receive interrupted", Call::Receive, EINTR, Victims::OtherThreads, Effect::Harmless, 3},
+    {"a receive of one byte", Call::Receive, failnth::Short, Victims::OtherThreads, Effect::Unnoticed},
+};
+
+constexpr REGSTATUS LeftByException = 0xFFFFFFFF;
+
+size_t openDescriptors()
+{
+    const auto entries = std::filesystem::directory_iterator("/proc/self/fd");
+    return static_cast<size_t>(std::distance(begin(entries), end(entries)));
+}
+
+class LibraryFailures : public testing::Test {
+protected:
+    LibraryFailures()
+    {
+        std::filesystem::remove("/var/opt/quorlin/ombrel/obregd/registry.db");
+        m_daemon.start();
+        EXPECT_EQ(OBRegCreateKeyExA(HKEY_LOCAL_MACHINE, "Failures", 0, nullptr, 0, 0, nullptr, &m_key, nullptr), 0u);
+        char data[64] = "data";
+        EXPECT_EQ(OBRegSetValueExA(m_key, Name, 0, REG_SZ, data, sizeof(data)), 0u);
+        makeKey(Name);
+        disconnect();
+    }
+    ~LibraryFailures() override { disconnect(); }
+
+    void makeKey(const char* pName) const
+    {
+        HANDLE made = nullptr;
+        EXPECT_EQ(OBRegCreateKeyExA(m_key, pName, 0, nullptr, 0, 0, nullptr, &made, nullptr), 0u) << lastLogLine;
+    }
+
+    static void disconnect()
+    {
+        IpcShutdown();
+        LiveChannels::awaitReaders(5000);
+    }
+
+    bool attempt(const Function& function, const Failure& failure, bool connected, unsigned first, bool lasting) const;
+    void sweep(const Failure& failure) const;
+
+    RunningDaemon m_daemon{FixedSocketPath, "/var/opt/quorlin/ombrel/obregd/registry.db"};
+    HANDLE m_key = nullptr;
+};
+
+/// One call of the function with one failure planned. Returns whether the failure took place.
+bool LibraryFailures::attempt(const Function& function, const Failure& failure, bool connected, unsigned first,
+                              bool lasting) const
+{
+    char byte = 1;
+    EXPECT_EQ(OBRegSetValueExA(m_key, Doomed, 0, REG_BINARY, &byte, 1), 0u) << lastLogLine;
+    makeKey(Doomed);
+    if (!connected)
+        disconnect();
+    const Results untouched;
+    Results results;
+    REGSTATUS status = 0;
+    failnth::arm({failure.call, failure.how, failure.victims, first, lasting ? failure.lasts : 1});
+    try {
+        status = function.call(m_key, results);
+    } catch (const std::bad_alloc&) {
+        status = LeftByException;
+    }
+    const bool reached = failnth::disarm() >= first;
+
+    const bool deletes = std::strncmp(function.pName, "delete", 6) == 0; // and may have done so before, unanswered
+    const bool succeeded = status == 0 || (status == OBREG_STATUS_NOT_FOUND && deletes && reached);
+    const bool failed =
+        status == OBREG_STATUS_REQUEST_FAILED || (status == LeftByException && failure.call == Call::Allocation);
+    const bool mayFail =
+        reached && (failure.effect == Effect::MayFail || (failure.effect == Effect::Unnoticed && lasting));
+    EXPECT_TRUE(succeeded || (failed && mayFail)) << std::hex << status << ", " << lastLogLine;
+    if (!succeeded) {
+        EXPECT_EQ(results, untouched);
+    }
+    EXPECT_EQ(OBRegCloseKey(m_key), 0u) << "the next call: " << lastLogLine;
+    return reached;
+}
+
+void LibraryFailures::sweep(const Failure& failure) const
+{
+    const size_t descriptors = openDescriptors();
+    const long blocks = failnth::liveBlocks();
+    unsigned points = 0;
+    for (const Function& function : functions)
+        for (const bool connected : {true, false})
+            for (const bool lasting : {false, true})
+                for (unsigned first = 1;; ++first, ++points) {
+                    const bool reached = attempt(function, failure, connected, first, lasting);
+                    disconnect();
+                    EXPECT_EQ(failnth::liveBlocks(), blocks);
+                    EXPECT_EQ(openDescriptors(), descriptors);
+                    EXPECT_EQ(__atomic_load_n(&numCChannelObjects, __ATOMIC_SEQ_CST), 0u);
+                    EXPECT_EQ(__atomic_load_n(&numClientReqObjects, __ATOMIC_SEQ_CST), 0u);
+                    ASSERT_FALSE(HasFailure()) << function.pName << (connected ? ", connected" : ", not connected")
+                                               << (lasting ? ", from number " : ", number ") << first;
+                    ASSERT_LT(first, 2000u) << "no end";
+                    if (!reached)
+                        break;
+                }
+    EXPECT_GE(points, std::size(functions)) << "the sweep met no call to make fail";
+    std::printf("FIGURE %s: failed at %u points\n", failure.pName, points);
+}
+
+TEST_F(LibraryFailures, AtEveryPoint)
+{
+    for (const Failure& failure : failures) {
+        SCOPED_TRACE(failure.pName);
+        sweep(failure);
+        if (HasFatalFailure())
+            break;
+    }
+}
+
+} // namespace
