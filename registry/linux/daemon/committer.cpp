@@ -2,7 +2,6 @@
 
 #include <new>
 #include <optional>
-#include <string>
 
 #include "daemon/log.h"
 #include "obreg/roots.h"
@@ -11,14 +10,16 @@ namespace obregd {
 
 namespace {
 
-struct Failure {
-    REGSTATUS status;
-    std::string reason;
-};
-
-/// Runs the jobs in one transaction. When that fails nothing of it stays.
-std::optional<Failure> runTogether(WritableStore& store, std::span<WriteJob> jobs)
+/// Runs the jobs in one transaction. When that fails nothing of it stays, and the status says why.
+std::optional<REGSTATUS> runTogether(WritableStore& store, std::span<WriteJob> jobs, bool log)
 {
+    const auto fail = [&](REGSTATUS status, const char* pReason) {
+        store.rollback();
+        if (log)
+            logLine(LOG_ERR, "the store failed in a transaction (writes: %zu): %s; what cannot be done is refused",
+                    jobs.size(), pReason);
+        return status;
+    };
     try {
         store.begin();
         for (WriteJob& job : jobs)
@@ -28,24 +29,22 @@ std::optional<Failure> runTogether(WritableStore& store, std::span<WriteJob> job
         count(Figure::Writes, static_cast<int64_t>(jobs.size()));
         return std::nullopt;
     } catch (const SQLite::Exception& failure) {
-        store.rollback();
-        return Failure{statusOf(failure), failure.what()};
+        return fail(statusOf(failure), failure.what());
     } catch (const std::bad_alloc&) {
-        store.rollback();
-        return Failure{OBREG_STATUS_STORE_FAILED, "out of memory"};
+        return fail(OBREG_STATUS_STORE_FAILED, "out of memory");
     }
 }
 
 /// Finds the jobs that cannot be done, by halves, and does the others.
-void runApart(WritableStore& store, std::span<WriteJob> jobs, const Failure& failure)
+void runApart(WritableStore& store, std::span<WriteJob> jobs, REGSTATUS failure)
 {
     if (jobs.size() == 1) {
-        jobs[0].reply = jobs[0].pOperation->refuse(failure.status);
+        jobs[0].reply = jobs[0].pOperation->refuse(failure);
         return;
     }
     const size_t half = jobs.size() / 2;
     for (const std::span<WriteJob> part : {jobs.first(half), jobs.subspan(half)})
-        if (const auto again = runTogether(store, part))
+        if (const auto again = runTogether(store, part, false))
             runApart(store, part, *again);
 }
 
@@ -77,10 +76,8 @@ void Committer::finish()
 
 void Committer::run(WritableStore& store, std::span<WriteJob> jobs)
 {
-    if (const auto failure = runTogether(store, jobs)) {
+    if (const auto failure = runTogether(store, jobs, true)) {
         count(Figure::FailedTransactions);
-        logLine(LOG_ERR, "the store failed in a transaction (writes: %zu): %s; what cannot be done is refused",
-                jobs.size(), failure->reason.c_str());
         runApart(store, jobs, *failure);
     }
 }

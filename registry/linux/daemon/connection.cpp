@@ -1,6 +1,5 @@
 #include "daemon/connection.h"
 
-#include <asio/experimental/as_tuple.hpp>
 #include <cstring>
 #include <span>
 
@@ -22,8 +21,7 @@ size_t costOf(const WriteJob& job) { return job.request.capacity() + WriteOverhe
 } // namespace
 
 Connection::Connection(ConnectionHost& host, Socket socket, const Peer& peer)
-    : m_host(host), m_socket(std::move(socket)), m_peer(peer),
-      m_committed(m_socket.get_executor(), asio::steady_timer::time_point::max())
+    : m_host(host), m_socket(std::move(socket)), m_peer(peer)
 {
     m_socket.non_blocking(true);
     count(Figure::Accepted);
@@ -39,24 +37,32 @@ Connection::~Connection()
     logLine(LOG_DEBUG, "uid %u, process %d: disconnected", m_peer.uid, m_peer.pid);
 }
 
-asio::awaitable<void> Connection::run()
+void Connection::goOn()
 {
-    constexpr auto token = asio::experimental::as_tuple(asio::use_awaitable);
-    for (;;) {
-        while (takePacket()) {
+    try {
+        while (!m_reading && takePacket()) {
         }
         flush();
-        while (m_committing > m_host.limits().maxPayload && !m_stopped)
-            co_await m_committed.async_wait(token);
-        if (m_stopped)
-            break;
-        const auto [error, bytes] = co_await m_socket.async_read_some(room(), token);
-        if (error || m_stopped)
-            break;
-        count(Figure::BytesReceived, static_cast<int64_t>(bytes));
-        arrived(bytes);
+        if (!m_reading && !m_stopped && m_committing <= m_host.limits().maxPayload)
+            read();
+    } catch (const std::exception& failure) { // no memory
+        cutOff(failure.what());
     }
-    m_stopped = true;
+}
+
+void Connection::read()
+{
+    const auto goOnReading = [self = shared_from_this()](const asio::error_code& error, size_t bytes) {
+        self->m_reading = false;
+        count(Figure::BytesReceived, static_cast<int64_t>(bytes));
+        if (error)
+            self->m_stopped = true;
+        else if (!self->m_stopped)
+            self->arrived(bytes);
+        self->goOn();
+    };
+    m_socket.async_read_some(room(), goOnReading);
+    m_reading = true;
 }
 
 /// Serves the next request if all of it is there.
@@ -162,7 +168,6 @@ void Connection::submit(const Operation& operation, std::string_view request)
 void Connection::answer(WriteJob& job)
 {
     setHeld(m_committing, m_committing - costOf(job));
-    m_committed.cancel();
     queue(job.reqId, std::move(job.reply));
 }
 
@@ -211,7 +216,7 @@ void Connection::waitToSend()
     m_socket.async_wait(Socket::wait_write, [self = shared_from_this()](const asio::error_code& error) {
         self->m_sending = false;
         if (!error)
-            self->flush();
+            self->goOn();
     });
 }
 
@@ -230,8 +235,7 @@ void Connection::stopReading()
 {
     m_stopped = true;
     asio::error_code ignored;
-    m_socket.shutdown(Socket::shutdown_receive, ignored); // wakes run()
-    m_committed.cancel();
+    m_socket.shutdown(Socket::shutdown_receive, ignored);
 }
 
 void Connection::cutOff(const std::string& reason)
@@ -251,7 +255,6 @@ void Connection::close()
     m_out.clear();
     m_outSent = 0;
     setHeld(m_queued, 0);
-    m_committed.cancel();
 }
 
 void Connection::setHeld(size_t& part, size_t bytes)

@@ -1,12 +1,14 @@
 // One client: its socket, the requests that come in and the replies that go out.
 //
-// run() is a coroutine that reads until the client ends it or is cut off. It answers reads on the spot and hands writes
-// to the committer. It never waits for the client to take a reply: replies that the socket does not take wait in a
-// queue, several go out with one call, and a client that lets them pile up beyond the limit is cut off. It does wait
-// while more than a request's worth of writes is on its way to the disk, which depends on no client.
+// It reads until the client ends it or is cut off, answers reads on the spot and hands writes to the committer. It
+// never waits for the client to take a reply: replies that the socket does not take wait in a queue, several go out
+// with one call, and a client that lets them pile up beyond the limit is cut off. It does read no more while more than
+// a request's worth of writes is on its way to the disk, which depends on no client.
 //
-// Everything runs on the server's thread. A connection lives as long as its coroutine, a write under way or a reply
-// under way holds it, so a client that has shut down its sending side still gets its replies.
+// Everything runs on the server's thread. A connection lives as long as a read, a write to the store or a reply under
+// way holds it, so a client that has shut down its sending side still gets its replies.
+//
+// Plain callbacks and no coroutine: Asio's coroutines end the process when they get no memory.
 #ifndef OBREG_DAEMON_CONNECTION_H
 #define OBREG_DAEMON_CONNECTION_H
 
@@ -46,11 +48,11 @@ public:
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    asio::awaitable<void> run();
+    /// Serves the requests that are there and reads on. Cuts the client off when that cannot be done.
+    void goOn();
 
-    /// Queues the answer to a write. flush() when all those at hand are queued.
+    /// Queues the answer to a write. goOn() when all those at hand are queued.
     void answer(WriteJob& job);
-    void flush();
 
     /// Takes no more requests; what is under way is still answered.
     void stopReading();
@@ -68,6 +70,7 @@ private:
         size_t size() const { return header.size() + static_cast<size_t>(reply.length); }
     };
 
+    void read();
     bool takePacket();
     bool takeHeader();
     bool payloadIsLong() const { return m_length > m_input.size(); }
@@ -76,6 +79,7 @@ private:
     void serve(std::string_view request);
     void submit(const Operation& operation, std::string_view request);
     void queue(uint32_t reqId, Reply&& reply);
+    void flush();
     void waitToSend();
     void dropSent(size_t bytes);
     void setHeld(size_t& part, size_t bytes);
@@ -83,9 +87,9 @@ private:
     ConnectionHost& m_host;
     Socket m_socket;
     const Peer m_peer;
-    asio::steady_timer m_committed; // never fires; cancelled when writes under way have been answered
-    bool m_stopped = false;         // reads no more
-    bool m_sending = false;         // waits for the socket to take more
+    bool m_reading = false; // waits for more to come
+    bool m_stopped = false; // reads no more
+    bool m_sending = false; // waits for the socket to take more
 
     // What has been read and not been used yet: m_input from m_begin to m_end, or a payload too long for it.
     std::array<char, 2048> m_input;

@@ -1,7 +1,8 @@
 #include "daemon/server.h"
 
-#include <asio/experimental/as_tuple.hpp>
+#include <asio/bind_allocator.hpp>
 #include <csignal>
+#include <cstring>
 #include <sys/socket.h>
 
 #include "daemon/log.h"
@@ -11,6 +12,8 @@ namespace obregd {
 namespace {
 
 constexpr auto AcceptPause = std::chrono::milliseconds(100);
+constexpr auto MemoryPause = std::chrono::milliseconds(10);
+constexpr int AcceptsInARow = 64;
 constexpr auto LastSendTime = std::chrono::seconds(1);
 
 Peer peerOf(int fd)
@@ -22,13 +25,28 @@ Peer peerOf(int fd)
     return {credentials.uid, credentials.pid};
 }
 
+/// Does what must be done, waiting as long as there is no memory for it. Not on the server's thread.
+template <class Action>
+void insist(Action action)
+{
+    for (;;) {
+        try {
+            return action();
+        } catch (const std::bad_alloc&) {
+            std::this_thread::sleep_for(MemoryPause);
+        }
+    }
+}
+
 } // namespace
 
 Server::Server(int listeningDescriptor, Store& store, WritableStore& writableStore, const Limits& limits)
     : m_store(store), m_limits(limits), m_work(m_io.get_executor()),
       m_acceptor(m_io, asio::local::stream_protocol(), listeningDescriptor), m_signals(m_io, SIGTERM, SIGINT),
-      m_deadline(m_io), m_committer(writableStore, committerCallbacks())
+      m_deadline(m_io), m_pause(m_io), m_committer(writableStore, committerCallbacks())
 {
+    m_acceptor.non_blocking(true);
+    m_acceptor.set_option(asio::socket_base::enable_connection_aborted(true)); // else Asio would wait for the next
     m_store.keepState(true);
 }
 
@@ -37,10 +55,15 @@ Committer::Callbacks Server::committerCallbacks()
 {
     Committer::Callbacks callbacks;
     callbacks.answered = [this](Batch&& batch) {
-        asio::post(m_io, [this, answered = std::move(batch)]() mutable { answer(answered); });
+        std::shared_ptr<Batch> pAnswered;
+        insist([&] { pAnswered = std::make_shared<Batch>(); });
+        pAnswered->swap(batch);
+        insist([&] { asio::post(m_io, [this, pAnswered] { answer(*pAnswered); }); });
     };
-    callbacks.tidying = [this](bool begins) { asio::post(m_io, [this, begins] { m_store.keepState(!begins); }); };
-    callbacks.ended = [this] { asio::post(m_io, [this] { end(); }); };
+    callbacks.tidying = [this](bool begins) {
+        insist([&] { asio::post(m_io, [this, begins] { m_store.keepState(!begins); }); });
+    };
+    callbacks.ended = [this] { insist([&] { asio::post(m_io, [this] { end(); }); }); };
     return callbacks;
 }
 
@@ -52,28 +75,65 @@ void Server::run()
             stop();
         }
     });
-    asio::co_spawn(m_io, acceptAll(), asio::detached);
-    m_io.run();
+    waitForClients();
+    for (;;) {
+        try {
+            m_io.run();
+            return;
+        } catch (const std::bad_alloc&) {
+            logLine(LOG_ERR, "out of memory; what was being done is given up");
+        }
+    }
 }
 
-asio::awaitable<void> Server::acceptAll()
+void Server::waitForClients()
 {
-    constexpr auto token = asio::experimental::as_tuple(asio::use_awaitable);
-    bool failing = false; // one line in the log for each spell of failures
-    while (!m_stopping) {
-        auto [error, socket] = co_await m_acceptor.async_accept(token);
-        if (m_stopping)
-            break;
-        if (!error) {
-            failing = false;
-            begin(std::move(socket));
-            continue;
+    const auto accept = [this](const asio::error_code& error) {
+        if (!error)
+            acceptClients();
+    };
+    m_acceptor.async_wait(asio::socket_base::wait_read,
+                          asio::bind_allocator(Reserve::Allocator<char>(m_acceptReserve), accept));
+}
+
+void Server::acceptClients()
+{
+    for (int i = 0; i < AcceptsInARow; ++i) {
+        asio::error_code error;
+        try {
+            Connection::Socket socket = m_acceptor.accept(error);
+            if (!error) {
+                begin(std::move(socket));
+                continue;
+            }
+        } catch (const std::bad_alloc&) {
+            error = asio::error::no_memory;
         }
-        if (!failing)
-            logLine(LOG_ERR, "cannot accept connections: %s; trying again", error.message().c_str());
-        failing = true;
-        asio::steady_timer pause(m_io, AcceptPause);
-        co_await pause.async_wait(token);
+        if (error == asio::error::would_block) { // nobody is left waiting
+            m_acceptFailing = false;
+            break;
+        }
+        if (error != asio::error::interrupted && error != asio::error::connection_aborted)
+            return pauseAccepting(error);
+    }
+    waitForClients();
+}
+
+void Server::pauseAccepting(const asio::error_code& error)
+{
+    if (!m_acceptFailing) // one line in the log, however many wait and however long
+        logLine(LOG_ERR, "cannot accept connections: %s; trying again", std::strerror(error.value()));
+    m_acceptFailing = true;
+    m_pause.expires_after(AcceptPause);
+    const auto goOn = [this](const asio::error_code& cancelled) {
+        if (!cancelled)
+            acceptClients();
+    };
+    try {
+        m_pause.async_wait(asio::bind_allocator(Reserve::Allocator<char>(m_pauseReserve), goOn));
+    } catch (const std::bad_alloc&) {
+        std::this_thread::sleep_for(MemoryPause);
+        waitForClients();
     }
 }
 
@@ -84,14 +144,7 @@ void Server::begin(Connection::Socket socket)
         ConnectionHost& host = *this;
         const auto pConnection = std::make_shared<Connection>(host, std::move(socket), peer);
         m_connections.insert(pConnection.get());
-        asio::co_spawn(m_io, pConnection->run(), [pConnection](const std::exception_ptr& pFailure) {
-            try {
-                if (pFailure)
-                    std::rethrow_exception(pFailure);
-            } catch (const std::exception& failure) {
-                pConnection->cutOff(failure.what());
-            }
-        });
+        pConnection->goOn();
     } catch (const std::exception& failure) {
         logLine(LOG_ERR, "a connection cannot be served: %s", failure.what());
     }
@@ -107,8 +160,8 @@ void Server::answer(Batch& batch)
             job.pConnection->cutOff(failure.what());
         }
     }
-    for (WriteJob& job : batch)
-        job.pConnection->flush();
+    for (const WriteJob& job : batch)
+        job.pConnection->goOn();
 }
 
 void Server::holds(ptrdiff_t more)
@@ -135,6 +188,7 @@ void Server::stop()
 {
     m_stopping = true;
     m_acceptor.close();
+    m_pause.cancel();
     for (Connection* pConnection : m_connections)
         pConnection->stopReading();
     m_committer.finish();

@@ -3,12 +3,16 @@
 //
 // Everything but the committer's own thread runs inside run(), on the thread that calls it; that thread owns the
 // reading store and every connection, so nothing here needs a lock.
+//
+// When memory is short, what is being done for a client is given up, and that client's connection with it. Accepting
+// clients and bringing the committer's answers to this thread go on.
 #ifndef OBREG_DAEMON_SERVER_H
 #define OBREG_DAEMON_SERVER_H
 
 #include <unordered_set>
 
 #include "daemon/connection.h"
+#include "daemon/reserve.h"
 
 namespace obregd {
 
@@ -28,7 +32,9 @@ private:
     void forget(Connection& connection) override;
 
     Committer::Callbacks committerCallbacks();
-    asio::awaitable<void> acceptAll();
+    void waitForClients();
+    void acceptClients();
+    void pauseAccepting(const asio::error_code& error);
     void begin(Connection::Socket socket);
     void answer(Batch& batch);
     void stop();
@@ -38,12 +44,16 @@ private:
     const Limits m_limits;
     size_t m_held = 0;
     bool m_stopping = false;
+    bool m_acceptFailing = false;
     std::unordered_set<Connection*> m_connections;
-    asio::io_context m_io{1}; // destroyed before what its coroutines touch
+    Reserve m_acceptReserve;
+    Reserve m_pauseReserve;
+    asio::io_context m_io{1}; // destroyed before what its handlers touch
     asio::executor_work_guard<asio::io_context::executor_type> m_work;
     asio::local::stream_protocol::acceptor m_acceptor;
     asio::signal_set m_signals;
     asio::steady_timer m_deadline;
+    asio::steady_timer m_pause;
     Committer m_committer; // last: its thread uses m_io
 };
 
