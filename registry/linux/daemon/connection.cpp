@@ -205,7 +205,7 @@ void Connection::flush()
         dropSent(m_socket.write_some(std::span(parts.data(), count), error));
         if (error == asio::error::would_block)
             waitToSend();
-        else if (error)
+        else if (error && error != asio::error::interrupted)
             close();
     }
 }
