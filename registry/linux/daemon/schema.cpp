@@ -39,7 +39,7 @@ constexpr const char* Tables = R"(
 
 void makeTables(SQLite::Database& database)
 {
-    SQLite::Transaction transaction(database);
+    database.exec("BEGIN"); // whoever fails before the end closes the database, which undoes it
     database.exec(Tables);
     SQLite::Statement addRoot(database, "INSERT INTO regkey (id, parent, name, owner, written) VALUES (?, 0, ?, ?, ?)");
     const struct {
@@ -57,7 +57,7 @@ void makeTables(SQLite::Database& database)
     database.exec("UPDATE sqlite_sequence SET seq = " + std::to_string(FirstKeyId - 1) + " WHERE name = 'regkey'");
     database.exec("PRAGMA application_id = " + std::to_string(ApplicationId));
     database.exec("PRAGMA user_version = " + std::to_string(SchemaVersion));
-    transaction.commit();
+    database.exec("COMMIT");
 }
 
 } // namespace
