@@ -2,136 +2,21 @@
 #include <algorithm>
 #include <array>
 #include <csignal>
-#include <cstring>
 #include <filesystem>
 #include <gtest/gtest.h>
-#include <memory>
-#include <optional>
 #include <random>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
-#include "common/channelproto.h"
-#include "common/msgproto.h"
-#include "obreg/roots.h"
+#include "support/raw_client.h"
 #include "support/running_daemon.h"
 
 namespace {
 
 constexpr size_t MiB = size_t{1024} * 1024;
-
-std::string packet(uint32_t reqId, const std::string& payload)
-{
-    std::string text(PktHdrLength, '\0');
-    ChannelProto::buildReqDataPktHdr(reqId, static_cast<int>(payload.size()), text.data());
-    return text + payload;
-}
-
-template <class Request>
-std::string textOf(const Request& request)
-{
-    char* pText = nullptr;
-    int length = 0;
-    request.serialize(&pText, &length);
-    const std::unique_ptr<char[]> owner(pText);
-    return {pText, static_cast<size_t>(length)};
-}
-
-SetValueReqMsg setRequest(HANDLE key, const std::string& name, const std::string& data)
-{
-    return {key, name.c_str(), REG_BINARY, data.data(), static_cast<UINT32>(data.size())};
-}
-
-std::string setText(HANDLE key, const std::string& name, const std::string& data)
-{
-    return textOf(setRequest(key, name, data));
-}
-
-/// A client that speaks packets and hides nothing. Its calls throw when the daemon has ended the connection.
-class RawClient {
-public:
-    explicit RawClient(const std::string& path) : m_fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
-    {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::memcpy(address.sun_path, path.data(), path.size());
-        if (connect(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-            throw std::runtime_error("cannot connect: " + std::string(std::strerror(errno)));
-        const timeval patience{20, 0};
-        setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    }
-    ~RawClient() { close(m_fd); }
-    RawClient(const RawClient&) = delete;
-    RawClient& operator=(const RawClient&) = delete;
-
-    void send(const std::string& bytes) const
-    {
-        for (size_t sent = 0; sent < bytes.size();) {
-            const ssize_t count = ::send(m_fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-            if (count <= 0)
-                throw std::runtime_error("the connection ended in a send");
-            sent += static_cast<size_t>(count);
-        }
-    }
-
-    void endSending() const { shutdown(m_fd, SHUT_WR); }
-
-    /// The next packet's id and payload; no payload for an error packet.
-    std::pair<uint32_t, std::optional<std::string>> receive()
-    {
-        const std::string header = receiveBytes(PktHdrLength);
-        uint32_t reqId = 0;
-        int length = 0;
-        EXPECT_TRUE(ChannelProto::getReqIdAndPayloadLength(header.data(), PktHdrLength, &reqId, &length));
-        if (ChannelProto::getPktType(header.front()) == ChannelProto::ReqErrorCarrierPacketType)
-            return {reqId, std::nullopt};
-        return {reqId, receiveBytes(static_cast<size_t>(length))};
-    }
-
-    template <class Response, class Request>
-    std::unique_ptr<Response> call(const Request& request)
-    {
-        send(packet(7, textOf(request)));
-        return decode<Response>(receive());
-    }
-
-    template <class Response>
-    static std::unique_ptr<Response> decode(const std::pair<uint32_t, std::optional<std::string>>& reply)
-    {
-        const std::string& text = reply.second.value();
-        return std::unique_ptr<Response>(Response::deserialize(text.data(), static_cast<int>(text.size())));
-    }
-
-    HANDLE create(const char* pPath)
-    {
-        return call<CreateKeyRespMsg>(CreateKeyReqMsg(HKEY_LOCAL_MACHINE, pPath, 0, 0))->m_keyHandle;
-    }
-    REGSTATUS set(HANDLE key, const std::string& name, const std::string& data)
-    {
-        return call<SetValueRespMsg>(setRequest(key, name, data))->m_status;
-    }
-    std::string query(HANDLE key, const std::string& name)
-    {
-        const auto value = call<QueryValueRespMsg>(QueryValueReqMsg(key, name.c_str()));
-        return value->m_status == 0 ? std::string(value->m_pValueData, value->m_valueDataLen) : "(none)";
-    }
-
-private:
-    std::string receiveBytes(size_t length) const
-    {
-        std::string bytes(length, '\0');
-        if (length != 0 && recv(m_fd, bytes.data(), length, MSG_WAITALL) != static_cast<ssize_t>(length))
-            throw std::runtime_error("the connection ended in a receive");
-        return bytes;
-    }
-
-    int m_fd;
-};
 
 class DaemonTest : public testing::Test {
 protected:

@@ -2,11 +2,12 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <new>
 
 #include <fcntl.h>
-#include <poll.h>
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -25,6 +26,7 @@ std::atomic<bool> armed{false}; // last to be set and first to be cleared: guard
 std::atomic<unsigned> calls{0};
 std::atomic<long> live{0};
 pid_t armedBy = 0;
+thread_local char logLine[200];
 
 } // namespace
 
@@ -53,6 +55,8 @@ int next(Call call)
 }
 
 long liveBlocks() { return live; }
+
+const char* lastLogLine() { return logLine; }
 
 namespace {
 
@@ -89,6 +93,14 @@ void release(void* p)
 
 } // namespace failnth
 
+extern "C" void syslog(int, const char* format, ...) // NOLINT
+{
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(failnth::logLine, sizeof failnth::logLine, format, arguments);
+    va_end(arguments);
+}
+
 // Not inlined: GCC would see malloc where a delete expression ends, and warn.
 [[gnu::noinline]] void* operator new(size_t size) { return failnth::allocateOrThrow(size); }
 [[gnu::noinline]] void* operator new[](size_t size) { return failnth::allocateOrThrow(size); }
@@ -112,8 +124,6 @@ WRAP(int, connect, (int fd, const sockaddr* to, socklen_t length), (fd, to, leng
 WRAP(int, accept, (int fd, sockaddr* from, socklen_t* length), (fd, from, length), Accept, -1)
 WRAP(int, getsockopt, (int fd, int level, int name, void* value, socklen_t* length), (fd, level, name, value, length),
      SocketOption, -1)
-WRAP(int, epoll_ctl, (int epoll, int operation, int fd, epoll_event* event), (epoll, operation, fd, event), Poll, -1)
-WRAP(int, poll, (pollfd * fds, nfds_t count, int timeout), (fds, count, timeout), Poll, -1)
 WRAP(int, pthread_create, (pthread_t * thread, const pthread_attr_t* how, void* (*start)(void*), void* argument),
      (thread, how, start, argument), ThreadCreate, errno)
 WRAP(int, pthread_mutex_init, (pthread_mutex_t * mutex, const pthread_mutexattr_t* how), (mutex, how), MutexInit, errno)
@@ -128,6 +138,15 @@ int __wrap_fcntl(int fd, int command, long argument);
 int __wrap_fcntl(int fd, int command, long argument)
 {
     return failnth::fails(failnth::Call::Fcntl) ? -1 : __real_fcntl(fd, command, argument);
+}
+
+// Only what takes memory in the kernel can fail there.
+int __real_epoll_ctl(int epoll, int operation, int fd, epoll_event* event);
+int __wrap_epoll_ctl(int epoll, int operation, int fd, epoll_event* event);
+int __wrap_epoll_ctl(int epoll, int operation, int fd, epoll_event* event)
+{
+    const bool refused = operation == EPOLL_CTL_ADD && failnth::fails(failnth::Call::Poll);
+    return refused ? -1 : __real_epoll_ctl(epoll, operation, fd, event);
 }
 
 // Transfers: they can also move one byte only, or find the end.

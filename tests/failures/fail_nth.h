@@ -21,9 +21,10 @@ enum class Call {
     CondInit,
     Send,    // send, sendmsg
     Receive, // recv, recvmsg
-    Poll,    // epoll_ctl, epoll_wait, poll
+    Poll,    // epoll_ctl, to add a descriptor
     SocketOption,
-    StoreIo, // the store's own calls, see store_calls.h
+    StoreRead,  // pread, open and the like of the store: takeOverStore()
+    StoreWrite, // pwrite, fsync, ftruncate
 };
 
 /// What a call does instead of failing with an errno.
@@ -47,11 +48,14 @@ void arm(const Plan& plan);
 /// Ends the plan. Returns how many calls of its kind its victims have made.
 unsigned disarm();
 
-/// Whether the victims' next call is to fail, and how; for kinds of calls that are taken over elsewhere. 0: not.
+/// Whether the victims' next call is to fail, and how; for calls that are taken over elsewhere. 0: not.
 int next(Call call);
 
 /// Blocks from operator new that have not been given back, in the whole program.
 long liveBlocks();
+
+/// What this thread last gave to syslog, which is taken over as well: the real one allocates.
+const char* lastLogLine();
 
 } // namespace failnth
 

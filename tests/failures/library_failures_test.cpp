@@ -6,7 +6,6 @@
 // block and descriptor back, holds no lock, and the next call works. What is only a lost connection, an interruption or
 // a short transfer, the caller does not even notice.
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -26,20 +25,6 @@
 using failnth::Call;
 using failnth::FromThereOn;
 using failnth::Victims;
-
-namespace {
-
-char lastLogLine[200]; // of the calling thread or the reader; for messages only
-
-} // namespace
-
-extern "C" void syslog(int, const char* format, ...) // NOLINT: takes the C library's place, and allocates nothing
-{
-    va_list args;
-    va_start(args, format);
-    vsnprintf(lastLogLine, sizeof(lastLogLine), format, args);
-    va_end(args);
-}
 
 namespace {
 
@@ -141,7 +126,8 @@ protected:
     void makeKey(const char* pName) const
     {
         HANDLE made = nullptr;
-        EXPECT_EQ(OBRegCreateKeyExA(m_key, pName, 0, nullptr, 0, 0, nullptr, &made, nullptr), 0u) << lastLogLine;
+        EXPECT_EQ(OBRegCreateKeyExA(m_key, pName, 0, nullptr, 0, 0, nullptr, &made, nullptr), 0u)
+            << failnth::lastLogLine();
     }
 
     static void disconnect()
@@ -162,7 +148,7 @@ bool LibraryFailures::attempt(const Function& function, const Failure& failure, 
                               bool lasting) const
 {
     char byte = 1;
-    EXPECT_EQ(OBRegSetValueExA(m_key, Doomed, 0, REG_BINARY, &byte, 1), 0u) << lastLogLine;
+    EXPECT_EQ(OBRegSetValueExA(m_key, Doomed, 0, REG_BINARY, &byte, 1), 0u) << failnth::lastLogLine();
     makeKey(Doomed);
     if (!connected)
         disconnect();
@@ -183,11 +169,11 @@ bool LibraryFailures::attempt(const Function& function, const Failure& failure, 
         status == OBREG_STATUS_REQUEST_FAILED || (status == LeftByException && failure.call == Call::Allocation);
     const bool mayFail =
         reached && (failure.effect == Effect::MayFail || (failure.effect == Effect::Unnoticed && lasting));
-    EXPECT_TRUE(succeeded || (failed && mayFail)) << std::hex << status << ", " << lastLogLine;
+    EXPECT_TRUE(succeeded || (failed && mayFail)) << std::hex << status << ", " << failnth::lastLogLine();
     if (!succeeded) {
         EXPECT_EQ(results, untouched);
     }
-    EXPECT_EQ(OBRegCloseKey(m_key), 0u) << "the next call: " << lastLogLine;
+    EXPECT_EQ(OBRegCloseKey(m_key), 0u) << "the next call: " << failnth::lastLogLine();
     return reached;
 }
 

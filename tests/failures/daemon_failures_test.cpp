@@ -1,0 +1,296 @@
+// The daemon when something below it fails: each of the ten requests, with the first, second, third ... allocation,
+// system call or call of the store failing while it is worked on, once and for a while.
+//
+// Whatever failed, the client gets a reply that tells the truth, an error packet, or the end of its connection; other
+// clients are served on; nothing of a refused write stays; the store is sound in the end.
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <filesystem>
+#include <span>
+#include <thread>
+
+#include <sqlite3.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+
+#include "daemon/files.h"
+#include "daemon/maintenance.h"
+#include "daemon/server.h"
+#include "failures/fail_nth.h"
+#include "support/raw_client.h"
+#include "support/scale.h"
+
+using failnth::Call;
+using failnth::FromThereOn;
+
+// The store's calls: what SQLite, a shared library, calls is taken from the program first.
+#define STORE_CALL(kind, type, name, parameters, number, ...)                                                          \
+    extern "C" type name parameters                                                                                    \
+    {                                                                                                                  \
+        if (const int error = failnth::next(Call::kind)) {                                                             \
+            errno = error;                                                                                             \
+            return (type)(-1);                                                                                         \
+        }                                                                                                              \
+        return (type)syscall(number, __VA_ARGS__);                                                                     \
+    }
+
+// NOLINTBEGIN
+STORE_CALL(StoreRead, int, open64, (const char* path, int flags, ...), SYS_open, path, flags, 0600)
+STORE_CALL(StoreRead, ssize_t, pread64, (int fd, void* bytes, size_t length, off64_t at), SYS_pread64, fd, bytes,
+           length, at)
+STORE_CALL(StoreRead, void*, mmap64, (void* at, size_t length, int prot, int flags, int fd, off64_t from), SYS_mmap, at,
+           length, prot, flags, fd, from)
+STORE_CALL(StoreWrite, ssize_t, pwrite64, (int fd, const void* bytes, size_t length, off64_t at), SYS_pwrite64, fd,
+           bytes, length, at)
+STORE_CALL(StoreWrite, int, ftruncate64, (int fd, off64_t length), SYS_ftruncate, fd, length)
+STORE_CALL(StoreWrite, int, fdatasync, (int fd), SYS_fdatasync, fd)
+// NOLINTEND
+
+namespace {
+
+sqlite3_mem_methods realMemory;
+
+/// Puts our own functions in the place of SQLite's allocations.
+void takeOverMemory()
+{
+    sqlite3_config(SQLITE_CONFIG_GETMALLOC, &realMemory);
+    sqlite3_mem_methods methods = realMemory;
+    methods.xMalloc = [](int size) {
+        return failnth::next(Call::Allocation) != 0 ? nullptr : realMemory.xMalloc(size);
+    };
+    methods.xRealloc = [](void* p, int size) {
+        return failnth::next(Call::Allocation) != 0 ? nullptr : realMemory.xRealloc(p, size);
+    };
+    sqlite3_config(SQLITE_CONFIG_MALLOC, &methods);
+}
+
+const struct Failure {
+    const char* pName;
+    Call call;
+    int how;
+    bool harmless; ///< the client notices nothing
+    unsigned lasts = FromThereOn;
+} failures[] = {
+    {"an allocation", Call::Allocation, ENOMEM, false},
+    {"the store's disk full", Call::StoreWrite, ENOSPC, false},
+    {"a write of the store", Call::StoreWrite, EIO, false},
+    {"a read of the store", Call::StoreRead, EIO, false},
+    {"a descriptor for a client", Call::Accept, EMFILE, false},
+    {"a client that is gone already", Call::Accept, ECONNABORTED, true, 3},
+    {"an accept interrupted", Call::Accept, EINTR, true, 3},
+    {"the peer's credentials", Call::SocketOption, ENOMEM, false},
+    {"a receive", Call::Receive, ECONNRESET, false},
+    {"a receive at the end", Call::Receive, failnth::Ended, false},
+    {"a receive interrupted", Call::Receive, EINTR, true, 3},
+    {"a receive of one byte", Call::Receive, failnth::Short, true},
+    {"a send", Call::Send, EPIPE, false},
+    {"a send interrupted", Call::Send, EINTR, true, 3},
+    {"a send of one byte", Call::Send, failnth::Short, true},
+    {"a send to a full socket", Call::Send, EAGAIN, true, 3},
+    {"watching a descriptor", Call::Poll, ENOMEM, false},
+};
+
+constexpr char Name[] = "a name that needs a block of its own";
+constexpr char Doomed[] = "another name that needs a block of its own";
+
+const std::string Data(20000, 'd'); // more than a page of the store
+
+const struct Request {
+    const char* pName;
+    std::string (*text)(HANDLE key);
+} requests[] = {
+    {"open", [](HANDLE key) { return textOf(OpenKeyReqMsg(key, Name, 0, 0)); }},
+    {"create", [](HANDLE key) { return textOf(CreateKeyReqMsg(key, "a\\key\\that is not there", 0, 0)); }},
+    {"close", [](HANDLE key) { return textOf(CloseKeyReqMsg(key)); }},
+    {"delete key", [](HANDLE key) { return textOf(DeleteKeyReqMsg(key, Doomed)); }},
+    {"set", [](HANDLE key) { return setText(key, "changing", Data); }},
+    {"query", [](HANDLE key) { return textOf(QueryValueReqMsg(key, Name)); }},
+    {"delete value", [](HANDLE key) { return textOf(DeleteValueReqMsg(key, Doomed)); }},
+    {"enum key", [](HANDLE key) { return textOf(EnumKeyReqMsg(key, 0)); }},
+    {"enum value", [](HANDLE key) { return textOf(EnumValueReqMsg(key, 0)); }},
+    {"query info", [](HANDLE key) { return textOf(QueryInfoKeyReqMsg(key)); }},
+};
+
+/// How long a lasting failure lasts when the client hears nothing meanwhile.
+constexpr int LastingMilliseconds = 5;
+
+enum class Outcome { Answered, Refused, ErrorPacket, ConnectionEnded };
+
+class DaemonFailures : public testing::Test {
+protected:
+    DaemonFailures()
+    {
+        takeOverMemory(); // before the store's first use
+        // Thousands of lines that are meant to be there.
+        m_made = std::freopen("/dev/null", "w", stderr) != nullptr && mkdtemp(m_folder.data()) != nullptr;
+    }
+    ~DaemonFailures() override { std::filesystem::remove_all(m_folder); }
+
+    using RawClientPtr = std::unique_ptr<RawClient>;
+    RawClientPtr connect() const { return std::make_unique<RawClient>(m_folder + "/socket"); }
+
+    /// The daemon, all but its main function.
+    struct Daemon {
+        explicit Daemon(const std::string& folder)
+            : lock(folder + "/store", "--store"), writer(folder + "/store"), store(folder + "/store"),
+              socket(folder + "/socket"), server(socket.releaseDescriptor(), store, writer, obregd::Limits())
+        {}
+        obregd::Lock lock;
+        obregd::WritableStore writer;
+        obregd::Store store;
+        obregd::ListeningSocket socket;
+        obregd::Server server;
+    };
+
+    Outcome send(RawClient& client, const std::string& text, bool lasting) const;
+    bool attempt(const Failure& failure, const Request& request, bool connected, unsigned first, bool lasting);
+    void sweep(const Failure& failure);
+
+    std::string m_folder = "/var/opt/quorlin/ombrel/obregd/XXXXXX";
+    bool m_made = false;
+    RawClientPtr m_pIdle;
+    HANDLE m_key = nullptr;
+    int m_round = 0;
+};
+
+/// Sends a request and tells what came of it. A lasting failure ends when nothing comes of it for a while.
+Outcome DaemonFailures::send(RawClient& client, const std::string& text, bool lasting) const
+{
+    try {
+        client.send(packet(1, text));
+        if (lasting && !client.hasMore(LastingMilliseconds))
+            failnth::disarm();
+        const auto reply = client.receive();
+        if (!reply.second)
+            return Outcome::ErrorPacket;
+        const auto status = static_cast<REGSTATUS>(std::stoul(reply.second->substr(8, 8), nullptr, 16));
+        EXPECT_TRUE(status == 0 || status == OBREG_STATUS_STORE_FULL || status == OBREG_STATUS_STORE_FAILED)
+            << std::hex << status;
+        return status == 0 ? Outcome::Answered : Outcome::Refused;
+    } catch (const std::runtime_error&) {
+        return Outcome::ConnectionEnded;
+    }
+}
+
+/// One request with one failure planned. Returns whether the failure took place.
+bool DaemonFailures::attempt(const Failure& failure, const Request& request, bool connected, unsigned first,
+                             bool lasting)
+{
+    RawClientPtr pOther = connect();
+    const std::string before = "before " + std::to_string(++m_round);
+    EXPECT_EQ(pOther->set(m_key, "changing", before), 0u);
+    pOther->call<DeleteKeyRespMsg>(DeleteKeyReqMsg(m_key, "a\\key\\that is not there"));
+    EXPECT_EQ(pOther->set(m_key, Doomed, "x"), 0u);
+    EXPECT_EQ(pOther->call<CreateKeyRespMsg>(CreateKeyReqMsg(m_key, Doomed, 0, 0))->m_status, 0u);
+    RawClientPtr pClient = connected ? connect() : nullptr;
+    if (connected) // the daemon has accepted it
+        pClient->call<CloseKeyRespMsg>(CloseKeyReqMsg(m_key));
+
+    failnth::arm({failure.call, failure.how, failnth::Victims::OtherThreads, first, lasting ? failure.lasts : 1});
+    if (!connected)
+        pClient = connect();
+    const Outcome outcome = send(*pClient, request.text(m_key), lasting);
+    const bool reached = failnth::disarm() >= first;
+
+    EXPECT_TRUE(outcome == Outcome::Answered || (reached && !failure.harmless)) << "outcome " << int(outcome);
+    if (outcome == Outcome::ErrorPacket) {
+        EXPECT_EQ(failure.call, Call::Allocation);
+    }
+    pOther = connect(); // what the daemon did last for the old one may have met the failure
+    const std::string now = pOther->query(m_key, "changing");
+    if (std::strcmp(request.pName, "set") == 0 && outcome == Outcome::Answered) {
+        EXPECT_EQ(now, Data) << "an answered write";
+    } else if (outcome != Outcome::ConnectionEnded && outcome != Outcome::ErrorPacket) {
+        EXPECT_EQ(now, before) << "a refused write";
+    }
+    return reached;
+}
+
+void DaemonFailures::sweep(const Failure& failure)
+{
+    unsigned points = 0;
+    const bool anyRequestWillDo = failure.call == Call::Accept || failure.call == Call::SocketOption;
+    for (const Request& request : std::span(requests, anyRequestWillDo ? 1 : std::size(requests)))
+        for (const bool connected : {true, false})
+            for (const bool lasting : {false, true})
+                for (unsigned first = 1;; ++first, ++points) {
+                    bool reached = false;
+                    ASSERT_NO_THROW(reached = attempt(failure, request, connected, first, lasting))
+                        << request.pName << (connected ? ", connected" : "") << (lasting ? ", from number " : ", ")
+                        << first;
+                    ASSERT_FALSE(HasFailure()) << request.pName << (connected ? ", connected" : "")
+                                               << (lasting ? ", from number " : ", ") << first;
+                    ASSERT_LT(first, 2000u) << "no end";
+                    if (!reached)
+                        break;
+                }
+    EXPECT_EQ(m_pIdle->call<CloseKeyRespMsg>(CloseKeyReqMsg(m_key))->m_status, 0u) << "who asked for nothing";
+    EXPECT_GE(points, 2u) << "the sweep met no call to make fail";
+    std::printf("FIGURE %s: failed at %u points\n", failure.pName, points);
+}
+
+TEST_F(DaemonFailures, AtEveryPoint)
+{
+    Daemon daemon(m_folder);
+    std::string ended;
+    std::thread thread([&] {
+        try {
+            daemon.server.run();
+        } catch (const std::exception& failure) {
+            ended = failure.what();
+        }
+    });
+    m_pIdle = connect();
+    m_key = m_pIdle->create("K");
+    m_pIdle->set(m_key, Name, "data");
+    m_pIdle->call<CreateKeyRespMsg>(CreateKeyReqMsg(m_key, Name, 0, 0));
+    for (const Failure& failure : failures) {
+        SCOPED_TRACE(failure.pName);
+        sweep(failure);
+        if (HasFatalFailure())
+            break;
+    }
+    kill(getpid(), SIGTERM);
+    thread.join();
+    EXPECT_EQ(ended, "");
+    const obregd::StoreReport report = obregd::checkStore(m_folder + "/store");
+    EXPECT_TRUE(report.problems.empty());
+}
+
+// A start that fails says so and spoils nothing for the next one.
+TEST_F(DaemonFailures, WhileItStarts)
+{
+    const unsigned stride = static_cast<unsigned>(scaled(10)); // a start allocates thousands of times
+    unsigned points = 0;
+    for (const auto& [call, how] : {std::pair(Call::Allocation, ENOMEM),
+                                    {Call::StoreWrite, ENOSPC},
+                                    {Call::StoreWrite, EIO},
+                                    {Call::StoreRead, EIO},
+                                    {Call::Socket, EMFILE},
+                                    {Call::Fcntl, EMFILE},
+                                    {Call::Poll, ENOMEM}})
+        for (const unsigned times : {1u, FromThereOn})
+            for (unsigned first = 1;; first += 1 + first / stride, ++points) {
+                const std::string folder = m_folder + "/" + std::to_string(points);
+                std::filesystem::create_directory(folder);
+                failnth::arm({call, how, failnth::Victims::ThisThread, first, times});
+                try {
+                    const Daemon daemon(folder);
+                } catch (const std::exception&) { // how it says so
+                }
+                const bool reached = failnth::disarm() >= first;
+                EXPECT_NO_THROW(Daemon again(folder)) << int(call) << ", " << first;
+                EXPECT_TRUE(obregd::checkStore(folder + "/store").problems.empty());
+                ASSERT_LT(first, 20000u) << "no end";
+                std::filesystem::remove_all(folder);
+                if (!reached)
+                    break;
+            }
+    std::printf("FIGURE start: failed at %u points\n", points);
+}
+
+} // namespace

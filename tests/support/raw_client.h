@@ -1,0 +1,142 @@
+// A client of the daemon that speaks packets and hides nothing, for what the library would not do.
+#ifndef OBREG_TESTS_RAW_CLIENT_H
+#define OBREG_TESTS_RAW_CLIENT_H
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "common/channelproto.h"
+#include "common/msgproto.h"
+#include "obreg/roots.h"
+
+inline std::string packet(uint32_t reqId, const std::string& payload)
+{
+    std::string text(PktHdrLength, '\0');
+    ChannelProto::buildReqDataPktHdr(reqId, static_cast<int>(payload.size()), text.data());
+    return text + payload;
+}
+
+template <class Request>
+std::string textOf(const Request& request)
+{
+    char* pText = nullptr;
+    int length = 0;
+    request.serialize(&pText, &length);
+    const std::unique_ptr<char[]> owner(pText);
+    return {pText, static_cast<size_t>(length)};
+}
+
+inline SetValueReqMsg setRequest(HANDLE key, const std::string& name, const std::string& data)
+{
+    return {key, name.c_str(), REG_BINARY, data.data(), static_cast<UINT32>(data.size())};
+}
+
+inline std::string setText(HANDLE key, const std::string& name, const std::string& data)
+{
+    return textOf(setRequest(key, name, data));
+}
+
+/// Its calls throw std::runtime_error when the daemon has ended the connection.
+class RawClient {
+public:
+    explicit RawClient(const std::string& path) : m_fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::memcpy(address.sun_path, path.data(), path.size());
+        if (connect(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+            const int error = errno;
+            close(m_fd);
+            throw std::runtime_error("cannot connect: " + std::string(std::strerror(error)));
+        }
+        const timeval patience{10, 0};
+        setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    }
+    ~RawClient() { close(m_fd); }
+    RawClient(const RawClient&) = delete;
+    RawClient& operator=(const RawClient&) = delete;
+
+    void send(const std::string& bytes) const
+    {
+        for (size_t sent = 0; sent < bytes.size();) {
+            const ssize_t count = ::send(m_fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+            if (count <= 0)
+                throw std::runtime_error("the connection ended in a send");
+            sent += static_cast<size_t>(count);
+        }
+    }
+
+    /// Something has come, the connection's end included.
+    bool hasMore(int milliseconds) const
+    {
+        pollfd poller{m_fd, POLLIN, 0};
+        return poll(&poller, 1, milliseconds) > 0;
+    }
+
+    void endSending() const { shutdown(m_fd, SHUT_WR); }
+
+    /// The next packet's id and payload; no payload for an error packet.
+    std::pair<uint32_t, std::optional<std::string>> receive()
+    {
+        const std::string header = receiveBytes(PktHdrLength);
+        uint32_t reqId = 0;
+        int length = 0;
+        EXPECT_TRUE(ChannelProto::getReqIdAndPayloadLength(header.data(), PktHdrLength, &reqId, &length));
+        if (ChannelProto::getPktType(header.front()) == ChannelProto::ReqErrorCarrierPacketType)
+            return {reqId, std::nullopt};
+        return {reqId, receiveBytes(static_cast<size_t>(length))};
+    }
+
+    template <class Response, class Request>
+    std::unique_ptr<Response> call(const Request& request)
+    {
+        send(packet(7, textOf(request)));
+        return decode<Response>(receive());
+    }
+
+    template <class Response>
+    static std::unique_ptr<Response> decode(const std::pair<uint32_t, std::optional<std::string>>& reply)
+    {
+        const std::string& text = reply.second.value();
+        return std::unique_ptr<Response>(Response::deserialize(text.data(), static_cast<int>(text.size())));
+    }
+
+    HANDLE create(const char* pPath)
+    {
+        return call<CreateKeyRespMsg>(CreateKeyReqMsg(HKEY_LOCAL_MACHINE, pPath, 0, 0))->m_keyHandle;
+    }
+    REGSTATUS set(HANDLE key, const std::string& name, const std::string& data)
+    {
+        return call<SetValueRespMsg>(setRequest(key, name, data))->m_status;
+    }
+    std::string query(HANDLE key, const std::string& name)
+    {
+        const auto value = call<QueryValueRespMsg>(QueryValueReqMsg(key, name.c_str()));
+        return value->m_status == 0 ? std::string(value->m_pValueData, value->m_valueDataLen) : "(none)";
+    }
+
+private:
+    std::string receiveBytes(size_t length) const
+    {
+        std::string bytes(length, '\0');
+        if (length != 0 && recv(m_fd, bytes.data(), length, MSG_WAITALL) != static_cast<ssize_t>(length))
+            throw std::runtime_error("the connection ended in a receive");
+        return bytes;
+    }
+
+    int m_fd;
+};
+
+#endif
