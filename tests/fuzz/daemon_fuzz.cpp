@@ -1,0 +1,95 @@
+// The daemon's way from a stream of packets to its replies, on a real store that each input finds the same: every reply
+// is one that its client can read, what was set is there, and refused writes change nothing.
+#include <cerrno>
+#include <unistd.h>
+
+#include "common/channelproto.h"
+#include "daemon/operations.h"
+#include "fuzz/fuzz.h"
+#include "obreg/roots.h"
+
+using namespace obregd;
+
+namespace {
+
+constexpr Peer Stranger{12345, 1}; // who may write only below his own key
+const Peer Root{0, 1};
+
+struct Registry {
+    Registry()
+    {
+        if (mkdtemp(folder) == nullptr)
+            fuzz::broken("a temporary folder", folder, errno);
+        pStore = std::make_unique<WritableStore>(std::string(folder) + "/store");
+        pStore->begin();
+        const KeyId key = pStore->addKey(MachineId, "Key", MachineOwner);
+        pStore->addKey(key, "Sub", MachineOwner);
+        pStore->setValue(key, "value", REG_SZ, "data", 4);
+        pStore->commit();
+    }
+    ~Registry()
+    {
+        pStore.reset();
+        for (const char* pFile : {"/store", "/store-wal", "/store-shm", ""})
+            std::remove((std::string(folder) + pFile).c_str());
+    }
+    char folder[32] = "/tmp/obreg-fuzz-XXXXXX";
+    std::unique_ptr<WritableStore> pStore;
+};
+
+std::string_view textOf(const Reply& reply) { return {reply.pText.get(), static_cast<size_t>(reply.length)}; }
+
+/// Whether the response says that it was done.
+bool succeeded(const Reply& reply) { return textOf(reply).substr(0, 18) == "Status =00000000\r\n"; }
+
+void checkSet(const Session& session, std::string_view text)
+{
+    const std::unique_ptr<SetValueReqMsg> pSet(SetValueReqMsg::deserialize(text.data(), static_cast<int>(text.size())));
+    HOLDS(pSet != nullptr);
+    const std::string query = fuzz::encoded(QueryValueReqMsg(pSet->m_keyHandle, pSet->m_valueName.c_str()));
+    const Reply reply = findOperation(query)->serve(session, query);
+    const std::unique_ptr<QueryValueRespMsg> pValue(QueryValueRespMsg::deserialize(reply.pText.get(), reply.length));
+    HOLDS(pValue != nullptr && pValue->m_status == 0 && pValue->m_valueType == pSet->m_valueType);
+    HOLDS(std::string_view(pValue->m_pValueData, pValue->m_valueDataLen) ==
+          std::string_view(pSet->m_pValueData, pSet->m_valueDataLen));
+}
+
+void serve(WritableStore& store, const Peer& peer, std::string_view payload)
+{
+    const fuzz::Block block(payload);
+    const std::string_view text(block.data(), payload.size());
+    const Operation* const pOperation = findOperation(text);
+    if (pOperation == nullptr)
+        return;
+    const Session session{store, &store, peer};
+    const Reply reply = pOperation->serve(session, text);
+    HOLDS(block.unchanged());
+    if (reply.pText == nullptr)
+        return;
+    HOLDS(textOf(reply).substr(0, 8) == "Status =" && textOf(reply).substr(16, 2) == "\r\n");
+    if (pOperation->type == ReqMessage::SetValueReqMsgType && succeeded(reply))
+        checkSet(session, text);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t size)
+{
+    static Registry registry;
+    WritableStore& store = *registry.pStore;
+    std::string_view stream(reinterpret_cast<const char*>(pData), size);
+    store.begin();
+    for (bool odd = true; stream.size() >= static_cast<size_t>(PktHdrLength); odd = !odd) {
+        uint32_t id = 0;
+        int length = 0;
+        if (!ChannelProto::getReqIdAndPayloadLength(stream.data(), PktHdrLength, &id, &length) || length < 0 ||
+            ChannelProto::getPktType(stream.front()) != ChannelProto::ReqDataCarrierPacketType)
+            break;
+        stream.remove_prefix(static_cast<size_t>(PktHdrLength));
+        const std::string_view payload = stream.substr(0, static_cast<size_t>(length));
+        stream.remove_prefix(payload.size());
+        serve(store, odd ? Root : Stranger, payload);
+    }
+    store.rollback();
+    return 0;
+}
