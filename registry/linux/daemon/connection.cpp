@@ -40,11 +40,13 @@ Connection::~Connection()
 void Connection::goOn()
 {
     try {
-        while (!m_reading && takePacket()) {
-        }
+        while (!m_reading && takePacket())
+            m_begun.reset();
         flush();
         if (!m_reading && !m_stopped && m_committing <= m_host.limits().maxPayload)
             read();
+        else if (!m_reading)
+            m_begun.reset();                  // while nothing is read, time is not the client's
     } catch (const std::exception& failure) { // no memory
         cutOff(failure.what());
     }
@@ -63,6 +65,13 @@ void Connection::read()
     };
     m_socket.async_read_some(room(), goOnReading);
     m_reading = true;
+    if (!m_begun && (m_inPayload || m_end != 0))
+        m_begun = std::chrono::steady_clock::now();
+}
+
+bool Connection::isOverdue(std::chrono::steady_clock::time_point now) const
+{
+    return m_begun && now - *m_begun > std::chrono::seconds(m_host.limits().maxArrival);
 }
 
 /// Serves the next request if all of it is there.

@@ -14,7 +14,9 @@
 
 #include <array>
 #include <asio.hpp>
+#include <chrono>
 #include <deque>
+#include <optional>
 
 #include "common/channelproto.h"
 #include "daemon/committer.h"
@@ -60,6 +62,11 @@ public:
     void cutOff(const std::string& reason);
     void close();
 
+    /// Whether a request has been arriving for longer than the limit.
+    bool isOverdue(std::chrono::steady_clock::time_point now) const;
+
+    const Peer& peer() const { return m_peer; }
+
     /// Bytes that wait here: a request arriving, writes under way, replies not taken.
     size_t held() const { return m_arriving + m_committing + m_queued; }
 
@@ -98,7 +105,8 @@ private:
     bool m_inPayload = false; // a header has been read and its payload has not
     uint32_t m_reqId = 0;
     size_t m_length = 0;
-    Payload m_payload; // the long one that is arriving
+    Payload m_payload;                                            // the long one that is arriving
+    std::optional<std::chrono::steady_clock::time_point> m_begun; // when what has arrived in part was first waited for
 
     std::deque<Outgoing> m_out;
     size_t m_outSent = 0; // bytes of the first one that are gone

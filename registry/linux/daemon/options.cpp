@@ -33,6 +33,13 @@ std::optional<Options> parseOptions(int argc, const char* const* argv, int* pExi
         ->transform(asSize)
         ->type_name("SIZE")
         ->default_str("1G");
+    app.add_option("--max-per-user", limits.maxPerUser, "Connections of one user [half of the descriptors]")
+        ->check(CLI::PositiveNumber.description(""))
+        ->type_name("NUMBER");
+    app.add_option("--max-arrival", limits.maxArrival, "Time for a request to arrive once it has begun")
+        ->check(CLI::Range(1, 86400).description(""))
+        ->type_name("SECONDS")
+        ->capture_default_str();
     CLI::Option* const pCheck = app.add_flag(
         "--check", options.check, "Check the store instead, which a daemon may be using; 1 if it is unsound");
     app.add_option("--backup", options.backupPath,

@@ -20,6 +20,10 @@ struct Limits {
     /// Requests arriving, writes waiting for their commit and replies waiting to be taken, of all clients. Beyond it
     /// the client that holds most is cut off.
     size_t maxHeld = 1024 * MiB;
+    /// Connections of one user. Beyond it they are refused. 0: half of the descriptors that the daemon may have.
+    size_t maxPerUser = 0;
+    /// Seconds that a request may take to arrive, once it has begun. Beyond it the client is cut off.
+    unsigned maxArrival = 60;
 };
 
 struct Options {

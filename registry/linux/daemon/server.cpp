@@ -3,6 +3,7 @@
 #include <asio/bind_allocator.hpp>
 #include <csignal>
 #include <cstring>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include "daemon/log.h"
@@ -14,6 +15,8 @@ namespace {
 constexpr auto AcceptPause = std::chrono::milliseconds(100);
 constexpr auto MemoryPause = std::chrono::milliseconds(10);
 constexpr int AcceptsInARow = 64;
+constexpr auto RefusalLogPause = std::chrono::seconds(10);
+constexpr int LooksPerArrival = 4;
 constexpr auto LastSendTime = std::chrono::seconds(1);
 
 Peer peerOf(int fd)
@@ -23,6 +26,14 @@ Peer peerOf(int fd)
     if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0)
         throw std::system_error(errno, std::generic_category(), "SO_PEERCRED");
     return {credentials.uid, credentials.pid};
+}
+
+Limits completed(Limits limits)
+{
+    rlimit descriptors{};
+    if (limits.maxPerUser == 0)
+        limits.maxPerUser = getrlimit(RLIMIT_NOFILE, &descriptors) == 0 ? descriptors.rlim_cur / 2 : 1;
+    return limits;
 }
 
 /// Does what must be done, waiting as long as there is no memory for it. Not on the server's thread.
@@ -41,9 +52,9 @@ void insist(Action action)
 } // namespace
 
 Server::Server(int listeningDescriptor, Store& store, WritableStore& writableStore, const Limits& limits)
-    : m_store(store), m_limits(limits), m_work(m_io.get_executor()),
+    : m_store(store), m_limits(completed(limits)), m_work(m_io.get_executor()),
       m_acceptor(m_io, asio::local::stream_protocol(), listeningDescriptor), m_signals(m_io, SIGTERM, SIGINT),
-      m_deadline(m_io), m_pause(m_io), m_committer(writableStore, committerCallbacks())
+      m_deadline(m_io), m_pause(m_io), m_look(m_io), m_committer(writableStore, committerCallbacks())
 {
     m_acceptor.non_blocking(true);
     m_acceptor.set_option(asio::socket_base::enable_connection_aborted(true)); // else Asio would wait for the next
@@ -141,13 +152,57 @@ void Server::begin(Connection::Socket socket)
 {
     try {
         const Peer peer = peerOf(socket.native_handle());
+        if (!admits(peer))
+            return;
         ConnectionHost& host = *this;
         const auto pConnection = std::make_shared<Connection>(host, std::move(socket), peer);
         m_connections.insert(pConnection.get());
+        ++m_users[peer.uid].connections;
         pConnection->goOn();
+        lookForOverdue();
     } catch (const std::exception& failure) {
         logLine(LOG_ERR, "a connection cannot be served: %s", failure.what());
     }
+}
+
+/// False, with a line in the log now and then, when the user has as many connections as he may have.
+bool Server::admits(const Peer& peer)
+{
+    User& user = m_users[peer.uid];
+    if (user.connections < m_limits.maxPerUser)
+        return true;
+    const auto now = std::chrono::steady_clock::now();
+    ++user.refused;
+    if (user.logged && now - *user.logged < RefusalLogPause)
+        return false;
+    logLine(LOG_WARNING,
+            "uid %u, process %d: one connection too many; the limit (--max-per-user) is %zu; refused, %zu in all since "
+            "the last such line",
+            peer.uid, peer.pid, m_limits.maxPerUser, user.refused);
+    user.refused = 0;
+    user.logged = now;
+    return false;
+}
+
+/// Cuts off who has begun a request and does not end it; again and again, as long as there are clients.
+void Server::lookForOverdue()
+{
+    if (m_looking || m_connections.empty() || m_stopping)
+        return;
+    m_look.expires_after(std::chrono::milliseconds(1000 * m_limits.maxArrival / LooksPerArrival));
+    const auto look = [this](const asio::error_code& cancelled) {
+        m_looking = false;
+        if (cancelled)
+            return;
+        const auto now = std::chrono::steady_clock::now();
+        for (Connection* pConnection : m_connections)
+            if (pConnection->isOverdue(now))
+                pConnection->cutOff("has begun a request and not ended it; the limit (--max-arrival) is " +
+                                    std::to_string(m_limits.maxArrival) + " s");
+        lookForOverdue();
+    };
+    m_look.async_wait(asio::bind_allocator(Reserve::Allocator<char>(m_lookReserve), look));
+    m_looking = true;
 }
 
 void Server::answer(Batch& batch)
@@ -179,7 +234,9 @@ void Server::holds(ptrdiff_t more)
 
 void Server::forget(Connection& connection)
 {
-    m_connections.erase(&connection);
+    const auto user = m_users.find(connection.peer().uid);
+    if (m_connections.erase(&connection) != 0 && --user->second.connections == 0 && user->second.refused == 0)
+        m_users.erase(user);
     if (m_stopping && m_connections.empty())
         m_deadline.cancel();
 }
@@ -189,6 +246,7 @@ void Server::stop()
     m_stopping = true;
     m_acceptor.close();
     m_pause.cancel();
+    m_look.cancel();
     for (Connection* pConnection : m_connections)
         pConnection->stopReading();
     m_committer.finish();

@@ -9,6 +9,7 @@
 #ifndef OBREG_DAEMON_SERVER_H
 #define OBREG_DAEMON_SERVER_H
 
+#include <unordered_map>
 #include <unordered_set>
 
 #include "daemon/connection.h"
@@ -36,6 +37,8 @@ private:
     void acceptClients();
     void pauseAccepting(const asio::error_code& error);
     void begin(Connection::Socket socket);
+    bool admits(const Peer& peer);
+    void lookForOverdue();
     void answer(Batch& batch);
     void stop();
     void end();
@@ -46,14 +49,23 @@ private:
     bool m_stopping = false;
     bool m_acceptFailing = false;
     std::unordered_set<Connection*> m_connections;
+    struct User {
+        size_t connections = 0;
+        size_t refused = 0; // since the last line about it in the log
+        std::optional<std::chrono::steady_clock::time_point> logged;
+    };
+    std::unordered_map<uid_t, User> m_users;
+    bool m_looking = false; // for overdue requests, later
     Reserve m_acceptReserve;
     Reserve m_pauseReserve;
+    Reserve m_lookReserve;
     asio::io_context m_io{1}; // destroyed before what its handlers touch
     asio::executor_work_guard<asio::io_context::executor_type> m_work;
     asio::local::stream_protocol::acceptor m_acceptor;
     asio::signal_set m_signals;
     asio::steady_timer m_deadline;
     asio::steady_timer m_pause;
+    asio::steady_timer m_look;
     Committer m_committer; // last: its thread uses m_io
 };
 
