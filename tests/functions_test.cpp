@@ -18,8 +18,10 @@
 #include "obreg/obreg.h"
 #include "support/log_capture.h"
 #include "support/scripted_daemon.h"
+#include "support/ten_calls.h"
 
 using namespace std::chrono_literals;
+using TenCalls::goodReplies;
 
 namespace {
 
@@ -28,23 +30,6 @@ constexpr REGSTATUS DaemonNotice = 0x40000001;
 
 HANDLE handle(uintptr_t value) { return reinterpret_cast<HANDLE>(value); }
 const HANDLE key = handle(0x1F);
-
-/// Replies that answer any request, by the digits of its type code; every one carries `status`.
-std::map<std::string, std::string> goodReplies(REGSTATUS status)
-{
-    return {
-        {"01", encoded(CloseKeyRespMsg(status))},
-        {"02", encoded(CreateKeyRespMsg(status, handle(0x2B), 1))},
-        {"03", encoded(DeleteKeyRespMsg(status))},
-        {"04", encoded(DeleteValueRespMsg(status))},
-        {"05", encoded(EnumKeyRespMsg(status, "child", 0x01D2C3B4A5968778))},
-        {"06", encoded(EnumValueRespMsg(status, "value", 3, "data", 4))},
-        {"07", encoded(OpenKeyRespMsg(status, handle(0x2A)))},
-        {"08", encoded(QueryValueRespMsg(status, 3, "data", 4))},
-        {"09", encoded(SetValueRespMsg(status))},
-        {"0A", encoded(QueryInfoKeyRespMsg(status, 1, 2, 3, 4, 5, 6, 0x01D2C3B4A5968778))},
-    };
-}
 
 /// One call of each function with every argument given, and where its results go.
 struct Results {

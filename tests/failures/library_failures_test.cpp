@@ -17,60 +17,15 @@
 #include "client/clientreq.h"
 #include "client/livechannels.h"
 #include "failures/fail_nth.h"
-#include "obreg/obreg.h"
-#include "obreg/roots.h"
 #include "support/running_daemon.h"
-#include "support/scripted_daemon.h"
+#include "support/ten_calls.h"
 
 using failnth::Call;
 using failnth::FromThereOn;
 using failnth::Victims;
+using namespace TenCalls;
 
 namespace {
-
-// Longer than what a string keeps without an allocation.
-constexpr char Name[] = "a name that needs a block of its own";
-constexpr char Doomed[] = "another name that needs a block of its own";
-
-struct Results {
-    HANDLE opened = nullptr;
-    UINT32 number = 0, type = 0, length = 64;
-    int nameLength = 64;
-    UINT64 time = 0;
-    char name[64] = {}, data[64] = {};
-
-    bool operator==(const Results& other) const { return std::memcmp(this, &other, sizeof(other)) == 0; }
-};
-
-const struct Function {
-    const char* pName;
-    REGSTATUS (*call)(HANDLE key, Results& r);
-} functions[] = {
-    {"open", [](HANDLE key, Results& r) { return OBRegOpenKeyExA(key, Name, 0, 0, &r.opened); }},
-    {"create",
-     [](HANDLE key, Results& r) {
-         return OBRegCreateKeyExA(key, Name, 0, nullptr, 0, 0, nullptr, &r.opened, &r.number);
-     }},
-    {"close", [](HANDLE key, Results&) { return OBRegCloseKey(key); }},
-    {"delete key", [](HANDLE key, Results&) { return OBRegDeleteKeyA(key, Doomed); }},
-    {"set", [](HANDLE key, Results& r) { return OBRegSetValueExA(key, Name, 0, REG_SZ, r.data, 64); }},
-    {"query",
-     [](HANDLE key, Results& r) { return OBRegQueryValueExA(key, Name, nullptr, &r.type, r.data, &r.length); }},
-    {"delete value", [](HANDLE key, Results&) { return OBRegDeleteValueA(key, Doomed); }},
-    {"enum key",
-     [](HANDLE key, Results& r) {
-         return OBRegEnumKeyExA(key, 0, r.name, &r.nameLength, nullptr, nullptr, nullptr, &r.time);
-     }},
-    {"enum value",
-     [](HANDLE key, Results& r) {
-         return OBRegEnumValueA(key, 0, r.name, &r.nameLength, nullptr, &r.type, r.data, &r.length);
-     }},
-    {"query info",
-     [](HANDLE key, Results& r) {
-         return OBRegQueryInfoKeyA(key, nullptr, nullptr, nullptr, &r.number, nullptr, nullptr, &r.type, nullptr,
-                                   nullptr, nullptr, &r.time);
-     }},
-};
 
 /// How the library takes a failure that happens once; one that lasts may fail any call, unless it is harmless.
 enum class Effect { MayFail, Unnoticed, Harmless };
@@ -171,7 +126,7 @@ bool LibraryFailures::attempt(const Function& function, const Failure& failure, 
         reached && (failure.effect == Effect::MayFail || (failure.effect == Effect::Unnoticed && lasting));
     EXPECT_TRUE(succeeded || (failed && mayFail)) << std::hex << status << ", " << failnth::lastLogLine();
     if (!succeeded) {
-        EXPECT_EQ(results, untouched);
+        EXPECT_EQ(std::memcmp(&results, &untouched, sizeof(results)), 0) << "results were written";
     }
     EXPECT_EQ(OBRegCloseKey(m_key), 0u) << "the next call: " << failnth::lastLogLine();
     return reached;
@@ -182,7 +137,7 @@ void LibraryFailures::sweep(const Failure& failure) const
     const size_t descriptors = openDescriptors();
     const long blocks = failnth::liveBlocks();
     unsigned points = 0;
-    for (const Function& function : functions)
+    for (const Function& function : TenCalls::all)
         for (const bool connected : {true, false})
             for (const bool lasting : {false, true})
                 for (unsigned first = 1;; ++first, ++points) {
@@ -198,7 +153,7 @@ void LibraryFailures::sweep(const Failure& failure) const
                     if (!reached)
                         break;
                 }
-    EXPECT_GE(points, std::size(functions)) << "the sweep met no call to make fail";
+    EXPECT_GE(points, std::size(TenCalls::all)) << "the sweep met no call to make fail";
     std::printf("FIGURE %s: failed at %u points\n", failure.pName, points);
 }
 
