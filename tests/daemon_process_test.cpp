@@ -1,14 +1,11 @@
-// The obregd program over its socket: bad input, limits, durability, starting and stopping.
+// The obregd program over its socket: bad input, limits, starting and stopping.
 #include <algorithm>
-#include <array>
 #include <csignal>
 #include <filesystem>
 #include <gtest/gtest.h>
-#include <random>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 #include "support/raw_client.h"
@@ -214,45 +211,6 @@ TEST_F(DaemonTest, StopsInGoodOrder)
     RawClient after(socketPath());
     for (const uint32_t id : answered)
         EXPECT_EQ(after.query(key, std::to_string(id)), "x") << id;
-}
-
-TEST_F(DaemonTest, WhatWasAnsweredSurvivesAKill)
-{
-    constexpr int writers = 4;
-    std::mt19937 random(std::random_device{}());
-    HANDLE key = nullptr;
-    int total = 0;
-    for (int round = 0; round < 8; ++round) {
-        m_daemon.start();
-        key = RawClient(socketPath()).create("K");
-        std::array<int, writers> answered{};
-        std::vector<std::thread> threads;
-        for (size_t i = 0; i < writers; ++i)
-            threads.emplace_back([&, i] {
-                try {
-                    RawClient client(socketPath());
-                    for (int n = 1;; ++n) {
-                        if (client.set(key, std::to_string(round * writers) + "-" + std::to_string(i),
-                                       std::to_string(n)) == 0)
-                            answered[i] = n;
-                    }
-                } catch (const std::runtime_error&) { // killed
-                }
-            });
-        usleep(10000 + static_cast<useconds_t>(random() % 100000));
-        m_daemon.stop(SIGKILL);
-        for (std::thread& thread : threads)
-            thread.join();
-        m_daemon.start();
-        RawClient client(socketPath());
-        for (size_t i = 0; i < writers; ++i) {
-            const std::string stored = client.query(key, std::to_string(round * writers) + "-" + std::to_string(i));
-            EXPECT_GE(stored == "(none)" ? 0 : std::stoi(stored), answered[i]);
-            total += answered[i];
-        }
-        m_daemon.stop(SIGKILL);
-    }
-    EXPECT_GT(total, 0);
 }
 
 TEST_F(DaemonTest, RunsOutOfDescriptorsAndRecovers)

@@ -1,0 +1,179 @@
+// What obregd has answered is there, whole, after a kill and after a power failure, and its store is sound. For the
+// power failure, a journal tells what the daemon wrote and when it synchronised; the files are then made anew from what
+// was synchronised and, of what was not, some sectors and not others.
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <random>
+#include <sys/wait.h>
+#include <thread>
+
+#include "failures/write_journal.h"
+#include "support/raw_client.h"
+#include "support/running_daemon.h"
+#include "support/scale.h"
+
+using namespace writejournal;
+
+namespace {
+
+constexpr size_t Writers = 16;
+constexpr size_t Sector = 512;
+const std::string Folder = "/var/opt/quorlin/ombrel/obregd/";
+
+std::string contents(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void setContents(const std::string& path, const std::string& bytes)
+{
+    std::ofstream(path, std::ios::binary | std::ios::trunc)
+        .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+/// A value that shows when a piece of it is another's. Its length goes up and down.
+std::string valueOf(int number)
+{
+    const std::string text = std::to_string(number) + ' ';
+    std::string value;
+    while (value.size() < 20 + static_cast<size_t>(number) * 7919 % 9000)
+        value += text;
+    return value;
+}
+
+class Durability : public testing::Test {
+protected:
+    /// Starts the daemon, lets writers write, kills it at a random moment.
+    void writeAndKill()
+    {
+        m_daemon.start();
+        const HANDLE key = RawClient(m_socket).create("K");
+        std::vector<std::thread> threads;
+        for (size_t i = 0; i < Writers; ++i)
+            threads.emplace_back([&, i] {
+                try {
+                    RawClient client(m_socket);
+                    for (int& number = m_begun[i];;) {
+                        ++number;
+                        if (client.set(key, std::to_string(i) + "." + std::to_string(number % 3), valueOf(number)) == 0)
+                            m_answered[i] = number;
+                    }
+                } catch (const std::runtime_error&) { // killed
+                }
+            });
+        usleep(5000 + static_cast<useconds_t>(m_random() % 60000));
+        m_daemon.stop(SIGKILL);
+        for (std::thread& thread : threads)
+            thread.join();
+    }
+
+    /// What is in the store is sound, whole, and no older than what was answered.
+    void expectAllAnswered()
+    {
+        const std::string check = std::string(getenv("OBREGD")) + " --check --store " + m_store + " >/dev/null";
+        EXPECT_EQ(std::system(check.c_str()), 0) << "the store is not sound";
+        m_daemon.start();
+        RawClient client(m_socket);
+        const HANDLE key = client.create("K");
+        for (size_t i = 0; i < Writers; ++i)
+            for (int last = m_answered[i]; last > std::max(0, m_answered[i] - 3); --last) {
+                const std::string stored = client.query(key, std::to_string(i) + "." + std::to_string(last % 3));
+                const int number = std::atoi(stored.c_str());
+                EXPECT_GE(number, last) << "an answered write is gone";
+                EXPECT_LE(number, m_begun[i]);
+                EXPECT_EQ(stored, valueOf(number)) << "half a write";
+                ++m_checked;
+            }
+        m_daemon.stop(SIGKILL);
+    }
+
+    std::string pathOf(File file) const { return m_store + (file == File::Log ? "-wal" : ""); }
+    void losePower(const std::map<File, std::string>& before);
+
+    const std::string m_socket = Folder + "s";
+    const std::string m_store = Folder + "durable.db";
+    const std::string m_journal = Folder + "journal";
+    RunningDaemon m_daemon{m_socket, m_store};
+    std::mt19937 m_random{std::random_device{}()};
+    std::vector<int> m_begun = std::vector<int>(Writers), m_answered = std::vector<int>(Writers);
+    long m_checked = 0;
+};
+
+/// Makes the files as a power failure may have left them: before, and what the journal says has reached the disk.
+void Durability::losePower(const std::map<File, std::string>& before)
+{
+    const std::string journal = contents(m_journal);
+    std::map<File, size_t> synchronised; // up to where in the journal
+    const auto forEach = [&](auto action) {
+        for (size_t at = 0; at + sizeof(Record) <= journal.size();) {
+            Record record;
+            std::memcpy(&record, journal.data() + at, sizeof record);
+            if (at + sizeof record + record.length > journal.size())
+                break;
+            action(record, at, std::string_view(journal).substr(at + sizeof record, record.length));
+            at += sizeof record + record.length;
+        }
+    };
+    forEach([&](const Record& record, size_t at, std::string_view) {
+        if (record.kind == Kind::Sync)
+            synchronised[record.file] = at;
+    });
+
+    std::map<File, std::string> files = before;
+    forEach([&](const Record& record, size_t at, std::string_view bytes) {
+        std::string& file = files[record.file];
+        const bool safe = at < synchronised[record.file];
+        if (record.kind == Kind::Truncate && (safe || m_random() % 2 == 0))
+            file.resize(static_cast<size_t>(record.offset));
+        for (size_t from = 0; record.kind == Kind::Write && from < bytes.size(); from += Sector) {
+            if (!safe && m_random() % 2 == 0)
+                continue;
+            const std::string_view piece = bytes.substr(from, Sector);
+            const size_t to = static_cast<size_t>(record.offset) + from;
+            file.resize(std::max(file.size(), to + piece.size()));
+            file.replace(to, piece.size(), piece);
+        }
+    });
+    std::filesystem::remove(m_store + "-shm");
+    for (const auto& [file, bytes] : files)
+        setContents(pathOf(file), bytes);
+}
+
+} // namespace
+
+TEST_F(Durability, AfterAKill)
+{
+    const int rounds = scaled(10);
+    for (int round = 0; round < rounds && !HasFailure(); ++round) {
+        writeAndKill();
+        expectAllAnswered();
+    }
+    EXPECT_GT(m_checked, rounds);
+    std::printf("FIGURE %d kills, %ld answered writes found again\n", rounds, m_checked);
+}
+
+TEST_F(Durability, AfterAPowerFailure)
+{
+    if (Slower != 1)
+        GTEST_SKIP() << "the journal must be loaded before the sanitizer's runtime";
+    m_daemon.start(); // makes the store
+    m_daemon.stop(SIGKILL);
+    const int rounds = scaled(10);
+    for (int round = 0; round < rounds && !HasFailure(); ++round) {
+        std::map<File, std::string> before;
+        for (const File file : {File::Store, File::Log})
+            before[file] = contents(pathOf(file));
+        std::filesystem::remove(m_journal);
+        setenv("OBREG_JOURNAL", m_journal.c_str(), 1);
+        setenv("LD_PRELOAD", getenv("OBREG_WRITE_JOURNAL"), 1);
+        writeAndKill();
+        unsetenv("LD_PRELOAD");
+        losePower(before);
+        expectAllAnswered();
+    }
+    EXPECT_GT(m_checked, rounds);
+    std::printf("FIGURE %d power failures, %ld answered writes found again\n", rounds, m_checked);
+}
