@@ -19,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include "obreg/obreg.h"
+#include "support/scale.h"
 #include "support/scripted_daemon.h"
 
 using namespace std::chrono_literals;
@@ -142,12 +143,6 @@ int runInChild(const char* test)
     return error != 0 ? error : outcomeOf(child);
 }
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr int Slower = 10;
-#else
-constexpr int Slower = 1;
-#endif
-
 } // namespace
 
 TEST(Load, ReadsItsEnvironment)
@@ -183,7 +178,7 @@ TEST(Load, ReadsItsEnvironment)
 TEST(Unload, EveryCycleReallyUnloads)
 {
     const ScriptedDaemon daemon(answering());
-    for (int i = 0; i < 2000 / Slower; ++i) {
+    for (int i = 0; i < scaled(500); ++i) {
         const auto begin = std::chrono::steady_clock::now();
         {
             Library library;
@@ -203,9 +198,9 @@ TEST(Fork, ChildrenAndParentGoOn)
 #endif
     const ScriptedDaemon daemon(answering());
     Library library;
-    std::atomic<int> done[8] = {};
-    Threads threads(8, [&](int i) { done[i] += library.closeKey(key) == 0; });
-    for (int i = 0; i < 200 / Slower; ++i) {
+    std::atomic<int> done[16] = {};
+    Threads threads(16, [&](int i) { done[i] += library.closeKey(key) == 0; });
+    for (int i = 0; i < scaled(200); ++i) {
         const pid_t child = fork();
         if (child == 0) {
             const bool alone = library.value<int>("ipcInitAttempts") == 0;
@@ -245,7 +240,7 @@ TEST(Exit, WithCallsInFlight)
 {
     {
         const ScriptedDaemon daemon(answering());
-        for (int i = 0; i < 50 / Slower; ++i)
+        for (int i = 0; i < scaled(50); ++i)
             ASSERT_EQ(runInChild("ExitsWhileBusy"), 0) << "exit " << i;
     }
     std::atomic<bool> ended{false};
@@ -270,7 +265,7 @@ TEST(Cancellation, NeverInsideACall)
             pthread_testcancel();
         }
     };
-    for (int i = 0; i < 200 / Slower; ++i) {
+    for (int i = 0; i < scaled(200); ++i) {
         pthread_t thread;
         ASSERT_EQ(pthread_create(&thread, nullptr, endless, &shared), 0);
         std::this_thread::sleep_for(std::chrono::microseconds(i * 37 % 1000));
@@ -318,7 +313,7 @@ TEST(Signals, DoNotBreakAnExchange)
     std::vector<char> data(3 << 20);
     for (const int how : {SIG_BLOCK, SIG_UNBLOCK}) {
         pthread_sigmask(how, &alarmOnly, nullptr);
-        for (int i = 0; i < 50 / Slower || (how == SIG_UNBLOCK && signalsSeen < 20); ++i) {
+        for (int i = 0; i < scaled(50) || (how == SIG_UNBLOCK && signalsSeen < 20); ++i) {
             auto length = static_cast<UINT32>(data.size());
             ASSERT_EQ(library.queryValue(key, "v", nullptr, nullptr, data.data(), &length), 0u);
         }

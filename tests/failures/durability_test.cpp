@@ -146,7 +146,7 @@ void Durability::losePower(const std::map<File, std::string>& before)
 
 TEST_F(Durability, AfterAKill)
 {
-    const int rounds = scaled(10);
+    const int rounds = scaled(25);
     for (int round = 0; round < rounds && !HasFailure(); ++round) {
         writeAndKill();
         expectAllAnswered();
@@ -161,7 +161,7 @@ TEST_F(Durability, AfterAPowerFailure)
         GTEST_SKIP() << "the journal must be loaded before the sanitizer's runtime";
     m_daemon.start(); // makes the store
     m_daemon.stop(SIGKILL);
-    const int rounds = scaled(10);
+    const int rounds = scaled(25);
     for (int round = 0; round < rounds && !HasFailure(); ++round) {
         std::map<File, std::string> before;
         for (const File file : {File::Store, File::Log})
