@@ -53,7 +53,7 @@ const struct Failure {
     {"a receive", Call::Receive, ECONNRESET, Victims::OtherThreads, Effect::Unnoticed},
     {"a receive at the end", Call::Receive, failnth::Ended, Victims::OtherThreads, Effect::Unnoticed},
     {"a receive interrupted", Call::Receive, EINTR, Victims::OtherThreads, Effect::Harmless, 3},
-    {"a receive of one byte", Call::Receive, failnth::Short, Victims::OtherThreads, Effect::Unnoticed},
+    {"a receive of one byte", Call::Receive, failnth::Short, Victims::OtherThreads, Effect::Harmless},
 };
 
 constexpr REGSTATUS LeftByException = 0xFFFFFFFF;
