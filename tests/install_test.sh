@@ -75,7 +75,7 @@ target_link_libraries(cpp obreg::obreg)
 END
 # configure SOURCE FLAG... : into SOURCE/out
 configure() {
-    cmake -S "$1" -B "$1/out" -D CMAKE_PREFIX_PATH="$root" -D CMAKE_C_COMPILER="$cc" -D CMAKE_CXX_COMPILER="$cxx" \
+    cmake -S "$1" -B "$1/out" -G Ninja -D CMAKE_PREFIX_PATH="$root" -D CMAKE_C_COMPILER="$cc" -D CMAKE_CXX_COMPILER="$cxx" \
         -D CMAKE_C_FLAGS="${*:2}" -D CMAKE_CXX_FLAGS="${*:2}" >"$1.log" 2>&1
 }
 configure user "${cflags[@]}" || { cat user.log; fail "find_package does not find it"; }
