@@ -223,6 +223,18 @@ TEST(Codec, ReaderIsGenerous)
         EXPECT_EQ(msg->m_pValueData == nullptr, test.data.empty());
     }
 
+    // Borrowed data stays where it is.
+    const std::string text = "Status =00000000\r\nValueType =00000001\r\n\r\ndata";
+    const std::unique_ptr<QueryValueRespMsg> borrowing(
+        QueryValueRespMsg::deserialize(text.data(), static_cast<int>(text.size()), ValueData::Borrowed));
+    ASSERT_TRUE(borrowing);
+    EXPECT_EQ(borrowing->m_pValueData, text.data() + text.size() - 4);
+    EXPECT_EQ(encoded(*borrowing), text);
+    const char data[] = "four";
+    const SetValueReqMsg lent(handle(1), "n", 1, data, 4, ValueData::Borrowed);
+    EXPECT_EQ(lent.m_pValueData, data);
+    EXPECT_EQ(encoded(lent), encoded(SetValueReqMsg(handle(1), "n", 1, data, 4)));
+
     const auto cut =
         decoded<OpenKeyReqMsg>("anything\r\nKeyName =ab" + std::string(1, '\0') +
                                "c\r\nAccess =1\r\nFlags =2\r\nParentKeyHandle =3\r\n" + std::string(60, ' '));

@@ -27,7 +27,7 @@ int buildHdr(const char* pOperation, std::string_view type, uint32_t reqId, int 
 /// The number after `header` in a line that begins with it.
 uint32_t valueAfter(std::string_view line, std::string_view header)
 {
-    return readHex<uint32_t>(line.substr(header.size()));
+    return readHex<uint32_t>({line.data() + header.size(), line.size() - header.size()});
 }
 
 } // namespace
@@ -61,7 +61,7 @@ bool ChannelProto::getReqIdAndPayloadLength(const char* pBuff, int hdrLength, ui
     IPC_TRACE("ChannelProto::getReqIdAndPayloadLength- Start\n");
     bool idFound = false;
     bool lengthFound = false;
-    LineWalker walker(pBuff, hdrLength > 0 ? static_cast<size_t>(hdrLength) : 0);
+    LineWalker walker({pBuff, hdrLength > 0 ? static_cast<size_t>(hdrLength) : 0});
     std::string_view line;
     walker.next(line); // the packet type, not looked at here
     while (!(idFound && lengthFound) && walker.next(line) && !line.empty()) {

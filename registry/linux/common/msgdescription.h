@@ -16,6 +16,7 @@
 #include <string_view>
 
 #include "common/ipcint.h"
+#include "common/msgproto.h"
 #include "common/wiretext.h"
 #include "platform.h"
 
@@ -24,6 +25,7 @@ struct MessageValues {
     UINT64 numbers[8]; // by field
     std::string_view name;
     std::string_view data;
+    ValueData valueData;
 };
 
 namespace msgdescription {
@@ -45,7 +47,7 @@ struct Field {
 };
 
 inline constexpr size_t MaxFields = 8;
-inline constexpr size_t NoData = SIZE_MAX;
+inline constexpr size_t None = SIZE_MAX;
 
 /// All that sets one message apart from the others. The first four follow from the class's name; the rest says so only
 /// where the message is special.
@@ -54,10 +56,13 @@ struct Description {
     uint32_t* pLiveObjects;    // its num<Class>Objs
     std::string_view typeCode; // empty in a response
     size_t templateLength;     // what a writer reports at least, names and data not counted
-    Field fields[MaxFields];   // in the order of the lines; ends at the first without a header
+    Field fields[MaxFields];   // in the order of the lines
+    size_t fieldCount = 0;
 
-    size_t dataOffset = NoData; // of m_pValueData, where raw data follows the text
-    size_t dataLenOffset = NoData;
+    size_t nameOffset = None; // of the member of kind Name, where there is one
+    size_t dataOffset = None; // of m_pValueData, where raw data follows the text
+    size_t dataLenOffset = None;
+    size_t ownDataOffset = None;
     size_t minLength;                // what a reader takes at least
     bool reportsWritten = false;     // the writer reports the bytes written, without padding
     const char* noBufferName;        // class name in the log line of a failed allocation
@@ -68,16 +73,19 @@ struct Description {
         : name(name_), pLiveObjects(pLiveObjects_), typeCode(typeCode_), templateLength(templateLength_), fields(),
           minLength(templateLength_), noBufferName(name_)
     {
-        size_t i = 0;
-        for (const Field& line : lines)
-            fields[i++] = line;
+        for (const Field& line : lines) {
+            fields[fieldCount++] = line;
+            if (line.kind == Kind::Name)
+                nameOffset = line.offset;
+        }
     }
 
-    constexpr Description withData(size_t offset, size_t lenOffset) const
+    constexpr Description withData(size_t offset, size_t lenOffset, size_t ownOffset) const
     {
         Description msg = *this;
         msg.dataOffset = offset;
         msg.dataLenOffset = lenOffset;
+        msg.ownDataOffset = ownOffset;
         return msg;
     }
     constexpr Description unpadded(size_t shortest) const
@@ -118,28 +126,34 @@ inline std::string_view orEmpty(const char* pName)
     return pName != nullptr ? std::string_view(pName) : std::string_view();
 }
 
-/// Completes a constructor: traces, copies name and data, counts the object. The other members are set already.
+/// Sets the data member, whose length is set already.
+inline void takeData(const Description& msg, void* pMsg, const char* pData, ValueData valueData)
+{
+    char*& pOwnData = member<char*>(pMsg, msg.ownDataOffset);
+    const UINT32 length = member<UINT32>(pMsg, msg.dataLenOffset);
+    pOwnData = nullptr;
+    if (length != 0 && valueData == ValueData::Copied) {
+        pOwnData = new (std::nothrow) char[length];
+        if (pOwnData == nullptr) {
+            IPC_ERROR("%s::%s- Unable to allocate buffer\n", msg.name, msg.name);
+            throw std::bad_alloc();
+        }
+        std::memcpy(pOwnData, pData, length);
+        pData = pOwnData;
+    }
+    member<char*>(pMsg, msg.dataOffset) = length != 0 ? const_cast<char*>(pData) : nullptr;
+}
+
+/// Completes a constructor: traces, takes name and data, counts the object. The other members are set already.
 /// (Not inlined, here and below: GCC would check every case of the code against every class, and warn.)
 [[gnu::noinline]] inline void construct(const Description& msg, void* pMsg, std::string_view name = {},
-                                        const char* pData = nullptr)
+                                        const char* pData = nullptr, ValueData valueData = ValueData::Copied)
 {
     IPC_TRACE("%s::%s- Start\n", msg.name, msg.name);
-    for (const Field& field : msg.fields)
-        if (field.kind == Kind::Name)
-            member<std::string>(pMsg, field.offset) = name;
-    if (msg.dataOffset != NoData) {
-        char*& pCopy = member<char*>(pMsg, msg.dataOffset);
-        const UINT32 length = member<UINT32>(pMsg, msg.dataLenOffset);
-        pCopy = nullptr;
-        if (length != 0) {
-            pCopy = new (std::nothrow) char[length];
-            if (pCopy == nullptr) {
-                IPC_ERROR("%s::%s- Unable to allocate buffer\n", msg.name, msg.name);
-                throw std::bad_alloc();
-            }
-            std::memcpy(pCopy, pData, length);
-        }
-    }
+    if (msg.nameOffset != None)
+        member<std::string>(pMsg, msg.nameOffset) = std::string(name);
+    if (msg.dataOffset != None)
+        takeData(msg, pMsg, pData, valueData);
     InterlockedIncrement(msg.pLiveObjects);
     IPC_TRACE("%s::%s- End\n", msg.name, msg.name);
 }
@@ -147,7 +161,7 @@ inline std::string_view orEmpty(const char* pName)
 /// Completes a constructor from what the reader found.
 [[gnu::noinline]] inline void construct(const Description& msg, void* pMsg, const MessageValues& values)
 {
-    for (size_t i = 0; i < MaxFields && !msg.fields[i].header.empty(); ++i) {
+    for (size_t i = 0; i < msg.fieldCount; ++i) {
         const Field& field = msg.fields[i];
         switch (field.kind) {
         case Kind::Number32:
@@ -163,16 +177,16 @@ inline std::string_view orEmpty(const char* pName)
             break;
         }
     }
-    if (msg.dataLenOffset != NoData)
+    if (msg.dataLenOffset != None)
         member<UINT32>(pMsg, msg.dataLenOffset) = static_cast<UINT32>(values.data.size());
-    construct(msg, pMsg, values.name, values.data.data());
+    construct(msg, pMsg, values.name, values.data.data(), values.valueData);
 }
 
 [[gnu::noinline]] inline void destroy(const Description& msg, void* pMsg)
 {
     IPC_TRACE("%s::~%s- Start\n", msg.name, msg.name);
-    if (msg.dataOffset != NoData)
-        delete[] member<char*>(pMsg, msg.dataOffset);
+    if (msg.ownDataOffset != None)
+        delete[] member<char*>(pMsg, msg.ownDataOffset);
     InterlockedDecrement(msg.pLiveObjects);
     IPC_TRACE("%s::~%s- End\n", msg.name, msg.name);
 }
@@ -197,10 +211,9 @@ inline char* putField(char* pOut, const Field& field, const void* pMsg)
 inline uint64_t roomFor(const Description& msg, const void* pMsg)
 {
     uint64_t room = msg.templateLength;
-    for (const Field& field : msg.fields)
-        if (field.kind == Kind::Name)
-            room += member<std::string>(pMsg, field.offset).size();
-    if (msg.dataLenOffset != NoData)
+    if (msg.nameOffset != None)
+        room += member<std::string>(pMsg, msg.nameOffset).size();
+    if (msg.dataLenOffset != None)
         room += member<UINT32>(pMsg, msg.dataLenOffset);
     return room;
 }
@@ -224,10 +237,10 @@ inline uint64_t roomFor(const Description& msg, const void* pMsg)
     char* pOut = pBuffer;
     if (!msg.typeCode.empty())
         pOut = put(put(pOut, msg.typeCode), Crlf);
-    for (size_t i = 0; i < MaxFields && !msg.fields[i].header.empty(); ++i)
+    for (size_t i = 0; i < msg.fieldCount; ++i)
         pOut = put(putField(pOut, msg.fields[i], pMsg), Crlf);
     pOut = put(pOut, Crlf);
-    if (msg.dataOffset != NoData)
+    if (msg.dataOffset != None)
         pOut = put(pOut, {member<char*>(pMsg, msg.dataOffset), member<UINT32>(pMsg, msg.dataLenOffset)});
 
     const auto written = static_cast<size_t>(pOut - pBuffer);
@@ -242,7 +255,7 @@ inline uint64_t roomFor(const Description& msg, const void* pMsg)
 /// Reads the value that follows field i's header in its line.
 inline void readField(const Field& field, size_t i, std::string_view line, MessageValues& values)
 {
-    const std::string_view text = line.substr(field.header.size());
+    const std::string_view text(line.data() + field.header.size(), line.size() - field.header.size());
     switch (field.kind) {
     case Kind::Number32:
         values.numbers[i] = readHex<UINT32>(text);
@@ -262,15 +275,13 @@ inline void readField(const Field& field, size_t i, std::string_view line, Messa
 /// The line scan of every reader. True when every field was found.
 inline bool scan(const Description& msg, std::string_view text, MessageValues& values)
 {
-    unsigned missing = 0; // bit i: field i not found yet
-    for (size_t i = 0; i < MaxFields && !msg.fields[i].header.empty(); ++i)
-        missing |= 1u << i;
+    unsigned missing = (1u << msg.fieldCount) - 1; // bit i: field i not found yet
 
-    LineWalker walker(text.data(), text.size());
+    LineWalker walker(text);
     std::string_view line;
     if (!msg.typeCode.empty() && !walker.next(line))
         return false;
-    const bool hasData = msg.dataOffset != NoData;
+    const bool hasData = msg.dataOffset != None;
     while ((missing != 0 || hasData) && walker.next(line) && !line.empty()) {
         for (size_t i = 0; missing >> i != 0; ++i) {
             if ((missing >> i & 1u) != 0 && startsWith(line, msg.fields[i].header)) {
@@ -281,7 +292,7 @@ inline bool scan(const Description& msg, std::string_view text, MessageValues& v
         }
     }
     if (hasData)
-        values.data = text.substr(walker.offset());
+        values.data = walker.rest();
     return missing == 0;
 }
 

@@ -20,7 +20,7 @@ extern const Description DescriptionOf;
 // The beginning of a description: what follows from the class's name.
 #define REQUEST(Class) #Class, &num##Class##Objs, Class##TypeS, Class##TemplateS.size()
 #define RESPONSE(Class) #Class, &num##Class##Objs, {}, Class##TemplateS.size()
-#define DATA(Class) offsetof(Class, m_pValueData), offsetof(Class, m_valueDataLen)
+#define DATA(Class) offsetof(Class, m_pValueData), offsetof(Class, m_valueDataLen), offsetof(Class, m_pOwnData)
 
 /// A set-value request's data runs to the end of the message, so the message cannot be padded to its template; the
 /// shortest has the shortest handle, no name and no data.
@@ -149,9 +149,10 @@ template <> constexpr Description DescriptionOf<QueryInfoKeyRespMsg> = Descripti
     {                                                                                                                  \
         write(DescriptionOf<Class>, this, ppSerializedObj, pSerializedObjLen);                                         \
     }                                                                                                                  \
-    Class* Class::deserialize(const char* pSerializedObj, int serializedObjLen)                                        \
+    Class* Class::deserialize(const char* pSerializedObj, int serializedObjLen, ValueData valueData)                   \
     {                                                                                                                  \
         MessageValues values;                                                                                          \
+        values.valueData = valueData;                                                                                  \
         const bool whole = read(DescriptionOf<Class>, pSerializedObj, serializedObjLen, values);                       \
         Class* const retObj = whole ? new Class(values) : nullptr;                                                     \
         IPC_TRACE("%s::deserialize- End, retObj = %p\n", #Class, static_cast<void*>(retObj));                          \
@@ -223,10 +224,10 @@ DeleteKeyRespMsg::DeleteKeyRespMsg(REGSTATUS status) : m_status(status)
 }
 
 SetValueReqMsg::SetValueReqMsg(HANDLE keyHandle, const char* pValueName, UINT32 valueType, const char* pValueData,
-                               UINT32 valueDataLen)
+                               UINT32 valueDataLen, ValueData valueData)
     : m_keyHandle(keyHandle), m_valueType(valueType), m_valueDataLen(valueDataLen)
 {
-    construct(DescriptionOf<SetValueReqMsg>, this, orEmpty(pValueName), pValueData);
+    construct(DescriptionOf<SetValueReqMsg>, this, orEmpty(pValueName), pValueData, valueData);
 }
 
 SetValueRespMsg::SetValueRespMsg(REGSTATUS status) : m_status(status)
@@ -239,10 +240,11 @@ QueryValueReqMsg::QueryValueReqMsg(HANDLE keyHandle, const char* pValueName) : m
     construct(DescriptionOf<QueryValueReqMsg>, this, orEmpty(pValueName));
 }
 
-QueryValueRespMsg::QueryValueRespMsg(REGSTATUS status, UINT32 valueType, const char* pValueData, UINT32 valueDataLen)
+QueryValueRespMsg::QueryValueRespMsg(REGSTATUS status, UINT32 valueType, const char* pValueData, UINT32 valueDataLen,
+                                     ValueData valueData)
     : m_status(status), m_valueType(valueType), m_valueDataLen(valueDataLen)
 {
-    construct(DescriptionOf<QueryValueRespMsg>, this, {}, pValueData);
+    construct(DescriptionOf<QueryValueRespMsg>, this, {}, pValueData, valueData);
 }
 
 DeleteValueReqMsg::DeleteValueReqMsg(HANDLE keyHandle, const char* pValueName) : m_keyHandle(keyHandle)
@@ -272,10 +274,10 @@ EnumValueReqMsg::EnumValueReqMsg(HANDLE keyHandle, UINT32 index) : m_keyHandle(k
 }
 
 EnumValueRespMsg::EnumValueRespMsg(REGSTATUS status, const char* pValueName, UINT32 valueType, const char* pValueData,
-                                   UINT32 valueDataLen)
+                                   UINT32 valueDataLen, ValueData valueData)
     : m_status(status), m_valueType(valueType), m_valueDataLen(valueDataLen)
 {
-    construct(DescriptionOf<EnumValueRespMsg>, this, orEmpty(pValueName), pValueData);
+    construct(DescriptionOf<EnumValueRespMsg>, this, orEmpty(pValueName), pValueData, valueData);
 }
 
 QueryInfoKeyReqMsg::QueryInfoKeyReqMsg(HANDLE keyHandle) : m_keyHandle(keyHandle)

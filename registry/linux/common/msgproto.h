@@ -12,13 +12,14 @@
 //       Writes the message into a new array; the caller releases it with delete[]. Null and 0 when it cannot. The
 //       length is the template's plus the names' and data's; where the text is shorter, zero bytes fill it up. The
 //       set-value request alone reports the bytes it wrote, because its data runs to the end of the message.
-//   static Class* deserialize(const char* pSerializedObj, int serializedObjLen)
+//   static Class* deserialize(const char* pSerializedObj, int serializedObjLen, ValueData = Copied)
 //       Reads a message; the caller deletes the object. Null when the message is shorter than the class's template or
 //       lacks a field. Lines may come in any order, unknown ones are skipped, the first of two counts. A request's
 //       type line is skipped unseen. The input is only read.
 //
-// Names are copied in and may be null (empty). Value data is copied into an array of the object's own, null exactly
-// when its length is 0. Constructors and deserialize may throw std::bad_alloc, with nothing left behind.
+// Names are copied in and may be null (empty). Value data is copied into an array of the object's own, or on request
+// only borrowed: the object then points into the caller's array or the text that was read, which must outlive it. It is
+// null exactly when its length is 0. Constructors and deserialize may throw std::bad_alloc, with nothing left behind.
 //
 // An object belongs to one thread; different objects are independent. num<Class>Objs counts the live objects of a
 // class, for inspection.
@@ -131,6 +132,9 @@ public:
     static MessageTypes getReqMsgType(const char& buff);
 };
 
+/// What becomes of value data that an object is made from.
+enum class ValueData : uint8_t { Copied, Borrowed };
+
 struct MessageValues; // what the reader found; private to msgproto.cpp
 
 /// The members that every message class has besides its constructor and its fields.
@@ -139,7 +143,8 @@ struct MessageValues; // what the reader found; private to msgproto.cpp
     Class& operator=(const Class&) = delete;                                                                           \
     ~Class();                                                                                                          \
     void serialize(char** ppSerializedObj, int* pSerializedObjLen) const;                                              \
-    static Class* deserialize(const char* pSerializedObj, int serializedObjLen);                                       \
+    static Class* deserialize(const char* pSerializedObj, int serializedObjLen,                                        \
+                              ValueData valueData = ValueData::Copied);                                                \
                                                                                                                        \
 private:                                                                                                               \
     explicit Class(const MessageValues& values)
@@ -225,9 +230,10 @@ public:
     UINT32 m_valueType;
     char* m_pValueData;
     UINT32 m_valueDataLen;
+    char* m_pOwnData; // the copy of the value data, if there is one
 
     SetValueReqMsg(HANDLE keyHandle, const char* pValueName, UINT32 valueType, const char* pValueData,
-                   UINT32 valueDataLen);
+                   UINT32 valueDataLen, ValueData valueData = ValueData::Copied);
     OBREG_MESSAGE_MEMBERS(SetValueReqMsg);
 };
 
@@ -254,8 +260,10 @@ public:
     UINT32 m_valueType;
     char* m_pValueData;
     UINT32 m_valueDataLen;
+    char* m_pOwnData; // the copy of the value data, if there is one
 
-    QueryValueRespMsg(REGSTATUS status, UINT32 valueType, const char* pValueData, UINT32 valueDataLen);
+    QueryValueRespMsg(REGSTATUS status, UINT32 valueType, const char* pValueData, UINT32 valueDataLen,
+                      ValueData valueData = ValueData::Copied);
     OBREG_MESSAGE_MEMBERS(QueryValueRespMsg);
 };
 
@@ -311,9 +319,10 @@ public:
     UINT32 m_valueType;
     char* m_pValueData;
     UINT32 m_valueDataLen;
+    char* m_pOwnData; // the copy of the value data, if there is one
 
     EnumValueRespMsg(REGSTATUS status, const char* pValueName, UINT32 valueType, const char* pValueData,
-                     UINT32 valueDataLen);
+                     UINT32 valueDataLen, ValueData valueData = ValueData::Copied);
     OBREG_MESSAGE_MEMBERS(EnumValueRespMsg);
 };
 

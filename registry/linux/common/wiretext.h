@@ -24,14 +24,22 @@ inline char* put(char* pOut, std::string_view text)
     return pOut + text.size();
 }
 
+/// The two upper-case digits of every byte.
+inline constexpr std::array<std::array<char, 2>, 256> HexPairs = [] {
+    constexpr std::string_view digits = "0123456789ABCDEF";
+    std::array<std::array<char, 2>, 256> pairs{};
+    for (size_t i = 0; i < pairs.size(); ++i)
+        pairs[i] = {digits[i >> 4], digits[i & 15]};
+    return pairs;
+}();
+
 /// Writes all the digits of value, upper case with leading zeros: 8 of a 32-bit number, 16 of a 64-bit one.
 template <class Number>
 char* putHex(char* pOut, Number value)
 {
-    constexpr int digits = 2 * sizeof(Number);
-    for (int i = digits - 1; i >= 0; --i, value >>= 4)
-        pOut[i] = "0123456789ABCDEF"[value & 15];
-    return pOut + digits;
+    for (size_t i = sizeof(Number); i-- > 0; value >>= 8)
+        std::memcpy(pOut + 2 * i, HexPairs[value & 255].data(), 2);
+    return pOut + 2 * sizeof(Number);
 }
 
 /// Writes a handle as the C library's "%p" does: "0x" and lower-case digits without leading zeros, "(nil)" for null.
@@ -40,10 +48,8 @@ inline char* putHandle(char* pOut, uintptr_t handle)
     if (handle == 0)
         return put(pOut, NullHandle);
     pOut = put(pOut, "0x");
-    int shift = 0;
-    while (shift + 4 < std::numeric_limits<uintptr_t>::digits && handle >> (shift + 4) != 0)
-        shift += 4;
-    for (; shift >= 0; shift -= 4)
+    const int highestBit = std::numeric_limits<unsigned long>::digits - 1 - __builtin_clzl(handle);
+    for (int shift = highestBit & ~3; shift >= 0; shift -= 4)
         *pOut++ = "0123456789abcdef"[handle >> shift & 15];
     return pOut;
 }
@@ -72,6 +78,19 @@ inline bool isSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 template <class Number>
 Number readHex(std::string_view text)
 {
+    constexpr size_t maxDigits = 2 * sizeof(Number);
+    Number value = 0;
+    if (text.size() == maxDigits) { // all digits, as putHex writes them? Then this is all.
+        unsigned seen = 0;
+        for (size_t i = 0; i < maxDigits; ++i) {
+            const unsigned digit = digitValue(text[i]);
+            seen |= digit;
+            value = static_cast<Number>(value << 4 | digit);
+        }
+        if ((seen & NoDigit) == 0)
+            return value;
+    }
+
     const char* p = text.data();
     const char* const pEnd = p + text.size();
     while (p != pEnd && isSpace(*p))
@@ -82,16 +101,15 @@ Number readHex(std::string_view text)
     if (pEnd - p > 2 && p[0] == '0' && (p[1] == 'x' || p[1] == 'X') && digitValue(p[2]) != NoDigit)
         p += 2;
 
-    constexpr Number max = std::numeric_limits<Number>::max();
-    Number value = 0;
-    for (; p != pEnd; ++p) {
-        const uint8_t digit = digitValue(*p);
-        if (digit == NoDigit)
-            break;
-        if (value > max >> 4)
-            return max;
+    while (p != pEnd && *p == '0')
+        ++p;
+
+    const char* const pFits = static_cast<size_t>(pEnd - p) > maxDigits ? p + maxDigits : pEnd;
+    value = 0;
+    for (uint8_t digit; p != pFits && (digit = digitValue(*p)) != NoDigit; ++p)
         value = static_cast<Number>(value << 4 | digit);
-    }
+    if (p == pFits && p != pEnd && digitValue(*p) != NoDigit)
+        return std::numeric_limits<Number>::max();
     return negative ? static_cast<Number>(0 - value) : value;
 }
 
@@ -109,40 +127,37 @@ inline bool lineIs(const char* pText, std::string_view code)
 /// alone is an ordinary byte.
 class LineWalker {
 public:
-    LineWalker(const char* pText, size_t length) : m_pText(pText), m_length(length) {}
+    explicit LineWalker(std::string_view text) : m_pNext(text.data()), m_pEnd(text.data() + text.size()) {}
 
     /// Stores the next line, without its end, and returns true; false when no line end is left.
     bool next(std::string_view& line)
     {
-        for (size_t from = m_offset; from + 1 < m_length; ++from) {
-            const void* pCr = std::memchr(m_pText + from, '\r', m_length - from - 1);
-            if (pCr == nullptr)
+        for (const char* p = m_pNext; m_pEnd - p >= 2; ++p) {
+            p = static_cast<const char*>(std::memchr(p, '\r', static_cast<size_t>(m_pEnd - p - 1)));
+            if (p == nullptr)
                 break;
-            from = static_cast<size_t>(static_cast<const char*>(pCr) - m_pText);
-            if (m_pText[from + 1] == '\n') {
-                line = std::string_view(m_pText + m_offset, from - m_offset);
-                m_offset = from + 2;
+            if (p[1] == '\n') {
+                line = std::string_view(m_pNext, static_cast<size_t>(p - m_pNext));
+                m_pNext = p + 2;
                 return true;
             }
         }
-        if (m_offset < m_length)
-            m_offset = m_length - 1;
+        if (m_pNext != m_pEnd)
+            m_pNext = m_pEnd - 1;
         return false;
     }
 
-    /// Where the walk stands: after the last line's end, or, once next() has returned false, where fewer than two
-    /// bytes remain.
-    size_t offset() const { return m_offset; }
+    /// What the walk has left: all after the last line's end, or, once next() has returned false, fewer than two bytes.
+    std::string_view rest() const { return {m_pNext, static_cast<size_t>(m_pEnd - m_pNext)}; }
 
 private:
-    const char* m_pText;
-    size_t m_length;
-    size_t m_offset = 0;
+    const char* m_pNext;
+    const char* m_pEnd;
 };
 
 inline bool startsWith(std::string_view text, std::string_view prefix)
 {
-    return text.substr(0, prefix.size()) == prefix;
+    return text.size() >= prefix.size() && std::memcmp(text.data(), prefix.data(), prefix.size()) == 0;
 }
 
 } // namespace wiretext
