@@ -1,6 +1,7 @@
 #include "client/cchannel.h"
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <new>
@@ -17,6 +18,10 @@
 uint32_t numCChannelObjects = 0;
 
 namespace {
+
+/// How long a submitter watches for its reply before it sleeps, and how many pauses lie between two looks at the clock.
+constexpr std::chrono::microseconds MaxWatch{50};
+constexpr int PausesPerLook = 16;
 
 void initChannelLock(pthread_mutex_t& mutex)
 {
@@ -231,16 +236,16 @@ uint32_t CChannel::allocReqId()
 int CChannel::submitReq(uint32_t reqId, ClientReq& clientReq, char* pClientData, int clientDataLen)
 {
     IPC_TRACE("CChannel::submitReq- Start, Obj = %08X\n", logAddress(this));
-    MutexLock lock(m_mutex);
+    MutexLock lock(m_mutex, m_worthSpinning);
     int retStatus = -1;
     char header[PktHdrLength];
     if (m_state != State_Connected) {
         IPC_TRACE("CChannel::submitReq- Channel not connected, state = %08X\n", static_cast<unsigned>(m_state.load()));
-    } else if (!m_rcMap.emplace(reqId, &clientReq).second) {
+    } else if (!m_rcMap.insert(reqId, &clientReq)) {
         IPC_ERROR("CChannel::submitReq- Unable to insert ClientReq into ClientReqMap, Obj = %08X\n", logAddress(this));
     } else if (ChannelProto::buildReqDataPktHdr(reqId, clientDataLen, header) != 0) {
         IPC_ERROR("CChannel::submitReq- Error building Req Data Pkt Header, Obj = %08X\n", logAddress(this));
-        if (m_rcMap.erase(reqId) == 0)
+        if (!m_rcMap.erase(reqId))
             IPC_ERROR("CChannel::submitReq- Error, did not find object in map to remove\n");
     } else {
         retStatus = sendPacket(header, pClientData, static_cast<size_t>(clientDataLen));
@@ -282,12 +287,25 @@ int CChannel::sendPacket(char* pHeader, char* pPayload, size_t payloadLength)
     return 0;
 }
 
+void CChannel::watch(const ClientReq& clientReq)
+{
+    using Clock = std::chrono::steady_clock;
+    if (clientReq.completed() || !alone() || !m_worthWatching.now())
+        return;
+    const Clock::time_point end = Clock::now() + MaxWatch;
+    do {
+        for (int i = 0; i < PausesPerLook && !clientReq.completed(); ++i)
+            cpuPause();
+    } while (!clientReq.completed() && alone() && Clock::now() < end);
+    m_worthWatching.result(clientReq.completed());
+}
+
 void CChannel::removeReq(uint32_t reqId)
 {
     IPC_TRACE("CChannel::removeReq- Start, Obj = %08X\n", logAddress(this));
     {
-        const MutexLock lock(m_mutex);
-        if (m_rcMap.erase(reqId) == 0)
+        const MutexLock lock(m_mutex, m_worthSpinning);
+        if (!m_rcMap.erase(reqId))
             IPC_ERROR("CChannel::removeReq- Error, did not find object in map\n");
     }
     IPC_TRACE("CChannel::removeReq- End\n");
@@ -339,9 +357,9 @@ void CChannel::receivePackets()
             break;
         case ChannelProto::ReqErrorCarrierPacketType: {
             IPC_TRACE("CChannel::connectionThread- Processing Request Error Packet, Obj = %08X\n", logAddress(this));
-            const MutexLock lock(m_mutex);
+            MutexLock lock(m_mutex, m_worthSpinning);
             if (ClientReq* const pClientReq = findReq(reqId))
-                pClientReq->processError();
+                pClientReq->processError(&lock);
             break;
         }
         default:
@@ -367,9 +385,9 @@ bool CChannel::receiveData(uint32_t reqId, int payloadLength)
         IPC_TRACE("CChannel::connectionThread- Connection aborted prematurely, Obj = %08X\n", logAddress(this));
         return false;
     }
-    const MutexLock lock(m_mutex);
+    MutexLock lock(m_mutex, m_worthSpinning);
     if (ClientReq* const pClientReq = findReq(reqId))
-        pClientReq->processServerData(pRecvBuff.release(), payloadLength);
+        pClientReq->processServerData(pRecvBuff.release(), payloadLength, &lock);
     return true;
 }
 
@@ -392,11 +410,10 @@ ssize_t CChannel::receive(char* pBuff, size_t length) const
 /// The pending request of an id, or null with a line in the log; the channel lock is held.
 ClientReq* CChannel::findReq(uint32_t reqId) const
 {
-    const auto entry = m_rcMap.find(reqId);
-    if (entry != m_rcMap.end())
-        return entry->second;
-    IPC_ERROR("CChannel::connectionThread- Error, did not find object in map, Obj = %08X\n", logAddress(this));
-    return nullptr;
+    ClientReq* const pClientReq = m_rcMap.find(reqId);
+    if (pClientReq == nullptr)
+        IPC_ERROR("CChannel::connectionThread- Error, did not find object in map, Obj = %08X\n", logAddress(this));
+    return pClientReq;
 }
 
 /// The reader's last work: nobody waits for a reply that cannot come any more. The entries are their submitters' to
@@ -406,6 +423,6 @@ void CChannel::failPendingReqs()
     const MutexLock lock(m_mutex);
     if (m_state == State_Connected)
         m_state = State_Disconnected;
-    for (const auto& entry : m_rcMap)
-        entry.second->processError();
+    for (const PendingReqs::Entry& entry : m_rcMap)
+        entry.pClientReq->processError();
 }

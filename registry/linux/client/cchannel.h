@@ -6,17 +6,24 @@
 //
 // THE CHANNEL LOCK, m_mutex, guards m_state, m_socket and m_rcMap, and is held
 //   - by submitReq from its state check to the last byte sent: sends never interleave on the stream, and no reply can
-//   be
-//     delivered before its request is out. A send that the daemon does not take therefore holds up everything else;
-//   - by removeReq, and by the reader around each map look-up with its hand-over and around its exit sweep. So the
-//   reader
-//     touches a pending request only while it is in the map, and a submitter that has removed its own may destroy it;
+//     be delivered before its request is out. A send that the daemon does not take therefore holds up everything else;
+//   - by removeReq;
+//   - by the reader around each map look-up with its hand-over, and around its exit sweep. So the reader touches a
+//     pending request only while it is in the map, and a submitter that has removed its own may destroy it. One thing
+//     the reader does later, without any lock: it wakes the submitter, if that sleeps. Until then the submitter does
+//     not go on to remove the request, and when it does, it finds both locks free (clientreq.h);
 //   - by closeChannel.
+// It is held shortly but taken three times for every request. So who finds it taken tries a few times more before he
+// sleeps, as long as that succeeds (worthtrying.h).
 // Order of locks: clientMutex (client.h), then a channel's m_mutex, then a request's m_mutex. Nothing takes them the
 // other way round: who waits for a reply holds neither of the first two.
 //
-// READ WITHOUT THE LOCK: m_state, by ok() and by the reader when it begins. Both only need an answer that was true a
-// moment ago; it is an atomic so that the answer is a whole one.
+// WATCHING: a submitter whose request is the only one pending stays awake for a moment after sending (watch), because a
+// sleep and a wake-up take longer than a quick daemon. It looks at one atomic flag of its own request and holds no
+// lock. When the reply comes later than that, or on a machine with one processor to share, it stops trying.
+//
+// READ WITHOUT THE LOCK: m_state, by ok() and by the reader when it begins, and the number of pending requests, by who
+// watches. All need only an answer that was true a moment ago; both are atomics so that the answer is a whole one.
 //
 // TWO DESCRIPTORS of the one socket. m_socket is the one that is sent on, and shut down and closed under the lock. The
 // reader cannot use it: between reading the number and entering recv, another thread may close it and the application
@@ -34,7 +41,6 @@
 
 #include <atomic>
 #include <cstddef>
-#include <map>
 #include <memory>
 #include <netinet/in.h>
 #include <pthread.h>
@@ -42,6 +48,7 @@
 #include <sys/un.h>
 
 #include "client/livechannels.h"
+#include "client/pendingreqs.h"
 #include "common/ipcint.h"
 #include "common/smartptr.h"
 
@@ -89,6 +96,10 @@ public:
     /// or the id is in use. Throws std::bad_alloc, with nothing entered. The payload stays the caller's. Any thread.
     int submitReq(uint32_t reqId, ClientReq& clientReq, char* pClientData, int clientDataLen);
 
+    /// Between submitReq and waitForCompletion: looks out for the reply for a moment, without a lock and awake, as long
+    /// as no other request is pending and it has paid lately. Any thread.
+    void watch(const ClientReq& clientReq);
+
     /// Takes a request out of the map. To be called after every submitReq, before the request is destroyed. Any thread.
     void removeReq(uint32_t reqId);
 
@@ -111,6 +122,7 @@ private:
     bool receiveData(uint32_t reqId, int payloadLength);
     ssize_t receive(char* pBuff, size_t length) const;
     ClientReq* findReq(uint32_t reqId) const;
+    bool alone() const { return m_rcMap.size() <= 1; }
     void failPendingReqs();
 
     std::atomic<ChannelStates> m_state{State_Uninitialized};
@@ -120,7 +132,9 @@ private:
     bool m_useTcpSocket;
     uint32_t m_reqIdAllocator = 1;
     pthread_mutex_t m_mutex;
-    std::map<uint32_t, ClientReq*> m_rcMap;
+    PendingReqs m_rcMap;
+    WorthTrying m_worthSpinning; // for m_mutex
+    WorthTrying m_worthWatching; // for replies
 
     int m_recvSocket = -1; // set by init before there is a reader, closed by the destructor
     LiveChannels::Registration m_registration{this};

@@ -193,10 +193,12 @@ int ReqReply(char* pClientData, int clientDataLen, char** ppServerData, int* pSe
             }
             const uint32_t reqId = (*pChannel)->allocReqId();
             ClientReq clientReq(reqId);
-            if ((*pChannel)->submitReq(reqId, clientReq, pClientData, clientDataLen) == 0)
+            if ((*pChannel)->submitReq(reqId, clientReq, pClientData, clientDataLen) == 0) {
+                (*pChannel)->watch(clientReq);
                 retStatus = clientReq.waitForCompletion(ppServerData, pServerDataLen);
-            else
+            } else {
                 IPC_ERROR("OBReg -ReqReply- Request submittion over the channel failed\n");
+            }
             (*pChannel)->removeReq(reqId);
             okToRetry = retStatus != 0 && retryCount < MaxRetries;
             if (okToRetry)
@@ -239,7 +241,7 @@ REGSTATUS call(const char* pOperation, CopyResults copyResults, Fields... fields
         return OBREG_STATUS_REQUEST_FAILED;
     }
 
-    const std::unique_ptr<Response> pResponse(Response::deserialize(pServerData.get(), replyLen));
+    const std::unique_ptr<Response> pResponse(Response::deserialize(pServerData.get(), replyLen, ValueData::Borrowed));
     if (!pResponse) {
         IPC_ERROR("OBReg -%s- Error deserializing response\n", pOperation);
         return OBREG_STATUS_REQUEST_FAILED;
@@ -335,7 +337,7 @@ REGSTATUS OBRegSetValueExA(HANDLE keyHandle, const char* pValueName, UINT32 /*re
     if (keyHandle == nullptr || pData == nullptr || length == 0)
         return OBREG_STATUS_INVALID_PARAMETER;
     return call<SetValueReqMsg, SetValueRespMsg>("OBRegSetValueExA", statusOnly, keyHandle, orDefaultName(pValueName),
-                                                 type, static_cast<const char*>(pData), length);
+                                                 type, static_cast<const char*>(pData), length, ValueData::Borrowed);
 }
 
 REGSTATUS OBRegQueryValueExA(HANDLE keyHandle, const char* pValueName, UINT32* /*pReserved*/, UINT32* pValueType,

@@ -1,8 +1,8 @@
 #include "client/clientreq.h"
 
+#include <cerrno>
 #include <new>
 
-#include "client/guards.h"
 #include "platform.h"
 
 uint32_t numClientReqObjects = 0;
@@ -14,7 +14,7 @@ ClientReq::ClientReq(uint32_t reqId) : m_reqId(reqId)
         IPC_ERROR("ClientReq::ClientReq- Mutex initialization failed\n");
         throw std::bad_alloc();
     }
-    if (pthread_cond_init(&m_condition, nullptr) != 0) {
+    if (sem_init(&m_wakeUp, 0, 0) != 0) {
         IPC_ERROR("ClientReq::ClientReq- Condition initialization failed\n");
         pthread_mutex_destroy(&m_mutex);
         throw std::bad_alloc();
@@ -27,57 +27,73 @@ ClientReq::~ClientReq()
 {
     IPC_TRACE("ClientReq::~ClientReq- Start, Obj = %08X\n", logAddress(this));
     pthread_mutex_destroy(&m_mutex);
-    pthread_cond_destroy(&m_condition);
+    sem_destroy(&m_wakeUp);
     delete[] m_pServerData;
     InterlockedDecrement(&numClientReqObjects);
     IPC_TRACE("ClientReq::~ClientReq- End\n");
 }
 
-void ClientReq::wakeSubmitter()
+/// Lets `store` put the outcome in place, marks the request completed and wakes its submitter if that sleeps.
+template <class Store>
+void ClientReq::complete(Store store, MutexLock* pChannelLock)
 {
-    if (m_submitThreadActive)
-        return;
-    m_submitThreadActive = true;
-    pthread_cond_signal(&m_condition);
-}
-
-void ClientReq::processServerData(char* pServerData, int serverDataLength)
-{
-    IPC_TRACE("ClientReq::processServerData- Start, Obj = %08X\n", logAddress(this));
+    bool asleep = false;
     {
         const MutexLock lock(m_mutex);
+        store();
+        asleep = !m_submitThreadActive;
+        m_submitThreadActive = true;
+        m_completed.store(true, std::memory_order_release);
+    }
+    if (!asleep)
+        return;
+    // A submitter that sleeps keeps the request until it is woken. Woken, it needs both locks: it finds them free.
+    if (pChannelLock != nullptr)
+        pChannelLock->unlock();
+    sem_post(&m_wakeUp);
+}
+
+void ClientReq::processServerData(char* pServerData, int serverDataLength, MutexLock* pChannelLock)
+{
+    IPC_TRACE("ClientReq::processServerData- Start, Obj = %08X\n", logAddress(this));
+    const auto store = [&] {
         delete[] m_pServerData;
         m_pServerData = pServerData;
         m_serverDataLen = serverDataLength;
-        wakeSubmitter();
-        m_completed = true;
-    }
+    };
+    complete(store, pChannelLock);
     IPC_TRACE("ClientReq::processServerData- End\n");
 }
 
-void ClientReq::processError()
+void ClientReq::processError(MutexLock* pChannelLock)
 {
     IPC_TRACE("ClientReq::processError- Start, Obj = %08X\n", logAddress(this));
+    complete([&] { m_internalProblem = true; }, pChannelLock);
+    IPC_TRACE("ClientReq::processError- End\n");
+}
+
+/// Blocks until the request is completed, unless it is already.
+void ClientReq::sleep()
+{
     {
         const MutexLock lock(m_mutex);
-        m_internalProblem = true;
-        m_completed = true;
-        wakeSubmitter();
+        if (completed())
+            return;
+        m_submitThreadActive = false;
     }
-    IPC_TRACE("ClientReq::processError- End\n");
+    while (sem_wait(&m_wakeUp) == -1 && errno == EINTR) {
+    }
 }
 
 int ClientReq::waitForCompletion(char** ppResponseData, int* pResponseDataLength)
 {
     IPC_TRACE("ClientReq::waitForCompletion- Start, Obj = %08X\n", logAddress(this));
     const NoCancellation noCancellation;
+    if (!completed())
+        sleep();
     int retStatus = -1;
     {
         const MutexLock lock(m_mutex);
-        while (!m_completed) {
-            m_submitThreadActive = false;
-            pthread_cond_wait(&m_condition, &m_mutex);
-        }
         // Taken while the lock is held: a late second delivery replaces the buffer.
         if (!m_internalProblem) {
             *ppResponseData = m_pServerData;

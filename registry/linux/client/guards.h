@@ -4,10 +4,19 @@
 
 #include <pthread.h>
 
+#include "client/worthtrying.h"
+
 /// Holds a POSIX mutex from construction to destruction, or to an earlier unlock().
 class MutexLock {
 public:
     explicit MutexLock(pthread_mutex_t& mutex) : m_pMutex(&mutex) { pthread_mutex_lock(m_pMutex); }
+
+    /// Tries for a moment before it sleeps, while that is worth it: for a mutex that is held shortly but by many.
+    MutexLock(pthread_mutex_t& mutex, WorthTrying& worthSpinning) : m_pMutex(&mutex)
+    {
+        if (pthread_mutex_trylock(m_pMutex) != 0 && !(worthSpinning.now() && worthSpinning.result(spin())))
+            pthread_mutex_lock(m_pMutex);
+    }
     ~MutexLock() { unlock(); }
     MutexLock(const MutexLock&) = delete;
     MutexLock& operator=(const MutexLock&) = delete;
@@ -20,6 +29,20 @@ public:
     }
 
 private:
+    bool spin() const
+    {
+        for (int i = 0; i < Spins; ++i) {
+            for (int pause = 0; pause < PausesPerSpin; ++pause)
+                cpuPause();
+            if (pthread_mutex_trylock(m_pMutex) == 0)
+                return true;
+        }
+        return false;
+    }
+
+    static constexpr int Spins = 20;
+    static constexpr int PausesPerSpin = 10;
+
     pthread_mutex_t* m_pMutex;
 };
 

@@ -1,0 +1,74 @@
+// The requests that wait for replies, by their ids: an ordered map that keeps its memory.
+//
+// Ids are handed out in ascending order, so a new one nearly always belongs at the end, and few are pending at a time:
+// a sorted array serves both better than a tree, and allocates only when more requests are pending than ever before.
+// It owns nothing and locks nothing.
+#ifndef OBREG_CLIENT_PENDINGREQS_H
+#define OBREG_CLIENT_PENDINGREQS_H
+
+#include <algorithm>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+class ClientReq;
+
+class PendingReqs {
+public:
+    struct Entry {
+        uint32_t reqId;
+        ClientReq* pClientReq;
+    };
+
+    /// False, with nothing changed, when the id is taken. Throws std::bad_alloc, with nothing changed.
+    bool insert(uint32_t reqId, ClientReq* pClientReq)
+    {
+        const auto place = m_entries.begin() + position(reqId);
+        if (place != m_entries.end() && place->reqId == reqId)
+            return false;
+        m_entries.insert(place, {reqId, pClientReq});
+        m_size.store(m_entries.size(), std::memory_order_relaxed);
+        return true;
+    }
+
+    /// False when there is no such id.
+    bool erase(uint32_t reqId)
+    {
+        const auto place = m_entries.begin() + position(reqId);
+        if (place == m_entries.end() || place->reqId != reqId)
+            return false;
+        m_entries.erase(place);
+        m_size.store(m_entries.size(), std::memory_order_relaxed);
+        return true;
+    }
+
+    /// Null when there is no such id.
+    ClientReq* find(uint32_t reqId) const
+    {
+        const auto place = m_entries.begin() + position(reqId);
+        return place != m_entries.end() && place->reqId == reqId ? place->pClientReq : nullptr;
+    }
+
+    /// As it was a moment ago, for who does not hold the lock that guards the rest.
+    size_t size() const { return m_size.load(std::memory_order_relaxed); }
+
+    /// In ascending order of ids.
+    std::vector<Entry>::const_iterator begin() const { return m_entries.begin(); }
+    std::vector<Entry>::const_iterator end() const { return m_entries.end(); }
+
+private:
+    /// Of the first entry whose id is not less.
+    ptrdiff_t position(uint32_t reqId) const
+    {
+        if (m_entries.empty() || m_entries.back().reqId < reqId)
+            return static_cast<ptrdiff_t>(m_entries.size());
+        const auto less = [](const Entry& entry, uint32_t id) { return entry.reqId < id; };
+        return std::lower_bound(m_entries.begin(), m_entries.end(), reqId, less) - m_entries.begin();
+    }
+
+    std::vector<Entry> m_entries;
+    std::atomic<size_t> m_size{0};
+};
+
+#endif
