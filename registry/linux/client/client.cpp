@@ -178,10 +178,12 @@ SmartCChannel* getCChannel()
 
 // --- The exchange
 
-int ReqReply(char* pClientData, int clientDataLen, char** ppServerData, int* pServerDataLen)
+namespace {
+
+/// ReqReply for a thread that is not cancelled already.
+int exchange(char* pClientData, int clientDataLen, char** ppServerData, int* pServerDataLen)
 {
     IPC_TRACE("OBReg -ReqReply- Start\n");
-    const NoCancellation noCancellation;
     int retStatus = -1;
     try {
         bool okToRetry = true;
@@ -212,8 +214,6 @@ int ReqReply(char* pClientData, int clientDataLen, char** ppServerData, int* pSe
     return retStatus;
 }
 
-namespace {
-
 /// The frame of every public function once its arguments are checked: encode, exchange, decode, copy the results out,
 /// free everything. copyResults takes the decoded response and returns the status. Not cancelled, not even while it
 /// logs: the messages' destructors log too, and must not be unwound.
@@ -234,7 +234,7 @@ REGSTATUS call(const char* pOperation, CopyResults copyResults, Fields... fields
 
     char* pReply = nullptr;
     int replyLen = 0;
-    const int exchanged = ReqReply(pSerializedObj.get(), textLen, &pReply, &replyLen);
+    const int exchanged = exchange(pSerializedObj.get(), textLen, &pReply, &replyLen);
     const std::unique_ptr<char[]> pServerData(pReply);
     if (exchanged != 0) {
         IPC_TRACE("OBReg -%s- RPC error\n", pOperation);
@@ -289,6 +289,12 @@ void copyData(const Response& response, void* pData, UINT32* pDataLength, REGSTA
 }
 
 } // namespace
+
+int ReqReply(char* pClientData, int clientDataLen, char** ppServerData, int* pServerDataLen)
+{
+    const NoCancellation noCancellation;
+    return exchange(pClientData, clientDataLen, ppServerData, pServerDataLen);
+}
 
 // --- The registry functions
 
