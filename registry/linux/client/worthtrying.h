@@ -12,8 +12,8 @@
 /// Tells the processor that this thread polls.
 inline void cpuPause() { __builtin_ia32_pause(); }
 
-/// One kind of try. After a try that failed, the next ones are left out, twice as many each time; one that succeeds
-/// makes up for it. Any thread: what two of them mix up costs a try.
+/// One kind of try. After a try that failed, the next ones are left out, twice as many each time; it takes about five
+/// that succeed to make up for one that failed. Any thread: what two of them mix up costs a try.
 class WorthTrying {
 public:
     /// Whether to try now. When true, result() must follow.
@@ -29,7 +29,7 @@ public:
     bool result(bool succeeded)
     {
         const int penalty = m_penalty.load(std::memory_order_relaxed);
-        m_penalty.store(succeeded ? penalty / 2 : std::min(2 * penalty + 1, MaxPenalty), std::memory_order_relaxed);
+        m_penalty.store(succeeded ? penalty * 7 / 8 : std::min(2 * penalty + 1, MaxPenalty), std::memory_order_relaxed);
         if (!succeeded)
             m_leaveOut.store(penalty, std::memory_order_relaxed);
         return succeeded;

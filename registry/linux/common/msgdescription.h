@@ -8,6 +8,7 @@
 #ifndef OBREG_COMMON_MSGDESCRIPTION_H
 #define OBREG_COMMON_MSGDESCRIPTION_H
 
+#include <algorithm>
 #include <climits>
 #include <cstddef>
 #include <initializer_list>
@@ -138,7 +139,7 @@ inline void takeData(const Description& msg, void* pMsg, const char* pData, Valu
             IPC_ERROR("%s::%s- Unable to allocate buffer\n", msg.name, msg.name);
             throw std::bad_alloc();
         }
-        std::memcpy(pOwnData, pData, length);
+        std::copy_n(pData, length, pOwnData);
         pData = pOwnData;
     }
     member<char*>(pMsg, msg.dataOffset) = length != 0 ? const_cast<char*>(pData) : nullptr;
