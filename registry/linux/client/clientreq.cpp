@@ -1,11 +1,16 @@
 #include "client/clientreq.h"
 
-#include <cerrno>
+#include <ctime>
 #include <new>
+#include <sched.h>
 
 #include "platform.h"
 
 uint32_t numClientReqObjects = 0;
+
+namespace {
+constexpr int MaxYields = 100;
+}
 
 ClientReq::ClientReq(uint32_t reqId) : m_reqId(reqId)
 {
@@ -14,7 +19,7 @@ ClientReq::ClientReq(uint32_t reqId) : m_reqId(reqId)
         IPC_ERROR("ClientReq::ClientReq- Mutex initialization failed\n");
         throw std::bad_alloc();
     }
-    if (sem_init(&m_wakeUp, 0, 0) != 0) {
+    if (pthread_cond_init(&m_condition, nullptr) != 0) {
         IPC_ERROR("ClientReq::ClientReq- Condition initialization failed\n");
         pthread_mutex_destroy(&m_mutex);
         throw std::bad_alloc();
@@ -27,7 +32,7 @@ ClientReq::~ClientReq()
 {
     IPC_TRACE("ClientReq::~ClientReq- Start, Obj = %08X\n", logAddress(this));
     pthread_mutex_destroy(&m_mutex);
-    sem_destroy(&m_wakeUp);
+    pthread_cond_destroy(&m_condition);
     delete[] m_pServerData;
     InterlockedDecrement(&numClientReqObjects);
     IPC_TRACE("ClientReq::~ClientReq- End\n");
@@ -47,10 +52,11 @@ void ClientReq::complete(Store store, MutexLock* pChannelLock)
     }
     if (!asleep)
         return;
-    // A submitter that sleeps keeps the request until it is woken. Woken, it needs both locks: it finds them free.
+    // A submitter that sleeps keeps the request until it is woken; what it does next needs the channel lock.
     if (pChannelLock != nullptr)
         pChannelLock->unlock();
-    sem_post(&m_wakeUp);
+    pthread_cond_signal(&m_condition);
+    m_woken.store(true, std::memory_order_release); // the reader's last touch
 }
 
 void ClientReq::processServerData(char* pServerData, int serverDataLength, MutexLock* pChannelLock)
@@ -80,8 +86,16 @@ void ClientReq::sleep()
         if (completed())
             return;
         m_submitThreadActive = false;
+        while (!completed())
+            pthread_cond_wait(&m_condition, &m_mutex);
     }
-    while (sem_wait(&m_wakeUp) == -1 && errno == EINTR) {
+    // Often the woken thread runs in the reader's place, which is still in the call that signals.
+    for (int i = 0; !m_woken.load(std::memory_order_acquire); ++i) {
+        const timespec moment = {0, 50000};
+        if (i < MaxYields)
+            sched_yield();
+        else // the reader may never run while a thread of higher priority yields
+            nanosleep(&moment, nullptr);
     }
 }
 

@@ -7,16 +7,15 @@
 //
 // m_mutex guards the fields. Lock order: channel lock, then m_mutex; waitForCompletion takes m_mutex alone.
 //
-// THE WAKE-UP is a semaphore, for it is safe to destroy as soon as its waiter has returned, even while the thread that
-// posted it has not: so the reader can post it when it has given up every lock. A condition variable would have to be
-// signalled under a lock, which the woken thread needs; often it runs at once, in the reader's place, and both then
-// have to sleep and be woken once more.
+// THE WAKE-UP of a submitter that has declared itself blocked comes when the outcome is in place and both locks are
+// free: woken under a lock it would run into that at once, often in the reader's place, and both would have to sleep
+// and be woken once more. But it may know the outcome before the signal, from a spurious wake-up, and then destroy the
+// condition variable under the reader's hands. So it goes on only when m_woken says that the reader has signalled.
 #ifndef OBREG_CLIENT_CLIENTREQ_H
 #define OBREG_CLIENT_CLIENTREQ_H
 
 #include <atomic>
 #include <pthread.h>
-#include <semaphore.h>
 
 #include "client/guards.h"
 #include "common/ipcint.h"
@@ -26,7 +25,7 @@ extern uint32_t numClientReqObjects;
 
 class ClientReq {
 public:
-    /// Throws std::bad_alloc when mutex or semaphore cannot be initialised.
+    /// Throws std::bad_alloc when mutex or condition variable cannot be initialised.
     explicit ClientReq(uint32_t reqId);
 
     /// Frees a reply that was delivered but not handed over.
@@ -61,8 +60,9 @@ private:
     bool m_submitThreadActive = true;     // false while the submitter is blocked: only then is it signalled, and once
     std::atomic<bool> m_completed{false}; // for completed(), which takes no lock
     bool m_internalProblem = false;
+    std::atomic<bool> m_woken{false}; // the reader is done with a submitter that was blocked
     pthread_mutex_t m_mutex;
-    sem_t m_wakeUp; // posted once when the submitter has declared itself blocked, else never
+    pthread_cond_t m_condition;
 };
 
 #endif
