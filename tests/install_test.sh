@@ -83,6 +83,8 @@ cmake --build user/out >build.log || { cat build.log; fail "what find_package fi
 check "$work/app/user/out/c"
 check "$work/app/user/out/cpp"
 
+[ ! -e "$root/bin/obreg" ] || "$root/bin/obreg" --help >/dev/null || fail "the installed obreg does not find its library"
+
 # As a part of another project: the library alone.
 cp example.c example.cpp part
 sed "s|^find_package.*|add_subdirectory($sources libobreg)|" user/CMakeLists.txt >part/CMakeLists.txt

@@ -139,6 +139,12 @@ TEST_F(WithDaemon, ReportsFailuresByNameEitherWay)
     EXPECT_EQ(error, Status::notFound);
     m_key.set("v", Bytes{}, error);
     EXPECT_EQ(error, Status::invalidParameter);
+    const std::string cut("na\0me", 5); // the functions below would take it for "na"
+    m_key.set(cut, 1u, error);
+    EXPECT_EQ(error, Status::badName);
+    m_key.remove(cut, error);
+    EXPECT_EQ(error, Status::badName);
+    EXPECT_FALSE(Key::create(m_key, cut, KEY_ALL_ACCESS, &created, error));
     EXPECT_NE(errorCode(0xC7F2FFFF).message().find("C7F2FFFF"), std::string::npos); // one that nobody knows
     for (const StatusText& text : statusTexts)
         EXPECT_NE(errorCode(text.status).message().find(text.sentence), std::string::npos);
@@ -221,6 +227,7 @@ TEST(RegistryHpp, AKeyClosesItselfOnce)
         Key moved = std::move(key);
         EXPECT_FALSE(key); // NOLINT: empty by contract
         key = std::move(moved);
+        EXPECT_FALSE(moved); // NOLINT
         EXPECT_EQ(closed, 0);
         std::error_code error;
         EXPECT_FALSE(Key::open(localMachine(), "missing", KEY_READ, error)); // a handle that came with an error

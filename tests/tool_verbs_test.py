@@ -96,7 +96,10 @@ class WithDaemon(unittest.TestCase):
             words = [word for one in data for word in ("-d", one)]
             self.expect(0, "add", KEY, "-v", "@", "-t", kind, *words)
             self.expect(0, "get", KEY, "--raw", out=stored)
-        self.expect(0, "set", KEY, "x", "-", stdin=b"\0\1\xfe")
+        for data in ["-"], ["-", "-t", "dword"], ["-t", "multi_sz", "--separator", ",", "-"]:
+            self.expect(0, "set", KEY, "x", *data, stdin=b"5\n")
+            self.expect(0, "get", KEY, "x", out=b"5\n")
+        self.expect(0, "set", KEY, "x", "--data-file", "-", stdin=b"\0\1\xfe")
         self.expect(0, "query", KEY, "-v", "x", out=f"value\t{KEY}\tx\tREG_BINARY\t0001fe\n".encode())
         self.expect(0, "set", KEY, "x", "a:b", "--separator", ":", "--type", "multi_sz")
         self.expect(0, "query", KEY, "-v", "x", out=f"value\t{KEY}\tx\tREG_MULTI_SZ\ta\\0b\n".encode())
@@ -104,18 +107,29 @@ class WithDaemon(unittest.TestCase):
     def test_exit_statuses(self):
         self.expect(1, "get", KEY, "none", err="NOT_FOUND")
         self.expect(1, "ls", "HKLM/none", err="obreg ls HKEY_LOCAL_MACHINE")
-        self.expect(2, err="subcommand")
+        self.expect(2, err="a verb is missing")
+        for words in ["--json"], ["--json", "ls"], ["ls", "--json", KEY, "extra"], ["bogus", "--json"]:
+            status, out, err = run(*words)
+            self.assertEqual((status, out, json.loads(err)["exit"]), (2, b"", 2))
+        self.expect(4, "set", "HKPD", "x", "y", err="can only be read")
         for words in (["bogus"], ["get"], ["ls", "Software"], ["query", KEY, "-v", "a", "-s"], ["delete", "HKLM", "-y"],
                       ["set", KEY, "x", "1e5", "-t", "dword"], ["set", KEY, "x", "4294967296", "-t", "dword"],
                       ["set", KEY, "x", "abc", "-t", "binary"], ["set", KEY, "x", "y", "-t", "REG_NONSENSE"],
-                      ["set", KEY, "x", "-"], ["copy", KEY, KEY + r"\Below", "-s"]):
+                      ["set", KEY, "x", "--data-file", "-"], ["set", KEY, "x", "--separator", ",", "--data-file", TOOL],
+                      ["copy", KEY, KEY + r"\Below", "-s"]):
             self.expect(2, *words, err="")
         self.expect(4, "add", "HKLM/" + "n" * 300, err="BAD_NAME")
         with open(FOLDER + "big", "wb") as big:
             big.truncate(65 << 20)
         self.expect(4, "set", KEY, "x", "--data-file", FOLDER + "big", err="max-payload")
         os.kill(self.daemon.pid, signal.SIGSTOP)
-        self.expect(3, "get", KEY, "x", "--timeout", "0.2", err="in time")
+        self.expect(3, "get", KEY, "x", "--timeout", "0.2", err="--timeout")
+        with subprocess.Popen([TOOL, "ping"], stdout=subprocess.DEVNULL) as ping:
+            time.sleep(0.2)
+            for _ in range(2):  # the second one ends it whatever it waits for
+                ping.send_signal(signal.SIGINT)
+                time.sleep(0.1)
+        self.assertEqual(ping.returncode, -signal.SIGINT)
         os.kill(self.daemon.pid, signal.SIGCONT)
         self.daemon.kill()
         self.daemon.wait()
@@ -140,7 +154,7 @@ class WithDaemon(unittest.TestCase):
         self.expect(0, "add", KEY, "-d", "unnamed")
         self.expect(0, "ls", KEY, out=b"subkey\t\xff/\nvalue\t@\tREG_SZ\tunnamed\n"
                     b"value\tlist\tREG_MULTI_SZ\ta\\t\\\\\\0b\\0\\x1b\nvalue\t\xc3\x28\tREG_SZ\ttext\n")
-        self.expect(0, "set", KEY, "odd", "-", "-t", "REG_SZ", stdin=b"no end \xff")
+        self.expect(0, "set", KEY, "odd", "--data-file", "-", "-t", "REG_SZ", stdin=b"no end \xff")
         facts = json.loads(self.expect(0, "query", KEY, "--json"))
         self.assertEqual([fact["kind"] for fact in facts], ["key"] + ["value"] * 4 + ["subkey"])
         self.assertEqual(facts[2], {"kind": "value", "key": KEY, "name": "list", "type": "REG_MULTI_SZ",
@@ -171,6 +185,48 @@ class WithDaemon(unittest.TestCase):
                     KEY.encode() + b'\\In]\n"c"="end"\n')
         self.expect(2, "export", KEY, FOLDER + "log", err="--yes")
         self.expect(4, "export", KEY, FOLDER + "none/file", err="No such file")
+
+    def test_export_keeps_what_a_file_is(self):
+        def mode(name):
+            return os.stat(FOLDER + name).st_mode & 0o7777
+        with open(FOLDER + "private", "wb"):
+            os.chmod(FOLDER + "private", 0o600)
+        os.symlink("private", FOLDER + "link")
+        os.mkfifo(FOLDER + "pipe")
+        self.expect(0, "export", KEY, FOLDER + "link", "--yes")
+        self.assertEqual((os.readlink(FOLDER + "link"), mode("private")), ("private", 0o600))
+        self.assertEqual(run("import", "--check", FOLDER + "private")[0], 0)
+        with subprocess.Popen(["cat", FOLDER + "pipe"], stdout=subprocess.PIPE) as reader:
+            self.expect(0, "export", KEY, FOLDER + "pipe", "--yes")
+            self.assertIn(b"Acme", reader.stdout.read())
+        self.assertTrue(os.path.exists(FOLDER + "pipe") and not os.path.isfile(FOLDER + "pipe"))
+        lines = "".join(f'"v{i}"="x"\n' for i in range(20000))
+        self.expect(0, "import", "-", stdin=("REGEDIT4\n[HKLM\\Many]\n" + lines).encode())
+        for ending, status in (signal.SIGTERM, -signal.SIGTERM), (None, 3):  # None: --timeout
+            with subprocess.Popen([TOOL, "--timeout", "2", "export", "HKLM", FOLDER + "half"],
+                                  stderr=subprocess.DEVNULL) as half:
+                while not [name for name in os.listdir(FOLDER) if "half.new" in name]:
+                    time.sleep(0.001)
+                os.kill(self.daemon.pid, signal.SIGSTOP)
+                if ending:
+                    half.send_signal(ending)
+            os.kill(self.daemon.pid, signal.SIGCONT)
+            self.assertEqual(half.returncode, status)
+            self.assertEqual([name for name in os.listdir(FOLDER) if "half" in name], [])
+
+    def test_a_tree_is_read_whole_while_it_changes(self):
+        lines = "".join(f'"v{i}"="x"\n' for i in range(2000))
+        self.expect(0, "import", "-", stdin=("REGEDIT4\n[HKLM\\Busy]\n" + lines).encode())
+        loop = 'while :; do "$0" rm HKLM/Busy v0; "$0" set HKLM/Busy v0 x; "$0" add HKLM/Busy/Sub; "$0" rm HKLM/Busy/Sub; done'
+        with subprocess.Popen(["bash", "-c", loop, TOOL], start_new_session=True) as writer:
+            try:
+                for _ in range(10):
+                    status, out, err = run("export", "HKLM/Busy")
+                    self.assertIn(status, (0, 4), err)
+                    if status == 0:
+                        self.assertIn(out.count(b'="x"'), (1999, 2000))
+            finally:
+                os.killpg(writer.pid, signal.SIGKILL)
 
     def test_copy_compare_and_watch_tell_changes(self):
         self.expect(0, "set", KEY, "n", "1")
@@ -206,7 +262,8 @@ class WithDaemon(unittest.TestCase):
         self.expect(0, "set", KEY, "Some name", "1")
         for words, expected in [(["que"], "query"), (["ls", "hkl"], "HKLM/"), (["ls", "HKLM/so"], "HKLM/Software/"),
                                 (["ls", "HKLM\\Software\\"], "HKLM\\Software\\Acme\\"), (["get", KEY, "so"], "Some name"),
-                                (["query", KEY, "-v", ""], "Some name"), (["set", "--ty"], "--type"), (["import", ""], "")]:
+                                (["query", KEY, "-v", ""], "Some name"), (["--json", "ls", "HKLM/so"], "HKLM/Software/"),
+                                (["--timeout", "3", "--color", "al"], "always"), (["set", "-t", "reg_q"], "REG_QWORD\nREG_QWORD_LITTLE_ENDIAN"), (["set", "--ty"], "--type"), (["import", ""], "")]:
             self.expect(0, "__complete", *words, out=(expected + "\n").encode() if expected else b"")
         self.expect(0, "add", "HKLM/Software/With space")
         script = os.path.join(os.path.dirname(__file__), "../packaging/completions/obreg.bash")

@@ -23,6 +23,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <iterator>
+#include <limits>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -105,6 +106,19 @@ private:
     std::error_code* m_pError;
 };
 
+namespace detail {
+
+/// Clears the error, or sets Status::badName for a name that the functions, which end it at its NUL, would cut short.
+inline bool isName(const std::string& name, std::error_code& error)
+{
+    error.clear();
+    if (name.find('\0') != std::string::npos)
+        error = Status::badName;
+    return !error;
+}
+
+} // namespace detail
+
 /// An open key; move-only, closes itself. Empty after a failed non-throwing open and when moved from.
 class Key {
 public:
@@ -112,8 +126,11 @@ public:
     Key(Key&& other) noexcept : m_handle(std::exchange(other.m_handle, nullptr)), m_root(other.m_root) {}
     Key& operator=(Key&& other) noexcept
     {
-        std::swap(m_handle, other.m_handle);
-        std::swap(m_root, other.m_root);
+        if (this != &other) {
+            close();
+            m_handle = std::exchange(other.m_handle, nullptr);
+            m_root = other.m_root;
+        }
         return *this;
     }
     Key(const Key&) = delete;
@@ -133,6 +150,8 @@ public:
     static Key open(const Key& parent, const std::string& path, UINT32 access, std::error_code& error)
     {
         Key key;
+        if (!detail::isName(path, error))
+            return key;
         error = errorCode(OBRegOpenKeyExA(parent.m_handle, path.c_str(), 0, access, &key.m_handle));
         return key.orNothing(error);
     }
@@ -147,6 +166,10 @@ public:
     {
         Key key;
         UINT32 disposition = 0;
+        if (pCreated != nullptr)
+            *pCreated = false;
+        if (!detail::isName(path, error))
+            return key;
         error = errorCode(OBRegCreateKeyExA(parent.m_handle, path.c_str(), 0, nullptr, 0, access, nullptr,
                                             &key.m_handle, &disposition));
         if (pCreated != nullptr)
@@ -163,7 +186,8 @@ public:
     /// Deletes the key at a path below this one, and its values. It must have no sub-keys.
     void remove(const std::string& path, std::error_code& error) const
     {
-        error = errorCode(OBRegDeleteKeyA(m_handle, path.c_str()));
+        if (detail::isName(path, error))
+            error = errorCode(OBRegDeleteKeyA(m_handle, path.c_str()));
     }
     void remove(const std::string& path) const
     {
@@ -208,7 +232,8 @@ public:
     void removeValue(const std::string& name, std::error_code& error) const
     {
         const bool unnamed = name.empty() || name == "@"; // set and get send these as "default"; a delete would not
-        error = errorCode(OBRegDeleteValueA(m_handle, unnamed ? "default" : name.c_str()));
+        if (detail::isName(name, error))
+            error = errorCode(OBRegDeleteValueA(m_handle, unnamed ? "default" : name.c_str()));
     }
     void removeValue(const std::string& name) const
     {
@@ -258,6 +283,8 @@ private:
     Value query(const std::string& name, std::error_code& error) const
     {
         Value value;
+        if (!detail::isName(name, error))
+            return value;
         value.data.resize(FirstRoom);
         for (;;) {
             auto length = static_cast<UINT32>(value.data.size());
@@ -277,6 +304,12 @@ private:
 
     void store(const std::string& name, Value value, std::error_code& error) const
     {
+        if (!detail::isName(name, error))
+            return;
+        if (UINT64{value.data.size()} > std::numeric_limits<UINT32>::max()) {
+            error = Status::tooLarge;
+            return;
+        }
         error = errorCode(OBRegSetValueExA(m_handle, name.c_str(), 0, value.type, value.data.data(),
                                            static_cast<UINT32>(value.data.size())));
     }

@@ -1,5 +1,7 @@
 #include "alarm.h"
 
+#include <algorithm>
+#include <climits>
 #include <cmath>
 #include <csignal>
 #include <ctime>
@@ -17,11 +19,26 @@ std::string timeoutMessage;
 itimerval timeout{};
 volatile sig_atomic_t interruptCame = 0;
 
+char unfinishedFile[PATH_MAX];
+volatile sig_atomic_t haveUnfinishedFile = 0;
+
+void removeUnfinishedFile()
+{
+    if (haveUnfinishedFile != 0)
+        unlink(unfinishedFile);
+}
+
 extern "C" void onAlarm(int /*signal*/)
 {
-    if (write(STDERR_FILENO, timeoutMessage.data(), timeoutMessage.size()) >= 0)
-        _exit(ExitNoDaemon);
-    _exit(ExitNoDaemon); // nobody hears it, which changes nothing
+    removeUnfinishedFile();
+    [[maybe_unused]] const ssize_t heard = write(STDERR_FILENO, timeoutMessage.data(), timeoutMessage.size());
+    _exit(ExitNoDaemon);
+}
+
+extern "C" void onKill(int signal)
+{
+    removeUnfinishedFile();
+    raise(signal); // by default now
 }
 
 extern "C" void onInterrupt(int /*signal*/) { interruptCame = 1; }
@@ -30,6 +47,7 @@ void handle(int signal, void (*handler)(int))
 {
     struct sigaction action {};
     action.sa_handler = handler;
+    action.sa_flags = static_cast<int>(SA_RESETHAND); // the second one ends the process
     sigaction(signal, &action, nullptr);
 }
 
@@ -40,6 +58,8 @@ void setTimeout(double seconds, const std::string& message)
     double whole = 0;
     timeout.it_value.tv_usec = static_cast<suseconds_t>(std::modf(seconds, &whole) * 1e6);
     timeout.it_value.tv_sec = static_cast<time_t>(whole);
+    if (seconds > 0 && whole == 0)
+        timeout.it_value.tv_usec = std::max<suseconds_t>(timeout.it_value.tv_usec, 1); // 0 would be never
     timeoutMessage = message;
     handle(SIGALRM, onAlarm);
     restartTimeout();
@@ -57,6 +77,17 @@ void catchInterrupts()
 {
     for (const int signal : {SIGINT, SIGTERM})
         handle(signal, onInterrupt);
+}
+
+void removeWhenKilled(const std::string& path)
+{
+    haveUnfinishedFile = 0;
+    if (path.empty() || path.size() >= sizeof(unfinishedFile))
+        return;
+    std::copy_n(path.c_str(), path.size() + 1, unfinishedFile);
+    haveUnfinishedFile = 1;
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+        handle(signal, onKill);
 }
 
 bool interrupted() { return interruptCame != 0; }

@@ -1,5 +1,5 @@
-// The clock's part in the tool: giving up after --timeout, and ending a long look by Ctrl-C. Process-wide; call from
-// the main thread.
+// What comes from outside while the tool runs: the clock, for giving up after --timeout, and signals, for ending a long
+// look or leaving nothing half done behind. Process-wide; call from the main thread.
 #ifndef OBREG_TOOL_ALARM_H
 #define OBREG_TOOL_ALARM_H
 
@@ -14,9 +14,12 @@ void setTimeout(double seconds, const std::string& message);
 void restartTimeout();
 void stopTimeout();
 
-/// Makes SIGINT and SIGTERM end the loop of a verb instead of the process.
+/// Makes the first SIGINT or SIGTERM end the loop of a verb instead of the process.
 void catchInterrupts();
 bool interrupted();
+/// The file that is removed when --timeout or a signal ends the process; "" for none.
+void removeWhenKilled(const std::string& path);
+
 /// Sleeps; an interrupt ends it.
 void pause(double seconds);
 

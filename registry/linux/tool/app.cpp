@@ -29,8 +29,8 @@ const struct Verb {
     {"delete", "Delete a key with all below it, or values", Shape::Record, declareDelete},
     {"export", "Write a key with all below it as .reg text", Shape::Record, declareExport},
     {"import", "Carry out what .reg text says", Shape::Record, declareImport},
-    {"copy", "Copy a key", Shape::Record, declareCopy},
-    {"compare", "Show how two keys differ", Shape::List, declareCompare},
+    {"copy", "Copy a key's values", Shape::Record, declareCopy},
+    {"compare", "Show how the values of two keys differ", Shape::List, declareCompare},
     {"tree", "Draw the keys below a key", Shape::List, declareTree},
     {"info", "Show a key's figures", Shape::Record, declareInfo},
     {"watch", "Show what changes, while it changes", Shape::Stream, declareWatch},
@@ -38,7 +38,7 @@ const struct Verb {
     {"get", "Print the data of one value", Shape::Record, declareGet},
     {"set", "Store one value", Shape::Record, declareSet},
     {"ls", "List the sub-keys and values of a key", Shape::List, declareLs},
-    {"rm", "Delete one key or one value", Shape::Record, declareRm},
+    {"rm", "Delete a key with all below it, or one value: short for delete", Shape::Record, declareRm},
 };
 
 constexpr const char* CompleteVerb = "__complete"; // for the shells, see packaging/completions
@@ -55,7 +55,8 @@ void addCommon(Arguments& arguments, Common& common)
     arguments.flag("--json", common.json, "JSON on standard output; errors as JSON on standard error");
     arguments.choice("--color", common.colour, "WHEN", {"auto", "always", "never"},
                      "auto; never; always: as on a terminal, even in a pipe");
-    arguments.seconds("--timeout", common.timeout, 0, "Give up after that many seconds");
+    arguments.seconds("--timeout", common.timeout, 0,
+                      "Give up after that many seconds; watch, ping: without an answer; 0: never");
 }
 
 Output makeOutput(const Common& common, Shape shape)
@@ -92,8 +93,9 @@ int runVerb(const Common& common, const Verb& verb, const Run& run)
     std::optional<Failure> failure;
     try {
         Output output = makeOutput(common, verb.shape);
-        setTimeout(common.timeout, errorText(common, {ExitNoDaemon, "no answer in time (--timeout)",
-                                                      "is obregd running, and not under heavy load?"}));
+        setTimeout(common.timeout,
+                   errorText(common, {ExitNoDaemon, "not done in time (--timeout)",
+                                      "is obregd running, and not under heavy load? What was written stays"}));
         const int status = run(output);
         output.finish();
         return status;
@@ -107,6 +109,15 @@ int runVerb(const Common& common, const Verb& verb, const Run& run)
     fflush(stdout);
     fputs(errorText(common, *failure).c_str(), stderr);
     return failure->exit;
+}
+
+/// A mistake in the command line, said before a verb has been chosen.
+int wrongUsage(const Common& common, const std::string& what, const char* pVerb)
+{
+    const std::string help = pVerb != nullptr ? "\"obreg " + std::string(pVerb) + " --help\" tells more"
+                                              : "\"obreg --help\" lists the verbs";
+    fputs(errorText(common, {ExitUsage, what, help}).c_str(), stderr);
+    return ExitUsage;
 }
 
 /// The first word that is no option: where the verb belongs.
@@ -151,17 +162,22 @@ int runTool(int argc, const char* const* argv)
     }
     if (argc > 1 && strcmp(argv[1], CompleteVerb) == 0) {
         setTimeout(CompletionSeconds, "");
-        for (const std::string& word : candidates(verbWords, {argv + 2, argv + argc}))
+        for (const std::string& word : candidates(commandLine.common(), verbWords, {argv + 2, argv + argc}))
             puts(word.c_str());
         return ExitDone;
     }
-    if (const char* const pGiven = verbGiven(argc, argv); pGiven != nullptr && !isVerb(pGiven)) {
-        fprintf(stderr, "obreg: there is no verb \"%s\"; \"obreg --help\" lists them\n", pGiven);
-        return ExitUsage;
+    const char* const pVerb = verbGiven(argc, argv);
+    try {
+        if (pVerb != nullptr && !isVerb(pVerb))
+            throw UsageError("there is no verb \"" + escaped(pVerb, Escape::Name) + '"');
+        const std::optional<size_t> chosen = commandLine.parse(argc, argv);
+        return chosen ? runVerb(common, Verbs[*chosen], runs[*chosen]) : ExitDone;
+    } catch (const UsageError& error) {
+        const auto isJson = [](const char* pWord) { return strcmp(pWord, "--json") == 0; };
+        common.json = std::any_of(argv, argv + argc, isJson); // parsing did not come that far
+        return pVerb == nullptr ? wrongUsage(common, "a verb is missing", nullptr)
+                                : wrongUsage(common, error.what(), isVerb(pVerb) ? pVerb : nullptr);
     }
-    int status = ExitUsage;
-    const std::optional<size_t> chosen = commandLine.parse(argc, argv, status);
-    return chosen ? runVerb(common, Verbs[*chosen], runs[*chosen]) : status;
 }
 
 } // namespace obregtool

@@ -20,7 +20,7 @@ CLI::Option& Arguments::add(CLI::Option* pOption, bool takesValue)
         m_positionals.push_back(pOption->get_name(true));
         return *pOption;
     }
-    Option option{{}, takesValue};
+    Option option{{}, takesValue, {}};
     for (const std::string& name : pOption->get_lnames())
         option.names.push_back("--" + name);
     for (const std::string& name : pOption->get_snames())
@@ -45,6 +45,7 @@ void Arguments::choice(const char* pNames, std::string& text, const char* pType,
                        const std::vector<std::string>& choices, const char* pHelp)
 {
     add(m_app.add_option(pNames, text, pHelp), true).check(CLI::IsMember(choices))->type_name(pType);
+    m_options.back().choices = choices;
 }
 
 void Arguments::number(const char* pNames, uint64_t& number, const char* pHelp)
@@ -86,14 +87,15 @@ Arguments& CommandLine::addVerb(const char* pName, const char* pHelp)
     return *m_verbs.back().pArguments;
 }
 
-std::optional<size_t> CommandLine::parse(int argc, const char* const* argv, int& exitStatus)
+std::optional<size_t> CommandLine::parse(int argc, const char* const* argv)
 {
-    exitStatus = ExitUsage;
     try {
         m_pApp->parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        exitStatus = m_pApp->exit(error) == 0 ? ExitDone : ExitUsage;
+    } catch (const CLI::Success& help) {
+        m_pApp->exit(help);
         return std::nullopt;
+    } catch (const CLI::ParseError& error) {
+        throw UsageError(error.what());
     }
     for (size_t i = 0; i < m_verbs.size(); ++i)
         if (m_verbs[i].pApp->parsed())

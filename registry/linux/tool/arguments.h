@@ -42,6 +42,7 @@ public:
     struct Option {
         std::vector<std::string> names; ///< each with its dashes
         bool takesValue;
+        std::vector<std::string> choices; ///< when there are few
     };
     const std::vector<Option>& options() const { return m_options; }
     const std::vector<std::string>& positionals() const { return m_positionals; }
@@ -65,9 +66,9 @@ public:
     Arguments& common() { return *m_pCommon; }
     Arguments& addVerb(const char* pName, const char* pHelp);
 
-    /// Fills the variables and gives the number of the verb, in the order they were added; or says help or what is
-    /// wrong and gives nothing, with the exit status.
-    std::optional<size_t> parse(int argc, const char* const* argv, int& exitStatus);
+    /// Fills the variables and gives the number of the verb, in the order they were added; nothing when only help was
+    /// wanted, and printed. Throws UsageError.
+    std::optional<size_t> parse(int argc, const char* const* argv);
 
 private:
     std::unique_ptr<CLI::App> m_pApp;

@@ -1,10 +1,12 @@
 #include "complete.h"
 
 #include <algorithm>
+#include <sstream>
 
 #include "errors.h"
 #include "readtree.h"
 #include "text.h"
+#include "valuetext.h"
 
 namespace obregtool {
 
@@ -34,7 +36,7 @@ Words keys(const std::string& word)
     const char separator = word[first];
     const std::string parent = word.substr(0, word.find_last_of(separator == '/' ? "\\/" : "\\"));
     const KeyPath path = keyArgument(parent + separator);
-    for (const obreg::SubKey& subKey : readKey(path.open(), path, Read::SubKeys).subKeys)
+    for (const obreg::SubKey& subKey : readKeyOnce(path.open(), path, Read::SubKeys).subKeys)
         all.push_back(parent + separator + subKey.name + separator);
     return all;
 }
@@ -43,8 +45,17 @@ Words valueNames(const std::string& key)
 {
     const KeyPath path = keyArgument(key);
     Words all;
-    for (const ValueEntry& value : readKey(path.open(), path, Read::Values).values)
+    for (const ValueEntry& value : readKeyOnce(path.open(), path, Read::Values).values)
         all.push_back(isUnnamed(value.name) ? "@" : value.name);
+    return all;
+}
+
+Words typeWords()
+{
+    Words all;
+    std::istringstream names(typeNames());
+    for (std::string name; std::getline(names >> std::ws, name, ',');)
+        all.push_back(name);
     return all;
 }
 
@@ -64,55 +75,90 @@ Words longOptions(const Arguments& verb)
     return all;
 }
 
-/// Candidates for the last word, behind a verb and what was given to it.
-Words argument(const Arguments& verb, const Words& words)
+/// What may be the value of an option, with the positional arguments given so far.
+Words optionValues(const Arguments::Option& option, const Words& given)
 {
-    const std::string& word = words.back();
-    Words given;                              // positional arguments
-    const Arguments::Option* pOpen = nullptr; // the option whose value the next word is
-    for (size_t i = 1; i + 1 < words.size(); ++i) {
+    if (option.names.front() == "--value")
+        return given.empty() ? Words() : valueNames(given[0]);
+    return option.names.front() == "--type" ? typeWords() : option.choices;
+}
+
+/// What was given before the last word.
+struct Given {
+    Words positionals;
+    const Arguments::Option* pOpen = nullptr; ///< the option whose value the last word is
+
+    void take(const Arguments& arguments, const std::string& word)
+    {
         if (pOpen != nullptr) {
             pOpen = nullptr;
-        } else if (words[i].size() > 1 && words[i][0] == '-') {
-            pOpen = findOption(verb, words[i]);
+        } else if (word.size() > 1 && word[0] == '-') {
+            pOpen = findOption(arguments, word);
             if (pOpen != nullptr && !pOpen->takesValue)
                 pOpen = nullptr;
         } else {
-            given.push_back(words[i]);
+            positionals.push_back(word);
         }
     }
-    if (pOpen != nullptr)
-        return pOpen->names.front() == "--value" && !given.empty() ? valueNames(given[0]) : Words();
+};
+
+/// Candidates for the last word, behind a verb and what was given to it.
+Words argument(const Arguments& verb, const Given& given, const std::string& word)
+{
+    if (given.pOpen != nullptr)
+        return optionValues(*given.pOpen, given.positionals);
     if (!word.empty() && word[0] == '-')
         return longOptions(verb);
     const Words& names = verb.positionals();
-    const std::string name = given.size() < names.size() ? names[given.size()] : "";
+    const std::string name = given.positionals.size() < names.size() ? names[given.positionals.size()] : "";
     if (name == "KEY" || name == "FROM" || name == "TO")
         return keys(word);
-    return name == "NAME" ? valueNames(given[0]) : Words();
+    return name == "NAME" ? valueNames(given.positionals[0]) : Words();
+}
+
+/// Candidates for the last word, whatever it is.
+Words anything(const Arguments& common, const std::vector<VerbWords>& verbs, const Words& words)
+{
+    const std::string& word = words.back();
+    Given given;
+    const VerbWords* pVerb = nullptr;
+    for (size_t i = 0; i + 1 < words.size(); ++i) {
+        given.take(pVerb != nullptr ? *pVerb->pArguments : common, words[i]);
+        if (pVerb != nullptr || given.positionals.empty())
+            continue;
+        const auto isIt = [&](const VerbWords& verb) { return verb.name == words[i]; };
+        const auto found = std::find_if(verbs.begin(), verbs.end(), isIt);
+        if (found == verbs.end())
+            return {};
+        pVerb = &*found;
+        given.positionals.clear();
+    }
+    if (pVerb != nullptr)
+        return argument(*pVerb->pArguments, given, word);
+    if (given.pOpen != nullptr || (!word.empty() && word[0] == '-'))
+        return argument(common, given, word);
+    Words names;
+    for (const VerbWords& verb : verbs)
+        names.push_back(verb.name);
+    return names;
 }
 
 } // namespace
 
-std::vector<std::string> candidates(const std::vector<VerbWords>& verbs, const std::vector<std::string>& words)
+std::vector<std::string> candidates(const Arguments& common, const std::vector<VerbWords>& verbs,
+                                    const std::vector<std::string>& words)
 {
-    Words all;
     if (words.empty())
-        return all;
+        return {};
     try {
-        for (const VerbWords& verb : verbs) {
-            if (words.size() == 1)
-                all.push_back(verb.name);
-            else if (verb.name == words[0])
-                all = argument(*verb.pArguments, words);
-        }
+        Words all = anything(common, verbs, words);
+        keepBeginning(words.back(), all);
+        return all;
     } catch (const Failure&) {
         return {};
     } catch (const UsageError&) {
         return {};
     }
-    keepBeginning(words.back(), all);
-    return all;
 }
 
 } // namespace obregtool

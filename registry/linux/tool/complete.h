@@ -16,7 +16,8 @@ struct VerbWords {
 
 /// The candidates for the last of the words behind the tool's name: verbs, options of the verb, keys, names of values.
 /// None where a file belongs, and none when no daemon answers. Never throws what the daemon says.
-std::vector<std::string> candidates(const std::vector<VerbWords>& verbs, const std::vector<std::string>& words);
+std::vector<std::string> candidates(const Arguments& common, const std::vector<VerbWords>& verbs,
+                                    const std::vector<std::string>& words);
 
 } // namespace obregtool
 

@@ -13,7 +13,7 @@ constexpr const char* StartDaemon = "is obregd running? \"systemctl start obregd
 const struct Advice {
     REGSTATUS status;
     Exit exit;
-    const char* pAdvice; // %k: the key, quoted for the shell; %p: the one above it
+    const char* pAdvice; // %k: the key, quoted for the shell; %p: one above it that is there
 } Advices[] = {
     {OBREG_STATUS_NOT_FOUND, ExitNotFound, "\"obreg ls %p\" lists what is there"},
     {OBREG_STATUS_KEY_DELETED, ExitNotFound, "somebody else has deleted it meanwhile; run this again"},
@@ -34,6 +34,16 @@ bool daemonAnswers()
     std::error_code error;
     obreg::localMachine().info(error);
     return error != obreg::Status::requestFailed;
+}
+
+/// The lowest key above this one that is there.
+KeyPath nearest(const KeyPath& key)
+{
+    KeyPath above = key.parent();
+    std::error_code error;
+    while (!above.isRoot() && !above.open(KEY_READ, error))
+        above = above.parent();
+    return above;
 }
 
 std::string fillIn(const char* pAdvice, const std::string& key, const std::string& parent)
@@ -62,8 +72,10 @@ Failure failureOf(const KeyPath& key, const std::string* pValueName, const std::
     for (const Advice& advice : Advices)
         if (advice.status == status) {
             failure.exit = advice.exit;
-            failure.advice = fillIn(advice.pAdvice, key.text(), (pValueName ? key : key.parent()).text());
+            failure.advice = fillIn(advice.pAdvice, key.text(), (pValueName ? key : nearest(key)).text());
         }
+    if (status == OBREG_STATUS_ACCESS_DENIED && key.root == HKEY_PERFORMANCE_DATA)
+        failure.advice = "the daemon's own figures can only be read";
     if (failure.exit == ExitNoDaemon && daemonAnswers()) {
         failure.exit = ExitFailed;
         failure.advice = "the daemon is there but ended the connection: is the data longer than it takes "

@@ -1,9 +1,11 @@
 #include "files.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "alarm.h"
 #include "errors.h"
 
 namespace obregtool {
@@ -77,20 +79,34 @@ void RereadableFile::read(const std::function<void(std::string_view)>& take)
     readPieces(m_pFile.get(), m_name, take);
 }
 
-NewFile::NewFile(const std::string& name) : m_name(name), m_pFile(stdout, keepOpen)
+NewFile::NewFile(const std::string& name) : m_name(name), m_target(name), m_pFile(stdout, keepOpen)
 {
     if (name == "-")
         return;
-    m_temporary = name + ".new." + std::to_string(getpid());
-    m_pFile = File(fopen(m_temporary.c_str(), "wbxe"), fclose);
+    struct stat old {};
+    const bool exists = stat(name.c_str(), &old) == 0;
+    if (const std::unique_ptr<char, decltype(&free)> pResolved(realpath(name.c_str(), nullptr), free); pResolved)
+        m_target = pResolved.get();
+    const bool replace = !exists || S_ISREG(old.st_mode);
+    const std::string path = replace ? m_target + ".new." + std::to_string(getpid()) : name;
+    m_pFile = File(fopen(path.c_str(), replace ? "wbxe" : "wbe"), fclose);
     if (!m_pFile)
-        throw fileFailure(m_temporary, errno);
+        fail();
+    if (!replace)
+        return;
+    m_temporary = path;
+    removeWhenKilled(m_temporary);
+    const int fd = fileno(m_pFile.get());
+    // Who may not give the owner away keeps it; the mode goes last, for a change of owner can change it.
+    if (exists && ((fchown(fd, old.st_uid, old.st_gid) != 0 && errno != EPERM) || fchmod(fd, old.st_mode & 07777) != 0))
+        fail();
 }
 
 NewFile::~NewFile()
 {
     if (!m_temporary.empty())
         unlink(m_temporary.c_str());
+    removeWhenKilled("");
 }
 
 void NewFile::fail() const { throw fileFailure(m_name == "-" ? "standard output" : m_name, errno != 0 ? errno : EIO); }
@@ -108,7 +124,7 @@ void NewFile::commit()
         fail();
     if (m_temporary.empty())
         return;
-    if (fsync(fileno(m_pFile.get())) != 0 || rename(m_temporary.c_str(), m_name.c_str()) != 0)
+    if (fsync(fileno(m_pFile.get())) != 0 || rename(m_temporary.c_str(), m_target.c_str()) != 0)
         fail();
     m_temporary.clear();
 }

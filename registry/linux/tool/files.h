@@ -34,7 +34,8 @@ private:
     long long m_begin = 0;
 };
 
-/// A file that appears under its name only when it is complete; standard output for "-".
+/// A file that appears under its name only when it is complete, with the mode and owner of one that it replaces. What
+/// is no regular file (a device, a pipe) is written to as it is; standard output for "-".
 class NewFile {
 public:
     explicit NewFile(const std::string& name);
@@ -49,7 +50,8 @@ private:
     [[noreturn]] void fail() const;
 
     const std::string m_name;
-    std::string m_temporary; // empty: standard output, or done
+    std::string m_target;    // the name without symbolic links
+    std::string m_temporary; // empty: written to as it is, or done
     File m_pFile;
 };
 

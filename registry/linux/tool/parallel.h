@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <exception>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -36,8 +37,11 @@ void forEachParallel(size_t count, const Work& work)
         }
     };
     std::vector<std::thread> threads;
-    for (size_t i = 0; i < std::min(RequestThreads, count / fewEach); ++i)
-        threads.emplace_back(run);
+    try {
+        for (size_t i = 0; i < std::min(RequestThreads, count / fewEach); ++i)
+            threads.emplace_back(run);
+    } catch (const std::system_error&) { // fewer do it as well
+    }
     run();
     for (std::thread& thread : threads)
         thread.join();

@@ -12,6 +12,15 @@ namespace obregtool {
 namespace {
 
 constexpr size_t MaxHeld = 16u << 20; // bytes of one key's data
+constexpr int MostReads = 8;          // of a key that changes
+
+obreg::KeyInfo infoOf(const obreg::Key& key, const KeyPath& path)
+{
+    std::error_code error;
+    const obreg::KeyInfo info = key.info(error);
+    check(error, path);
+    return info;
+}
 
 /// Reads the entries below `count` by position and gives each that is there to `keep`, from several threads.
 template <class Entry, class Keep>
@@ -44,7 +53,14 @@ void sortByName(std::vector<Entry>& entries)
 
 void walkOpen(const KeyPath& path, const obreg::Key& key, bool recursive, const Visit& visit, Read what, size_t depth)
 {
-    KeyContent content = readKey(key, path, what);
+    KeyContent content;
+    try {
+        content = readKey(key, path, what);
+    } catch (const Failure& failure) {
+        if (depth == 0 || failure.exit != ExitNotFound)
+            throw;
+        return; // deleted meanwhile
+    }
     if (!visit(path, key, content, depth) || !recursive)
         return;
     content.values = {};
@@ -72,9 +88,19 @@ int compareValueNames(const std::string& a, const std::string& b)
 
 KeyContent readKey(const obreg::Key& key, const KeyPath& path, Read what)
 {
-    std::error_code error;
-    const obreg::KeyInfo info = key.info(error);
-    check(error, path);
+    for (int i = 0; i < MostReads; ++i) {
+        KeyContent content = readKeyOnce(key, path, what);
+        // Figures change all the time, and are always the same ones.
+        if (path.root == HKEY_PERFORMANCE_DATA || infoOf(key, path).lastWriteTime == content.lastWriteTime)
+            return content;
+    }
+    throw Failure(ExitFailed, escaped(path.text(), Escape::Name) + ": kept changing while it was read",
+                  "run this again when less is written there");
+}
+
+KeyContent readKeyOnce(const obreg::Key& key, const KeyPath& path, Read what)
+{
+    const obreg::KeyInfo info = infoOf(key, path);
     KeyContent content;
     content.lastWriteTime = info.lastWriteTime;
     if (what != Read::SubKeys) {

@@ -52,8 +52,12 @@ void sideBySide(std::vector<Entry>& a, std::vector<Entry>& b, const F& f)
 
 enum class Read { All, Values, SubKeys };
 
-/// Reads an open key. Entries that come or go meanwhile may be missing. Throws Failure.
+/// Reads an open key as it was at one moment: again, when it changed meanwhile. Throws Failure, also when it keeps
+/// changing.
 KeyContent readKey(const obreg::Key& key, const KeyPath& path, Read what = Read::All);
+
+/// The same, once: when others write meanwhile, entries may be missing.
+KeyContent readKeyOnce(const obreg::Key& key, const KeyPath& path, Read what = Read::All);
 
 /// The entry's value; the entry gives it away. Nothing when it has been deleted since.
 std::optional<obreg::NamedValue> takeValue(const obreg::Key& key, const KeyPath& path, ValueEntry&& entry);

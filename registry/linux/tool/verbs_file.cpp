@@ -73,6 +73,7 @@ public:
     }
 
     void wait() { m_queue.wait(); }
+    void settle() { m_queue.settle(); }
     uint64_t done() const { return m_queue.done() + m_removedKeys; }
 
 private:
@@ -102,6 +103,7 @@ void importFile(RereadableFile& file, uint64_t total)
 {
     Importer importer(total);
     const auto soFar = [&] {
+        importer.settle();
         return "; " + std::to_string(importer.done()) + " of " + std::to_string(total) + " statements were carried out";
     };
     try {

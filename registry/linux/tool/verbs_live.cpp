@@ -36,8 +36,7 @@ public:
             std::error_code error;
             const obreg::KeyInfo info = at->second.key.info(error);
             if (error == obreg::Status::keyDeleted || error == obreg::Status::notFound) {
-                tell(keyChange(Change::Removed, at->second.path));
-                at = m_nodes.erase(at);
+                at = forget(at);
                 continue;
             }
             check(error, at->second.path);
@@ -46,7 +45,7 @@ public:
             ++at;
         }
         for (const std::string& identity : moved)
-            readAgain(m_nodes[identity]);
+            readAgain(identity);
         if (m_nodes.empty()) // the watched key itself; it may come back
             add(m_path, true);
     }
@@ -68,7 +67,14 @@ private:
         check(error, path);
         if (news)
             tell(keyChange(Change::Added, path));
-        const std::vector<obreg::SubKey> subKeys = read(node);
+        std::vector<obreg::SubKey> subKeys;
+        try {
+            subKeys = read(node);
+        } catch (const Failure& failure) {
+            if (failure.exit != ExitNotFound)
+                throw;
+            node.values.clear(); // gone again: the next poll says so
+        }
         for (const obreg::NamedValue& value : node.values)
             if (news)
                 tell(valueChange(Change::Added, path, value));
@@ -77,10 +83,28 @@ private:
             add(path.child(subKey.name), news);
     }
 
-    void readAgain(Node& node)
+    using Nodes = std::map<std::string, Node>; // by identity, so a key comes before those below it
+
+    Nodes::iterator forget(Nodes::iterator at)
     {
-        std::vector<obreg::NamedValue> before = std::move(node.values);
-        const std::vector<obreg::SubKey> subKeys = read(node);
+        tell(keyChange(Change::Removed, at->second.path));
+        return m_nodes.erase(at);
+    }
+
+    void readAgain(const std::string& identity)
+    {
+        const auto at = m_nodes.find(identity);
+        Node& node = at->second;
+        std::vector<obreg::NamedValue> before = node.values;
+        std::vector<obreg::SubKey> subKeys;
+        try {
+            subKeys = read(node);
+        } catch (const Failure& failure) {
+            if (failure.exit != ExitNotFound)
+                throw;
+            forget(at);
+            return;
+        }
         sideBySide(before, node.values, [&](const obreg::NamedValue* pOld, const obreg::NamedValue* pNew) {
             if (pNew == nullptr)
                 tell(valueChange(Change::Removed, node.path, *pOld));
@@ -98,7 +122,7 @@ private:
     /// Fills in time and values and returns the sub-keys.
     static std::vector<obreg::SubKey> read(Node& node)
     {
-        KeyContent content = readKey(node.key, node.path);
+        KeyContent content = readKeyOnce(node.key, node.path); // what it missed has changed the time
         node.lastWriteTime = content.lastWriteTime;
         node.values.clear();
         for (ValueEntry& entry : content.values)
@@ -115,7 +139,7 @@ private:
 
     const KeyPath m_path;
     Output& m_output;
-    std::map<std::string, Node> m_nodes; // by identity, so a key comes before those below it
+    Nodes m_nodes;
     uint64_t m_changes = 0;
 };
 
@@ -137,7 +161,10 @@ double roundTripUs()
     const auto begin = std::chrono::steady_clock::now();
     std::error_code error;
     obreg::localMachine().info(error);
-    check(error, {HKEY_LOCAL_MACHINE, {}});
+    if (error) {
+        const Failure failure = failureOf({HKEY_LOCAL_MACHINE, {}}, nullptr, error);
+        throw Failure(failure.exit, error.message(), failure.advice); // the key is not the point
+    }
     const std::chrono::duration<double, std::micro> time = std::chrono::steady_clock::now() - begin;
     return std::round(time.count() * 10) / 10;
 }
@@ -159,6 +186,8 @@ int ping(const LiveOptions& options, Output& output)
         if (histogram.count() != count)
             pause(options.interval);
     }
+    if (histogram.count() == 0)
+        throw Failure(ExitNoDaemon, "interrupted before the daemon answered");
     if (!options.latency && count == 1) {
         output.fact({"ping", {{"roundTripUs", histogram.mean()}}});
         return ExitDone;

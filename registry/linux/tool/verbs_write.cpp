@@ -35,6 +35,15 @@ std::vector<std::string> split(const std::string& text, const std::string& separ
     }
 }
 
+/// Standard input as if it stood on the command line: without its last newline.
+std::string readText()
+{
+    std::string text = readWhole("-");
+    if (!text.empty() && text.back() == '\n')
+        text.pop_back();
+    return text;
+}
+
 obreg::Value valueOf(const WriteOptions& options)
 {
     const bool fromFile = !options.dataFile.empty();
@@ -43,17 +52,23 @@ obreg::Value valueOf(const WriteOptions& options)
     const bool several = options.data.size() > 1 || !options.separator.empty();
     const UINT32 usual = fromFile ? REG_BINARY : several ? REG_MULTI_SZ : REG_SZ;
     const UINT32 type = options.type.empty() ? usual : typeArgument(options.type);
+    if (fromFile && !options.separator.empty())
+        throw UsageError("--separator takes a text of the command line apart, not a file");
     if (fromFile) {
         obreg::Value value{type, readWhole(options.dataFile)};
         if (value.data.empty())
             throw UsageError(options.dataFile + ": holds nothing, and an empty value cannot be stored");
         return value;
     }
+    std::vector<std::string> data = options.data;
+    for (std::string& text : data)
+        if (text == "-")
+            text = readText();
     if (options.separator.empty())
-        return valueOfArguments(type, options.data);
-    if (options.data.size() != 1 || type != REG_MULTI_SZ)
+        return valueOfArguments(type, data);
+    if (data.size() != 1 || type != REG_MULTI_SZ)
         throw UsageError("--separator takes one text apart for a REG_MULTI_SZ");
-    return valueOfArguments(type, split(options.data.front(), options.separator));
+    return valueOfArguments(type, split(data.front(), options.separator));
 }
 
 int store(const WriteOptions& options, Output& output)
@@ -155,12 +170,13 @@ Run declareAdd(Arguments& arguments)
 {
     const auto pOptions = withKey(arguments);
     arguments.text("-v,--value", pOptions->name, "Value's name; @ for the unnamed");
-    arguments.texts("-d,--data", pOptions->data,
-                    "Text, number, or bytes as hexadecimal digits; several for REG_MULTI_SZ");
+    arguments.texts(
+        "-d,--data", pOptions->data,
+        "Text, number, or bytes as hexadecimal digits; several for REG_MULTI_SZ; - for the text on standard input");
     addDataOptions(arguments, *pOptions);
     return [=, &arguments](Output& output) {
         const bool value = arguments.given("--value") || arguments.given("--data") || arguments.given("--data-file") ||
-                           arguments.given("--type");
+                           arguments.given("--type") || arguments.given("--separator");
         return value ? store(*pOptions, output) : createKey(*pOptions, output);
     };
 }
@@ -169,16 +185,13 @@ Run declareSet(Arguments& arguments)
 {
     const auto pOptions = withKey(arguments);
     arguments.text("NAME", pOptions->name, "Value's name; @ for the unnamed", Arguments::Required);
-    arguments.texts("DATA", pOptions->data,
-                    "Text, number, or bytes as hexadecimal digits; several for REG_MULTI_SZ; - for standard input");
+    arguments.texts(
+        "DATA", pOptions->data,
+        "Text, number, or bytes as hexadecimal digits; several for REG_MULTI_SZ; - for the text on standard input");
     addDataOptions(arguments, *pOptions);
     return [=](Output& output) {
-        if (pOptions->data == std::vector<std::string>{"-"}) {
-            pOptions->data.clear();
-            pOptions->dataFile = "-";
-        } else if (pOptions->data.empty() && pOptions->dataFile.empty()) {
+        if (pOptions->data.empty() && pOptions->dataFile.empty())
             throw UsageError("give DATA to store, or a --data-file");
-        }
         return store(*pOptions, output);
     };
 }

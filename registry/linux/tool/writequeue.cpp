@@ -74,16 +74,28 @@ void WriteQueue::add(Write&& write)
         m_writes.push_back(std::move(write));
     else // first, so that its values do not wait for it
         m_writes.push_front(std::move(write));
-    if (m_writes.size() > m_idle && m_threads.size() < RequestThreads)
-        m_threads.emplace_back([this] { work(); });
+    if (m_writes.size() > m_idle && m_threads.size() < RequestThreads) {
+        try {
+            m_threads.emplace_back([this] { work(); });
+        } catch (const std::system_error&) { // fewer do it as well
+            if (m_threads.empty())
+                throw;
+        }
+    }
     m_more.notify_one();
 }
 
-void WriteQueue::wait()
+void WriteQueue::settle()
 {
     m_unsettled.clear();
     std::unique_lock lock(m_mutex);
     m_less.wait(lock, [this] { return m_unfinished == 0; });
+}
+
+void WriteQueue::wait()
+{
+    settle();
+    const std::lock_guard lock(m_mutex);
     throwFailure();
 }
 

@@ -60,7 +60,9 @@ public:
     void set(const std::shared_ptr<Target>& pTarget, std::string&& name, obreg::Value&& value, uint64_t line = 0);
     void removeValue(const std::shared_ptr<Target>& pTarget, std::string&& name, uint64_t line = 0);
 
-    /// Waits until all is done; throws as the others.
+    /// Waits until nothing is in flight.
+    void settle();
+    /// The same; throws as the others.
     void wait();
 
     uint64_t done() const; ///< writes that were carried out
