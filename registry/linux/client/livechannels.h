@@ -134,8 +134,10 @@ private:
         const pid_t reader = entry.reader.load();
         if (reader == NoReader || reader == Starting)
             return reader == Starting ? Left::Running : Left::None;
-        if (syscall(SYS_tgkill, getpid(), std::abs(reader), 0) != 0 && errno == ESRCH)
+        if (syscall(SYS_tgkill, getpid(), std::abs(reader), 0) != 0 && errno == ESRCH) {
+            entry.reader.load(); // its last word may have come meanwhile: all it did is done before the entry is freed
             return Left::None;
+        }
         return reader > 0 ? Left::Running : Left::OnlyEnding;
     }
 
