@@ -37,6 +37,7 @@ public:
         if (m_handle == nullptr)
             throw std::runtime_error(dlerror());
         closeKey = function<decltype(closeKey)>("OBRegCloseKey");
+        setValue = function<decltype(setValue)>("OBRegSetValueExA");
         queryValue = function<decltype(queryValue)>("OBRegQueryValueExA");
     }
     ~Library() { dlclose(m_handle); }
@@ -53,6 +54,7 @@ public:
     }
 
     decltype(&OBRegCloseKey) closeKey;
+    decltype(&OBRegSetValueExA) setValue;
     decltype(&OBRegQueryValueExA) queryValue;
 
 private:
@@ -200,20 +202,27 @@ TEST(Fork, ChildrenAndParentGoOn)
     Library library;
     std::atomic<int> done[16] = {};
     Threads threads(16, [&](int i) { done[i] += library.closeKey(key) == 0; });
-    for (int i = 0; i < scaled(200); ++i) {
-        const pid_t child = fork();
-        if (child == 0) {
-            const bool alone = library.value<int>("ipcInitAttempts") == 0;
-            bool good = library.closeKey(key) == 0;
-            if (i % 10 == 0) { // a grandchild
-                const pid_t grandchild = fork();
-                if (grandchild == 0)
-                    _exit(library.closeKey(key) == 0 ? 0 : 1);
-                good = good && outcomeOf(grandchild) == 0 && library.closeKey(key) == 0;
-            }
-            _exit(good && alone ? 0 : 1);
+    const auto call = [&] { return library.closeKey(key) == 0; };
+    const auto live = [&](bool withChild) {
+        bool good = library.value<int>("ipcInitAttempts") == 0 && call();
+        if (withChild) {
+            const pid_t grandchild = fork();
+            if (grandchild == 0)
+                _exit(call() ? 0 : 1);
+            good = good && outcomeOf(grandchild) == 0 && call();
         }
-        ASSERT_EQ(outcomeOf(child), 0) << "fork " << i;
+        _exit(good ? 0 : 1);
+    };
+    for (int i = 0; i < scaled(100); ++i) {
+        pid_t children[2]; // the second one while the parent's threads connect anew because of the first
+        for (pid_t& child : children) {
+            child = fork();
+            if (child == 0)
+                live(i % 10 == 0);
+            std::this_thread::sleep_for(std::chrono::microseconds(i * 37 % 300));
+        }
+        for (const pid_t child : children)
+            ASSERT_EQ(outcomeOf(child), 0) << "fork " << i;
     }
     for (auto& count : done) { // every thread goes on
         const int before = count;
@@ -223,14 +232,15 @@ TEST(Fork, ChildrenAndParentGoOn)
     }
 }
 
-// Exits with eight threads in the middle of calls.
+// Exits with eight threads in the middle of calls. The first calls are long: a daemon that does not read holds them up.
 TEST(Child, DISABLED_ExitsWhileBusy)
 {
     static Library* const pLibrary = new Library;
+    static std::string& data = *new std::string(3 << 20, 'd'); // never destroyed
     for (int i = 0; i < 8; ++i)
         std::thread([] {
-            for (;;)
-                pLibrary->closeKey(key);
+            for (auto length = static_cast<UINT32>(data.size());; length = 1)
+                pLibrary->setValue(key, "v", 0, 3, data.data(), length);
         }).detach();
     std::this_thread::sleep_for(std::chrono::microseconds(1000 + getpid() % 7 * 700));
     exit(0);
