@@ -262,6 +262,15 @@ TEST(Exit, WithCallsInFlight)
     ended = true;
 }
 
+TEST(Exit, WhileWaitingForADaemon)
+{
+    setenv("OMBREL_MAX_REGIPC_SETUP_TIME", "A", 1);
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(runInChild("ExitsWhileBusy"), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s * Slower);
+    unsetenv("OMBREL_MAX_REGIPC_SETUP_TIME");
+}
+
 TEST(Cancellation, NeverInsideACall)
 {
     const ScriptedDaemon daemon(answering());
