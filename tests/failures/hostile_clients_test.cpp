@@ -3,8 +3,6 @@
 // a well-behaved client is answered, every time and soon, and the log names who was over which limit.
 #include <atomic>
 #include <chrono>
-#include <filesystem>
-#include <functional>
 #include <thread>
 #include <vector>
 
@@ -19,7 +17,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr char Folder[] = "/var/opt/quorlin/ombrel/obregd";
 constexpr uid_t Stranger = 12345;
 const std::string Value(100000, 'v');
 

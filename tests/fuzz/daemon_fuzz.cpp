@@ -1,6 +1,7 @@
 // The daemon's way from a stream of packets to its replies, on a real store that each input finds the same: every reply
 // is one that its client can read, what was set is there, and refused writes change nothing.
 #include <cerrno>
+#include <optional>
 #include <unistd.h>
 
 #include "common/channelproto.h"
@@ -20,7 +21,7 @@ struct Registry {
     {
         if (mkdtemp(folder) == nullptr)
             fuzz::broken("a temporary folder", folder, errno);
-        pStore = std::make_unique<WritableStore>(std::string(folder) + "/store");
+        pStore.emplace(std::string(folder) + "/store");
         pStore->begin();
         const KeyId key = pStore->addKey(MachineId, "Key", MachineOwner);
         pStore->addKey(key, "Sub", MachineOwner);
@@ -34,7 +35,7 @@ struct Registry {
             std::remove((std::string(folder) + pFile).c_str());
     }
     char folder[32] = "/tmp/obreg-fuzz-XXXXXX";
-    std::unique_ptr<WritableStore> pStore;
+    std::optional<WritableStore> pStore;
 };
 
 std::string_view textOf(const Reply& reply) { return {reply.pText.get(), static_cast<size_t>(reply.length)}; }

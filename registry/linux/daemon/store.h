@@ -74,7 +74,7 @@ private:
     KeyFacts<Longest> m_longest;
 };
 
-class WritableStore : public Store {
+class WritableStore final : public Store {
 public:
     /// Opens the file, makes it (0600) when there is none. Throws std::runtime_error with a message for the operator
     /// when it is something else's file or damaged.
