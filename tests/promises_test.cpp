@@ -65,7 +65,7 @@ bool isMapped()
 {
     std::ifstream maps("/proc/self/maps");
     for (std::string line; std::getline(maps, line);)
-        if (line.find("libobreg") != std::string::npos)
+        if (line.find("/libobreg.so") != std::string::npos)
             return true;
     return false;
 }
