@@ -1,16 +1,10 @@
 #include "client/clientreq.h"
 
-#include <ctime>
 #include <new>
-#include <sched.h>
 
 #include "platform.h"
 
 uint32_t numClientReqObjects = 0;
-
-namespace {
-constexpr int MaxYields = 100;
-}
 
 ClientReq::ClientReq(uint32_t reqId) : m_reqId(reqId)
 {
@@ -42,21 +36,16 @@ ClientReq::~ClientReq()
 template <class Store>
 void ClientReq::complete(Store store, MutexLock* pChannelLock)
 {
-    bool asleep = false;
-    {
-        const MutexLock lock(m_mutex);
-        store();
-        asleep = !m_submitThreadActive;
-        m_submitThreadActive = true;
-        m_completed.store(true, std::memory_order_release);
-    }
-    if (!asleep)
+    const MutexLock lock(m_mutex);
+    store();
+    m_completed.store(true, std::memory_order_release);
+    if (m_submitThreadActive)
         return;
-    // A submitter that sleeps keeps the request until it is woken; what it does next needs the channel lock.
+    // A submitter that sleeps keeps the request until it gets m_mutex; what it needs next is the channel lock.
     if (pChannelLock != nullptr)
         pChannelLock->unlock();
+    m_submitThreadActive = true;
     pthread_cond_signal(&m_condition);
-    m_woken.store(true, std::memory_order_release); // the reader's last touch
 }
 
 void ClientReq::processServerData(char* pServerData, int serverDataLength, MutexLock* pChannelLock)
@@ -78,36 +67,17 @@ void ClientReq::processError(MutexLock* pChannelLock)
     IPC_TRACE("ClientReq::processError- End\n");
 }
 
-/// Blocks until the request is completed, unless it is already.
-void ClientReq::sleep()
-{
-    {
-        const MutexLock lock(m_mutex);
-        if (completed())
-            return;
-        m_submitThreadActive = false;
-        while (!completed())
-            pthread_cond_wait(&m_condition, &m_mutex);
-    }
-    // Often the woken thread runs in the reader's place, which is still in the call that signals.
-    for (int i = 0; !m_woken.load(std::memory_order_acquire); ++i) {
-        const timespec moment = {0, 50000};
-        if (i < MaxYields)
-            sched_yield();
-        else // the reader may never run while a thread of higher priority yields
-            nanosleep(&moment, nullptr);
-    }
-}
-
 int ClientReq::waitForCompletion(char** ppResponseData, int* pResponseDataLength)
 {
     IPC_TRACE("ClientReq::waitForCompletion- Start, Obj = %08X\n", logAddress(this));
     const NoCancellation noCancellation;
-    if (!completed())
-        sleep();
     int retStatus = -1;
     {
         const MutexLock lock(m_mutex);
+        while (!completed()) {
+            m_submitThreadActive = false;
+            pthread_cond_wait(&m_condition, &m_mutex);
+        }
         // Taken while the lock is held: a late second delivery replaces the buffer.
         if (!m_internalProblem) {
             *ppResponseData = m_pServerData;

@@ -7,10 +7,10 @@
 //
 // m_mutex guards the fields. Lock order: channel lock, then m_mutex; waitForCompletion takes m_mutex alone.
 //
-// THE WAKE-UP of a submitter that has declared itself blocked comes when the outcome is in place and both locks are
-// free: woken under a lock it would run into that at once, often in the reader's place, and both would have to sleep
-// and be woken once more. But it may know the outcome before the signal, from a spurious wake-up, and then destroy the
-// condition variable under the reader's hands. So it goes on only when m_woken says that the reader has signalled.
+// THE WAKE-UP of a submitter that has declared itself blocked comes when the outcome is in place and the channel lock
+// is given up: woken under that, it would run into it at once. It comes under m_mutex, without which the submitter
+// cannot leave: else it might know the outcome before the signal, from a spurious wake-up, and destroy the condition
+// variable under the reader's hands.
 #ifndef OBREG_CLIENT_CLIENTREQ_H
 #define OBREG_CLIENT_CLIENTREQ_H
 
@@ -52,7 +52,6 @@ public:
 private:
     template <class Store>
     void complete(Store store, MutexLock* pChannelLock);
-    void sleep();
 
     [[maybe_unused]] uint32_t m_reqId; // for whoever looks at a core dump
     char* m_pServerData = nullptr;
@@ -60,7 +59,6 @@ private:
     bool m_submitThreadActive = true;     // false while the submitter is blocked: only then is it signalled, and once
     std::atomic<bool> m_completed{false}; // for completed(), which takes no lock
     bool m_internalProblem = false;
-    std::atomic<bool> m_woken{false}; // the reader is done with a submitter that was blocked
     pthread_mutex_t m_mutex;
     pthread_cond_t m_condition;
 };
