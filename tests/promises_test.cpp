@@ -189,6 +189,7 @@ TEST(Unload, EveryCycleReallyUnloads)
         ASSERT_FALSE(isMapped()) << "cycle " << i;
         ASSERT_LT(std::chrono::steady_clock::now() - begin, 3s) << "the reader's end was not seen, cycle " << i;
     }
+    std::printf("FIGURE unloads: %d\n", scaled(500));
 }
 
 TEST(Fork, ChildrenAndParentGoOn)
@@ -224,6 +225,7 @@ TEST(Fork, ChildrenAndParentGoOn)
         for (const pid_t child : children)
             ASSERT_EQ(outcomeOf(child), 0) << "fork " << i;
     }
+    std::printf("FIGURE forks: %d, and one in ten again in the child\n", 2 * scaled(100));
     for (auto& count : done) { // every thread goes on
         const int before = count;
         for (int i = 0; i < 5000 && count == before; ++i)
@@ -252,6 +254,7 @@ TEST(Exit, WithCallsInFlight)
         const ScriptedDaemon daemon(answering());
         for (int i = 0; i < scaled(50); ++i)
             ASSERT_EQ(runInChild("ExitsWhileBusy"), 0) << "exit " << i;
+        std::printf("FIGURE exits: %d\n", scaled(50));
     }
     std::atomic<bool> ended{false};
     const ScriptedDaemon deaf([&](ScriptedDaemon::Peer&) { // accepts, and never reads nor answers
@@ -295,6 +298,7 @@ TEST(Cancellation, NeverInsideACall)
         ASSERT_EQ(shared.library.closeKey(key), 0u);
     }
     EXPECT_EQ(shared.wrong, 0);
+    std::printf("FIGURE cancellations: %d\n", scaled(200));
 }
 
 namespace {
@@ -341,6 +345,7 @@ TEST(Signals, DoNotBreakAnExchange)
     setitimer(ITIMER_REAL, &everyMillisecond, nullptr);
     sigaction(SIGALRM, &before, nullptr);
     EXPECT_FALSE(signalOnReader);
+    std::printf("FIGURE signals: %d\n", signalsSeen.load());
     EXPECT_EQ(daemon.connections(), 1); // no connection was lost
 }
 

@@ -245,5 +245,6 @@ TEST_F(WithDaemon, CallsOutlastAStormOfKills)
         std::this_thread::sleep_for(1ms);
     EXPECT_EQ(entriesOf("/proc/self/task"), tasks);
     EXPECT_EQ(entriesOf("/proc/self/fd"), descriptors);
-    std::printf("FIGURE %d kills, %ld calls succeeded, %ld failed\n", kills, successes.load(), failures.load());
+    std::printf("FIGURE storm: %d kills and restarts, %ld calls succeeded, %ld failed\n", kills, successes.load(),
+                failures.load());
 }

@@ -257,7 +257,7 @@ TEST_F(DaemonFailures, AtEveryPoint)
         if (HasFailure())
             break;
     }
-    std::printf("FIGURE %zu kinds of failure, at %u points of the ten requests\n", std::size(failures), points);
+    std::printf("FIGURE daemon: %zu kinds of failure, at %u points of the ten requests\n", std::size(failures), points);
     kill(getpid(), SIGTERM);
     thread.join();
     EXPECT_EQ(ended, "");
@@ -294,7 +294,7 @@ TEST_F(DaemonFailures, WhileItStarts)
                 if (!reached)
                     break;
             }
-    std::printf("FIGURE start: failures at %u points\n", points);
+    std::printf("FIGURE daemon: failures at %u points of its start\n", points);
 }
 
 } // namespace

@@ -157,7 +157,7 @@ TEST_F(Durability, AfterAKill)
         expectAllAnswered();
     }
     EXPECT_GT(m_checked, rounds);
-    std::printf("FIGURE %d kills, %ld answered writes found again\n", rounds, m_checked);
+    std::printf("FIGURE durability: %d kills, %ld answered writes found again\n", rounds, m_checked);
 }
 
 TEST_F(Durability, AfterAPowerFailure)
@@ -180,5 +180,5 @@ TEST_F(Durability, AfterAPowerFailure)
         expectAllAnswered();
     }
     EXPECT_GT(m_checked, rounds);
-    std::printf("FIGURE %d power failures, %ld answered writes found again\n", rounds, m_checked);
+    std::printf("FIGURE durability: %d power failures, %ld answered writes found again\n", rounds, m_checked);
 }

@@ -140,6 +140,6 @@ TEST_F(HostileClients, HurtNobodyElse)
         }
     }
     EXPECT_NE(log.find("limit (--max-per-user) is " + std::to_string(m_perUser)), std::string::npos);
-    std::printf("FIGURE %ld hostile connections, %ld calls meanwhile, the longest %.0f ms\n", connections.load(),
-                2 * calls, 1000 * longest);
+    std::printf("FIGURE hostile clients: %ld connections, %ld calls of a modest one meanwhile, the longest %.0f ms\n",
+                connections.load(), 2 * calls, 1000 * longest);
 }

@@ -162,5 +162,6 @@ TEST(HostileDaemon, EndsNoCallWithoutAnAnswerAndLosesNothing)
     EXPECT_EQ(__atomic_load_n(&numCChannelObjects, __ATOMIC_SEQ_CST), 0u);
     EXPECT_EQ(__atomic_load_n(&numClientReqObjects, __ATOMIC_SEQ_CST), 0u);
     EXPECT_EQ(failnth::liveBlocks(), blocks);
-    std::printf("FIGURE %ld calls, %ld succeeded, %d connections\n", calls.load(), succeeded.load(), connections);
+    std::printf("FIGURE hostile daemon: %ld calls, %ld succeeded, %d connections\n", calls.load(), succeeded.load(),
+                connections);
 }

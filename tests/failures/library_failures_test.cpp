@@ -170,7 +170,8 @@ TEST_F(LibraryFailures, AtEveryPoint)
         if (HasFailure())
             break;
     }
-    std::printf("FIGURE %zu kinds of failure, at %u points of the ten functions\n", std::size(failures), points);
+    std::printf("FIGURE library: %zu kinds of failure, at %u points of the ten functions\n", std::size(failures),
+                points);
 }
 
 } // namespace
