@@ -3,13 +3,11 @@
 #include <cstdlib>
 #include <memory>
 #include <new>
-#include <random>
 
 #include <gtest/gtest.h>
 
 #include "common/channelproto.h"
 #include "common/msgproto.h"
-#include "common/wiretext.h"
 #include "support/log_capture.h"
 
 namespace {
@@ -244,23 +242,6 @@ TEST(Codec, ReaderIsGenerous)
     ASSERT_TRUE(split);
     EXPECT_EQ(split->m_subKeyName, "left");
     logcapture::take();
-}
-
-TEST(Codec, NumbersReadAsTheCLibraryReadsThem)
-{
-    std::mt19937 random(20261122);
-    const std::string alphabet("  \t\r\n\v\f+-00xX19afAFgz\0~", 24);
-    for (int i = 0; i < 300000; ++i) {
-        std::string text(random() % 22, ' ');
-        for (char& c : text)
-            c = random() % 3 == 0 ? alphabet[random() % alphabet.size()] : "0123456789abcdefABCDEFxF"[random() % 24];
-        const std::vector<char> block(text.begin(), text.end());
-        const std::string_view view(block.data(), block.size());
-        ASSERT_EQ(wiretext::readHex<uint64_t>(view), std::strtoull(text.c_str(), nullptr, 16)) << text;
-        if constexpr (sizeof(unsigned long) == 4) {
-            ASSERT_EQ(wiretext::readHex<uint32_t>(view), std::strtoul(text.c_str(), nullptr, 16)) << text;
-        }
-    }
 }
 
 TEST(Codec, TypesAreRecognised)
