@@ -58,8 +58,8 @@ void setTimeout(double seconds, const std::string& message)
     double whole = 0;
     timeout.it_value.tv_usec = static_cast<suseconds_t>(std::modf(seconds, &whole) * 1e6);
     timeout.it_value.tv_sec = static_cast<time_t>(whole);
-    if (seconds > 0 && whole == 0)
-        timeout.it_value.tv_usec = std::max<suseconds_t>(timeout.it_value.tv_usec, 1); // 0 would be never
+    if (seconds > 0 && whole == 0 && timeout.it_value.tv_usec == 0)
+        timeout.it_value.tv_usec = 1; // 0 would be never
     timeoutMessage = message;
     handle(SIGALRM, onAlarm);
     restartTimeout();
