@@ -170,9 +170,9 @@ std::string valueReply(size_t length)
     const std::string data(length, 'x');
     if constexpr (std::is_same_v<Response, EnumValueRespMsg>)
         return encoded(
-            Response(0, std::string(length, 'n').c_str(), REG_BINARY, data.data(), static_cast<int>(length)));
+            Response(0, std::string(length, 'n').c_str(), REG_BINARY, data.data(), static_cast<UINT32>(length)));
     else
-        return encoded(Response(0, REG_BINARY, data.data(), static_cast<int>(length)));
+        return encoded(Response(0, REG_BINARY, data.data(), static_cast<UINT32>(length)));
 }
 
 TEST(RegistryHpp, AsksAgainUntilAValueStopsGrowing)

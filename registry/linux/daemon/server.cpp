@@ -69,7 +69,13 @@ Committer::Callbacks Server::committerCallbacks()
         std::shared_ptr<Batch> pAnswered;
         insist([&] { pAnswered = std::make_shared<Batch>(); });
         pAnswered->swap(batch);
-        insist([&] { asio::post(m_io, [this, pAnswered] { answer(*pAnswered); }); });
+        insist([&] {
+            asio::post(m_io, [this, pAnswered] {
+                Batch answered; // the last of the jobs, and of the connections that they hold, goes on this thread
+                answered.swap(*pAnswered);
+                answer(answered);
+            });
+        });
     };
     callbacks.tidying = [this](bool begins) {
         insist([&] { asio::post(m_io, [this, begins] { m_store.keepState(!begins); }); });

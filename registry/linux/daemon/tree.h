@@ -58,6 +58,7 @@ struct Longest {
 
 class Tree {
 public:
+    virtual ~Tree() = default;
     virtual std::optional<Key> key(KeyId id) = 0;
     virtual std::optional<KeyId> child(KeyId parent, const std::string& name) = 0;
     /// Whether the number was ever given to a key, one that is deleted by now included.
@@ -66,9 +67,6 @@ public:
     virtual std::optional<SubKeyEntry> subKeyAt(const Key& key, UINT32 index) = 0;
     virtual std::optional<ValueEntry> valueAt(const Key& key, UINT32 index) = 0;
     virtual Longest longest(const Key& key) = 0;
-
-protected:
-    ~Tree() = default;
 };
 
 } // namespace obregd

@@ -89,17 +89,21 @@ NewFile::NewFile(const std::string& name) : m_name(name), m_target(name), m_pFil
         m_target = pResolved.get();
     const bool replace = !exists || S_ISREG(old.st_mode);
     const std::string path = replace ? m_target + ".new." + std::to_string(getpid()) : name;
+    removeWhenKilled(replace ? path : ""); // before it is there
     m_pFile = File(fopen(path.c_str(), replace ? "wbxe" : "wbe"), fclose);
     if (!m_pFile)
         fail();
     if (!replace)
         return;
     m_temporary = path;
-    removeWhenKilled(m_temporary);
     const int fd = fileno(m_pFile.get());
     // Who may not give the owner away keeps it; the mode goes last, for a change of owner can change it.
-    if (exists && ((fchown(fd, old.st_uid, old.st_gid) != 0 && errno != EPERM) || fchmod(fd, old.st_mode & 07777) != 0))
-        fail();
+    if (exists &&
+        ((fchown(fd, old.st_uid, old.st_gid) != 0 && errno != EPERM) || fchmod(fd, old.st_mode & 07777) != 0)) {
+        const int error = errno;
+        unlink(m_temporary.c_str());
+        throw fileFailure(m_name, error);
+    }
 }
 
 NewFile::~NewFile()
