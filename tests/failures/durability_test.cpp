@@ -50,6 +50,12 @@ std::string nameOf(size_t writer, size_t slot) { return std::to_string(writer) +
 
 class Durability : public testing::Test {
 protected:
+    Durability()
+    {
+        for (const char* const pEnd : {"", "-wal", "-shm"}) // of the test before
+            std::filesystem::remove(m_store + pEnd);
+    }
+
     /// Starts the daemon, lets writers write, kills it at a random moment.
     void writeAndKill()
     {
