@@ -218,6 +218,7 @@ TEST_F(Functions, ErrorsLeaveResultsAlone)
         logcapture::take();
     }
     EXPECT_EQ(ipcInitAttempts, 2); // an error packet does not break the connection
+    m_daemon.reset();              // before what its script uses
 }
 
 TEST_F(Functions, RefuseBadArguments)
@@ -410,4 +411,5 @@ TEST_F(Functions, RepliesOfAnyLength)
         EXPECT_EQ(static_cast<size_t>(replyLength), length);
         EXPECT_TRUE(length == 0 || (pReply[0] == 'x' && memcmp(pReply, pReply + 1, length - 1) == 0));
     }
+    m_daemon.reset(); // before what its script uses
 }
