@@ -30,7 +30,7 @@ protected:
 
 TEST_F(DaemonTest, BadInputHurtsOnlyItsSender)
 {
-    const std::string close = textOf(CloseKeyReqMsg(HKEY_USERS));
+    const std::string close = encoded(CloseKeyReqMsg(HKEY_USERS));
     const struct {
         const char* pWhat;
         std::string bytes;
@@ -85,7 +85,7 @@ TEST_F(DaemonTest, PacketsMayComeInAnyPieces)
         answered.at(reply.first - 100) = true;
     }
     EXPECT_EQ(std::count(answered.begin(), answered.end(), true), 60);
-    for (const char c : packet(9, textOf(QueryValueReqMsg(key, "v105"))))
+    for (const char c : packet(9, encoded(QueryValueReqMsg(key, "v105"))))
         client.send({c});
     client.endSending(); // the reply comes all the same
     EXPECT_EQ(RawClient::decode<QueryValueRespMsg>(client.receive())->m_valueDataLen, 5000u);
@@ -126,7 +126,7 @@ TEST_F(DaemonTest, WhoTakesNoRepliesIsCutOff)
     RawClient modest(socketPath());
     const HANDLE key = modest.create("K");
     modest.set(key, "v", std::string(1000000, 'x'));
-    const std::string query = packet(1, textOf(QueryValueReqMsg(key, "v")));
+    const std::string query = packet(1, encoded(QueryValueReqMsg(key, "v")));
     greedy.send(query + query); // within the limit: waits until it is taken
     EXPECT_EQ(modest.query(key, "v").size(), 1000000u);
     greedy.receive();

@@ -103,16 +103,16 @@ const struct Request {
     const char* pName;
     std::string (*text)(HANDLE key);
 } requests[] = {
-    {"open", [](HANDLE key) { return textOf(OpenKeyReqMsg(key, Name, 0, 0)); }},
-    {"create", [](HANDLE key) { return textOf(CreateKeyReqMsg(key, "a\\key\\that is not there", 0, 0)); }},
-    {"close", [](HANDLE key) { return textOf(CloseKeyReqMsg(key)); }},
-    {"delete key", [](HANDLE key) { return textOf(DeleteKeyReqMsg(key, Doomed)); }},
+    {"open", [](HANDLE key) { return encoded(OpenKeyReqMsg(key, Name, 0, 0)); }},
+    {"create", [](HANDLE key) { return encoded(CreateKeyReqMsg(key, "a\\key\\that is not there", 0, 0)); }},
+    {"close", [](HANDLE key) { return encoded(CloseKeyReqMsg(key)); }},
+    {"delete key", [](HANDLE key) { return encoded(DeleteKeyReqMsg(key, Doomed)); }},
     {"set", [](HANDLE key) { return setText(key, "changing", Data); }},
-    {"query", [](HANDLE key) { return textOf(QueryValueReqMsg(key, Name)); }},
-    {"delete value", [](HANDLE key) { return textOf(DeleteValueReqMsg(key, Doomed)); }},
-    {"enum key", [](HANDLE key) { return textOf(EnumKeyReqMsg(key, 0)); }},
-    {"enum value", [](HANDLE key) { return textOf(EnumValueReqMsg(key, 0)); }},
-    {"query info", [](HANDLE key) { return textOf(QueryInfoKeyReqMsg(key)); }},
+    {"query", [](HANDLE key) { return encoded(QueryValueReqMsg(key, Name)); }},
+    {"delete value", [](HANDLE key) { return encoded(DeleteValueReqMsg(key, Doomed)); }},
+    {"enum key", [](HANDLE key) { return encoded(EnumKeyReqMsg(key, 0)); }},
+    {"enum value", [](HANDLE key) { return encoded(EnumValueReqMsg(key, 0)); }},
+    {"query info", [](HANDLE key) { return encoded(QueryInfoKeyReqMsg(key)); }},
 };
 
 /// How long a lasting failure lasts when the client hears nothing meanwhile.

@@ -49,7 +49,7 @@ const struct Hostility {
      "limit (--max-arrival) is 1 s"},
     {"never reads",
      [](const RawClient& client, HANDLE key, int) {
-         const std::string query = packet(1, textOf(QueryValueReqMsg(key, "v")));
+         const std::string query = packet(1, encoded(QueryValueReqMsg(key, "v")));
          for (int i = 0; i < 20; ++i)
              client.send(query);
      },

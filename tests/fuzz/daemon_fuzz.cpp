@@ -38,16 +38,16 @@ struct Registry {
     std::optional<WritableStore> pStore;
 };
 
-std::string_view textOf(const Reply& reply) { return {reply.pText.get(), static_cast<size_t>(reply.length)}; }
+std::string_view encoded(const Reply& reply) { return {reply.pText.get(), static_cast<size_t>(reply.length)}; }
 
 /// Whether the response says that it was done.
-bool succeeded(const Reply& reply) { return textOf(reply).substr(0, 18) == "Status =00000000\r\n"; }
+bool succeeded(const Reply& reply) { return encoded(reply).substr(0, 18) == "Status =00000000\r\n"; }
 
 void checkSet(const Session& session, std::string_view text)
 {
     const std::unique_ptr<SetValueReqMsg> pSet(SetValueReqMsg::deserialize(text.data(), static_cast<int>(text.size())));
     HOLDS(pSet != nullptr);
-    const std::string query = fuzz::encoded(QueryValueReqMsg(pSet->m_keyHandle, pSet->m_valueName.c_str()));
+    const std::string query = encoded(QueryValueReqMsg(pSet->m_keyHandle, pSet->m_valueName.c_str()));
     const Reply reply = findOperation(query)->serve(session, query);
     const std::unique_ptr<QueryValueRespMsg> pValue(QueryValueRespMsg::deserialize(reply.pText.get(), reply.length));
     HOLDS(pValue != nullptr && pValue->m_status == 0 && pValue->m_valueType == pSet->m_valueType);
@@ -67,7 +67,7 @@ void serve(WritableStore& store, const Peer& peer, std::string_view payload)
     HOLDS(block.unchanged());
     if (reply.pText == nullptr)
         return;
-    HOLDS(textOf(reply).substr(0, 8) == "Status =" && textOf(reply).substr(16, 2) == "\r\n");
+    HOLDS(encoded(reply).substr(0, 8) == "Status =" && encoded(reply).substr(16, 2) == "\r\n");
     if (pOperation->type == ReqMessage::SetValueReqMsgType && succeeded(reply))
         checkSet(session, text);
 }

@@ -12,6 +12,8 @@
 #include <string>
 #include <string_view>
 
+#include "support/encoded.h"
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t size);
 
 /// Ends the process when a property does not hold; the fuzzer keeps the input.
@@ -40,17 +42,6 @@ private:
     const std::string m_text;
     const std::unique_ptr<char[]> m_pBytes;
 };
-
-/// The bytes that a message writes.
-template <class Msg>
-std::string encoded(const Msg& msg)
-{
-    char* pText = nullptr;
-    int length = 0;
-    msg.serialize(&pText, &length);
-    const std::unique_ptr<char[]> owner(pText);
-    return {pText, static_cast<size_t>(length)};
-}
 
 } // namespace fuzz
 

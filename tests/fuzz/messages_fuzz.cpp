@@ -15,11 +15,11 @@ void check(std::string_view input)
     HOLDS(block.unchanged());
     if (!pRead)
         return;
-    const std::string text = fuzz::encoded(*pRead);
+    const std::string text = encoded(*pRead);
     const fuzz::Block written(text);
     const std::unique_ptr<Msg> pAgain(Msg::deserialize(written.data(), written.size()));
     HOLDS(pAgain != nullptr);
-    HOLDS(fuzz::encoded(*pAgain) == text);
+    HOLDS(encoded(*pAgain) == text);
 }
 
 template <class... Msgs>

@@ -20,22 +20,13 @@
 #include "common/channelproto.h"
 #include "common/msgproto.h"
 #include "obreg/roots.h"
+#include "support/encoded.h"
 
 inline std::string packet(uint32_t reqId, const std::string& payload)
 {
     std::string text(PktHdrLength, '\0');
     ChannelProto::buildReqDataPktHdr(reqId, static_cast<int>(payload.size()), text.data());
     return text + payload;
-}
-
-template <class Request>
-std::string textOf(const Request& request)
-{
-    char* pText = nullptr;
-    int length = 0;
-    request.serialize(&pText, &length);
-    const std::unique_ptr<char[]> owner(pText);
-    return {pText, static_cast<size_t>(length)};
 }
 
 inline SetValueReqMsg setRequest(HANDLE key, const std::string& name, const std::string& data)
@@ -45,7 +36,7 @@ inline SetValueReqMsg setRequest(HANDLE key, const std::string& name, const std:
 
 inline std::string setText(HANDLE key, const std::string& name, const std::string& data)
 {
-    return textOf(setRequest(key, name, data));
+    return encoded(setRequest(key, name, data));
 }
 
 /// Its calls throw std::runtime_error when the daemon has ended the connection.
@@ -102,7 +93,7 @@ public:
     template <class Response, class Request>
     std::unique_ptr<Response> call(const Request& request)
     {
-        send(packet(7, textOf(request)));
+        send(packet(7, encoded(request)));
         return decode<Response>(receive());
     }
 

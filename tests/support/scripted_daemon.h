@@ -10,19 +10,9 @@
 #include <thread>
 
 #include "common/msgproto.h"
+#include "support/encoded.h"
 
 inline constexpr char FixedSocketPath[] = "/var/opt/quorlin/ombrel/obregd/reg-socket";
-
-/// The bytes that a message writes.
-template <class Msg>
-std::string encoded(const Msg& msg)
-{
-    char* pText = nullptr;
-    int length = 0;
-    msg.serialize(&pText, &length);
-    const std::unique_ptr<char[]> owner(pText);
-    return {pText, static_cast<size_t>(length)};
-}
 
 class ScriptedDaemon {
 public:

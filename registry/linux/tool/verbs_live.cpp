@@ -36,7 +36,8 @@ public:
             std::error_code error;
             const obreg::KeyInfo info = at->second.key.info(error);
             if (error == obreg::Status::keyDeleted || error == obreg::Status::notFound) {
-                at = forget(at);
+                tell(keyChange(Change::Removed, at->second.path));
+                at = m_nodes.erase(at);
                 continue;
             }
             check(error, at->second.path);
@@ -45,7 +46,7 @@ public:
             ++at;
         }
         for (const std::string& identity : moved)
-            readAgain(identity);
+            readAgain(m_nodes[identity]);
         if (m_nodes.empty()) // the watched key itself; it may come back
             add(m_path, true);
     }
@@ -67,14 +68,7 @@ private:
         check(error, path);
         if (news)
             tell(keyChange(Change::Added, path));
-        std::vector<obreg::SubKey> subKeys;
-        try {
-            subKeys = read(node);
-        } catch (const Failure& failure) {
-            if (failure.exit != ExitNotFound)
-                throw;
-            node.values.clear(); // gone again: the next poll says so
-        }
+        const std::vector<obreg::SubKey> subKeys = read(node);
         for (const obreg::NamedValue& value : node.values)
             if (news)
                 tell(valueChange(Change::Added, path, value));
@@ -83,28 +77,10 @@ private:
             add(path.child(subKey.name), news);
     }
 
-    using Nodes = std::map<std::string, Node>; // by identity, so a key comes before those below it
-
-    Nodes::iterator forget(Nodes::iterator at)
+    void readAgain(Node& node)
     {
-        tell(keyChange(Change::Removed, at->second.path));
-        return m_nodes.erase(at);
-    }
-
-    void readAgain(const std::string& identity)
-    {
-        const auto at = m_nodes.find(identity);
-        Node& node = at->second;
         std::vector<obreg::NamedValue> before = node.values;
-        std::vector<obreg::SubKey> subKeys;
-        try {
-            subKeys = read(node);
-        } catch (const Failure& failure) {
-            if (failure.exit != ExitNotFound)
-                throw;
-            forget(at);
-            return;
-        }
+        const std::vector<obreg::SubKey> subKeys = read(node);
         sideBySide(before, node.values, [&](const obreg::NamedValue* pOld, const obreg::NamedValue* pNew) {
             if (pNew == nullptr)
                 tell(valueChange(Change::Removed, node.path, *pOld));
@@ -119,16 +95,23 @@ private:
                 add(path.child(subKey.name), true);
     }
 
-    /// Fills in time and values and returns the sub-keys.
+    /// Fills in time and values and returns the sub-keys. A key that is gone stays as it was: the next poll says so.
     static std::vector<obreg::SubKey> read(Node& node)
     {
-        KeyContent content = readKeyOnce(node.key, node.path); // what it missed has changed the time
-        node.lastWriteTime = content.lastWriteTime;
-        node.values.clear();
-        for (ValueEntry& entry : content.values)
-            if (std::optional<obreg::NamedValue> value = takeValue(node.key, node.path, std::move(entry)))
-                node.values.push_back(*std::move(value));
-        return std::move(content.subKeys);
+        try {
+            KeyContent content = readKeyOnce(node.key, node.path); // what it missed has changed the time
+            std::vector<obreg::NamedValue> values;
+            for (ValueEntry& entry : content.values)
+                if (std::optional<obreg::NamedValue> value = takeValue(node.key, node.path, std::move(entry)))
+                    values.push_back(*std::move(value));
+            node.lastWriteTime = content.lastWriteTime;
+            node.values = std::move(values);
+            return std::move(content.subKeys);
+        } catch (const Failure& failure) {
+            if (failure.exit != ExitNotFound)
+                throw;
+            return {};
+        }
     }
 
     void tell(const Fact& fact)
@@ -139,7 +122,7 @@ private:
 
     const KeyPath m_path;
     Output& m_output;
-    Nodes m_nodes;
+    std::map<std::string, Node> m_nodes; // by identity, so a key comes before those below it
     uint64_t m_changes = 0;
 };
 
