@@ -51,28 +51,15 @@ void sortByName(std::vector<Entry>& entries)
     entries.erase(std::unique(entries.begin(), entries.end(), same), entries.end());
 }
 
-void walkOpen(const KeyPath& path, const obreg::Key& key, bool recursive, const Visit& visit, Read what, size_t depth)
+void walkFrom(const KeyPath& path, const obreg::Key& key, KeyContent&& content, bool recursive, const Visit& visit,
+              Read what, size_t depth)
 {
-    KeyContent content;
-    try {
-        content = readKey(key, path, what);
-    } catch (const Failure& failure) {
-        if (depth == 0 || failure.exit != ExitNotFound)
-            throw;
-        return; // deleted meanwhile
-    }
     if (!visit(path, key, content, depth) || !recursive)
         return;
     content.values = {};
-    for (const obreg::SubKey& subKey : content.subKeys) {
-        const KeyPath below = path.child(subKey.name);
-        std::error_code error;
-        const obreg::Key child = obreg::Key::open(key, subKey.name, KEY_READ, error);
-        if (error == obreg::Status::notFound)
-            continue;
-        check(error, below);
-        walkOpen(below, child, recursive, visit, what, depth + 1);
-    }
+    for (const obreg::SubKey& subKey : content.subKeys)
+        if (std::optional<OpenedKey> below = readSubKey(key, path, subKey.name, what))
+            walkFrom(path.child(subKey.name), below->key, std::move(below->content), recursive, visit, what, depth + 1);
 }
 
 } // namespace
@@ -123,6 +110,22 @@ KeyContent readKeyOnce(const obreg::Key& key, const KeyPath& path, Read what)
     return content;
 }
 
+std::optional<OpenedKey> readSubKey(const obreg::Key& key, const KeyPath& path, const std::string& name, Read what)
+{
+    try {
+        const KeyPath below = path.child(name);
+        std::error_code error;
+        OpenedKey opened{obreg::Key::open(key, name, KEY_READ, error), {}};
+        check(error, below);
+        opened.content = readKey(opened.key, below, what);
+        return opened;
+    } catch (const Failure& failure) {
+        if (failure.exit != ExitNotFound)
+            throw;
+        return std::nullopt;
+    }
+}
+
 std::optional<obreg::NamedValue> takeValue(const obreg::Key& key, const KeyPath& path, ValueEntry&& entry)
 {
     if (entry.held)
@@ -137,7 +140,8 @@ std::optional<obreg::NamedValue> takeValue(const obreg::Key& key, const KeyPath&
 
 void walk(const KeyPath& path, bool recursive, const Visit& visit, Read what)
 {
-    walkOpen(path, path.open(), recursive, visit, what, 0);
+    const obreg::Key key = path.open();
+    walkFrom(path, key, readKey(key, path, what), recursive, visit, what, 0);
 }
 
 size_t removeTree(const KeyPath& path)

@@ -59,6 +59,14 @@ KeyContent readKey(const obreg::Key& key, const KeyPath& path, Read what = Read:
 /// The same, once: when others write meanwhile, entries may be missing.
 KeyContent readKeyOnce(const obreg::Key& key, const KeyPath& path, Read what = Read::All);
 
+struct OpenedKey {
+    obreg::Key key;
+    KeyContent content;
+};
+
+/// Opens a sub-key and reads it as readKey does; nothing when it has been deleted meanwhile.
+std::optional<OpenedKey> readSubKey(const obreg::Key& key, const KeyPath& path, const std::string& name, Read what);
+
 /// The entry's value; the entry gives it away. Nothing when it has been deleted since.
 std::optional<obreg::NamedValue> takeValue(const obreg::Key& key, const KeyPath& path, ValueEntry&& entry);
 

@@ -110,29 +110,29 @@ int ls(const ReadOptions& options, Output& output)
     return ExitDone;
 }
 
+Read partsOf(const ReadOptions& options) { return options.values ? Read::All : Read::SubKeys; }
+
 void treeBelow(const ReadOptions& options, Output& output, const KeyPath& path, const obreg::Key& key,
-               const std::string& lead, uint64_t depth)
+               KeyContent&& content, const std::string& lead, uint64_t depth)
 {
-    KeyContent content = readKey(key, path, options.values ? Read::All : Read::SubKeys);
     const bool deeper = depth < options.depth && !content.subKeys.empty();
     valueFacts(output, path, key, content.values, lead + (deeper ? "│ " : "  "));
     content.values = {};
     for (const obreg::SubKey& subKey : content.subKeys) {
         if (!deeper)
             break;
-        const KeyPath below = path.child(subKey.name);
-        std::error_code error;
-        const obreg::Key child = obreg::Key::open(key, subKey.name, KEY_READ, error);
-        if (error == obreg::Status::notFound)
+        std::optional<OpenedKey> child = readSubKey(key, path, subKey.name, partsOf(options));
+        if (!child)
             continue;
-        check(error, below);
+        const KeyPath below = path.child(subKey.name);
         const bool last = &subKey == &content.subKeys.back();
         Fact fact = keyFact(below);
         if (output.form() == Form::Terminal)
             fact.fields = {{"key", subKey.name, Style::Key}};
         fact.lead = lead + (last ? "└── " : "├── ");
         output.fact(fact);
-        treeBelow(options, output, below, child, lead + (last ? "    " : "│   "), depth + 1);
+        treeBelow(options, output, below, child->key, std::move(child->content), lead + (last ? "    " : "│   "),
+                  depth + 1);
     }
 }
 
@@ -141,7 +141,7 @@ int tree(const ReadOptions& options, Output& output)
     const KeyPath path = keyArgument(options.key);
     const obreg::Key key = path.open();
     output.fact(keyFact(path));
-    treeBelow(options, output, path, key, "", 0);
+    treeBelow(options, output, path, key, readKey(key, path, partsOf(options)), "", 0);
     return ExitDone;
 }
 
