@@ -194,7 +194,7 @@ TEST(Unload, EveryCycleReallyUnloads)
 
 TEST(Fork, ChildrenAndParentGoOn)
 {
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+#ifdef OBREG_SANITIZED
     // Both runtimes take locks at each thread's start that a thread of the parent may have held at the fork:
     // ThreadSanitizer gives up, AddressSanitizer waits for ever in dl_iterate_phdr.
     GTEST_SKIP() << "a sanitizer's runtime cannot make threads in the child of a process that had several";

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+#ifdef OBREG_SANITIZED
 inline constexpr int Slower = 5;
 #else
 inline constexpr int Slower = 1;
