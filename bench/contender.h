@@ -17,6 +17,8 @@ struct Load {
     size_t bytes = 16;   // of the value
     std::string address; // of the service; not used by those whose address is fixed
     bool shared = false; // all threads on one connection, where a contender has the choice
+    size_t keys = 10000; // of a registry with real data
+    size_t values = 10;  // of each key
 };
 
 class Contender {
@@ -46,9 +48,13 @@ std::unique_ptr<Contender> makeFloor(const Load& load);
 std::unique_ptr<Contender> makeRedis(const Load& load);
 std::unique_ptr<Contender> makeDbus(const Load& load);
 std::unique_ptr<Contender> makeNats(const Load& load);
+std::unique_ptr<Contender> makeRegistry(const Load& load);
 
-// What answers the last two; they do not return.
-void serveDbus(const std::string& address);
-void serveNats(const std::string& address);
+// What answers two of them; they do not return.
+void serveDbus(const Load& load);
+void serveNats(const Load& load);
+
+void fillRegistry(const Load& load);
+void enumerateRegistry(const Load& load);
 
 #endif

@@ -62,11 +62,11 @@ private:
 
 } // namespace
 
-void serveDbus(const std::string& address)
+void serveDbus(const Load& load)
 {
     static const sd_bus_vtable methods[] = {
         SD_BUS_VTABLE_START(0), SD_BUS_METHOD("Get", "u", "ay", answer, SD_BUS_VTABLE_UNPRIVILEGED), SD_BUS_VTABLE_END};
-    const Bus bus = connectTo(address);
+    const Bus bus = connectTo(load.address);
     require(sd_bus_add_object_vtable(bus.get(), nullptr, Path, Name, methods, nullptr) >= 0 &&
                 sd_bus_request_name(bus.get(), Name, 0) >= 0,
             "no service");

@@ -2,12 +2,14 @@
 // and what the client process spent. bench/run calls it, in turn for every contender.
 //
 //   obreg_bench CONTENDER [threads=1] [ms=200] [requests=0] [bytes=16] [operation=query] [address=PATH] [shared=0]
+//               [keys=10000] [values=10]
 //
 // With requests, every thread makes that many and nothing is timed: for counting instructions.
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <latch>
 #include <map>
 #include <thread>
 #include <vector>
@@ -22,7 +24,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 const std::map<std::string, std::unique_ptr<Contender> (*)(const Load&)> Contenders = {
-    {"library", makeLibrary}, {"floor", makeFloor},
+    {"library", makeLibrary}, {"floor", makeFloor}, {"registry", makeRegistry},
 #ifdef BENCH_REDIS
     {"redis", makeRedis},
 #endif
@@ -34,7 +36,10 @@ const std::map<std::string, std::unique_ptr<Contender> (*)(const Load&)> Contend
 #endif
 };
 
-const std::map<std::string, void (*)(const std::string&)> Services = {
+/// What prepares or answers, or measures by itself.
+const std::map<std::string, void (*)(const Load&)> Actions = {
+    {"fill", fillRegistry},
+    {"enumerate", enumerateRegistry},
 #ifdef BENCH_DBUS
     {"serve-dbus", serveDbus},
 #endif
@@ -81,8 +86,14 @@ void measure(Contender& contender, unsigned threads, std::chrono::milliseconds t
     std::vector<std::vector<float>> latencies(threads);
     std::vector<std::thread> callers;
     callers.reserve(threads);
+    std::latch ready(threads);
     for (std::vector<float>& own : latencies)
-        callers.emplace_back([&] { own = callUntilStopped(contender.newCall(), phase); });
+        callers.emplace_back([&] {
+            const std::function<void()> call = contender.newCall();
+            ready.count_down();
+            own = callUntilStopped(call, phase);
+        });
+    ready.wait();
     std::this_thread::sleep_for(time / 4 + std::chrono::milliseconds(20));
 
     const Spent before = spent();
@@ -109,11 +120,12 @@ void measure(Contender& contender, unsigned threads, std::chrono::milliseconds t
 void run(const std::string& name, std::map<std::string, std::string> options)
 {
     const auto number = [&](const char* pOption) { return std::strtoul(options[pOption].c_str(), nullptr, 10); };
-    if (const auto service = Services.find(name); service != Services.end())
-        service->second(options["address"]);
+    const Load load{options["operation"] == "set", number("bytes"), options["address"],
+                    number("shared") != 0,         number("keys"),  number("values")};
+    if (const auto action = Actions.find(name); action != Actions.end())
+        return action->second(load);
     const auto contender = Contenders.find(name);
     require(contender != Contenders.end(), "no such contender in this build");
-    const Load load{options["operation"] == "set", number("bytes"), options["address"], number("shared") != 0};
     const std::unique_ptr<Contender> pContender = contender->second(load);
     if (number("requests") != 0) {
         const std::function<void()> call = pContender->newCall();
@@ -129,7 +141,8 @@ void run(const std::string& name, std::map<std::string, std::string> options)
 int main(int argc, char** argv)
 {
     std::map<std::string, std::string> options = {{"threads", "1"},  {"ms", "200"},   {"bytes", "16"},
-                                                  {"requests", "0"}, {"shared", "0"}, {"operation", "query"}};
+                                                  {"requests", "0"}, {"shared", "0"}, {"operation", "query"},
+                                                  {"keys", "10000"}, {"values", "10"}};
     for (int i = 2; i < argc; ++i) {
         const std::string option = argv[i];
         options[option.substr(0, option.find('='))] = option.substr(option.find('=') + 1);

@@ -40,7 +40,8 @@ public:
             natsMsg* pReply = nullptr;
             const natsStatus status = natsConnection_Request(&pReply, m_pConnection, Subject, size.data(),
                                                              static_cast<int>(size.size() + 1), TimeoutMs);
-            require(status == NATS_OK && natsMsg_GetDataLength(pReply) == static_cast<int>(m_load.bytes), "bad reply");
+            require(status == NATS_OK, natsStatus_GetText(status));
+            require(natsMsg_GetDataLength(pReply) == static_cast<int>(m_load.bytes), "bad reply");
             natsMsg_Destroy(pReply);
         };
     }
@@ -52,10 +53,10 @@ private:
 
 } // namespace
 
-void serveNats(const std::string& address)
+void serveNats(const Load& load)
 {
     natsSubscription* pSubscription = nullptr;
-    natsConnection* const pConnection = connectTo(address);
+    natsConnection* const pConnection = connectTo(load.address);
     require(natsConnection_Subscribe(&pSubscription, pConnection, Subject, answer, nullptr) == NATS_OK, "no service");
     for (;;)
         pause();

@@ -107,6 +107,7 @@ class WithDaemon(unittest.TestCase):
     def test_exit_statuses(self):
         self.expect(1, "get", KEY, "none", err="NOT_FOUND")
         self.expect(1, "ls", "HKLM/none", err="obreg ls HKEY_LOCAL_MACHINE")
+        self.assertRegex(run("--version")[1], rb"^obreg \d+\.\d+\.\d+\n$")
         self.expect(2, err="a verb is missing")
         for words in ["--json"], ["--json", "ls"], ["ls", "--json", KEY, "extra"], ["bogus", "--json"]:
             status, out, err = run(*words)

@@ -4,7 +4,7 @@
 
 #include <pthread.h>
 
-#include "client/worthtrying.h"
+#include "common/worthtrying.h"
 
 /// Holds a POSIX mutex from construction to destruction, or to an earlier unlock().
 class MutexLock {

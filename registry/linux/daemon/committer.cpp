@@ -62,9 +62,11 @@ Committer::~Committer()
 
 void Committer::submit(WriteJob&& job)
 {
-    const std::lock_guard lock(m_mutex);
-    m_waiting.push_back(std::move(job));
-    m_wakeUp.notify_one();
+    {
+        const std::lock_guard lock(m_mutex);
+        m_waiting.push_back(std::move(job));
+    }
+    m_wakeUp.notify_one(); // now that it can take the lock
 }
 
 void Committer::finish()

@@ -14,6 +14,7 @@ std::optional<Options> parseOptions(int argc, const char* const* argv, int* pExi
     CLI::App app("The registry daemon: keeps the registry in a file and answers the clients of a local socket.\n"
                  "Runs in the foreground; SIGTERM or SIGINT stops it after it has answered what it has begun.",
                  "obregd");
+    app.set_version_flag("--version", "obregd " OBREG_VERSION, "Print the version and exit");
     app.add_option("--socket", options.socketPath, "Socket to listen on")->type_name("PATH")->capture_default_str();
     app.add_option("--store", options.storePath, "File that keeps the registry [registry.db beside the socket]")
         ->type_name("PATH");

@@ -17,6 +17,7 @@ constexpr auto MemoryPause = std::chrono::milliseconds(10);
 constexpr int AcceptsInARow = 64;
 constexpr auto RefusalLogPause = std::chrono::seconds(10);
 constexpr int LooksPerArrival = 4;
+constexpr auto MaxWatch = std::chrono::microseconds(50);
 constexpr auto LastSendTime = std::chrono::seconds(1);
 
 Peer peerOf(int fd)
@@ -95,12 +96,32 @@ void Server::run()
     waitForClients();
     for (;;) {
         try {
-            m_io.run();
+            work();
             return;
         } catch (const std::bad_alloc&) {
             logLine(LOG_ERR, "out of memory; what was being done is given up");
         }
     }
+}
+
+/// Serves until nothing is left to be done. Who has just been answered often asks again sooner than this thread could
+/// fall asleep and be woken: so it watches for a while, as long as that pays.
+void Server::work()
+{
+    while (m_io.run_one() != 0)
+        while (m_worthWatching.now() && m_worthWatching.result(pollFor(MaxWatch))) {
+        }
+}
+
+/// Whether there was something to be done within that time, which has been done then.
+bool Server::pollFor(std::chrono::microseconds time)
+{
+    const auto end = std::chrono::steady_clock::now() + time;
+    do
+        if (m_io.poll_one() != 0)
+            return true;
+    while (std::chrono::steady_clock::now() < end);
+    return false;
 }
 
 void Server::waitForClients()

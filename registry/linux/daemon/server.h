@@ -12,6 +12,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "common/worthtrying.h"
 #include "daemon/connection.h"
 #include "daemon/reserve.h"
 
@@ -33,6 +34,8 @@ private:
     void forget(Connection& connection) override;
 
     Committer::Callbacks committerCallbacks();
+    void work();
+    bool pollFor(std::chrono::microseconds time);
     void waitForClients();
     void acceptClients();
     void pauseAccepting(const asio::error_code& error);
@@ -56,6 +59,7 @@ private:
     };
     std::unordered_map<uid_t, User> m_users;
     bool m_looking = false; // for overdue requests, later
+    WorthTrying m_worthWatching;
     Reserve m_acceptReserve;
     Reserve m_pauseReserve;
     Reserve m_lookReserve;

@@ -14,7 +14,7 @@ namespace {
 constexpr const char* ReaderCache = "PRAGMA cache_size = -16384"; // KiB
 constexpr const char* WriterCache = "PRAGMA cache_size = -8192";
 constexpr int BusyTimeoutMs = 5000; // for the writer, against an operator's own look into the file
-constexpr int LogPagesToTidy = 1000;
+constexpr int LogPagesToTidy = 4000;
 
 /// Resets a statement on leaving a scope, so that it is ready again and holds no lock.
 class Use {

@@ -76,6 +76,7 @@ CommandLine::CommandLine(const char* pDescription, const char* pName, const char
     m_pApp->footer(pFooter);
     m_pApp->require_subcommand(1);
     m_pApp->set_help_all_flag("--help-all", "The help of all verbs");
+    m_pApp->set_version_flag("--version", std::string(pName) + " " OBREG_VERSION, "Print the version and exit");
 }
 
 CommandLine::~CommandLine() = default;

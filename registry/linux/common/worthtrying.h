@@ -3,8 +3,8 @@
 // Staying awake saves a sleep and a wake-up when the other thread runs on another processor and is quick; else it keeps
 // the other thread from running. Which of the two holds is not known beforehand but seldom changes: so it goes by how
 // the last tries went.
-#ifndef OBREG_CLIENT_WORTHTRYING_H
-#define OBREG_CLIENT_WORTHTRYING_H
+#ifndef OBREG_COMMON_WORTHTRYING_H
+#define OBREG_COMMON_WORTHTRYING_H
 
 #include <algorithm>
 #include <atomic>
