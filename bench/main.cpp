@@ -4,7 +4,8 @@
 //   obreg_bench CONTENDER [threads=1] [ms=200] [requests=0] [bytes=16] [operation=query] [address=PATH] [shared=0]
 //               [keys=10000] [values=10]
 //
-// With requests, every thread makes that many and nothing is timed: for counting instructions.
+// With requests, one thread makes that many and nothing is timed: for counting instructions. In place of a contender,
+// "fill" and "enumerate" (registry.cpp), and "serve-dbus" and "serve-nats", which answer.
 #include <algorithm>
 #include <atomic>
 #include <chrono>

@@ -1,4 +1,4 @@
-// The library with obregd behind it and real data: a registry of many keys with as many values each.
+// The library with obregd behind it and real data: a registry of many keys with the same number of values each.
 //
 // "fill" makes it, the contender queries or sets its values at random, "enumerate" reads the first key's values by
 // index.
@@ -16,7 +16,8 @@
 
 namespace {
 
-constexpr size_t KeysOfACall = 200; ///< that a thread holds open and reads in turn
+constexpr char End = 'e';           ///< the last byte of every value
+constexpr size_t KeysOfACall = 200; ///< that a thread holds open
 constexpr int Fillers = 64;
 constexpr size_t ValuesAtATime = 100;
 
@@ -58,7 +59,8 @@ public:
         const std::string name = numberedName(value);
         auto length = static_cast<UINT32>(data.size());
         const REGSTATUS status = OBRegQueryValueExA(m_handle, name.c_str(), nullptr, nullptr, data.data(), &length);
-        require(status == 0 && length == data.size() && data.back() == 'e', "query failed");
+        require(status == 0 && length == data.size() && data.back() == End, "query failed");
+        data.back() = 0; // for the next one to be seen
     }
 
     bool enumerate(UINT32 index) const
@@ -84,10 +86,14 @@ public:
         std::vector<Key> keys;
         for (size_t i = 0; i < std::min(KeysOfACall, m_load.keys); ++i)
             keys.emplace_back(m_load, random() % m_load.keys, false);
-        return [=, this, data = std::vector<char>(m_load.bytes, 'e')]() mutable {
+        return [=, this, data = std::vector<char>(m_load.bytes)]() mutable {
             const Key& key = keys[random() % keys.size()];
             const size_t value = random() % m_load.values;
-            m_load.set ? key.set(value, data) : key.query(value, data);
+            if (!m_load.set)
+                return key.query(value, data);
+            std::fill(data.begin(), data.end() - 1, static_cast<char>(random())); // what is there already costs nothing
+            data.back() = End;
+            key.set(value, data);
         };
     }
 
@@ -105,7 +111,7 @@ void fillRegistry(const Load& load)
     const size_t parts = (load.values + ValuesAtATime - 1) / ValuesAtATime;
     std::atomic<size_t> next{0};
     const auto fill = [&] {
-        std::vector<char> data(load.bytes, 'e');
+        std::vector<char> data(load.bytes, End);
         for (size_t part = next++; part < load.keys * parts; part = next++) {
             const Key key(load, part / parts, true);
             const size_t first = part % parts * ValuesAtATime;

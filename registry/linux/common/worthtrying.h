@@ -1,7 +1,7 @@
-// Whether to stay awake for something that another thread is about to do, or to sleep at once.
+// Whether to stay awake for something that another thread or process is about to do, or to sleep at once.
 //
-// Staying awake saves a sleep and a wake-up when the other thread runs on another processor and is quick; else it keeps
-// the other thread from running. Which of the two holds is not known beforehand but seldom changes: so it goes by how
+// Staying awake saves a sleep and a wake-up when the other runs on another processor and is quick; else it keeps the
+// other from running. Which of the two holds is not known beforehand but seldom changes: so it goes by how
 // the last tries went.
 #ifndef OBREG_COMMON_WORTHTRYING_H
 #define OBREG_COMMON_WORTHTRYING_H
@@ -16,7 +16,7 @@ inline void cpuPause() { __builtin_ia32_pause(); }
 /// that succeed to make up for one that failed. Any thread: what two of them mix up costs a try.
 class WorthTrying {
 public:
-    /// Whether to try now. When true, result() must follow.
+    /// Whether to try now. When true, result() follows, unless there was nothing left to try.
     bool now()
     {
         const int leaveOut = m_leaveOut.load(std::memory_order_relaxed);

@@ -109,11 +109,15 @@ void Server::run()
 void Server::work()
 {
     while (m_io.run_one() != 0)
-        while (m_worthWatching.now() && m_worthWatching.result(pollFor(MaxWatch))) {
+        while (m_worthWatching.now()) {
+            if (m_io.poll_one() != 0) // it was there already, which tells nothing about waiting
+                continue;
+            if (!m_worthWatching.result(pollFor(MaxWatch)))
+                break;
         }
 }
 
-/// Whether there was something to be done within that time, which has been done then.
+/// Does the next thing to be done if it comes within that time; whether it came.
 bool Server::pollFor(std::chrono::microseconds time)
 {
     const auto end = std::chrono::steady_clock::now() + time;

@@ -228,7 +228,7 @@ WritableStore::WritableStore(const std::string& path)
     m_database.exec(WriterCache);
     m_database.exec("PRAGMA synchronous = FULL");
     m_database.exec("PRAGMA secure_delete = FAST");
-    m_database.exec("PRAGMA journal_size_limit = 16777216");
+    m_database.exec("PRAGMA journal_size_limit = 33554432");
     // In place of automatic checkpoints, which would delay the answers of the commit that sets them off.
     const auto note = [](void* pPages, sqlite3*, const char*, int pages) {
         *static_cast<int*>(pPages) = pages;
