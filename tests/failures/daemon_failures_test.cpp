@@ -230,7 +230,7 @@ unsigned DaemonFailures::sweep(const Failure& failure)
                         break;
                 }
     EXPECT_EQ(m_pIdle->call<CloseKeyRespMsg>(CloseKeyReqMsg(m_key))->m_status, 0u) << "who asked for nothing";
-    EXPECT_GE(points, 2u) << "the sweep met no call to make fail";
+    EXPECT_GE(points, 1u) << "the sweep met no call to make fail";
     std::printf("%s: failed at %u points\n", failure.pName, points);
     return points;
 }

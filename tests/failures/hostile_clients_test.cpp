@@ -74,7 +74,7 @@ protected:
     }
 
     static constexpr char Socket[] = "/var/opt/quorlin/ombrel/obregd/s";
-    const int m_perUser = std::min(scaled(200), 1000); // with more, connecting takes longer than being cut off
+    const int m_perUser = std::min(scaled(200), 1000 / Slower); // with more, connecting takes longer than being cut off
     RunningDaemon m_daemon{
         Socket,
         "/var/opt/quorlin/ombrel/obregd/hostile.db",
