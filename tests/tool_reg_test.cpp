@@ -303,7 +303,7 @@ TEST(Tool, HostileTreesSurviveExportAndImport)
     const std::string first = folder + "1.reg";
     const std::string second = folder + "2.reg";
     const char* const formats[] = {"--yes", "--utf16", "--regedit4"};
-    const auto trees = static_cast<unsigned>(scaled(sizeof(void*) == 8 ? 300 : 150));
+    const auto trees = static_cast<unsigned>(scaled(sizeof(void*) == 8 ? 200 : 100));
     for (unsigned seed = 0; seed < trees; ++seed) {
         SCOPED_TRACE(seed);
         const Model model = Hostile(seed).tree("Tree");
