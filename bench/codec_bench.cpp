@@ -5,6 +5,7 @@
 #include <benchmark/benchmark.h>
 
 #include "common/msgproto.h"
+#include "support/encoded.h"
 
 int CDebugLevel = 0;
 
@@ -15,15 +16,6 @@ constexpr char Name[] = "Software\\Example";
 constexpr char Data[] = "sixteen bytes...";
 constexpr UINT32 DataLen = 16;
 constexpr UINT64 Time = 0x01DC5BE1A2B3C4D5;
-
-std::string encoded(const auto& msg)
-{
-    char* pText = nullptr;
-    int length = 0;
-    msg.serialize(&pText, &length);
-    const std::unique_ptr<char[]> owner(pText);
-    return {pText, static_cast<size_t>(length)};
-}
 
 template <class Msg, class... Fields>
 void add(const std::string& name, Fields... fields)

@@ -123,6 +123,7 @@ def check_program(program):
     everywhere = section(text, "# OPTIONS")
     options = options_in(help_text)
     expect("--help" in options, f"{name} --help: the options cannot be found")
+    expect(re.fullmatch(rf"{name} \d+\.\d+\.\d+\n", run(program, "--version")), f"{name} --version: no version")
     for option in options:
         expect(has_line(everywhere, option), f"{name}: {option} has no line under OPTIONS")
     verbs = re.findall(r"^  (\w+)(?:,| )", help_text.partition("Subcommands:")[2], re.M)

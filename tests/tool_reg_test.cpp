@@ -1,4 +1,4 @@
-// The .reg reader and writer and the tool's key paths by themselves; then a thousand trees through the tool and the
+// The .reg reader and writer and the tool's key paths by themselves; then random trees through the tool and the
 // real daemon.
 #include <fstream>
 #include <map>
