@@ -5,7 +5,6 @@
 #include <thread>
 #include <vector>
 
-#include <dirent.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -15,6 +14,7 @@
 #include "client/clientreq.h"
 #include "client/livechannels.h"
 #include "common/channelproto.h"
+#include "support/entries_of.h"
 #include "support/log_capture.h"
 #include "support/scripted_daemon.h"
 
@@ -36,16 +36,6 @@ sockaddr_un daemonAddress()
     address.sun_family = AF_UNIX;
     strcpy(address.sun_path, FixedSocketPath);
     return address;
-}
-
-int openDescriptors()
-{
-    int count = 0;
-    DIR* const pDir = opendir("/proc/self/fd");
-    while (readdir(pDir) != nullptr)
-        ++count;
-    closedir(pDir);
-    return count;
 }
 
 uint32_t now(const uint32_t& counter) { return __atomic_load_n(&counter, __ATOMIC_SEQ_CST); }
@@ -87,12 +77,12 @@ protected:
     {
         EXPECT_TRUE(eventually([] { return now(numCChannelObjects) == 0 && now(numClientReqObjects) == 0; }));
         LiveChannels::awaitReaders(5000);
-        EXPECT_TRUE(eventually([this] { return openDescriptors() == m_descriptors; }));
+        EXPECT_TRUE(eventually([this] { return entriesOf("/proc/self/fd") == m_descriptors; }));
         logcapture::take();
     }
 
 private:
-    const int m_descriptors = openDescriptors();
+    const size_t m_descriptors = entriesOf("/proc/self/fd");
 };
 
 ScriptedDaemon::Script echo()

@@ -1,6 +1,5 @@
 // The C++ face: what it stores and reads through the real daemon; and, against a scripted one, what it does when a
 // value grows between two calls, when a range breaks off, and when a key closes.
-#include <filesystem>
 #include <limits>
 #include <mutex>
 
@@ -17,13 +16,6 @@ namespace {
 
 class WithDaemon : public testing::Test {
 protected:
-    WithDaemon()
-    {
-        std::filesystem::remove(m_store);
-        m_daemon.start();
-        m_key = Key::create(localMachine(), "Software\\Acme");
-    }
-
     /// Stores, and reads back both as it came and as it lies there.
     template <class Type>
     void expectStored(const Type& data, const Value& stored)
@@ -33,9 +25,8 @@ protected:
         EXPECT_EQ(m_key.get<Type>("v"), data);
     }
 
-    const std::string m_store = "/var/opt/quorlin/ombrel/obregd/registry.db";
-    RunningDaemon m_daemon{FixedSocketPath, m_store};
-    Key m_key;
+    FreshDaemon m_daemon;
+    Key m_key = Key::create(localMachine(), "Software\\Acme");
 };
 
 TEST_F(WithDaemon, StoresEveryTypeAsItsKindOfValue)

@@ -3,7 +3,6 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
-#include <filesystem>
 #include <map>
 #include <thread>
 #include <vector>
@@ -11,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "obreg/registry.hpp"
+#include "support/entries_of.h"
 #include "support/log_capture.h"
 #include "support/running_daemon.h"
 #include "support/scale.h"
@@ -22,12 +22,6 @@ namespace {
 
 class WithDaemon : public testing::Test {
 protected:
-    WithDaemon()
-    {
-        std::filesystem::remove(m_store);
-        m_daemon.start();
-    }
-
     static HANDLE create(HANDLE parent, const std::string& path)
     {
         HANDLE key = nullptr;
@@ -54,14 +48,7 @@ protected:
         return data;
     }
 
-    static size_t entriesOf(const char* pFolder)
-    {
-        const auto entries = std::filesystem::directory_iterator(pFolder);
-        return static_cast<size_t>(std::distance(begin(entries), end(entries)));
-    }
-
-    const std::string m_store = "/var/opt/quorlin/ombrel/obregd/registry.db";
-    RunningDaemon m_daemon{FixedSocketPath, m_store};
+    FreshDaemon m_daemon;
 };
 
 } // namespace

@@ -20,11 +20,13 @@
 #include "daemon/files.h"
 #include "daemon/maintenance.h"
 #include "daemon/server.h"
-#include "failures/fail_nth.h"
+#include "failures/sweep.h"
 #include "support/raw_client.h"
 #include "support/scale.h"
 
+using failnth::Attempt;
 using failnth::Call;
+using failnth::Effect;
 using failnth::FromThereOn;
 
 // The store's calls: what SQLite, a shared library, calls is taken from the program first.
@@ -68,30 +70,27 @@ void takeOverMemory()
     sqlite3_config(SQLITE_CONFIG_MALLOC, &methods);
 }
 
-const struct Failure {
-    const char* pName;
-    Call call;
-    int how;
-    bool harmless; ///< the client notices nothing
-    unsigned lasts = FromThereOn;
-} failures[] = {
-    {"an allocation", Call::Allocation, ENOMEM, false},
-    {"the store's disk full", Call::StoreWrite, ENOSPC, false},
-    {"a write of the store", Call::StoreWrite, EIO, false},
-    {"a read of the store", Call::StoreRead, EIO, false},
-    {"a descriptor for a client", Call::Accept, EMFILE, false},
-    {"a client that is gone already", Call::Accept, ECONNABORTED, true, 3},
-    {"an accept interrupted", Call::Accept, EINTR, true, 3},
-    {"the peer's credentials", Call::SocketOption, ENOMEM, false},
-    {"a receive", Call::Receive, ECONNRESET, false},
-    {"a receive at the end", Call::Receive, failnth::Ended, false},
-    {"a receive interrupted", Call::Receive, EINTR, true, 3},
-    {"a receive of one byte", Call::Receive, failnth::Short, true},
-    {"a send", Call::Send, EPIPE, false},
-    {"a send interrupted", Call::Send, EINTR, true, 3},
-    {"a send of one byte", Call::Send, failnth::Short, true},
-    {"a send to a full socket", Call::Send, EAGAIN, true, 3},
-    {"watching a descriptor", Call::Poll, ENOMEM, false},
+constexpr auto Others = failnth::Victims::OtherThreads; // the daemon's
+
+// Harmless: the client notices nothing.
+const failnth::Failure failures[] = {
+    {"an allocation", Call::Allocation, ENOMEM, Others, Effect::MayFail},
+    {"the store's disk full", Call::StoreWrite, ENOSPC, Others, Effect::MayFail},
+    {"a write of the store", Call::StoreWrite, EIO, Others, Effect::MayFail},
+    {"a read of the store", Call::StoreRead, EIO, Others, Effect::MayFail},
+    {"a descriptor for a client", Call::Accept, EMFILE, Others, Effect::MayFail},
+    {"a client that is gone already", Call::Accept, ECONNABORTED, Others, Effect::Harmless, 3},
+    {"an accept interrupted", Call::Accept, EINTR, Others, Effect::Harmless, 3},
+    {"the peer's credentials", Call::SocketOption, ENOMEM, Others, Effect::MayFail},
+    {"a receive", Call::Receive, ECONNRESET, Others, Effect::MayFail},
+    {"a receive at the end", Call::Receive, failnth::Ended, Others, Effect::MayFail},
+    {"a receive interrupted", Call::Receive, EINTR, Others, Effect::Harmless, 3},
+    {"a receive of one byte", Call::Receive, failnth::Short, Others, Effect::Harmless},
+    {"a send", Call::Send, EPIPE, Others, Effect::MayFail},
+    {"a send interrupted", Call::Send, EINTR, Others, Effect::Harmless, 3},
+    {"a send of one byte", Call::Send, failnth::Short, Others, Effect::Harmless},
+    {"a send to a full socket", Call::Send, EAGAIN, Others, Effect::Harmless, 3},
+    {"watching a descriptor", Call::Poll, ENOMEM, Others, Effect::MayFail},
 };
 
 constexpr char Name[] = "a name that needs a block of its own";
@@ -147,8 +146,7 @@ protected:
     };
 
     Outcome send(RawClient& client, const std::string& text, bool lasting) const;
-    bool attempt(const Failure& failure, const Request& request, bool connected, unsigned first, bool lasting);
-    unsigned sweep(const Failure& failure);
+    bool run(const Request& request, const Attempt& attempt);
 
     std::string m_folder = "/var/opt/quorlin/ombrel/obregd/XXXXXX";
     bool m_made = false;
@@ -177,8 +175,7 @@ Outcome DaemonFailures::send(RawClient& client, const std::string& text, bool la
 }
 
 /// One request with one failure planned. Returns whether the failure took place.
-bool DaemonFailures::attempt(const Failure& failure, const Request& request, bool connected, unsigned first,
-                             bool lasting)
+bool DaemonFailures::run(const Request& request, const Attempt& attempt)
 {
     RawClientPtr pOther = connect();
     const std::string before = "before " + std::to_string(++m_round);
@@ -186,19 +183,19 @@ bool DaemonFailures::attempt(const Failure& failure, const Request& request, boo
     pOther->call<DeleteKeyRespMsg>(DeleteKeyReqMsg(m_key, "a\\key\\that is not there"));
     EXPECT_EQ(pOther->set(m_key, Doomed, "x"), 0u);
     EXPECT_EQ(pOther->call<CreateKeyRespMsg>(CreateKeyReqMsg(m_key, Doomed, 0, 0))->m_status, 0u);
-    RawClientPtr pClient = connected ? connect() : nullptr;
-    if (connected) // the daemon has accepted it
+    RawClientPtr pClient = attempt.connected ? connect() : nullptr;
+    if (attempt.connected) // the daemon has accepted it
         pClient->call<CloseKeyRespMsg>(CloseKeyReqMsg(m_key));
 
-    failnth::arm({failure.call, failure.how, failnth::Victims::OtherThreads, first, lasting ? failure.lasts : 1});
-    if (!connected)
+    attempt.arm();
+    if (!attempt.connected)
         pClient = connect();
-    const Outcome outcome = send(*pClient, request.text(m_key), lasting);
-    const bool reached = failnth::disarm() >= first;
+    const Outcome outcome = send(*pClient, request.text(m_key), attempt.lasting);
+    const bool reached = attempt.disarm();
 
-    EXPECT_TRUE(outcome == Outcome::Answered || (reached && !failure.harmless)) << "outcome " << int(outcome);
+    EXPECT_TRUE(outcome == Outcome::Answered || (reached && attempt.mayFail())) << "outcome " << int(outcome);
     if (outcome == Outcome::ErrorPacket) {
-        EXPECT_EQ(failure.call, Call::Allocation);
+        EXPECT_EQ(attempt.failure.call, Call::Allocation);
     }
     pOther = connect(); // what the daemon did last for the old one may have met the failure
     const std::string now = pOther->query(m_key, "changing");
@@ -208,31 +205,6 @@ bool DaemonFailures::attempt(const Failure& failure, const Request& request, boo
         EXPECT_EQ(now, before) << "a refused write";
     }
     return reached;
-}
-
-unsigned DaemonFailures::sweep(const Failure& failure)
-{
-    unsigned points = 0;
-    const bool anyRequestWillDo = failure.call == Call::Accept || failure.call == Call::SocketOption;
-    for (const Request& request : std::span(requests, anyRequestWillDo ? 1 : std::size(requests)))
-        for (const bool connected : {true, false})
-            for (const bool lasting : {false, true})
-                for (unsigned first = 1;; ++first, ++points) {
-                    bool reached = false;
-                    EXPECT_NO_THROW(reached = attempt(failure, request, connected, first, lasting));
-                    EXPECT_LT(first, 2000u) << "no end";
-                    if (HasFailure()) {
-                        ADD_FAILURE() << request.pName << (connected ? ", connected" : ", not connected")
-                                      << (lasting ? ", from number " : ", number ") << first;
-                        return points;
-                    }
-                    if (!reached)
-                        break;
-                }
-    EXPECT_EQ(m_pIdle->call<CloseKeyRespMsg>(CloseKeyReqMsg(m_key))->m_status, 0u) << "who asked for nothing";
-    EXPECT_GE(points, 1u) << "the sweep met no call to make fail";
-    std::printf("%s: failed at %u points\n", failure.pName, points);
-    return points;
 }
 
 TEST_F(DaemonFailures, AtEveryPoint)
@@ -251,9 +223,15 @@ TEST_F(DaemonFailures, AtEveryPoint)
     m_pIdle->set(m_key, Name, "data");
     m_pIdle->call<CreateKeyRespMsg>(CreateKeyReqMsg(m_key, Name, 0, 0));
     unsigned points = 0;
-    for (const Failure& failure : failures) {
-        SCOPED_TRACE(failure.pName);
-        points += sweep(failure);
+    for (const failnth::Failure& failure : failures) {
+        const bool anyRequestWillDo = failure.call == Call::Accept || failure.call == Call::SocketOption;
+        points += failnth::sweep(failure, std::span(requests, anyRequestWillDo ? 1 : std::size(requests)),
+                                 [this](const Request& request, const Attempt& attempt) {
+                                     bool reached = false;
+                                     EXPECT_NO_THROW(reached = run(request, attempt));
+                                     return reached;
+                                 });
+        EXPECT_EQ(m_pIdle->call<CloseKeyRespMsg>(CloseKeyReqMsg(m_key))->m_status, 0u) << "who asked for nothing";
         if (HasFailure())
             break;
     }

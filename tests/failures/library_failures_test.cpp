@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <new>
 
 #include <gtest/gtest.h>
@@ -16,28 +15,20 @@
 #include "client/client.h"
 #include "client/clientreq.h"
 #include "client/livechannels.h"
-#include "failures/fail_nth.h"
+#include "failures/sweep.h"
+#include "support/entries_of.h"
 #include "support/running_daemon.h"
 #include "support/ten_calls.h"
 
+using failnth::Attempt;
 using failnth::Call;
-using failnth::FromThereOn;
+using failnth::Effect;
 using failnth::Victims;
 using namespace TenCalls;
 
 namespace {
 
-/// How the library takes a failure that happens once; one that lasts may fail any call, unless it is harmless.
-enum class Effect { MayFail, Unnoticed, Harmless };
-
-const struct Failure {
-    const char* pName;
-    Call call;
-    int how;
-    Victims victims;
-    Effect effect;
-    unsigned lasts = FromThereOn;
-} failures[] = {
+const failnth::Failure failures[] = {
     {"an allocation", Call::Allocation, ENOMEM, Victims::ThisThread, Effect::MayFail},
     {"an allocation of the reader", Call::Allocation, ENOMEM, Victims::OtherThreads, Effect::Unnoticed},
     {"socket", Call::Socket, EMFILE, Victims::ThisThread, Effect::MayFail},
@@ -58,18 +49,10 @@ const struct Failure {
 
 constexpr REGSTATUS LeftByException = 0xFFFFFFFF;
 
-size_t openDescriptors()
-{
-    const auto entries = std::filesystem::directory_iterator("/proc/self/fd");
-    return static_cast<size_t>(std::distance(begin(entries), end(entries)));
-}
-
 class LibraryFailures : public testing::Test {
 protected:
     LibraryFailures()
     {
-        std::filesystem::remove("/var/opt/quorlin/ombrel/obregd/registry.db");
-        m_daemon.start();
         EXPECT_EQ(OBRegCreateKeyExA(HKEY_LOCAL_MACHINE, "Failures", 0, nullptr, 0, 0, nullptr, &m_key, nullptr), 0u);
         char data[64] = "data";
         EXPECT_EQ(OBRegSetValueExA(m_key, Name, 0, REG_SZ, data, sizeof(data)), 0u);
@@ -91,82 +74,58 @@ protected:
         LiveChannels::awaitReaders(5000);
     }
 
-    bool attempt(const Function& function, const Failure& failure, bool connected, unsigned first, bool lasting) const;
-    unsigned sweep(const Failure& failure) const;
+    bool run(const Function& function, const Attempt& attempt) const;
 
-    RunningDaemon m_daemon{FixedSocketPath, "/var/opt/quorlin/ombrel/obregd/registry.db"};
+    FreshDaemon m_daemon;
     HANDLE m_key = nullptr;
 };
 
 /// One call of the function with one failure planned. Returns whether the failure took place.
-bool LibraryFailures::attempt(const Function& function, const Failure& failure, bool connected, unsigned first,
-                              bool lasting) const
+bool LibraryFailures::run(const Function& function, const Attempt& attempt) const
 {
+    const size_t descriptors = entriesOf("/proc/self/fd");
+    const long blocks = failnth::liveBlocks();
     char byte = 1;
     EXPECT_EQ(OBRegSetValueExA(m_key, Doomed, 0, REG_BINARY, &byte, 1), 0u) << failnth::lastLogLine();
     makeKey(Doomed);
-    if (!connected)
+    if (!attempt.connected)
         disconnect();
     const Results untouched;
     Results results;
     REGSTATUS status = 0;
-    failnth::arm({failure.call, failure.how, failure.victims, first, lasting ? failure.lasts : 1});
+    attempt.arm();
     try {
         status = function.call(m_key, results);
     } catch (const std::bad_alloc&) {
         status = LeftByException;
     }
-    const bool reached = failnth::disarm() >= first;
+    const bool reached = attempt.disarm();
 
     const bool deletes = std::strncmp(function.pName, "delete", 6) == 0; // and may have done so before, unanswered
     const bool succeeded = status == 0 || (status == OBREG_STATUS_NOT_FOUND && deletes && reached);
-    const bool failed =
-        status == OBREG_STATUS_REQUEST_FAILED || (status == LeftByException && failure.call == Call::Allocation);
-    const bool mayFail =
-        reached && (failure.effect == Effect::MayFail || (failure.effect == Effect::Unnoticed && lasting));
-    EXPECT_TRUE(succeeded || (failed && mayFail)) << std::hex << status << ", " << failnth::lastLogLine();
+    const bool failed = status == OBREG_STATUS_REQUEST_FAILED ||
+                        (status == LeftByException && attempt.failure.call == Call::Allocation);
+    EXPECT_TRUE(succeeded || (failed && reached && attempt.mayFail()))
+        << std::hex << status << ", " << failnth::lastLogLine();
     if (!succeeded) {
         EXPECT_EQ(std::memcmp(&results, &untouched, sizeof(results)), 0) << "results were written";
     }
     EXPECT_EQ(OBRegCloseKey(m_key), 0u) << "the next call: " << failnth::lastLogLine();
-    return reached;
-}
 
-unsigned LibraryFailures::sweep(const Failure& failure) const
-{
-    const size_t descriptors = openDescriptors();
-    const long blocks = failnth::liveBlocks();
-    unsigned points = 0;
-    for (const Function& function : TenCalls::all)
-        for (const bool connected : {true, false})
-            for (const bool lasting : {false, true})
-                for (unsigned first = 1;; ++first, ++points) {
-                    const bool reached = attempt(function, failure, connected, first, lasting);
-                    disconnect();
-                    EXPECT_EQ(failnth::liveBlocks(), blocks);
-                    EXPECT_EQ(openDescriptors(), descriptors);
-                    EXPECT_EQ(__atomic_load_n(&numCChannelObjects, __ATOMIC_SEQ_CST), 0u);
-                    EXPECT_EQ(__atomic_load_n(&numClientReqObjects, __ATOMIC_SEQ_CST), 0u);
-                    EXPECT_LT(first, 2000u) << "no end";
-                    if (HasFailure()) {
-                        ADD_FAILURE() << function.pName << (connected ? ", connected" : ", not connected")
-                                      << (lasting ? ", from number " : ", number ") << first;
-                        return points;
-                    }
-                    if (!reached)
-                        break;
-                }
-    EXPECT_GE(points, std::size(TenCalls::all)) << "the sweep met no call to make fail";
-    std::printf("%s: failed at %u points\n", failure.pName, points);
-    return points;
+    disconnect();
+    EXPECT_EQ(failnth::liveBlocks(), blocks);
+    EXPECT_EQ(entriesOf("/proc/self/fd"), descriptors);
+    EXPECT_EQ(__atomic_load_n(&numCChannelObjects, __ATOMIC_SEQ_CST), 0u);
+    EXPECT_EQ(__atomic_load_n(&numClientReqObjects, __ATOMIC_SEQ_CST), 0u);
+    return reached;
 }
 
 TEST_F(LibraryFailures, AtEveryPoint)
 {
     unsigned points = 0;
-    for (const Failure& failure : failures) {
-        SCOPED_TRACE(failure.pName);
-        points += sweep(failure);
+    for (const failnth::Failure& failure : failures) {
+        points += failnth::sweep(failure, TenCalls::all,
+                                 [this](const Function& function, const Attempt& a) { return run(function, a); });
         if (HasFailure())
             break;
     }

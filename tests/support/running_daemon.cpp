@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <spawn.h>
@@ -12,10 +13,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "support/scripted_daemon.h"
+
 extern char** environ;
 
 namespace {
 
+constexpr char FixedStorePath[] = "/var/opt/quorlin/ombrel/obregd/registry.db";
 constexpr int StartSeconds = 10;
 constexpr int PollsPerSecond = 500;
 
@@ -82,4 +86,10 @@ std::string RunningDaemon::log() const
 {
     std::ifstream file(m_logPath);
     return {std::istreambuf_iterator<char>(file), {}};
+}
+
+FreshDaemon::FreshDaemon() : RunningDaemon(FixedSocketPath, FixedStorePath)
+{
+    std::filesystem::remove(FixedStorePath);
+    start();
 }

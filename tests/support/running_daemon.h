@@ -38,4 +38,10 @@ private:
     pid_t m_pid = -1;
 };
 
+/// A daemon where the library looks for it, started with an empty store.
+class FreshDaemon : public RunningDaemon {
+public:
+    FreshDaemon();
+};
+
 #endif
