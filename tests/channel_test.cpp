@@ -2,6 +2,7 @@
 #include <array>
 #include <chrono>
 #include <cstring>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -12,6 +13,7 @@
 
 #include "client/cchannel.h"
 #include "client/clientreq.h"
+#include "client/conditions.h"
 #include "client/livechannels.h"
 #include "common/channelproto.h"
 #include "support/entries_of.h"
@@ -169,6 +171,25 @@ TEST(PendingRequest, Outcomes)
         }
     }
     EXPECT_EQ(numClientReqObjects, 0u);
+}
+
+TEST(BorrowedConditions, AreNobodyElsesAndWaitedFor)
+{
+    static Conditions conditions;
+    std::set<pthread_cond_t*> borrowed;
+    while (borrowed.size() < Conditions::MaxLent)
+        ASSERT_TRUE(borrowed.insert(conditions.borrow()).second) << "after " << borrowed.size();
+    EXPECT_EQ(borrowed.count(nullptr), 0u);
+    pthread_cond_t* const pReturned = *borrowed.begin();
+    pthread_cond_t* pLent = nullptr;
+    std::thread latecomer([&] { pLent = conditions.borrow(); });
+    std::this_thread::sleep_for(5ms);
+    EXPECT_EQ(__atomic_load_n(&pLent, __ATOMIC_SEQ_CST), nullptr);
+    conditions.giveBack(pReturned);
+    latecomer.join();
+    EXPECT_EQ(pLent, pReturned);
+    conditions.renew();
+    EXPECT_EQ(borrowed.count(conditions.borrow()), 1u);
 }
 
 TEST_F(Channel, LifeAndStates)

@@ -72,6 +72,7 @@ protected:
     {
         IpcShutdown();
         LiveChannels::awaitReaders(5000);
+        ClientReq::renewConditions(); // so that the next call initialises one
     }
 
     bool run(const Function& function, const Attempt& attempt) const;

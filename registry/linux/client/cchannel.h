@@ -10,8 +10,8 @@
 //   - by removeReq;
 //   - by the reader around each map look-up with its hand-over, and around its exit sweep. So the reader touches a
 //     pending request only while it is in the map, and a submitter that has removed its own may destroy it. One thing
-//     the reader does when it has given the channel lock up: it wakes the submitter, if that sleeps. Until then the
-//     submitter does not go on to remove the request (clientreq.h);
+//     the reader does when it has given the channel lock up: it wakes the submitter, if that sleeps, and touches
+//     nothing of the request for that (conditions.h);
 //   - by closeChannel.
 // It is held shortly but taken three times for every request. So who finds it taken tries a few times more before he
 // sleeps, as long as that succeeds (worthtrying.h).

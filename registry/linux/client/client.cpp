@@ -82,6 +82,7 @@ void OBRegForkHandler()
     const CChannel* const pPublished = g_pSmartCChannel != nullptr ? g_pSmartCChannel->operator->() : nullptr;
     LiveChannels::forgetInForkChild(
         [pPublished](CChannel& channel) { channel.abandonInForkChild(&channel == pPublished); });
+    ClientReq::renewConditions();
     IpcShutdown();
     ipcInitAttempts = 0;
     ipcInitSuccessfulAttempts = 0;

@@ -2,9 +2,16 @@
 
 #include <new>
 
+#include "client/conditions.h"
 #include "platform.h"
 
 uint32_t numClientReqObjects = 0;
+
+namespace {
+
+Conditions conditions;
+
+} // namespace
 
 ClientReq::ClientReq(uint32_t reqId) : m_reqId(reqId)
 {
@@ -13,7 +20,8 @@ ClientReq::ClientReq(uint32_t reqId) : m_reqId(reqId)
         IPC_ERROR("ClientReq::ClientReq- Mutex initialization failed\n");
         throw std::bad_alloc();
     }
-    if (pthread_cond_init(&m_condition, nullptr) != 0) {
+    m_pCondition = conditions.borrow();
+    if (m_pCondition == nullptr) {
         IPC_ERROR("ClientReq::ClientReq- Condition initialization failed\n");
         pthread_mutex_destroy(&m_mutex);
         throw std::bad_alloc();
@@ -26,26 +34,30 @@ ClientReq::~ClientReq()
 {
     IPC_TRACE("ClientReq::~ClientReq- Start, Obj = %08X\n", logAddress(this));
     pthread_mutex_destroy(&m_mutex);
-    pthread_cond_destroy(&m_condition);
+    conditions.giveBack(m_pCondition);
     delete[] m_pServerData;
     InterlockedDecrement(&numClientReqObjects);
     IPC_TRACE("ClientReq::~ClientReq- End\n");
 }
 
+void ClientReq::renewConditions() { conditions.renew(); }
+
 /// Lets `store` put the outcome in place, marks the request completed and wakes its submitter if that sleeps.
 template <class Store>
 void ClientReq::complete(Store store, MutexLock* pChannelLock)
 {
-    const MutexLock lock(m_mutex);
-    store();
-    m_completed.store(true, std::memory_order_release);
-    if (m_submitThreadActive)
-        return;
-    // A submitter that sleeps keeps the request until it gets m_mutex; what it needs next is the channel lock.
+    pthread_cond_t* const pCondition = m_pCondition;
+    {
+        const MutexLock lock(m_mutex);
+        store();
+        m_completed.store(true, std::memory_order_release);
+        if (m_submitThreadActive)
+            return;
+        m_submitThreadActive = true;
+    }
     if (pChannelLock != nullptr)
-        pChannelLock->unlock();
-    m_submitThreadActive = true;
-    pthread_cond_signal(&m_condition);
+        pChannelLock->unlock(); // from now on the request may be gone
+    pthread_cond_signal(pCondition);
 }
 
 void ClientReq::processServerData(char* pServerData, int serverDataLength, MutexLock* pChannelLock)
@@ -76,7 +88,7 @@ int ClientReq::waitForCompletion(char** ppResponseData, int* pResponseDataLength
         const MutexLock lock(m_mutex);
         while (!completed()) {
             m_submitThreadActive = false;
-            pthread_cond_wait(&m_condition, &m_mutex);
+            pthread_cond_wait(m_pCondition, &m_mutex);
         }
         // Taken while the lock is held: a late second delivery replaces the buffer.
         if (!m_internalProblem) {

@@ -2,15 +2,14 @@
 //
 // The submitting thread makes it in its own frame, enters it in the channel's map (CChannel::submitReq), waits, takes
 // it out of the map (removeReq) and only then destroys it. The reader completes it, with a reply or as failed. It
-// touches it while it holds the channel lock and has just found it in the map, and when the submitter sleeps, also
-// afterwards until it has woken it: so it never touches a destroyed one.
+// touches it only while it holds the channel lock and has just found it in the map: so it never touches a destroyed
+// one.
 //
 // m_mutex guards the fields. Lock order: channel lock, then m_mutex; waitForCompletion takes m_mutex alone.
 //
-// THE WAKE-UP of a submitter that has declared itself blocked comes when the outcome is in place and the channel lock
-// is given up: woken under that, it would run into it at once. It comes under m_mutex, without which the submitter
-// cannot leave: else it might know the outcome before the signal, from a spurious wake-up, and destroy the condition
-// variable under the reader's hands.
+// THE WAKE-UP of a submitter that has declared itself blocked comes when the outcome is in place and both locks are
+// given up: woken under either, it would run into that at once. The request may be gone by then; its condition variable
+// is borrowed and stays (conditions.h).
 #ifndef OBREG_CLIENT_CLIENTREQ_H
 #define OBREG_CLIENT_CLIENTREQ_H
 
@@ -33,6 +32,9 @@ public:
 
     ClientReq(const ClientReq&) = delete;
     ClientReq& operator=(const ClientReq&) = delete;
+
+    /// In a fork child, which has one thread: what the parent's threads sleep on is free for the child's.
+    static void renewConditions();
 
     /// Reader: completes the request with a reply and takes the array over. A reply that is held already is freed. The
     /// channel lock, when given, may be released.
@@ -60,7 +62,7 @@ private:
     std::atomic<bool> m_completed{false}; // for completed(), which takes no lock
     bool m_internalProblem = false;
     pthread_mutex_t m_mutex;
-    pthread_cond_t m_condition;
+    pthread_cond_t* m_pCondition; // borrowed
 };
 
 #endif
