@@ -11,7 +11,7 @@
 //   - by the reader around each map look-up with its hand-over, and around its exit sweep. So the reader touches a
 //     pending request only while it is in the map, and a submitter that has removed its own may destroy it. One thing
 //     the reader does when it has given the channel lock up: it wakes the submitter, if that sleeps, and touches
-//     nothing of the request for that (conditions.h);
+//     nothing of the request that could be gone by then (clientreq.h);
 //   - by closeChannel.
 // It is held shortly but taken three times for every request. So who finds it taken tries a few times more before he
 // sleeps, as long as that succeeds (worthtrying.h).

@@ -2,7 +2,6 @@
 
 #include <new>
 
-#include "client/conditions.h"
 #include "platform.h"
 
 uint32_t numClientReqObjects = 0;
@@ -22,7 +21,12 @@ ClientReq::ClientReq(uint32_t reqId) : m_reqId(reqId)
     }
     m_pCondition = conditions.borrow();
     if (m_pCondition == nullptr) {
+        m_pCondition = &m_ownCondition;
+        m_ownCondition.initialised = false;
+    }
+    if (!m_pCondition->initialise()) {
         IPC_ERROR("ClientReq::ClientReq- Condition initialization failed\n");
+        releaseCondition();
         pthread_mutex_destroy(&m_mutex);
         throw std::bad_alloc();
     }
@@ -34,10 +38,18 @@ ClientReq::~ClientReq()
 {
     IPC_TRACE("ClientReq::~ClientReq- Start, Obj = %08X\n", logAddress(this));
     pthread_mutex_destroy(&m_mutex);
-    conditions.giveBack(m_pCondition);
+    releaseCondition();
     delete[] m_pServerData;
     InterlockedDecrement(&numClientReqObjects);
     IPC_TRACE("ClientReq::~ClientReq- End\n");
+}
+
+void ClientReq::releaseCondition()
+{
+    if (m_pCondition != &m_ownCondition)
+        conditions.giveBack(m_pCondition);
+    else if (m_ownCondition.initialised)
+        pthread_cond_destroy(&m_ownCondition.variable);
 }
 
 void ClientReq::renewConditions() { conditions.renew(); }
@@ -46,18 +58,18 @@ void ClientReq::renewConditions() { conditions.renew(); }
 template <class Store>
 void ClientReq::complete(Store store, MutexLock* pChannelLock)
 {
-    pthread_cond_t* const pCondition = m_pCondition;
-    {
-        const MutexLock lock(m_mutex);
-        store();
-        m_completed.store(true, std::memory_order_release);
-        if (m_submitThreadActive)
-            return;
-        m_submitThreadActive = true;
-    }
+    MutexLock lock(m_mutex);
+    store();
+    m_completed.store(true, std::memory_order_release);
+    if (m_submitThreadActive)
+        return;
+    m_submitThreadActive = true;
+    Condition* const pCondition = m_pCondition;
+    if (pCondition != &m_ownCondition)
+        lock.unlock();
     if (pChannelLock != nullptr)
-        pChannelLock->unlock(); // from now on the request may be gone
-    pthread_cond_signal(pCondition);
+        pChannelLock->unlock(); // from now on the request may be gone, unless `lock` is held
+    pthread_cond_signal(&pCondition->variable);
 }
 
 void ClientReq::processServerData(char* pServerData, int serverDataLength, MutexLock* pChannelLock)
@@ -88,7 +100,7 @@ int ClientReq::waitForCompletion(char** ppResponseData, int* pResponseDataLength
         const MutexLock lock(m_mutex);
         while (!completed()) {
             m_submitThreadActive = false;
-            pthread_cond_wait(m_pCondition, &m_mutex);
+            pthread_cond_wait(&m_pCondition->variable, &m_mutex);
         }
         // Taken while the lock is held: a late second delivery replaces the buffer.
         if (!m_internalProblem) {

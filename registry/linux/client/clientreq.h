@@ -8,14 +8,16 @@
 // m_mutex guards the fields. Lock order: channel lock, then m_mutex; waitForCompletion takes m_mutex alone.
 //
 // THE WAKE-UP of a submitter that has declared itself blocked comes when the outcome is in place and both locks are
-// given up: woken under either, it would run into that at once. The request may be gone by then; its condition variable
-// is borrowed and stays (conditions.h).
+// given up (in the reader's exit sweep, m_mutex only): woken under either, it would run into that at once. The request
+// may be gone by then; its condition variable is borrowed and stays (conditions.h). A request that found none to borrow
+// has its own, which is signalled under m_mutex: without that, the submitter cannot leave.
 #ifndef OBREG_CLIENT_CLIENTREQ_H
 #define OBREG_CLIENT_CLIENTREQ_H
 
 #include <atomic>
 #include <pthread.h>
 
+#include "client/conditions.h"
 #include "client/guards.h"
 #include "common/ipcint.h"
 
@@ -52,6 +54,8 @@ public:
     int waitForCompletion(char** ppResponseData, int* pResponseDataLength);
 
 private:
+    void releaseCondition();
+
     template <class Store>
     void complete(Store store, MutexLock* pChannelLock);
 
@@ -62,7 +66,8 @@ private:
     std::atomic<bool> m_completed{false}; // for completed(), which takes no lock
     bool m_internalProblem = false;
     pthread_mutex_t m_mutex;
-    pthread_cond_t* m_pCondition; // borrowed
+    Condition* m_pCondition; // borrowed, or m_ownCondition
+    Condition m_ownCondition;
 };
 
 #endif

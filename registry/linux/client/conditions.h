@@ -5,9 +5,9 @@
 // So the condition variable is not the request's own. A signal that comes late finds the next borrower, who looks and
 // sleeps on, or nobody; and none is ever destroyed.
 //
-// There are as many as are ever lent at a time, MaxLent at the most: who comes then waits for another's return. Any
-// thread, without a lock: the borrowed ones are bits of a few atomics. Zeros are a valid beginning, so a static one is
-// there before any constructor runs.
+// There are MaxLent; while all of them are lent, a request makes its own (clientreq.h). Any thread, without a lock:
+// the borrowed ones are bits of a few atomics. Zeros are a valid beginning, so a static one is there before any
+// constructor runs.
 #ifndef OBREG_CLIENT_CONDITIONS_H
 #define OBREG_CLIENT_CONDITIONS_H
 
@@ -15,30 +15,41 @@
 #include <atomic>
 #include <climits>
 #include <cstddef>
-#include <ctime>
 #include <pthread.h>
+
+/// A condition variable that is initialised when it is first used. In a cache line of its own.
+struct alignas(64) Condition {
+    /// False when it cannot be.
+    bool initialise()
+    {
+        initialised = initialised || pthread_cond_init(&variable, nullptr) == 0;
+        return initialised;
+    }
+
+    pthread_cond_t variable;
+    bool initialised;
+};
 
 class Conditions {
 public:
-    static constexpr size_t MaxLent = 1024;
+    static constexpr size_t MaxLent = 256;
 
-    /// Lends one to a thread that will wait on it alone. Null when it cannot be initialised.
-    pthread_cond_t* borrow()
+    /// Lends one to a thread that will wait on it alone. Null when all are lent.
+    Condition* borrow()
     {
-        const size_t number = claim();
-        Slot& slot = m_slots[number];
-        if (!slot.initialised && pthread_cond_init(&slot.condition, nullptr) != 0) {
-            giveBack(&slot.condition);
-            return nullptr;
-        }
-        slot.initialised = true;
-        return &slot.condition;
+        for (size_t i = 0; i < m_lent.size(); ++i)
+            for (Word lent = m_lent[i].load(std::memory_order_relaxed); lent != ~Word{0};) {
+                const Word lowest = ~lent & (lent + 1);
+                if (m_lent[i].compare_exchange_weak(lent, lent | lowest, std::memory_order_acquire))
+                    return &m_conditions[i * WordBits + static_cast<size_t>(__builtin_ctzl(lowest))];
+            }
+        return nullptr;
     }
 
     /// Takes it back: nobody waits on it any more, but it may still be signalled.
-    void giveBack(pthread_cond_t* pCondition)
+    void giveBack(const Condition* pCondition)
     {
-        const auto number = static_cast<size_t>(reinterpret_cast<Slot*>(pCondition) - m_slots.data());
+        const auto number = static_cast<size_t>(pCondition - m_conditions.data());
         m_lent[number / WordBits].fetch_and(~(Word{1} << (number % WordBits)), std::memory_order_release);
     }
 
@@ -46,9 +57,9 @@ public:
     /// thread of the parent may have been in the middle of a signal.
     void renew()
     {
-        for (Slot& slot : m_slots)
-            if (slot.initialised) // most were never used, and their memory never touched
-                slot.initialised = false;
+        for (Condition& condition : m_conditions)
+            if (condition.initialised) // most were never used: not written to, they take no memory
+                condition.initialised = false;
         for (std::atomic<Word>& lent : m_lent)
             lent.store(0, std::memory_order_relaxed);
     }
@@ -57,28 +68,8 @@ private:
     using Word = unsigned long;
     static constexpr size_t WordBits = sizeof(Word) * CHAR_BIT;
 
-    struct alignas(64) Slot { // a cache line each
-        pthread_cond_t condition;
-        bool initialised;
-    };
-
-    /// The number of one that is the caller's from now on.
-    size_t claim()
-    {
-        for (;;) {
-            for (size_t i = 0; i < m_lent.size(); ++i)
-                for (Word lent = m_lent[i].load(std::memory_order_relaxed); lent != ~Word{0};) {
-                    const Word free = ~lent & (lent + 1); // the lowest
-                    if (m_lent[i].compare_exchange_weak(lent, lent | free, std::memory_order_acquire))
-                        return i * WordBits + static_cast<size_t>(__builtin_ctzl(free));
-                }
-            const timespec oneMillisecond = {0, 1000000};
-            nanosleep(&oneMillisecond, nullptr);
-        }
-    }
-
     std::array<std::atomic<Word>, MaxLent / WordBits> m_lent;
-    std::array<Slot, MaxLent> m_slots;
+    std::array<Condition, MaxLent> m_conditions;
 };
 
 #endif
