@@ -5,11 +5,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
-#include <nlohmann/json.hpp>
 #include <unistd.h>
 
 #include "alarm.h"
 #include "complete.h"
+#include "json.h"
 #include "text.h"
 #include "valuetext.h"
 #include "verbs.h"
@@ -74,18 +74,7 @@ std::string errorText(const Common& common, const Failure& failure)
 {
     if (!common.json)
         return "obreg: " + std::string(failure.what()) + (failure.advice.empty() ? "" : "\n  " + failure.advice) + '\n';
-    nlohmann::ordered_json json;
-    putText(json, "error", failure.what());
-    if (!failure.key.empty())
-        putText(json, "key", failure.key);
-    if (const obreg::StatusText* const pText = obreg::statusText(failure.status); failure.status != 0) {
-        json["status"] = pText != nullptr ? pText->name : "";
-        json["code"] = upperCase(hexOfNumber(failure.status, 8)); // as the message writes it
-    }
-    if (!failure.advice.empty())
-        putText(json, "advice", failure.advice);
-    json["exit"] = static_cast<int>(failure.exit);
-    return json.dump() + '\n';
+    return jsonOf(failure) + '\n';
 }
 
 int runVerb(const Common& common, const Verb& verb, const Run& run)

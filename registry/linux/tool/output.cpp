@@ -4,10 +4,10 @@
 #include <chrono>
 #include <cstdio>
 #include <iostream>
-#include <nlohmann/json.hpp>
 #include <unistd.h>
 
 #include "errors.h"
+#include "json.h"
 #include "text.h"
 #include "valuetext.h"
 
@@ -116,21 +116,9 @@ void Output::plain(const Fact& fact)
 
 void Output::json(const Fact& fact)
 {
-    nlohmann::ordered_json json;
-    json["kind"] = fact.kind;
-    for (const Field& field : fact.fields) {
-        if (const auto* pText = std::get_if<std::string>(&field.data))
-            putText(json, field.pName, *pText);
-        else if (const auto* pValue = std::get_if<obreg::Value>(&field.data))
-            putValue(std::string_view(field.pName) == "value" ? json : json[field.pName], *pValue);
-        else if (const auto* pNumber = std::get_if<uint64_t>(&field.data))
-            json[field.pName] = *pNumber;
-        else
-            json[field.pName] = std::get<double>(field.data);
-    }
     if (m_shape == Shape::List)
         bytes(m_facts == 0 ? "[\n" : ",\n");
-    bytes(json.dump());
+    bytes(jsonOf(fact));
     if (m_shape != Shape::List)
         bytes("\n");
 }

@@ -1,8 +1,6 @@
 #include "valuetext.h"
 
 #include <limits>
-#include <nlohmann/json.hpp>
-#include <variant>
 
 #include "errors.h"
 #include "text.h"
@@ -52,15 +50,16 @@ Nature natureOf(UINT32 type)
     return pType == nullptr ? Nature::Bytes : pType->nature;
 }
 
-/// What data means; nothing when it is bytes and no more, or does not fit its type.
-using Meaning = std::variant<std::monostate, std::string, StringList, uint64_t>;
-
 template <class Stored>
 Meaning meaningAs(const Value& value)
 {
     auto decoded = ValueOf<Stored>::decode(value);
     return decoded ? Meaning(*decoded) : Meaning();
 }
+
+constexpr size_t ShownBytes = 32;
+
+} // namespace
 
 Meaning meaningOf(const Value& value)
 {
@@ -78,7 +77,6 @@ Meaning meaningOf(const Value& value)
     return {};
 }
 
-/// The value of that type which means this.
 Value valueMeaning(UINT32 type, const Meaning& meaning)
 {
     Value value;
@@ -94,10 +92,6 @@ Value valueMeaning(UINT32 type, const Meaning& meaning)
     value.type = type;
     return value;
 }
-
-constexpr size_t ShownBytes = 32;
-
-} // namespace
 
 std::string typeName(UINT32 type)
 {
@@ -204,35 +198,6 @@ std::string bareData(const Value& value)
         return text;
     }
     return dataText(value);
-}
-
-void putText(nlohmann::ordered_json& json, const std::string& name, const std::string& text)
-{
-    json[name] = repairedUtf8(text);
-    if (!isUtf8(text))
-        json[name + "Hex"] = hexOf(text);
-}
-
-void putValue(nlohmann::ordered_json& json, const Value& value)
-{
-    const Meaning meaning = meaningOf(value);
-    bool exact = valueMeaning(value.type, meaning) == value && isUtf8(value.data);
-    json["type"] = typeName(value.type);
-    if (const auto* pText = std::get_if<std::string>(&meaning))
-        json["data"] = repairedUtf8(*pText);
-    else if (const auto* pNumber = std::get_if<uint64_t>(&meaning)) {
-        json["data"] = *pNumber;
-        exact = true;
-    } else if (const auto* pList = std::get_if<StringList>(&meaning)) {
-        json["data"] = nlohmann::ordered_json::array();
-        for (const std::string& one : *pList)
-            json["data"].push_back(repairedUtf8(one));
-    } else {
-        json["data"] = nullptr;
-        exact = false;
-    }
-    if (!exact)
-        json["hex"] = hexOf(value.data);
 }
 
 } // namespace obregtool

@@ -2,8 +2,8 @@
 #ifndef OBREG_TOOL_VALUETEXT_H
 #define OBREG_TOOL_VALUETEXT_H
 
-#include <nlohmann/json_fwd.hpp>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include <obreg/registry.hpp>
@@ -29,11 +29,11 @@ std::string shownData(const obreg::Value& value);
 /// Data by itself for `get`: strings without escapes, several on a line each.
 std::string bareData(const obreg::Value& value);
 
-/// Puts "type", "data" (text, number, list of strings or null) and, unless these give the stored bytes exactly, "hex".
-void putValue(nlohmann::ordered_json& json, const obreg::Value& value);
-
-/// Puts text under a name. Bytes that are no UTF-8 are replaced, and all are given as nameHex beside it.
-void putText(nlohmann::ordered_json& json, const std::string& name, const std::string& text);
+/// What data means; nothing when it is bytes and no more, or does not fit its type.
+using Meaning = std::variant<std::monostate, std::string, obreg::StringList, uint64_t>;
+Meaning meaningOf(const obreg::Value& value);
+/// The value of that type which means this.
+obreg::Value valueMeaning(UINT32 type, const Meaning& meaning);
 
 } // namespace obregtool
 
