@@ -125,8 +125,10 @@ TEST_F(LibraryFailures, AtEveryPoint)
 {
     unsigned points = 0;
     for (const failnth::Failure& failure : failures) {
-        points += failnth::sweep(failure, TenCalls::all,
-                                 [this](const Function& function, const Attempt& a) { return run(function, a); });
+        const auto once = [this](const Function& function, const Attempt& attempt) { return run(function, attempt); };
+        const unsigned met = failnth::sweep(failure, TenCalls::all, once);
+        EXPECT_GE(met, std::size(TenCalls::all)) << failure.pName << ": met less often than there are functions";
+        points += met;
         if (HasFailure())
             break;
     }

@@ -1,9 +1,9 @@
 // One outstanding request: where the thread that waits for a reply meets the channel's reader thread.
 //
 // The submitting thread makes it in its own frame, enters it in the channel's map (CChannel::submitReq), waits, takes
-// it out of the map (removeReq) and only then destroys it. The reader completes it, with a reply or as failed. It
-// touches it only while it holds the channel lock and has just found it in the map: so it never touches a destroyed
-// one.
+// it out of the map (removeReq) and only then destroys it. The reader completes it, with a reply or as failed. It has
+// just found it in the map and holds the channel lock, or m_mutex until the submitter is woken: so it never touches a
+// destroyed one.
 //
 // m_mutex guards the fields. Lock order: channel lock, then m_mutex; waitForCompletion takes m_mutex alone.
 //

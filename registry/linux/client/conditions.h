@@ -1,9 +1,9 @@
 // What submitters sleep on: condition variables that outlive the requests which borrow them.
 //
-// The reader wakes a submitter when it has given up every lock; woken sooner, the submitter would run into one and
-// sleep again. By then the submitter may have seen its outcome after a spurious wake-up and be gone, request and all.
-// So the condition variable is not the request's own. A signal that comes late finds the next borrower, who looks and
-// sleeps on, or nobody; and none is ever destroyed.
+// The reader wakes a submitter whose reply has come when it has given up every lock; woken sooner, the submitter would
+// run into one and sleep again. By then the submitter may have seen its outcome after a spurious wake-up and be gone,
+// request and all. So the condition variable is not the request's own. A signal that comes late finds the next
+// borrower, who looks and sleeps on, or nobody; and none is ever destroyed.
 //
 // There are MaxLent; while all of them are lent, a request makes its own (clientreq.h). Any thread, without a lock:
 // the borrowed ones are bits of a few atomics. Zeros are a valid beginning, so a static one is there before any

@@ -11,7 +11,6 @@
 #include "complete.h"
 #include "json.h"
 #include "text.h"
-#include "valuetext.h"
 #include "verbs.h"
 
 namespace obregtool {
