@@ -15,8 +15,8 @@
 #include <unistd.h>
 
 #include "daemon/files.h"
-#include "daemon/maintenance.h"
 #include "daemon/operations.h"
+#include "daemon/store/maintenance.h"
 #include "support/running_daemon.h"
 
 namespace {

@@ -6,9 +6,9 @@
 #include <set>
 #include <unistd.h>
 
-#include "daemon/clock.h"
-#include "daemon/committer.h"
-#include "daemon/names.h"
+#include "daemon/govern/names.h"
+#include "daemon/serve/committer.h"
+#include "daemon/store/clock.h"
 #include "obreg/roots.h"
 
 using namespace obregd;

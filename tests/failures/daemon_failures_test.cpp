@@ -18,8 +18,8 @@
 #include <sys/syscall.h>
 
 #include "daemon/files.h"
-#include "daemon/maintenance.h"
-#include "daemon/server.h"
+#include "daemon/serve/server.h"
+#include "daemon/store/maintenance.h"
 #include "failures/sweep.h"
 #include "support/raw_client.h"
 #include "support/scale.h"

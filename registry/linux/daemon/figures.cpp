@@ -5,7 +5,7 @@
 #include <span>
 #include <strings.h>
 
-#include "daemon/clock.h"
+#include "daemon/store/clock.h"
 #include "obreg/roots.h"
 
 namespace obregd {

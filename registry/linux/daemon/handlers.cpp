@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "daemon/names.h"
+#include "daemon/govern/names.h"
 #include "obreg/roots.h"
 
 namespace obregd {

@@ -8,9 +8,9 @@
 #include "common/ipcint.h"
 #include "daemon/files.h"
 #include "daemon/log.h"
-#include "daemon/maintenance.h"
 #include "daemon/options.h"
-#include "daemon/server.h"
+#include "daemon/serve/server.h"
+#include "daemon/store/maintenance.h"
 #include "daemon/systemd.h"
 
 namespace {

@@ -14,7 +14,7 @@
 
 #include "common/msgproto.h"
 #include "daemon/figures.h"
-#include "daemon/store.h"
+#include "daemon/store/store.h"
 
 namespace obregd {
 

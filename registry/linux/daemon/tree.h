@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "daemon/access.h"
+#include "daemon/govern/access.h"
 #include "obreg/obreg.h"
 
 namespace obregd {
@@ -55,6 +55,9 @@ struct Longest {
     UINT32 valueName;
     UINT32 valueData;
 };
+
+/// Thrown by a tree that may not work for long: what was asked for is to be asked of one that may.
+struct TooLong {};
 
 class Tree {
 public:

@@ -3,8 +3,8 @@
 // Both only read the store, from one state of it, so a daemon may be running on it and writing all the while. Both need
 // the right to read the file: run them as root or as the daemon's user. They throw std::runtime_error with a message
 // for the operator. No state; any thread.
-#ifndef OBREG_DAEMON_MAINTENANCE_H
-#define OBREG_DAEMON_MAINTENANCE_H
+#ifndef OBREG_DAEMON_STORE_MAINTENANCE_H
+#define OBREG_DAEMON_STORE_MAINTENANCE_H
 
 #include <cstdint>
 #include <string>

@@ -1,4 +1,4 @@
-#include "daemon/access.h"
+#include "daemon/govern/access.h"
 
 #include <charconv>
 #include <unistd.h>

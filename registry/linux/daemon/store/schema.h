@@ -1,6 +1,6 @@
 // The store's file: what is in it, and making or checking it before it is used.
-#ifndef OBREG_DAEMON_SCHEMA_H
-#define OBREG_DAEMON_SCHEMA_H
+#ifndef OBREG_DAEMON_STORE_SCHEMA_H
+#define OBREG_DAEMON_STORE_SCHEMA_H
 
 #include <string>
 

@@ -6,15 +6,15 @@
 //
 // When memory is short, what is being done for a client is given up, and that client's connection with it. Accepting
 // clients and bringing the committer's answers to this thread go on.
-#ifndef OBREG_DAEMON_SERVER_H
-#define OBREG_DAEMON_SERVER_H
+#ifndef OBREG_DAEMON_SERVE_SERVER_H
+#define OBREG_DAEMON_SERVE_SERVER_H
 
 #include <unordered_map>
 #include <unordered_set>
 
 #include "common/worthtrying.h"
-#include "daemon/connection.h"
-#include "daemon/reserve.h"
+#include "daemon/serve/connection.h"
+#include "daemon/serve/reserve.h"
 
 namespace obregd {
 

@@ -2,8 +2,8 @@
 //
 // A Reserve serves one allocation at a time, up to its size; a second one, or a longer one, comes from the heap as
 // usual. Its Allocator is what Asio's bind_allocator takes. One thread.
-#ifndef OBREG_DAEMON_RESERVE_H
-#define OBREG_DAEMON_RESERVE_H
+#ifndef OBREG_DAEMON_SERVE_RESERVE_H
+#define OBREG_DAEMON_SERVE_RESERVE_H
 
 #include <array>
 #include <cstddef>

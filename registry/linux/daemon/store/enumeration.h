@@ -5,8 +5,8 @@
 // key entry by entry, in either direction, takes time in proportion to its entries.
 //
 // A KeyFacts belongs to one Store and its thread.
-#ifndef OBREG_DAEMON_ENUMERATION_H
-#define OBREG_DAEMON_ENUMERATION_H
+#ifndef OBREG_DAEMON_STORE_ENUMERATION_H
+#define OBREG_DAEMON_STORE_ENUMERATION_H
 
 #include <cstdint>
 #include <limits>

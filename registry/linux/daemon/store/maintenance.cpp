@@ -1,4 +1,4 @@
-#include "daemon/maintenance.h"
+#include "daemon/store/maintenance.h"
 
 #include <SQLiteCpp/Backup.h>
 #include <SQLiteCpp/SQLiteCpp.h>

@@ -1,4 +1,4 @@
-#include "daemon/committer.h"
+#include "daemon/serve/committer.h"
 
 #include <new>
 #include <optional>

@@ -9,8 +9,8 @@
 // way holds it, so a client that has shut down its sending side still gets its replies.
 //
 // Plain callbacks and no coroutine: Asio's coroutines end the process when they get no memory.
-#ifndef OBREG_DAEMON_CONNECTION_H
-#define OBREG_DAEMON_CONNECTION_H
+#ifndef OBREG_DAEMON_SERVE_CONNECTION_H
+#define OBREG_DAEMON_SERVE_CONNECTION_H
 
 #include <array>
 #include <asio.hpp>
@@ -19,8 +19,8 @@
 #include <optional>
 
 #include "common/channelproto.h"
-#include "daemon/committer.h"
 #include "daemon/options.h"
+#include "daemon/serve/committer.h"
 
 namespace obregd {
 

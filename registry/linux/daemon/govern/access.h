@@ -1,8 +1,8 @@
 // Who may change what. Everybody reads everything; the right to write belongs to a tree.
 //
 // Stateless; any thread.
-#ifndef OBREG_DAEMON_ACCESS_H
-#define OBREG_DAEMON_ACCESS_H
+#ifndef OBREG_DAEMON_GOVERN_ACCESS_H
+#define OBREG_DAEMON_GOVERN_ACCESS_H
 
 #include <cstdint>
 #include <string_view>

@@ -1,8 +1,8 @@
 // What a key or value may be called, and how a path names a key.
 //
 // Names are bytes. They are found whatever the case of their ASCII letters; that is the store's business.
-#ifndef OBREG_DAEMON_NAMES_H
-#define OBREG_DAEMON_NAMES_H
+#ifndef OBREG_DAEMON_GOVERN_NAMES_H
+#define OBREG_DAEMON_GOVERN_NAMES_H
 
 #include <cstddef>
 #include <string>

@@ -1,6 +1,6 @@
 // The registry's time: 100 ns units since 1601-01-01 UTC.
-#ifndef OBREG_DAEMON_CLOCK_H
-#define OBREG_DAEMON_CLOCK_H
+#ifndef OBREG_DAEMON_STORE_CLOCK_H
+#define OBREG_DAEMON_STORE_CLOCK_H
 
 #include <chrono>
 #include <cstdint>

@@ -1,4 +1,4 @@
-#include "daemon/names.h"
+#include "daemon/govern/names.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "daemon/connection.h"
+#include "daemon/serve/connection.h"
 
 #include <cstring>
 #include <span>

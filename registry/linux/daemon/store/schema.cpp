@@ -1,10 +1,10 @@
-#include "daemon/schema.h"
+#include "daemon/store/schema.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>
 #include <stdexcept>
 
-#include "daemon/clock.h"
-#include "daemon/store.h"
+#include "daemon/store/clock.h"
+#include "daemon/store/store.h"
 
 namespace obregd {
 

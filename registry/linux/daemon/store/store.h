@@ -9,13 +9,13 @@
 // been committed. Each belongs to one thread. Reading never waits for writing.
 //
 // Whatever fails throws SQLite::Exception.
-#ifndef OBREG_DAEMON_STORE_H
-#define OBREG_DAEMON_STORE_H
+#ifndef OBREG_DAEMON_STORE_STORE_H
+#define OBREG_DAEMON_STORE_STORE_H
 
 #include <SQLiteCpp/SQLiteCpp.h>
 #include <string>
 
-#include "daemon/enumeration.h"
+#include "daemon/store/enumeration.h"
 #include "daemon/tree.h"
 
 namespace obregd {

@@ -1,9 +1,9 @@
-#include "daemon/store.h"
+#include "daemon/store/store.h"
 
 #include <sqlite3.h>
 
-#include "daemon/clock.h"
-#include "daemon/schema.h"
+#include "daemon/store/clock.h"
+#include "daemon/store/schema.h"
 #include "obreg/roots.h"
 
 namespace obregd {

@@ -2,8 +2,8 @@
 //
 // The buffer grows with what has arrived, never with what was announced: whoever announces 64 MiB and sends ten bytes
 // costs ten bytes and a step. Moved along with its request; one owner at a time.
-#ifndef OBREG_DAEMON_PAYLOAD_H
-#define OBREG_DAEMON_PAYLOAD_H
+#ifndef OBREG_DAEMON_SERVE_PAYLOAD_H
+#define OBREG_DAEMON_SERVE_PAYLOAD_H
 
 #include <algorithm>
 #include <cstdlib>

@@ -5,8 +5,8 @@
 //
 // submit() and finish() are for any thread; the callbacks come on the committer's own thread and must not block. That
 // thread is the only one that uses the writable store meanwhile.
-#ifndef OBREG_DAEMON_COMMITTER_H
-#define OBREG_DAEMON_COMMITTER_H
+#ifndef OBREG_DAEMON_SERVE_COMMITTER_H
+#define OBREG_DAEMON_SERVE_COMMITTER_H
 
 #include <condition_variable>
 #include <functional>
@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "daemon/operations.h"
-#include "daemon/payload.h"
+#include "daemon/serve/payload.h"
 
 namespace obregd {
 

@@ -1,4 +1,4 @@
-#include "daemon/server.h"
+#include "daemon/serve/server.h"
 
 #include <asio/bind_allocator.hpp>
 #include <csignal>
