@@ -218,10 +218,10 @@ TEST_F(DaemonTest, RunsOutOfDescriptorsAndRecovers)
     m_daemon.start();
     RawClient first(socketPath());
     RawClient(socketPath()).create("K"); // a sanitizer sees one end first: it needs descriptors for its own checks
-    const rlimit few{24, 24};
+    const rlimit few{48, 48};
     ASSERT_EQ(prlimit(m_daemon.pid(), RLIMIT_NOFILE, &few, nullptr), 0);
     std::vector<std::unique_ptr<RawClient>> clients;
-    for (int i = 0; i < 30; ++i)
+    for (int i = 0; i < 60; ++i)
         clients.push_back(std::make_unique<RawClient>(socketPath())); // the last ones wait in the backlog
     usleep(300000);
     EXPECT_EQ(first.call<CloseKeyRespMsg>(CloseKeyReqMsg(HKEY_USERS))->m_status, 0u);

@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include "daemon/govern/names.h"
-#include "daemon/serve/committer.h"
+#include "daemon/serve/transactions.h"
 #include "daemon/store/clock.h"
 #include "obreg/roots.h"
 
@@ -31,14 +31,23 @@ protected:
     std::string storePath() const { return m_folder + "/store"; }
 
     template <class Request>
-    static WriteJob job(uid_t uid, const Request& request)
+    static JobPtr job(uid_t uid, const Request& request)
     {
         char* pText = nullptr;
         int length = 0;
         request.serialize(&pText, &length);
         const std::unique_ptr<char[]> owner(pText);
         const std::string_view text(pText, static_cast<size_t>(length));
-        return {nullptr, 0, {uid, 1}, findOperation(text), Payload(text.size(), text)};
+        return JobPtr(new Job{nullptr, 0, {uid, 1}, findOperation(text), Payload(text.size(), text)});
+    }
+
+    /// Runs the jobs, together if they can be; they come back with their replies.
+    JobList commit(JobList jobs)
+    {
+        JobList done;
+        while (!jobs.empty())
+            done.append(Transactions(*m_pWriter).run([&] { return jobs.empty() ? nullptr : jobs.pop(); }));
+        return done;
     }
 
     template <class Response>
@@ -51,15 +60,15 @@ protected:
     template <class Response, class Request>
     std::unique_ptr<Response> call(const Request& request, uid_t uid = 0)
     {
-        WriteJob work = job(uid, request);
+        JobList work;
+        work.append(job(uid, request));
+        const Job& job = work.front();
         try {
-            if (!work.pOperation->writes)
-                return response<Response>(
-                    work.pOperation->serve({*m_pReader, nullptr, work.peer}, work.request.text()));
+            if (!job.pOperation->writes)
+                return response<Response>(job.pOperation->serve({*m_pReader, nullptr, job.peer}, job.request.text()));
         } catch (const NeedsWriter&) {
         }
-        Committer::run(*m_pWriter, {&work, 1});
-        return response<Response>(work.reply);
+        return response<Response>(commit(std::move(work)).front().reply);
     }
 
     auto open(HANDLE parent, const std::string& path, UINT32 access = KEY_READ, uid_t uid = 0)
@@ -388,17 +397,18 @@ TEST_F(RegistryTest, OneBadWriteSpoilsNoOther)
     const HANDLE key = make("K");
     SQLite::Database(storePath(), SQLite::OPEN_READWRITE)
         .exec("UPDATE sqlite_sequence SET seq = " + std::to_string(LastKeyId - 2));
-    Batch batch;
-    batch.push_back(job(0, CreateKeyReqMsg(key, "a", 0, 0)));
-    batch.push_back(job(0, CreateKeyReqMsg(key, "b\\c\\d", 0, 0))); // takes the last number and fails on the next
-    batch.push_back(job(0, SetValueReqMsg(key, "v", REG_SZ, "x", 1)));
-    batch.push_back(job(40001, SetValueReqMsg(key, "denied", REG_SZ, "x", 1)));
-    Committer::run(*m_pWriter, batch);
-    EXPECT_EQ(response<CreateKeyRespMsg>(batch[0].reply)->m_status, 0u);
-    EXPECT_EQ(response<CreateKeyRespMsg>(batch[1].reply)->m_status, OBREG_STATUS_STORE_FULL);
-    EXPECT_EQ(response<CreateKeyRespMsg>(batch[1].reply)->m_keyHandle, nullptr);
-    EXPECT_EQ(response<SetValueRespMsg>(batch[2].reply)->m_status, 0u);
-    EXPECT_EQ(response<SetValueRespMsg>(batch[3].reply)->m_status, OBREG_STATUS_ACCESS_DENIED);
+    JobList batch;
+    batch.append(job(0, CreateKeyReqMsg(key, "a", 0, 0)));
+    batch.append(job(0, CreateKeyReqMsg(key, "b\\c\\d", 0, 0))); // takes the last number and fails on the next
+    batch.append(job(0, SetValueReqMsg(key, "v", REG_SZ, "x", 1)));
+    batch.append(job(40001, SetValueReqMsg(key, "denied", REG_SZ, "x", 1)));
+    batch = commit(std::move(batch));
+    EXPECT_EQ(response<CreateKeyRespMsg>(batch.pop()->reply)->m_status, 0u);
+    const JobPtr pFailed = batch.pop();
+    EXPECT_EQ(response<CreateKeyRespMsg>(pFailed->reply)->m_status, OBREG_STATUS_STORE_FULL);
+    EXPECT_EQ(response<CreateKeyRespMsg>(pFailed->reply)->m_keyHandle, nullptr);
+    EXPECT_EQ(response<SetValueRespMsg>(batch.pop()->reply)->m_status, 0u);
+    EXPECT_EQ(response<SetValueRespMsg>(batch.pop()->reply)->m_status, OBREG_STATUS_ACCESS_DENIED);
     EXPECT_EQ(info(key)->m_subKeyCount, 1u);
     EXPECT_EQ(info(key)->m_valueCount, 1u);
     EXPECT_EQ(open(key, "b")->m_status, OBREG_STATUS_NOT_FOUND);

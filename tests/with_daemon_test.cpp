@@ -75,7 +75,11 @@ TEST_F(WithDaemon, ItsFiguresAreKeys)
         groups[group.name] = static_cast<size_t>(std::distance(values.begin(), values.end()));
         EXPECT_EQ(open.info().values, groups[group.name]);
     }
-    EXPECT_EQ(groups, (std::map<std::string, size_t>{{"Requests", 11}, {"Store", 3}, {"Clients", 3}, {"Bytes", 3}}));
+    std::map<std::string, size_t> expected{{"Requests", 11}, {"Store", 3}, {"Clients", 3}, {"Bytes", 3}};
+    for (const char* const pOfEachUser : {"Connections", "Held", "Requests", "Refused", "Keys", "Bytes"})
+        expected[std::string("User") + pOfEachUser] = 1;
+    EXPECT_EQ(groups, expected);
+    EXPECT_EQ(figure("UserConnections", std::to_string(getuid())), 1u);
 
     HANDLE requests = nullptr;
     EXPECT_EQ(OBRegOpenKeyExA(HKEY_PERFORMANCE_DATA, "Requests", 0, KEY_READ, &requests), 0u);

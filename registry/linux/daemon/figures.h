@@ -1,5 +1,6 @@
 // What the daemon counts of its own work since it started, and the tree in which clients read it: the key below
-// HKEY_PERFORMANCE_DATA for each group, a REG_QWORD for each figure. Nobody writes there.
+// HKEY_PERFORMANCE_DATA for each group, a REG_QWORD for each figure. Nobody writes there. Groups whose name begins with
+// "User" hold one figure of each user, under the user's number.
 //
 // Process-wide, like the log; any thread.
 #ifndef OBREG_DAEMON_FIGURES_H
@@ -9,6 +10,8 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <sys/types.h>
 
 #include "common/msgproto.h"
 #include "daemon/tree.h"
@@ -32,6 +35,20 @@ enum class Figure : size_t {
 };
 
 inline std::array<std::atomic<uint64_t>, static_cast<size_t>(Figure::Number)> figureValues{};
+
+/// What is counted for each user, in the order of the groups in figures.cpp.
+enum class UserFigure : size_t { Connections, Held, Requests, Refused, Keys, Bytes, Number };
+
+/// One user's counts; for any thread.
+using UserCounts = std::array<std::atomic<uint64_t>, static_cast<size_t>(UserFigure::Number)>;
+
+/// The counts of a user; shown as long as somebody has them.
+std::shared_ptr<UserCounts> countsOf(uid_t uid);
+
+inline void count(UserCounts& counts, UserFigure figure, int64_t more = 1)
+{
+    counts[static_cast<size_t>(figure)].fetch_add(static_cast<uint64_t>(more), std::memory_order_relaxed);
+}
 
 /// `more` may be negative for what goes up and down.
 inline void count(Figure figure, int64_t more = 1)

@@ -45,22 +45,22 @@ struct Serving<Response, handler> {
 };
 
 template <class Response, auto handler>
-constexpr Operation operation(ReqMessage::MessageTypes type, bool writes)
+constexpr Operation operation(ReqMessage::MessageTypes type, bool writes = false, bool frees = false)
 {
-    return {type, writes, Serving<Response, handler>::serve, Serving<Response, handler>::refuse};
+    return {type, writes, frees, Serving<Response, handler>::serve, Serving<Response, handler>::refuse};
 }
 
 constexpr Operation Operations[] = {
-    operation<CloseKeyRespMsg, closeKey>(ReqMessage::CloseKeyReqMsgType, false),
-    operation<CreateKeyRespMsg, createKey>(ReqMessage::CreateKeyReqMsgType, false), // most creates only open
-    operation<DeleteKeyRespMsg, deleteKey>(ReqMessage::DeleteKeyReqMsgType, true),
-    operation<DeleteValueRespMsg, deleteValue>(ReqMessage::DeleteValueReqMsgType, true),
-    operation<EnumKeyRespMsg, enumKey>(ReqMessage::EnumKeyReqMsgType, false),
-    operation<EnumValueRespMsg, enumValue>(ReqMessage::EnumValueReqMsgType, false),
-    operation<OpenKeyRespMsg, openKey>(ReqMessage::OpenKeyReqMsgType, false),
-    operation<QueryValueRespMsg, queryValue>(ReqMessage::QueryValueReqMsgType, false),
+    operation<CloseKeyRespMsg, closeKey>(ReqMessage::CloseKeyReqMsgType),
+    operation<CreateKeyRespMsg, createKey>(ReqMessage::CreateKeyReqMsgType), // most creates only open
+    operation<DeleteKeyRespMsg, deleteKey>(ReqMessage::DeleteKeyReqMsgType, true, true),
+    operation<DeleteValueRespMsg, deleteValue>(ReqMessage::DeleteValueReqMsgType, true, true),
+    operation<EnumKeyRespMsg, enumKey>(ReqMessage::EnumKeyReqMsgType),
+    operation<EnumValueRespMsg, enumValue>(ReqMessage::EnumValueReqMsgType),
+    operation<OpenKeyRespMsg, openKey>(ReqMessage::OpenKeyReqMsgType),
+    operation<QueryValueRespMsg, queryValue>(ReqMessage::QueryValueReqMsgType),
     operation<SetValueRespMsg, setValue>(ReqMessage::SetValueReqMsgType, true),
-    operation<QueryInfoKeyRespMsg, queryInfoKey>(ReqMessage::QueryInfoKeyReqMsgType, false),
+    operation<QueryInfoKeyRespMsg, queryInfoKey>(ReqMessage::QueryInfoKeyReqMsgType),
 };
 
 } // namespace

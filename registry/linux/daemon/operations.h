@@ -50,7 +50,9 @@ struct Operation {
     ReqMessage::MessageTypes type;
     /// Writes as a rule, so it is not even tried without a writable store.
     bool writes;
-    /// No text when the request cannot be decoded. Throws NeedsWriter, SQLite::Exception or std::bad_alloc.
+    /// Takes something away and adds nothing: done even when the disk is full.
+    bool frees;
+    /// No text when the request cannot be decoded. Throws NeedsWriter, TooLong, SQLite::Exception or std::bad_alloc.
     Reply (*serve)(const Session& session, std::string_view request);
     /// The response that gives a status and nothing else.
     Reply (*refuse)(REGSTATUS status);

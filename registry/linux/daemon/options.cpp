@@ -1,6 +1,7 @@
 #include "daemon/options.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 
 #include "common/channelproto.h"
 #include "daemon/files.h"
@@ -34,6 +35,13 @@ std::optional<Options> parseOptions(int argc, const char* const* argv, int* pExi
         ->transform(asSize)
         ->type_name("SIZE")
         ->default_str("1G");
+    app.add_option("--quota-held", limits.maxHeldPerUser,
+                   "The same for all clients of one user [max-held / 2, at least 2 x max-payload]")
+        ->transform(asSize)
+        ->type_name("SIZE");
+    app.add_option("--quota-requests", limits.maxRequests, "Requests of one user in a second; 0: any number")
+        ->type_name("NUMBER")
+        ->capture_default_str();
     app.add_option("--max-per-user", limits.maxPerUser, "Connections of one user [half of the descriptors]")
         ->check(CLI::PositiveNumber.description(""))
         ->type_name("NUMBER");
@@ -58,6 +66,9 @@ std::optional<Options> parseOptions(int argc, const char* const* argv, int* pExi
     }
     if (app.count("--max-queued") == 0)
         limits.maxQueued = 2 * limits.maxPayload;
+    if (app.count("--quota-held") == 0)
+        limits.maxHeldPerUser = std::max(limits.maxHeld / 2, 2 * limits.maxPayload);
+    limits.maxHeldPerUser = std::min(limits.maxHeldPerUser, limits.maxHeld);
     if (options.storePath.empty())
         options.storePath = folderOf(options.socketPath) + "/registry.db";
     return options;

@@ -18,10 +18,15 @@ struct Limits {
     /// that waits.
     size_t maxQueued = 128 * MiB;
     /// Requests arriving, writes waiting for their commit and replies waiting to be taken, of all clients. Beyond it
-    /// the client that holds most is cut off.
+    /// the user who holds most loses the connection that holds most.
     size_t maxHeld = 1024 * MiB;
+    /// The same of one user's clients. Half of it in writes, and nothing more is read from them until some are done. At
+    /// most maxHeld.
+    size_t maxHeldPerUser = 512 * MiB;
     /// Connections of one user. Beyond it they are refused. 0: half of the descriptors that the daemon may have.
     size_t maxPerUser = 0;
+    /// Requests of one user in a second. Beyond it they are refused. 0: as many as there are.
+    size_t maxRequests = 1'000'000;
     /// Seconds that a request may take to arrive, once it has begun. Beyond it the client is cut off.
     unsigned maxArrival = 60;
 };

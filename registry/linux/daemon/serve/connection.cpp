@@ -1,55 +1,130 @@
 #include "daemon/serve/connection.h"
 
 #include <cstring>
+#include <poll.h>
 #include <span>
 
 #include "daemon/log.h"
+#include "obreg/roots.h"
 
 namespace obregd {
 
 namespace {
 
-/// What a write under way and a queued reply cost besides their bytes, roughly, so that many small ones count too.
-constexpr size_t WriteOverhead = 512;
+/// What a queued reply costs besides its bytes, roughly, so that many small ones count too.
 constexpr size_t ReplyOverhead = 128;
 /// Replies are sent when that much waits, and at the latest before more is read.
 constexpr size_t SendAt = size_t{256} * 1024;
 constexpr size_t MaxGather = 64;
-
-size_t costOf(const WriteJob& job) { return job.request.capacity() + WriteOverhead; }
+constexpr auto TurnTime = std::chrono::milliseconds(1);
+constexpr auto QuietTurnTime = std::chrono::microseconds(100); // when it need not get in line
 
 } // namespace
 
-Connection::Connection(ConnectionHost& host, Socket socket, const Peer& peer)
-    : m_host(host), m_socket(std::move(socket)), m_peer(peer)
+Connection::Connection(ConnectionHost& host, Socket socket, std::shared_ptr<User> pUser, pid_t process)
+    : m_host(host), m_pUser(std::move(pUser)), m_peer{m_pUser->uid, process}, m_socket(std::move(socket))
 {
     m_socket.non_blocking(true);
+    m_pUser->connections.insert(this);
+    count(*m_pUser->pCounts, UserFigure::Connections);
     count(Figure::Accepted);
     count(Figure::Connected);
-    logLine(LOG_DEBUG, "uid %u, process %d: connected", peer.uid, peer.pid);
+    logLine(LOG_DEBUG, "uid %u, process %d: connected", m_peer.uid, m_peer.pid);
 }
 
 Connection::~Connection()
 {
-    m_host.holds(-static_cast<ptrdiff_t>(held()));
-    m_host.forget(*this);
-    count(Figure::Connected, -1);
+    leave();
+    setCommitting(0);
+    m_host.holds(*m_pUser, -static_cast<ptrdiff_t>(held()));
     logLine(LOG_DEBUG, "uid %u, process %d: disconnected", m_peer.uid, m_peer.pid);
+}
+
+/// Is none of the user's and the server's connections any more.
+void Connection::leave()
+{
+    if (!isOpen())
+        return;
+    m_open.store(false, std::memory_order_relaxed);
+    m_pUser->connections.erase(this);
+    count(*m_pUser->pCounts, UserFigure::Connections, -1);
+    count(Figure::Connected, -1);
+    m_host.closed(*this);
+}
+
+/// Runs a piece of the work; cuts the client off when there is no memory for it.
+template <class Action>
+void Connection::attempt(Action action)
+{
+    try {
+        action();
+    } catch (const std::exception& failure) {
+        cutOff(Cause::NoMemory, failure.what());
+    }
 }
 
 void Connection::goOn()
 {
-    try {
-        while (!m_reading && takePacket())
-            m_begun.reset();
+    attempt([this] {
         flush();
-        if (!m_reading && !m_stopped && m_committing <= m_host.limits().maxPayload)
-            read();
-        else if (!m_reading)
-            m_begun.reset();                  // while nothing is read, time is not the client's
-    } catch (const std::exception& failure) { // no memory
-        cutOff(failure.what());
+        nextLongRead();
+        if (m_reading || m_pInLine != nullptr)
+            return;
+        if (m_host.isQuiet())
+            work(QuietTurnTime);
+        else
+            getInLine();
+    });
+}
+
+void Connection::getInLine()
+{
+    m_pInLine = shared_from_this();
+    m_host.wantsTurn(m_turn);
+}
+
+void Connection::takeTurn()
+{
+    const std::shared_ptr<Connection> self = std::exchange(m_pInLine, nullptr);
+    attempt([this] { work(TurnTime); });
+}
+
+void Connection::work(Clock::duration time)
+{
+    const bool more = serveFor(time);
+    flush();
+    nextLongRead();
+    if (more && hasHungUp())
+        close();
+    else if (more)
+        getInLine();
+    else if (!m_reading)
+        readOn();
+}
+
+/// Serves the requests that are there until the time is up; whether it was.
+bool Connection::serveFor(Clock::duration time)
+{
+    const Clock::time_point end = Clock::now() + time;
+    while (!m_reading && takePacket()) {
+        m_begun.reset();
+        if (Clock::now() >= end)
+            return true;
     }
+    return false;
+}
+
+/// Reads on, or waits in line until less is committing.
+void Connection::readOn()
+{
+    const Limits& limits = m_host.limits();
+    if (!m_stopped && m_committing <= limits.maxPayload && m_pUser->committing <= limits.maxHeldPerUser / 2)
+        return read();
+    m_begun.reset(); // while nothing is read, time is not the client's
+    if (m_stopped || m_committing > limits.maxPayload)
+        return; // there is nothing to wait for, or its own answers will tell
+    m_pInLine = shared_from_this();
+    m_pUser->parked.enter(m_parked);
 }
 
 void Connection::read()
@@ -61,15 +136,25 @@ void Connection::read()
             self->m_stopped = true;
         else if (!self->m_stopped)
             self->arrived(bytes);
-        self->goOn();
+        if (error && self->hasHungUp())
+            self->close();
+        else
+            self->goOn();
     };
     m_socket.async_read_some(room(), goOnReading);
     m_reading = true;
     if (!m_begun && (m_inPayload || m_end != 0))
-        m_begun = std::chrono::steady_clock::now();
+        m_begun = Clock::now();
 }
 
-bool Connection::isOverdue(std::chrono::steady_clock::time_point now) const
+/// Whether the client takes no more replies either.
+bool Connection::hasHungUp()
+{
+    pollfd events{m_socket.native_handle(), 0, 0};
+    return isOpen() && poll(&events, 1, 0) > 0 && (events.revents & (POLLHUP | POLLERR)) != 0;
+}
+
+bool Connection::isOverdue(Clock::time_point now) const
 {
     return m_begun && now - *m_begun > std::chrono::seconds(m_host.limits().maxArrival);
 }
@@ -103,17 +188,17 @@ bool Connection::takeHeader()
         return false;
     int length = 0;
     if (!ChannelProto::getReqIdAndPayloadLength(pHeader, PktHdrLength, &m_reqId, &length)) {
-        cutOff("sent a packet header that cannot be read");
+        cutOff(Cause::BadPacket, "sent a packet header that cannot be read");
         return false;
     }
     if (ChannelProto::getPktType(*pHeader) != ChannelProto::ReqDataCarrierPacketType) {
-        cutOff("sent a packet that is no request");
+        cutOff(Cause::BadPacket, "sent a packet that is no request");
         return false;
     }
     const size_t limit = m_host.limits().maxPayload;
     if (length < 0 || static_cast<size_t>(length) > limit) {
-        cutOff("announced a request of " + std::to_string(length) + " bytes; the limit (--max-payload) is " +
-               std::to_string(limit));
+        cutOff(Cause::TooLong, "announced a request of " + std::to_string(length) +
+                                   " bytes; the limit (--max-payload) is " + std::to_string(limit));
         return false;
     }
     m_begin += PktHdrLength;
@@ -132,7 +217,7 @@ asio::mutable_buffer Connection::room()
     if (m_inPayload && payloadIsLong()) {
         const std::span<char> room = m_payload.room();
         setHeld(m_arriving, m_payload.capacity());
-        return {room.data(), room.size()};
+        return isOpen() ? asio::buffer(room.data(), room.size()) : asio::mutable_buffer();
     }
     std::memmove(m_input.data(), m_input.data() + m_begin, m_end - m_begin);
     m_end -= m_begin;
@@ -152,32 +237,71 @@ void Connection::serve(std::string_view request)
 {
     const Operation* const pOperation = findOperation(request);
     countRequest(pOperation != nullptr ? pOperation->type : ReqMessage::UnknownReqMsgType);
+    count(*m_pUser->pCounts, UserFigure::Requests);
     if (pOperation == nullptr)
         return queue(m_reqId, Reply());
+    if (!m_pUser->trusted && !m_pUser->requests.take(m_host.limits().maxRequests, Clock::now())) {
+        count(*m_pUser->pCounts, UserFigure::Refused);
+        return queue(m_reqId, pOperation->refuse(OBREG_STATUS_QUOTA_EXCEEDED));
+    }
     if (pOperation->writes)
-        return submit(*pOperation, request);
+        return write(makeJob(*pOperation, request));
     try {
         queue(m_reqId, pOperation->serve({m_host.store(), nullptr, m_peer}, request));
     } catch (const NeedsWriter&) {
-        submit(*pOperation, request);
+        write(makeJob(*pOperation, request));
+    } catch (const TooLong&) {
+        JobPtr pJob = makeJob(*pOperation, request);
+        const size_t cost = pJob->cost();
+        m_longReads.append(std::move(pJob));
+        setHeld(m_queued, m_queued + cost);
     } catch (const SQLite::Exception& failure) {
-        logLine(LOG_ERR, "the store failed in a read: %s (%d)", failure.what(), failure.getExtendedErrorCode());
+        warn(*m_pUser, m_peer.pid, Cause::StoreFailed,
+             std::string("the store failed in a read: ") + failure.what() + "; look at it with obregd --check");
         queue(m_reqId, pOperation->refuse(statusOf(failure)));
     }
 }
 
-void Connection::submit(const Operation& operation, std::string_view request)
+JobPtr Connection::makeJob(const Operation& operation, std::string_view request)
 {
-    WriteJob job{shared_from_this(), m_reqId, m_peer, &operation,
-                 payloadIsLong() ? std::move(m_payload) : Payload(request.size(), request)};
-    setHeld(m_committing, m_committing + costOf(job));
-    m_host.submit(std::move(job));
+    JobPtr pJob(new Job{shared_from_this(), m_reqId, m_peer, &operation});
+    if (payloadIsLong())
+        pJob->request = std::move(m_payload);
+    else
+        pJob->request = Payload(request.size(), request);
+    setHeld(m_arriving, 0);
+    return pJob;
 }
 
-void Connection::answer(WriteJob& job)
+void Connection::write(JobPtr pJob)
 {
-    setHeld(m_committing, m_committing - costOf(job));
+    setCommitting(m_committing + pJob->cost());
+    m_host.writes().push(m_writes, std::move(pJob));
+}
+
+/// Gives the readers the next one when the client has taken the reply to the last.
+void Connection::nextLongRead()
+{
+    if (m_longRead != 0 || m_longReads.empty() || !m_out.empty())
+        return;
+    m_longRead = m_longReads.front().cost();
+    m_host.reads().push(m_reads, m_longReads.pop());
+}
+
+void Connection::answer(Job& job)
+{
+    if (job.pLane == &m_writes)
+        setCommitting(m_committing - job.cost());
+    else
+        setHeld(m_queued, m_queued - std::exchange(m_longRead, 0));
     queue(job.reqId, std::move(job.reply));
+}
+
+void Connection::handOn(JobPtr pJob)
+{
+    setHeld(m_queued, m_queued - std::exchange(m_longRead, 0));
+    pJob->needsWriter = false;
+    write(std::move(pJob));
 }
 
 void Connection::queue(uint32_t reqId, Reply&& reply)
@@ -194,7 +318,8 @@ void Connection::queue(uint32_t reqId, Reply&& reply)
     if (m_queued >= SendAt)
         flush();
     if (m_queued > m_host.limits().maxQueued && m_out.size() > 1)
-        cutOff("does not take its replies; the limit (--max-queued) is " + std::to_string(m_host.limits().maxQueued));
+        cutOff(Cause::NotTaken,
+               "does not take its replies; the limit (--max-queued) is " + std::to_string(m_host.limits().maxQueued));
 }
 
 void Connection::flush()
@@ -245,32 +370,59 @@ void Connection::stopReading()
     m_stopped = true;
     asio::error_code ignored;
     m_socket.shutdown(Socket::shutdown_receive, ignored);
+    unpark();
 }
 
-void Connection::cutOff(const std::string& reason)
+void Connection::cutOff(Cause cause, const std::string& reason)
 {
-    if (!m_socket.is_open())
+    if (!isOpen())
         return;
+    const auto self = shared_from_this(); // the jobs may be all that holds it
     count(Figure::CutOff);
-    logLine(LOG_WARNING, "uid %u, process %d: %s; the connection is closed", m_peer.uid, m_peer.pid, reason.c_str());
+    warn(*m_pUser, m_peer.pid, cause, reason + "; the connection is closed");
     close();
+    const JobList dropped = m_host.writes().takeBack(m_writes);
+    setCommitting(m_committing - dropped.cost());
 }
 
 void Connection::close()
 {
     m_stopped = true;
+    leave();
     asio::error_code ignored;
     m_socket.close(ignored);
     m_out.clear();
     m_outSent = 0;
-    setHeld(m_queued, 0);
+    m_payload = Payload();
+    setHeld(m_arriving, 0);
+    setHeld(m_queued, m_longRead);
+    m_longReads.clear();
+    unpark();
+}
+
+/// Waits no longer for less to be committing, but for a turn.
+void Connection::unpark()
+{
+    if (!m_parked.waits())
+        return;
+    m_pUser->parked.leave(m_parked);
+    m_host.wantsTurn(m_turn);
 }
 
 void Connection::setHeld(size_t& part, size_t bytes)
 {
     const auto more = static_cast<ptrdiff_t>(bytes) - static_cast<ptrdiff_t>(part);
     part = bytes;
-    m_host.holds(more);
+    m_host.holds(*m_pUser, more);
+}
+
+/// Those of the user's connections that wait for less to be committing read on when it is.
+void Connection::setCommitting(size_t bytes)
+{
+    m_pUser->committing += bytes - m_committing;
+    setHeld(m_committing, bytes);
+    while (!m_pUser->parked.empty() && m_pUser->committing <= m_host.limits().maxHeldPerUser / 2)
+        (*m_pUser->parked.begin())->unpark();
 }
 
 } // namespace obregd

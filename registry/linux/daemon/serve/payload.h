@@ -1,11 +1,12 @@
 // The bytes of one request, while they arrive and until it is done.
 //
 // The buffer grows with what has arrived, never with what was announced: whoever announces 64 MiB and sends ten bytes
-// costs ten bytes and a step. Moved along with its request; one owner at a time.
+// costs what he has sent and a small step. Moved along with its request; one owner at a time.
 #ifndef OBREG_DAEMON_SERVE_PAYLOAD_H
 #define OBREG_DAEMON_SERVE_PAYLOAD_H
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -22,7 +23,7 @@ public:
     /// Expects `length` bytes, of which `begun` have arrived.
     Payload(size_t length, std::string_view begun) : m_length(length)
     {
-        grow(std::min(length, std::max(begun.size(), FirstStep)));
+        grow(std::min(length, std::max(begun.size(), Steps[0])));
         std::memcpy(m_pBytes.get(), begun.data(), begun.size());
         m_arrived = begun.size();
     }
@@ -34,8 +35,10 @@ public:
     /// Room for the next bytes; not empty while the payload is not complete.
     std::span<char> room()
     {
-        if (m_arrived == m_capacity)
-            grow(std::min(m_length, 2 * m_capacity));
+        if (m_arrived == m_capacity) {
+            const auto step = std::upper_bound(Steps.begin(), Steps.end(), m_capacity);
+            grow(std::min(m_length, step == Steps.end() ? 2 * m_capacity : *step));
+        }
         return {m_pBytes.get() + m_arrived, m_capacity - m_arrived};
     }
 
@@ -43,7 +46,7 @@ public:
     void arrived(size_t bytes) { m_arrived += bytes; }
 
 private:
-    static constexpr size_t FirstStep = size_t{64} * 1024;
+    static constexpr std::array<size_t, 3> Steps = {2048, 16384, 65536}; // bytes; then twice as many each time
 
     struct Free {
         void operator()(char* pBytes) const { std::free(pBytes); }

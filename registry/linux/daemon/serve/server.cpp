@@ -15,10 +15,10 @@ namespace {
 constexpr auto AcceptPause = std::chrono::milliseconds(100);
 constexpr auto MemoryPause = std::chrono::milliseconds(10);
 constexpr int AcceptsInARow = 64;
-constexpr auto RefusalLogPause = std::chrono::seconds(10);
 constexpr int LooksPerArrival = 4;
 constexpr auto MaxWatch = std::chrono::microseconds(50);
 constexpr auto LastSendTime = std::chrono::seconds(1);
+constexpr size_t OwnDescriptors = 64; // what the daemon has open besides connections, at most
 
 Peer peerOf(int fd)
 {
@@ -29,11 +29,18 @@ Peer peerOf(int fd)
     return {credentials.uid, credentials.pid};
 }
 
-Limits completed(Limits limits)
+Descriptors descriptorsToHave()
 {
-    rlimit descriptors{};
+    rlimit limit{};
+    const size_t all = getrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur : 1024;
+    const size_t connections = all - std::min(all / 2, OwnDescriptors);
+    return {connections, connections - std::max(connections / 32, size_t{1})};
+}
+
+Limits completed(Limits limits, const Descriptors& descriptors)
+{
     if (limits.maxPerUser == 0)
-        limits.maxPerUser = getrlimit(RLIMIT_NOFILE, &descriptors) == 0 ? descriptors.rlim_cur / 2 : 1;
+        limits.maxPerUser = descriptors.all / 2;
     return limits;
 }
 
@@ -52,48 +59,81 @@ void insist(Action action)
 
 } // namespace
 
-Server::Server(int listeningDescriptor, Store& store, WritableStore& writableStore, const Limits& limits)
-    : m_store(store), m_limits(completed(limits)), m_work(m_io.get_executor()),
-      m_acceptor(m_io, asio::local::stream_protocol(), listeningDescriptor), m_signals(m_io, SIGTERM, SIGINT),
-      m_deadline(m_io), m_pause(m_io), m_look(m_io), m_committer(writableStore, committerCallbacks())
+Server::Server(int listeningDescriptor, Store& store, WritableStore& writableStore, const Limits& limits,
+               WriteGuard* pGuard)
+    : m_store(store), m_descriptors(descriptorsToHave()), m_limits(completed(limits, m_descriptors)),
+      m_work(m_io.get_executor()), m_acceptor(m_io), m_signals(m_io, SIGTERM, SIGINT), m_deadline(m_io), m_pause(m_io),
+      m_readers(store.path(), m_reads,
+                [this](JobPtr pJob) {
+                    JobList jobs;
+                    jobs.append(std::move(pJob));
+                    postAnswers(std::move(jobs));
+                }),
+      m_committer(writableStore, pGuard, m_writes, committerCallbacks())
 {
+    listenOn(listeningDescriptor);
+    m_store.keepState(true);
+    every(std::chrono::milliseconds(1000 * m_limits.maxArrival / LooksPerArrival), [this] { lookForOverdue(); });
+}
+
+void Server::listenOn(int descriptor)
+{
+    if (m_acceptor.is_open())
+        m_acceptor.close();
+    m_acceptor.assign(asio::local::stream_protocol(), descriptor);
     m_acceptor.non_blocking(true);
     m_acceptor.set_option(asio::socket_base::enable_connection_aborted(true)); // else Asio would wait for the next
-    m_store.keepState(true);
+    waitForClients();
+}
+
+/// Brings something to the server's thread, however long there is no memory for it.
+template <class Action>
+void Server::postSurely(Action action)
+{
+    insist([&] { asio::post(m_io, action); });
+}
+
+void Server::postAnswers(JobList&& jobs)
+{
+    std::shared_ptr<JobList> pJobs;
+    insist([&] { pJobs = std::make_shared<JobList>(); });
+    pJobs->append(std::move(jobs));
+    postSurely([this, pJobs] {
+        JobList answered(std::move(*pJobs)); // the last of the jobs, and of their connections, goes on this thread
+        answer(answered);
+    });
 }
 
 /// The committer's news, brought to the server's thread in their order.
 Committer::Callbacks Server::committerCallbacks()
 {
     Committer::Callbacks callbacks;
-    callbacks.answered = [this](Batch&& batch) {
-        std::shared_ptr<Batch> pAnswered;
-        insist([&] { pAnswered = std::make_shared<Batch>(); });
-        pAnswered->swap(batch);
-        insist([&] {
-            asio::post(m_io, [this, pAnswered] {
-                Batch answered; // the last of the jobs, and of the connections that they hold, goes on this thread
-                answered.swap(*pAnswered);
-                answer(answered);
-            });
-        });
-    };
-    callbacks.tidying = [this](bool begins) {
-        insist([&] { asio::post(m_io, [this, begins] { m_store.keepState(!begins); }); });
-    };
-    callbacks.ended = [this] { insist([&] { asio::post(m_io, [this] { end(); }); }); };
+    callbacks.answered = [this](JobList&& jobs) { postAnswers(std::move(jobs)); };
+    callbacks.tidying = [this](bool begins) { postSurely([this, begins] { m_store.keepState(!begins); }); };
+    callbacks.ended = [this] { postSurely([this] { end(); }); };
     return callbacks;
+}
+
+void Server::every(std::chrono::milliseconds interval, std::function<void()> chore)
+{
+    waitFor(m_chores.emplace_back(m_io, interval, std::move(chore)));
+}
+
+void Server::waitFor(Chore& chore)
+{
+    chore.timer.expires_after(chore.interval);
+    const auto act = [this, &chore](const asio::error_code& cancelled) {
+        if (cancelled)
+            return;
+        waitFor(chore);
+        chore.action();
+    };
+    chore.timer.async_wait(asio::bind_allocator(Reserve::Allocator<char>(chore.reserve), act));
 }
 
 void Server::run()
 {
-    m_signals.async_wait([this](const asio::error_code& error, int signal) {
-        if (!error) {
-            logLine(LOG_NOTICE, "signal %d: stopping", signal);
-            stop();
-        }
-    });
-    waitForClients();
+    waitForSignal();
     for (;;) {
         try {
             work();
@@ -102,6 +142,22 @@ void Server::run()
             logLine(LOG_ERR, "out of memory; what was being done is given up");
         }
     }
+}
+
+void Server::waitForSignal()
+{
+    m_signals.async_wait([this](const asio::error_code& error, int signal) {
+        if (error)
+            return;
+        if (m_stopping) {
+            logLine(LOG_WARNING, "signal %d again: ending at once; what was not answered may not be stored", signal);
+            endLog();
+            std::_Exit(128 + signal);
+        }
+        logLine(LOG_NOTICE, "signal %d: stopping", signal);
+        waitForSignal();
+        stop();
+    });
 }
 
 /// Serves until nothing is left to be done. Who has just been answered often asks again sooner than this thread could
@@ -126,6 +182,33 @@ bool Server::pollFor(std::chrono::microseconds time)
             return true;
     while (std::chrono::steady_clock::now() < end);
     return false;
+}
+
+void Server::wantsTurn(Turns<Connection>::Place& place)
+{
+    m_turns.enter(place);
+    giveTurns();
+}
+
+/// One turn at a time, so that what comes in meanwhile gets in line.
+void Server::giveTurns()
+{
+    if (m_givingTurns || m_turns.empty())
+        return;
+    const auto give = [this] {
+        m_givingTurns = false;
+        giveTurn();
+    };
+    asio::post(m_io, asio::bind_allocator(Reserve::Allocator<char>(m_turnReserve), give));
+    m_givingTurns = true;
+}
+
+void Server::giveTurn()
+{
+    Connection* const pNext = m_turns.next();
+    m_turns.passOn(pNext->turn(), false);
+    giveTurns();
+    pNext->takeTurn();
 }
 
 void Server::waitForClients()
@@ -183,91 +266,105 @@ void Server::begin(Connection::Socket socket)
 {
     try {
         const Peer peer = peerOf(socket.native_handle());
-        if (!admits(peer))
+        const std::shared_ptr<User> pUser = m_users.of(peer.uid);
+        if (!admits(*pUser, peer.pid))
             return;
         ConnectionHost& host = *this;
-        const auto pConnection = std::make_shared<Connection>(host, std::move(socket), peer);
+        const auto pConnection = std::make_shared<Connection>(host, std::move(socket), pUser, peer.pid);
         m_connections.insert(pConnection.get());
-        ++m_users[peer.uid].connections;
         pConnection->goOn();
-        lookForOverdue();
     } catch (const std::exception& failure) {
         logLine(LOG_ERR, "a connection cannot be served: %s", failure.what());
     }
 }
 
-/// False, with a line in the log now and then, when the user has as many connections as he may have.
-bool Server::admits(const Peer& peer)
+/// Whether the user may have one more connection. When all are taken, the user who has most makes room, unless that is
+/// the one who asks.
+bool Server::admits(User& user, pid_t process)
 {
-    User& user = m_users[peer.uid];
-    if (user.connections < m_limits.maxPerUser)
-        return true;
-    const auto now = std::chrono::steady_clock::now();
-    ++user.refused;
-    if (user.logged && now - *user.logged < RefusalLogPause)
+    if (user.connections.size() >= m_limits.maxPerUser) {
+        warn(user, process, Cause::TooMany,
+             "one connection too many; the limit (--max-per-user) is " + std::to_string(m_limits.maxPerUser) +
+                 "; refused");
+        count(*user.pCounts, UserFigure::Refused);
         return false;
-    logLine(LOG_WARNING,
-            "uid %u, process %d: one connection too many; the limit (--max-per-user) is %zu; refused, %zu in all since "
-            "the last such line",
-            peer.uid, peer.pid, m_limits.maxPerUser, user.refused);
-    user.refused = 0;
-    user.logged = now;
-    return false;
+    }
+    if (m_connections.size() < (user.trusted ? m_descriptors.all : m_descriptors.forOthers))
+        return true;
+    User* const pGreatest = m_users.greatest([](const User& other) { return other.connections.size(); });
+    if (pGreatest == nullptr || pGreatest->connections.size() <= user.connections.size() + 1) {
+        warn(user, process, Cause::TooMany,
+             "no descriptor is left for one more connection (LimitNOFILE=, ulimit -n); refused");
+        count(*user.pCounts, UserFigure::Refused);
+        return false;
+    }
+    (*pGreatest->connections.begin())
+        ->cutOff(Cause::TooMany, "has most of all connections, and another user needs one");
+    return true;
 }
 
-/// Cuts off who has begun a request and does not end it; again and again, as long as there are clients.
+/// Cuts off who has begun a request and does not end it.
 void Server::lookForOverdue()
 {
-    if (m_looking || m_connections.empty() || m_stopping)
-        return;
-    m_look.expires_after(std::chrono::milliseconds(1000 * m_limits.maxArrival / LooksPerArrival));
-    const auto look = [this](const asio::error_code& cancelled) {
-        m_looking = false;
-        if (cancelled)
-            return;
-        const auto now = std::chrono::steady_clock::now();
-        for (Connection* pConnection : m_connections)
-            if (pConnection->isOverdue(now))
-                pConnection->cutOff("has begun a request and not ended it; the limit (--max-arrival) is " +
-                                    std::to_string(m_limits.maxArrival) + " s");
-        lookForOverdue();
-    };
-    m_look.async_wait(asio::bind_allocator(Reserve::Allocator<char>(m_lookReserve), look));
-    m_looking = true;
+    const auto now = Connection::Clock::now();
+    const std::vector<Connection*> all(m_connections.begin(), m_connections.end());
+    for (Connection* pConnection : all)
+        if (pConnection->isOverdue(now))
+            pConnection->cutOff(Cause::Overdue, "has begun a request and not ended it; the limit (--max-arrival) is " +
+                                                    std::to_string(m_limits.maxArrival) + " s");
 }
 
-void Server::answer(Batch& batch)
+void Server::answer(JobList& jobs)
 {
     m_store.refresh(); // who has been answered, and whom he tells, sees what was written
-    for (WriteJob& job : batch) {
-        try {
-            job.pConnection->answer(job);
-        } catch (const std::bad_alloc& failure) {
-            job.pConnection->cutOff(failure.what());
+    JobList answered;
+    while (!jobs.empty()) {
+        JobPtr pJob = jobs.pop();
+        Connection& connection = *pJob->pConnection;
+        if (pJob->needsWriter) {
+            connection.handOn(std::move(pJob));
+            continue;
         }
+        try {
+            connection.answer(*pJob);
+        } catch (const std::bad_alloc& failure) {
+            connection.cutOff(Cause::NoMemory, failure.what());
+        }
+        answered.append(std::move(pJob));
     }
-    for (const WriteJob& job : batch)
-        job.pConnection->goOn();
+    for (const Job* pJob = answered.first(); pJob != nullptr; pJob = pJob->pNext.get())
+        pJob->pConnection->goOn();
 }
 
-void Server::holds(ptrdiff_t more)
+void Server::holds(User& user, ptrdiff_t more)
 {
     m_held += static_cast<size_t>(more);
+    user.held += static_cast<size_t>(more);
     count(Figure::BytesHeld, more);
-    if (more <= 0 || m_held <= m_limits.maxHeld)
+    count(*user.pCounts, UserFigure::Held, more);
+    if (more <= 0)
         return;
-    const auto most = std::max_element(m_connections.begin(), m_connections.end(),
-                                       [](const Connection* a, const Connection* b) { return a->held() < b->held(); });
-    if (most != m_connections.end())
-        (*most)->cutOff("holds most of what all clients may make the daemon hold; the limit (--max-held) is " +
-                        std::to_string(m_limits.maxHeld));
+    if (m_held > m_limits.maxHeld)
+        makeRoom(*m_users.greatest([](const User& other) { return other.held; }),
+                 "holds most, and its user more than others, of what the daemon may hold; the limit (--max-held) is ",
+                 m_limits.maxHeld);
+    else if (user.held > m_limits.maxHeldPerUser)
+        makeRoom(user, "holds most of what its user may make the daemon hold; the limit (--quota-held) is ",
+                 m_limits.maxHeldPerUser);
 }
 
-void Server::forget(Connection& connection)
+/// Cuts off the user's connection that holds most.
+void Server::makeRoom(User& user, const char* pReason, size_t limit)
 {
-    const auto user = m_users.find(connection.peer().uid);
-    if (m_connections.erase(&connection) != 0 && --user->second.connections == 0 && user->second.refused == 0)
-        m_users.erase(user);
+    const auto most = std::max_element(user.connections.begin(), user.connections.end(),
+                                       [](const Connection* a, const Connection* b) { return a->held() < b->held(); });
+    if (most != user.connections.end() && (*most)->held() != 0)
+        (*most)->cutOff(Cause::Held, pReason + std::to_string(limit));
+}
+
+void Server::closed(Connection& connection)
+{
+    m_connections.erase(&connection);
     if (m_stopping && m_connections.empty())
         m_deadline.cancel();
 }
@@ -275,25 +372,31 @@ void Server::forget(Connection& connection)
 void Server::stop()
 {
     m_stopping = true;
+    if (m_onStop)
+        m_onStop();
     m_acceptor.close();
     m_pause.cancel();
-    m_look.cancel();
     for (Connection* pConnection : m_connections)
         pConnection->stopReading();
-    m_committer.finish();
+    m_reads.finish();
+    m_writes.finish();
 }
 
 /// The last write has been answered; whatever its client has not taken soon is lost to it.
 void Server::end()
 {
     m_work.reset();
+    m_signals.cancel();
+    for (Chore& chore : m_chores)
+        chore.timer.cancel();
     if (m_connections.empty())
         return;
     m_deadline.expires_after(LastSendTime);
     m_deadline.async_wait([this](const asio::error_code& error) {
         if (error)
             return;
-        for (Connection* pConnection : m_connections)
+        const std::vector<Connection*> all(m_connections.begin(), m_connections.end());
+        for (Connection* pConnection : all)
             pConnection->close();
     });
 }

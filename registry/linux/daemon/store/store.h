@@ -25,6 +25,8 @@ public:
     /// Opens for reading what a WritableStore of this process has open.
     explicit Store(const std::string& path) : Store(path, SQLite::OPEN_READONLY) {}
 
+    const std::string& path() const { return m_database.getFilename(); }
+
     std::optional<Key> key(KeyId id) override;
     std::optional<KeyId> child(KeyId parent, const std::string& name) override;
     bool wasIssued(KeyId id) override;

@@ -1,0 +1,68 @@
+#include "daemon/serve/readers.h"
+
+#include <sys/resource.h>
+
+#include "daemon/log.h"
+#include "daemon/serve/connection.h"
+#include "obreg/roots.h"
+
+namespace obregd {
+
+namespace {
+
+constexpr int Niceness = 5; // behind the thread that answers everybody
+
+void read(Job& job, Store& store)
+{
+    const auto fail = [&](REGSTATUS status, const char* pReason) {
+        logLine(LOG_ERR, "the store failed in a read: %s; look at it with obregd --check", pReason);
+        refuse(job, status);
+    };
+    try {
+        job.reply = job.pOperation->serve({store, nullptr, job.peer}, job.request.text());
+    } catch (const NeedsWriter&) {
+        job.needsWriter = true;
+    } catch (const SQLite::Exception& failure) {
+        fail(statusOf(failure), failure.what());
+    } catch (const std::exception& failure) {
+        fail(OBREG_STATUS_STORE_FAILED, failure.what());
+    }
+}
+
+} // namespace
+
+Readers::Readers(const std::string& storePath, JobQueue& queue, Answered answered)
+    : m_queue(queue), m_answered(std::move(answered))
+{
+    for (int i = 0; i < Threads; ++i)
+        m_stores.push_back(std::make_unique<Store>(storePath));
+    try {
+        for (const auto& pStore : m_stores)
+            m_threads.emplace_back([this, &store = *pStore] { work(store); });
+    } catch (...) {
+        end();
+        throw;
+    }
+}
+
+Readers::~Readers() { end(); }
+
+void Readers::end()
+{
+    m_queue.finish();
+    for (std::thread& thread : m_threads)
+        thread.join();
+}
+
+void Readers::work(Store& store)
+{
+    setpriority(PRIO_PROCESS, 0, Niceness); // of this thread only; it is as well if that is refused
+    while (JobPtr pJob = m_queue.pop(Threads - 1)) {
+        if (pJob->pConnection->isOpen())
+            read(*pJob, store);
+        m_queue.done(*pJob);
+        m_answered(std::move(pJob));
+    }
+}
+
+} // namespace obregd

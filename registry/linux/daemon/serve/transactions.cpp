@@ -1,0 +1,99 @@
+#include "daemon/serve/transactions.h"
+
+#include <new>
+#include <sqlite3.h>
+
+#include "obreg/roots.h"
+
+namespace obregd {
+
+namespace {
+
+template <class Action>
+void forEach(const JobList& jobs, Action action)
+{
+    for (Job* pJob = jobs.first(); pJob != nullptr; pJob = pJob->pNext.get())
+        action(*pJob);
+}
+
+} // namespace
+
+JobList Transactions::run(const std::function<JobPtr()>& next)
+{
+    JobList jobs;
+    if (m_pGuard != nullptr)
+        m_pGuard->look();
+    JobPtr pJob = next();
+    const auto serveAll = [&] {
+        for (; pJob != nullptr; pJob = next()) {
+            Job& job = *pJob;
+            jobs.append(std::move(pJob));
+            serve(job);
+        }
+    };
+    const auto failure = transact(std::ref(serveAll));
+    if (pJob != nullptr) // the transaction could not even begin
+        jobs.append(std::move(pJob));
+    if (failure) {
+        count(Figure::FailedTransactions);
+        if (failure->status == OBREG_STATUS_STORE_FULL && m_pGuard != nullptr)
+            m_pGuard->makeRoom();
+        runAgain(jobs, *failure);
+    } else {
+        count(Figure::Writes, static_cast<int64_t>(jobs.size()));
+    }
+    return jobs;
+}
+
+std::optional<Transactions::Failure> Transactions::transact(const std::function<void()>& action)
+{
+    const auto fail = [&](REGSTATUS status, bool atOnce, const char* pReason) {
+        m_store.rollback();
+        if (const auto leftOut = m_log.allow(LogLimit::Clock::now()))
+            logLine(LOG_ERR,
+                    "the store failed in a transaction: %s; what cannot be done is refused (%zu such lines were left "
+                    "out)",
+                    pReason, *leftOut);
+        return Failure{status, atOnce};
+    };
+    try {
+        m_store.begin();
+        action();
+        m_store.commit();
+        count(Figure::Commits);
+        return std::nullopt;
+    } catch (const SQLite::Exception& failure) {
+        return fail(statusOf(failure), failure.getErrorCode() == SQLITE_BUSY, failure.what());
+    } catch (const std::bad_alloc&) {
+        return fail(OBREG_STATUS_STORE_FAILED, false, "out of memory");
+    } catch (const std::exception& failure) {
+        return fail(OBREG_STATUS_STORE_FAILED, false, failure.what());
+    }
+}
+
+void Transactions::runAgain(JobList& jobs, const Failure& failure)
+{
+    if (jobs.size() == 1 || failure.atOnce)
+        return forEach(jobs, [&](Job& job) { refuse(job, failure.status); });
+    JobList halves[2];
+    halves[0].append(jobs.split(jobs.size() / 2));
+    halves[1].append(std::move(jobs));
+    for (JobList& half : halves) {
+        const auto serveHalf = [&] { forEach(half, [this](Job& job) { serve(job); }); };
+        if (const auto again = transact(std::ref(serveHalf)))
+            runAgain(half, *again);
+        else
+            count(Figure::Writes, static_cast<int64_t>(half.size()));
+        jobs.append(std::move(half));
+    }
+}
+
+void Transactions::serve(Job& job)
+{
+    const REGSTATUS refusal = m_pGuard == nullptr ? OBREG_STATUS_SUCCESS : m_pGuard->judge(job);
+    job.reply = refusal == OBREG_STATUS_SUCCESS
+                    ? job.pOperation->serve({m_store, &m_store, job.peer}, job.request.text())
+                    : job.pOperation->refuse(refusal);
+}
+
+} // namespace obregd

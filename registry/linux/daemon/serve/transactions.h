@@ -1,0 +1,59 @@
+// Runs requests that write, many in one transaction, so that all that can be done are and nothing of the others stays.
+//
+// When a transaction fails, its jobs are run again by halves, down to the one that cannot be done: it spoils no other.
+// Where it is nobody's job that is to blame (another program has the store locked) all are refused at once.
+//
+// Belongs to the thread that owns the writable store.
+#ifndef OBREG_DAEMON_SERVE_TRANSACTIONS_H
+#define OBREG_DAEMON_SERVE_TRANSACTIONS_H
+
+#include <functional>
+#include <optional>
+
+#include "daemon/log.h"
+#include "daemon/serve/job.h"
+
+namespace obregd {
+
+/// Whether the place where the store is can take a write: a disk with room, files that are still the same.
+class WriteGuard {
+public:
+    virtual ~WriteGuard() = default;
+    /// Looks at it anew, before a transaction.
+    virtual void look() = 0;
+    /// OBREG_STATUS_SUCCESS, or the status with which the job is refused.
+    virtual REGSTATUS judge(const Job& job) = 0;
+    /// Room was wanting. Whether what only takes away has more room now.
+    virtual bool makeRoom() = 0;
+};
+
+class Transactions {
+public:
+    /// The guard, which may be null, and the store outlive it.
+    explicit Transactions(WritableStore& store, WriteGuard* pGuard = nullptr) : m_store(store), m_pGuard(pGuard) {}
+
+    /// Runs the jobs that next() gives, until it gives null or one fails. Each comes back with its reply. Pass next by
+    /// std::ref where there may be no memory.
+    JobList run(const std::function<JobPtr()>& next);
+
+    /// Runs an action in a transaction of its own; false, with a line in the log, when it failed and nothing stayed.
+    bool runOne(const std::function<void()>& action) { return !transact(action); }
+
+private:
+    struct Failure {
+        REGSTATUS status;
+        bool atOnce; ///< all that was in the transaction is to be refused
+    };
+
+    std::optional<Failure> transact(const std::function<void()>& action);
+    void runAgain(JobList& jobs, const Failure& failure);
+    void serve(Job& job);
+
+    WritableStore& m_store;
+    WriteGuard* const m_pGuard;
+    LogLimit m_log;
+};
+
+} // namespace obregd
+
+#endif
