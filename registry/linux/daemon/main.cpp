@@ -29,6 +29,7 @@ void serve(const obregd::Options& options)
 {
     using namespace obregd;
     Descriptor activated = systemd::takeSocket();
+    const LogThread logThread; // the environment is read: other threads may start
     std::optional<Lock> socketLock;
     if (activated.get() < 0) {
         makeFolder(folderOf(options.socketPath));
