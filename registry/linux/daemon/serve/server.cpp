@@ -90,6 +90,8 @@ void Server::run()
     m_signals.async_wait([this](const asio::error_code& error, int signal) {
         if (!error) {
             logLine(LOG_NOTICE, "signal %d: stopping", signal);
+            if (m_onStop)
+                m_onStop();
             stop();
         }
     });
@@ -272,8 +274,36 @@ void Server::forget(Connection& connection)
         m_deadline.cancel();
 }
 
+void Server::every(std::chrono::milliseconds interval, std::function<void()> chore)
+{
+    m_chores.push_back({interval, std::move(chore), asio::steady_timer(m_io)});
+    wait(m_chores.back());
+}
+
+void Server::wait(Chore& chore)
+{
+    chore.timer.expires_after(chore.interval);
+    chore.timer.async_wait([this, &chore](const asio::error_code& cancelled) {
+        if (cancelled)
+            return;
+        chore.work();
+        wait(chore);
+    });
+}
+
+void Server::listenOn(int descriptor)
+{
+    acceptClients();
+    m_acceptor.close();
+    m_acceptor.assign(asio::local::stream_protocol(), descriptor);
+    m_acceptor.non_blocking(true);
+    m_acceptor.set_option(asio::socket_base::enable_connection_aborted(true));
+    waitForClients();
+}
+
 void Server::stop()
 {
+    m_chores.clear();
     m_stopping = true;
     m_acceptor.close();
     m_pause.cancel();

@@ -9,6 +9,7 @@
 #ifndef OBREG_DAEMON_SERVE_SERVER_H
 #define OBREG_DAEMON_SERVE_SERVER_H
 
+#include <list>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -22,6 +23,13 @@ class Server : private ConnectionHost {
 public:
     /// Serves the connections made to a listening descriptor, which it takes over. The stores outlive the server.
     Server(int listeningDescriptor, Store& store, WritableStore& writableStore, const Limits& limits);
+
+    /// Runs the chore on the serving thread at that interval while the server runs. Before run().
+    void every(std::chrono::milliseconds interval, std::function<void()> chore);
+    /// Runs it when the stop begins. Before run().
+    void onStop(std::function<void()> action) { m_onStop = std::move(action); }
+    /// Takes over a new listening descriptor in place of the present one. On the serving thread.
+    void listenOn(int descriptor);
 
     /// Returns after SIGTERM or SIGINT, when what had been begun has been answered.
     void run();
@@ -70,6 +78,14 @@ private:
     asio::steady_timer m_deadline;
     asio::steady_timer m_pause;
     asio::steady_timer m_look;
+    struct Chore {
+        std::chrono::milliseconds interval;
+        std::function<void()> work;
+        asio::steady_timer timer;
+    };
+    void wait(Chore& chore);
+    std::list<Chore> m_chores;
+    std::function<void()> m_onStop;
     Committer m_committer; // last: its thread uses m_io
 };
 
