@@ -20,7 +20,7 @@ extern char** environ;
 namespace {
 
 constexpr char FixedStorePath[] = "/var/opt/quorlin/ombrel/obregd/registry.db";
-constexpr int StartSeconds = 10;
+constexpr int WaitSeconds = 10;
 constexpr int PollsPerSecond = 500;
 
 } // namespace
@@ -57,7 +57,7 @@ void RunningDaemon::start()
         throw std::runtime_error(std::string(pProgram) + ": cannot be started: " + std::strerror(error));
     }
 
-    for (int i = 0; i < StartSeconds * PollsPerSecond; ++i) {
+    for (int i = 0; i < WaitSeconds * PollsPerSecond; ++i) {
         if (log().find("listening on") != std::string::npos)
             return;
         if (waitpid(m_pid, nullptr, WNOHANG) == m_pid) {
@@ -86,6 +86,16 @@ std::string RunningDaemon::log() const
 {
     std::ifstream file(m_logPath);
     return {std::istreambuf_iterator<char>(file), {}};
+}
+
+bool RunningDaemon::logs(const std::string& text) const
+{
+    for (int i = 0; i < WaitSeconds * PollsPerSecond; ++i) {
+        if (log().find(text) != std::string::npos)
+            return true;
+        usleep(1000000 / PollsPerSecond);
+    }
+    return false;
 }
 
 FreshDaemon::FreshDaemon() : RunningDaemon(FixedSocketPath, FixedStorePath)

@@ -29,6 +29,8 @@ public:
 
     /// What it has written to standard error since the last start.
     std::string log() const;
+    /// Whether it writes that text, now or within seconds: its log comes a moment after the fact.
+    bool logs(const std::string& text) const;
 
 private:
     const std::string m_socketPath;

@@ -1,6 +1,7 @@
 // What every source of the library and the daemon includes: the public types and the log.
 //
-// Log lines go to syslog without openlog, so the process's own ident applies. Two kinds exist:
+// Log lines go to syslog without openlog, so the process's own ident applies (the daemon sends them elsewhere: it has a
+// log that never waits). Two kinds exist:
 //   IPC_ERROR   priority 14 (LOG_USER | LOG_INFO), always written;
 //   IPC_TRACE   priority 15 (LOG_USER | LOG_DEBUG), written only while CDebugLevel is above 0; its arguments are not
 //               evaluated otherwise. IPC_DETAIL is the same above 1.
@@ -21,9 +22,12 @@ OBREG_API extern int CDebugLevel;
 /// CDebugLevel as it is now. It is set without a lock while other threads read it, hence the atomic load.
 inline int debugLevel() { return __atomic_load_n(&CDebugLevel, __ATOMIC_RELAXED); }
 
-#define IPC_ERROR(...) syslog(LOG_USER | LOG_INFO, __VA_ARGS__)
-#define IPC_TRACE(...) (debugLevel() > 0 ? syslog(LOG_USER | LOG_DEBUG, __VA_ARGS__) : static_cast<void>(0))
-#define IPC_DETAIL(...) (debugLevel() > 1 ? syslog(LOG_USER | LOG_DEBUG, __VA_ARGS__) : static_cast<void>(0))
+/// Where the lines go. Set before other threads are started, if at all.
+inline void (*ipcLog)(int priority, const char* pFormat, ...) __attribute__((format(printf, 2, 3))) = syslog;
+
+#define IPC_ERROR(...) ipcLog(LOG_USER | LOG_INFO, __VA_ARGS__)
+#define IPC_TRACE(...) (debugLevel() > 0 ? ipcLog(LOG_USER | LOG_DEBUG, __VA_ARGS__) : static_cast<void>(0))
+#define IPC_DETAIL(...) (debugLevel() > 1 ? ipcLog(LOG_USER | LOG_DEBUG, __VA_ARGS__) : static_cast<void>(0))
 
 /// An object's address as the "Obj = %08X" of the log shows it: the low 32 bits.
 inline unsigned logAddress(const void* pObj) { return static_cast<unsigned>(reinterpret_cast<uintptr_t>(pObj)); }

@@ -1,8 +1,10 @@
 #include "daemon/files.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <memory>
 #include <stdexcept>
 #include <sys/file.h>
 #include <sys/socket.h>
@@ -10,9 +12,13 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "daemon/log.h"
+
 namespace obregd {
 
 namespace {
+
+constexpr char FromSystemd[] = "; systemd must make the socket again: systemctl restart obregd.socket";
 
 [[noreturn]] void fail(const std::string& path, const std::string& what)
 {
@@ -41,6 +47,25 @@ sockaddr_un addressOf(const std::string& path)
                        " bytes; give a shorter one with --socket");
     std::memcpy(address.sun_path, path.data(), path.size());
     return address;
+}
+
+/// Nothing, and errno, when there is nothing to be seen. flags: fstatat's.
+std::optional<FileId> fileAt(const std::string& path, int flags)
+{
+    struct stat found;
+    if (fstatat(AT_FDCWD, path.c_str(), &found, flags) != 0)
+        return std::nullopt;
+    return FileId{found.st_dev, found.st_ino};
+}
+
+/// The path that a socket is bound to.
+std::string pathOf(const Descriptor& socket)
+{
+    sockaddr_un address{};
+    socklen_t length = sizeof address;
+    if (getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0)
+        return {};
+    return {address.sun_path, strnlen(address.sun_path, sizeof address.sun_path)};
 }
 
 /// Removes what a dead daemon left at path; refuses to touch anything else.
@@ -110,23 +135,135 @@ Lock::Lock(const std::string& path, const char* pOption)
         return;
 }
 
-ListeningSocket::ListeningSocket(const std::string& path)
-    : m_path(path), m_socket(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0))
+StoreLock::StoreLock(const std::string& path)
+    : m_path(path, "--store"), m_file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0600))
 {
-    if (m_socket.get() < 0)
-        failErrno(path, "no socket to be had");
-    const sockaddr_un address = addressOf(path);
-    clearPath(path, address);
-    if (bind(m_socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-        failErrno(path, "cannot be bound");
-    if (chmod(path.c_str(), 0666) != 0 || listen(m_socket.get(), SOMAXCONN) != 0) {
-        const int error = errno;
-        unlink(path.c_str());
-        errno = error;
-        failErrno(path, "cannot be listened on");
-    }
+    struct stat found;
+    if (m_file.get() < 0 || fstat(m_file.get(), &found) != 0)
+        failErrno(path, "cannot be used as a store");
+    if (!S_ISREG(found.st_mode))
+        fail(path, "is there and is not a file; give another path with --store");
+    if (flock(m_file.get(), LOCK_EX | LOCK_NB) == 0)
+        return;
+    if (errno != EWOULDBLOCK)
+        failErrno(path, "cannot be locked");
+    fail(path, "is another name of a store that another obregd is using (`fuser " + path +
+                   "` tells which); stop that one or give another path with --store");
 }
 
-ListeningSocket::~ListeningSocket() { unlink(m_path.c_str()); }
+StoreIdentity::StoreIdentity(const std::string& storePath)
+{
+    // SQLite puts the log beside the file itself, wherever links lead.
+    const std::unique_ptr<char, decltype(&std::free)> pReal(realpath(storePath.c_str(), nullptr), &std::free);
+    const std::string real = pReal ? pReal.get() : storePath;
+    m_parts = {{{storePath, fileAt(storePath, 0)}, {real + "-wal", {}}, {real + "-shm", {}}}};
+    if (!m_parts[0].file)
+        failErrno(storePath, "cannot be looked at");
+    isKept();
+}
+
+const char* StoreIdentity::lookForLoss(const Part*& pWhere)
+{
+    for (Part& part : m_parts) {
+        const std::optional<FileId> found = fileAt(part.path, 0);
+        if (!part.file && (found || errno == ENOENT)) // not made yet, or just made
+            part.file = found;
+        if (part.file == found)
+            continue;
+        pWhere = &part;
+        if (found)
+            return "another file has been put in its place";
+        return errno == ENOENT ? "has been removed or moved away" : std::strerror(errno);
+    }
+    return nullptr;
+}
+
+bool StoreIdentity::isKept()
+{
+    const std::lock_guard lock(m_mutex);
+    const Part* pWhere = nullptr;
+    const char* const pLoss = lookForLoss(pWhere);
+    const bool wasKept = std::exchange(m_kept, pLoss == nullptr);
+    if (wasKept && !m_kept)
+        logLine(LOG_ERR,
+                "%s: %s while the daemon was using it; writes are refused; stop the daemon, put the file back or "
+                "restore a backup, and start it again",
+                pWhere->path.c_str(), pLoss);
+    else if (!wasKept && m_kept)
+        logLine(LOG_NOTICE, "%s: all its files are back; writes are taken again", m_parts[0].path.c_str());
+    return m_kept;
+}
+
+ListeningSocket::ListeningSocket(const std::string& path) : m_path(path), m_own(true) { listenHere(); }
+
+ListeningSocket::ListeningSocket(Descriptor handedOver)
+    : m_path(pathOf(handedOver)), m_own(false), m_socket(std::move(handedOver)),
+      m_file(fileAt(m_path, AT_SYMLINK_NOFOLLOW))
+{}
+
+ListeningSocket::~ListeningSocket()
+{
+    if (m_own && look() == Place::Ours)
+        unlink(m_path.c_str());
+}
+
+void ListeningSocket::listenHere()
+{
+    Descriptor made(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (made.get() < 0)
+        failErrno(m_path, "no socket to be had");
+    const sockaddr_un address = addressOf(m_path);
+    clearPath(m_path, address);
+    if (bind(made.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        failErrno(m_path, "cannot be bound");
+    if (chmod(m_path.c_str(), 0666) != 0 || listen(made.get(), SOMAXCONN) != 0) {
+        const int error = errno;
+        unlink(m_path.c_str());
+        errno = error;
+        failErrno(m_path, "cannot be listened on");
+    }
+    m_socket = std::move(made);
+    m_file = fileAt(m_path, AT_SYMLINK_NOFOLLOW);
+}
+
+ListeningSocket::Place ListeningSocket::look() const
+{
+    if (m_path.empty())
+        return Place::Ours;
+    const std::optional<FileId> found = fileAt(m_path, AT_SYMLINK_NOFOLLOW);
+    if (!found)
+        return errno == ENOENT ? Place::Gone : m_told; // perhaps there: not to be told yet
+    return found == m_file ? Place::Ours : Place::Taken;
+}
+
+bool ListeningSocket::restore()
+{
+    const Place place = look();
+    const bool isNews = std::exchange(m_told, place) != place;
+    if (place == Place::Taken && isNews)
+        logLine(LOG_ERR,
+                "%s: something else has been put in the socket's place; new clients do not reach this daemon; remove "
+                "that%s",
+                m_path.c_str(), m_own ? ", and the daemon listens there again" : FromSystemd);
+    if (place != Place::Gone)
+        return false;
+    if (!m_own) {
+        if (isNews)
+            logLine(LOG_ERR, "%s: the socket has been removed; new clients do not reach this daemon%s", m_path.c_str(),
+                    FromSystemd);
+        return false;
+    }
+    try {
+        listenHere();
+        m_told = Place::Ours;
+        logLine(LOG_WARNING, "%s: the socket has been removed; listening on a new one", m_path.c_str());
+        return true;
+    } catch (const std::exception& failure) {
+        if (isNews)
+            logLine(LOG_ERR, "the socket has been removed, and a new one cannot be made: %s; trying again",
+                    failure.what());
+        return false;
+    }
+}
 
 } // namespace obregd

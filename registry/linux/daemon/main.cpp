@@ -1,17 +1,22 @@
 // obregd: the reference registry daemon. See docs/daemon.md for what it decides.
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <malloc.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
 #include "common/ipcint.h"
+#include "daemon/figures.h"
 #include "daemon/files.h"
 #include "daemon/log.h"
 #include "daemon/options.h"
 #include "daemon/serve/server.h"
 #include "daemon/store/maintenance.h"
 #include "daemon/systemd.h"
+
+using namespace obregd;
 
 namespace {
 
@@ -25,37 +30,76 @@ void raiseDescriptorLimit()
     }
 }
 
-void serve(const obregd::Options& options)
+/// Lets big buffers come from the system and go back to it one by one, and the others from few places.
+void setUpMemory()
 {
-    using namespace obregd;
+    mallopt(M_MMAP_THRESHOLD, int{MiB});
+    mallopt(M_ARENA_MAX, 2);
+}
+
+/// Gives the system back what a peak has left behind; to be called now and then.
+class MemoryReturn {
+public:
+    void operator()()
+    {
+        const uint64_t held = figureValues[static_cast<size_t>(Figure::BytesHeld)].load(std::memory_order_relaxed);
+        m_peak = std::max(m_peak, held);
+        if (m_peak < WorthReturning || held > m_peak / 4)
+            return;
+        malloc_trim(0);
+        m_peak = held;
+    }
+
+private:
+    static constexpr uint64_t WorthReturning = 16 * MiB;
+
+    uint64_t m_peak = 0; // since the last return
+};
+
+/// What the serving thread does from time to time beside serving.
+void addChores(Server& server, ListeningSocket& socket, std::optional<std::chrono::microseconds> watchdog)
+{
+    server.every(std::chrono::seconds(1), [&] {
+        if (socket.restore())
+            server.listenOn(socket.releaseDescriptor());
+    });
+    server.every(std::chrono::seconds(1), MemoryReturn());
+    if (watchdog)
+        server.every(std::chrono::duration_cast<std::chrono::milliseconds>(*watchdog / 2),
+                     [] { systemd::notify("WATCHDOG=1"); });
+    server.onStop([] { systemd::notify("STOPPING=1"); });
+}
+
+void serve(const Options& options)
+{
     Descriptor activated = systemd::takeSocket();
+    const std::optional<std::chrono::microseconds> watchdog = systemd::takeWatchdog();
+    const LogThread logThread; // the environment is as it stays: other threads may start
     std::optional<Lock> socketLock;
     if (activated.get() < 0) {
         makeFolder(folderOf(options.socketPath));
         socketLock.emplace(options.socketPath, "--socket");
     }
     makeFolder(folderOf(options.storePath));
-    const Lock storeLock(options.storePath, "--store");
+    const StoreLock storeLock(options.storePath);
     WritableStore writableStore(options.storePath);
     Store store(options.storePath);
-    const std::string socketPath = activated.get() < 0 ? options.socketPath : systemd::pathOf(activated);
-    std::optional<ListeningSocket> own;
-    const int listening = activated.get() < 0 ? own.emplace(socketPath).releaseDescriptor() : activated.release();
-    Server server(listening, store, writableStore, options.limits);
-    logLine(LOG_NOTICE, "listening on %s, storing in %s", socketPath.c_str(), options.storePath.c_str());
+    ListeningSocket socket =
+        activated.get() < 0 ? ListeningSocket(options.socketPath) : ListeningSocket(std::move(activated));
+    Server server(socket.releaseDescriptor(), store, writableStore, options.limits);
+    addChores(server, socket, watchdog);
+    logLine(LOG_NOTICE, "listening on %s, storing in %s", socket.path().c_str(), options.storePath.c_str());
     systemd::notify("READY=1");
     server.run();
-    systemd::notify("STOPPING=1");
     logLine(LOG_NOTICE, "stopped");
 }
 
 /// Says about the store what was asked; the exit status.
-int maintain(const obregd::Options& options)
+int maintain(const Options& options)
 {
     const bool check = options.check;
     const std::string& store = options.storePath;
-    const obregd::StoreReport report =
-        check ? obregd::checkStore(store) : obregd::backUpStore(store, *options.backupPath);
+    const StoreReport report = check ? checkStore(store) : backUpStore(store, *options.backupPath);
     for (const std::string& problem : report.problems)
         std::printf("%s: %s\n", store.c_str(), problem.c_str());
     if (!report.problems.empty()) {
@@ -72,23 +116,24 @@ int maintain(const obregd::Options& options)
 int main(int argc, char** argv)
 {
     int exitCode = 0;
-    const std::optional<obregd::Options> options = obregd::parseOptions(argc, argv, &exitCode);
+    const std::optional<Options> options = parseOptions(argc, argv, &exitCode);
     if (!options)
         return exitCode;
     CDebugLevel = options->verbosity;
     umask(0077); // the store and the locks are nobody else's
     const bool toServe = !options->check && !options->backupPath;
     if (toServe)
-        obregd::openLog();
+        openLog();
     std::signal(SIGPIPE, SIG_IGN);
     raiseDescriptorLimit();
+    setUpMemory();
     try {
         if (!toServe)
             return maintain(*options);
         serve(*options);
     } catch (const std::exception& failure) {
         if (toServe)
-            obregd::logLine(LOG_ERR, "%s", failure.what());
+            logLine(LOG_ERR, "%s", failure.what());
         else
             std::fprintf(stderr, "obregd: %s\n", failure.what());
         return 1;

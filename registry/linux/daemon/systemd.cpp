@@ -77,15 +77,6 @@ Descriptor takeSocket()
     return socket;
 }
 
-std::string pathOf(const Descriptor& socket)
-{
-    sockaddr_un address{};
-    socklen_t length = sizeof address;
-    if (getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0)
-        return "an unknown socket";
-    return {address.sun_path, strnlen(address.sun_path, sizeof address.sun_path)};
-}
-
 void notify(const char* pState)
 {
     const char* const pPath = std::getenv("NOTIFY_SOCKET");
@@ -98,6 +89,18 @@ void notify(const char* pState)
         sendto(socket.get(), pState, std::strlen(pState), MSG_NOSIGNAL, reinterpret_cast<sockaddr*>(&address), length) <
             0)
         logLine(LOG_WARNING, "systemd cannot be told %s: %s", pState, std::strerror(errno));
+}
+
+std::optional<std::chrono::microseconds> takeWatchdog()
+{
+    const std::string pid = takeVariable("WATCHDOG_PID");
+    const std::string time = takeVariable("WATCHDOG_USEC");
+    if (!pid.empty() && pid != std::to_string(getpid()))
+        return std::nullopt;
+    const std::chrono::microseconds interval(std::strtoll(time.c_str(), nullptr, 10));
+    if (interval.count() <= 0)
+        return std::nullopt;
+    return interval;
 }
 
 bool standardErrorIsJournal()

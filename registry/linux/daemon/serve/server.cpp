@@ -151,7 +151,7 @@ void Server::waitForSignal()
             return;
         if (m_stopping) {
             logLine(LOG_WARNING, "signal %d again: ending at once; what was not answered may not be stored", signal);
-            endLog();
+            flushLog(std::chrono::milliseconds(100));
             std::_Exit(128 + signal);
         }
         logLine(LOG_NOTICE, "signal %d: stopping", signal);

@@ -49,7 +49,7 @@ std::optional<Transactions::Failure> Transactions::transact(const std::function<
 {
     const auto fail = [&](REGSTATUS status, bool atOnce, const char* pReason) {
         m_store.rollback();
-        if (const auto leftOut = m_log.allow(LogLimit::Clock::now()))
+        if (const auto leftOut = m_log.allow(std::chrono::steady_clock::now()))
             logLine(LOG_ERR,
                     "the store failed in a transaction: %s; what cannot be done is refused (%zu such lines were left "
                     "out)",

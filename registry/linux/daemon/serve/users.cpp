@@ -24,7 +24,7 @@ bool Rate::take(size_t perSecond, Clock::time_point now)
 
 void warn(User& user, pid_t process, Cause cause, const std::string& text)
 {
-    const auto leftOut = user.logged[static_cast<size_t>(cause)].allow(LogLimit::Clock::now());
+    const auto leftOut = user.logged[static_cast<size_t>(cause)].allow(std::chrono::steady_clock::now());
     if (!leftOut)
         return;
     const std::string others = *leftOut == 0 ? "" : " (" + std::to_string(*leftOut) + " such lines were left out)";
