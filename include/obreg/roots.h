@@ -29,6 +29,8 @@
 #define OBREG_STATUS_STORE_FULL ((REGSTATUS)0xC7F20070u)
 /* A name is empty where it may not be, too long, or holds bytes that a name cannot hold. */
 #define OBREG_STATUS_BAD_NAME ((REGSTATUS)0xC7F2007Bu)
+/* What the user's tree may take is used up. */
+#define OBREG_STATUS_QUOTA_EXCEEDED ((REGSTATUS)0xC7F20718u)
 /* Value data is longer than the daemon keeps. */
 #define OBREG_STATUS_TOO_LARGE ((REGSTATUS)0xC7F200DFu)
 /* An enumeration's position is past the last entry. */

@@ -36,6 +36,7 @@ inline constexpr StatusText statusTexts[] = {
     {OBREG_STATUS_KEY_DELETED, "KEY_DELETED", "the key has been deleted"},
     {OBREG_STATUS_KEY_HAS_SUBKEYS, "KEY_HAS_SUBKEYS", "the key has sub-keys"},
     {OBREG_STATUS_STORE_FAILED, "STORE_FAILED", "the registry's store failed; the daemon's log says how"},
+    {OBREG_STATUS_QUOTA_EXCEEDED, "QUOTA_EXCEEDED", "what this user's tree may take is used up"},
 };
 
 /// The name and sentence of a status, or null for one that is not known here.
@@ -84,6 +85,7 @@ enum class Status : REGSTATUS {
     keyDeleted = OBREG_STATUS_KEY_DELETED,
     keyHasSubKeys = OBREG_STATUS_KEY_HAS_SUBKEYS,
     storeFailed = OBREG_STATUS_STORE_FAILED,
+    quotaExceeded = OBREG_STATUS_QUOTA_EXCEEDED,
 };
 
 inline std::error_code errorCode(REGSTATUS status) { return {static_cast<int>(status), category()}; }

@@ -33,7 +33,7 @@ Owner ownerBelow(KeyId parent, Owner parentOwner, const std::string& name)
     return parent == UsersId ? ownerOfUserTree(name) : parentOwner;
 }
 
-/// The peer's own tree, made when it is first needed.
+/// The peer's own tree, made when it is first needed; no quota counts for that one key.
 KeyId currentUser(const Session& session)
 {
     const std::string name = std::to_string(session.peer.uid);
@@ -68,6 +68,15 @@ REGSTATUS findByHandle(const Session& session, HANDLE handle, Key& key)
     return findById(session, idOf(session, handle), key);
 }
 
+/// A key that the store has just named.
+Key existing(const Session& session, KeyId id)
+{
+    const auto found = session.at(id).key(id);
+    if (!found)
+        throwDamaged(id, "its parent has it, but its row is missing");
+    return *found;
+}
+
 /// Follows names downwards from key as far as there are such keys. Returns how many there were; key is the last.
 size_t follow(const Session& session, const std::vector<std::string>& names, Key& key)
 {
@@ -80,7 +89,7 @@ size_t follow(const Session& session, const std::vector<std::string>& names, Key
         id = *child;
     }
     if (id != key.id)
-        key = session.at(id).key(id).value();
+        key = existing(session, id);
     return found;
 }
 
@@ -109,14 +118,20 @@ bool deniesAccess(const Session& session, UINT32 access, Owner owner)
 }
 
 /// The key whose values a request is about to change.
-REGSTATUS findToWrite(const Session& session, HANDLE handle, const std::string& valueName, Key& key)
+REGSTATUS findToChange(const Session& session, HANDLE handle, const std::string& valueName, Key& key)
 {
-    if (!isValueName(valueName))
-        return OBREG_STATUS_BAD_NAME;
-    const REGSTATUS status = findByHandle(session, handle, key);
-    if (status != Success)
-        return status;
-    return mayWrite(session.peer, key.owner) ? Success : OBREG_STATUS_ACCESS_DENIED;
+    return isValueName(valueName) ? findByHandle(session, handle, key) : OBREG_STATUS_BAD_NAME;
+}
+
+/// Whether the quota of the tree lets the peer make keys of these names, from the given one on.
+bool allowsKeys(const Session& session, Owner owner, const std::vector<std::string>& names, size_t first)
+{
+    if (!isLimited(session.peer, owner))
+        return true;
+    size_t bytes = 0;
+    for (size_t i = first; i < names.size(); ++i)
+        bytes += names[i].size();
+    return session.writer().allowsKeys(owner, names.size() - first, bytes);
 }
 
 } // namespace
@@ -150,13 +165,14 @@ REGSTATUS createKey(const Session& session, const CreateKeyReqMsg& request, HAND
         disposition = REG_OPENED_EXISTING_KEY;
         return Success;
     }
-    if (!mayWrite(session.peer, ownerBelow(id, owner, search.names[search.found])))
+    owner = ownerBelow(id, owner, search.names[search.found]); // and so of all below
+    if (!mayWrite(session.peer, owner))
         return OBREG_STATUS_ACCESS_DENIED;
     WritableStore& writer = session.writer();
-    for (size_t i = search.found; i < search.names.size(); ++i) {
-        owner = ownerBelow(id, owner, search.names[i]);
+    if (!allowsKeys(session, owner, search.names, search.found))
+        return OBREG_STATUS_QUOTA_EXCEEDED;
+    for (size_t i = search.found; i < search.names.size(); ++i)
         id = writer.addKey(id, search.names[i], owner);
-    }
     key = handleOf(id);
     disposition = REG_CREATED_NEW_KEY;
     return Success;
@@ -192,11 +208,16 @@ REGSTATUS deleteKey(const Session& session, const DeleteKeyReqMsg& request)
 REGSTATUS setValue(const Session& session, const SetValueReqMsg& request)
 {
     Key key;
-    const REGSTATUS status = findToWrite(session, request.m_keyHandle, request.m_valueName, key);
-    if (status == Success)
-        session.writer().setValue(key.id, request.m_valueName, request.m_valueType, request.m_pValueData,
-                                  request.m_valueDataLen);
-    return status;
+    const REGSTATUS status = findToChange(session, request.m_keyHandle, request.m_valueName, key);
+    if (status != Success)
+        return status;
+    if (!mayWrite(session.peer, key.owner))
+        return OBREG_STATUS_ACCESS_DENIED;
+    WritableStore& writer = session.writer();
+    if (isLimited(session.peer, key.owner) && !writer.allowsValue(key, request.m_valueName, request.m_valueDataLen))
+        return OBREG_STATUS_QUOTA_EXCEEDED;
+    writer.setValue(key.id, request.m_valueName, request.m_valueType, request.m_pValueData, request.m_valueDataLen);
+    return Success;
 }
 
 REGSTATUS queryValue(const Session& session, const QueryValueReqMsg& request, UINT32& type, const char*& pData,
@@ -219,9 +240,12 @@ REGSTATUS queryValue(const Session& session, const QueryValueReqMsg& request, UI
 REGSTATUS deleteValue(const Session& session, const DeleteValueReqMsg& request)
 {
     Key key;
-    const REGSTATUS status = findToWrite(session, request.m_keyHandle, request.m_valueName, key);
+    const REGSTATUS status = findToChange(session, request.m_keyHandle, request.m_valueName, key);
     if (status != Success)
         return status;
+    if (!mayWrite(session.peer, key.owner))
+        return session.at(key.id).hasValue(key.id, request.m_valueName) ? OBREG_STATUS_ACCESS_DENIED
+                                                                        : OBREG_STATUS_NOT_FOUND;
     return session.writer().removeValue(key.id, request.m_valueName) ? Success : OBREG_STATUS_NOT_FOUND;
 }
 

@@ -67,6 +67,8 @@ public:
     /// Whether the number was ever given to a key, one that is deleted by now included.
     virtual bool wasIssued(KeyId id) = 0;
     virtual std::optional<Value> value(KeyId key, const std::string& name) = 0;
+    /// Whether there is such a value; its data is not looked at.
+    virtual bool hasValue(KeyId key, const std::string& name) { return value(key, name).has_value(); }
     virtual std::optional<SubKeyEntry> subKeyAt(const Key& key, UINT32 index) = 0;
     virtual std::optional<ValueEntry> valueAt(const Key& key, UINT32 index) = 0;
     virtual Longest longest(const Key& key) = 0;

@@ -23,6 +23,7 @@ const struct Advice {
     {OBREG_STATUS_BAD_NAME, ExitFailed, "use names of 1 to 255 bytes without control characters"},
     {OBREG_STATUS_INVALID_PARAMETER, ExitFailed, "give at least one byte of data: an empty value cannot be stored"},
     {OBREG_STATUS_TOO_LARGE, ExitFailed, "keep data of this size in a file, and its path in the registry"},
+    {OBREG_STATUS_QUOTA_EXCEEDED, ExitFailed, "delete what is not needed from this user's tree"},
     {OBREG_STATUS_STORE_FULL, ExitFailed, "make room on the daemon's disk"},
     {OBREG_STATUS_STORE_FAILED, ExitFailed, "the daemon's log says how: \"journalctl -u obregd\""},
 };

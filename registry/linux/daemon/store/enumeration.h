@@ -1,51 +1,20 @@
 // Finding the entry at a position of a key without counting from the first one each time.
 //
 // The store holds a key's sub-keys, and its values, in the order in which they were made, by row number. An entry can
-// be reached from either end or from where the last enumeration of that key stood, whichever is nearest, so reading a
-// key entry by entry, in either direction, takes time in proportion to its entries.
+// be reached from either end or from a place that an earlier reader left (positions.h), whichever is nearest.
 //
-// A KeyFacts belongs to one Store and its thread.
+// Plain values and functions; any thread.
 #ifndef OBREG_DAEMON_STORE_ENUMERATION_H
 #define OBREG_DAEMON_STORE_ENUMERATION_H
 
 #include <cstdint>
 #include <limits>
-#include <unordered_map>
 
-#include "daemon/tree.h"
+#include "obreg/obreg.h"
 
 namespace obregd {
 
-/// Something worked out about keys. It holds for a key until the key changes: the last write time, which grows with
-/// every change, tells.
-template <class Fact>
-class KeyFacts {
-public:
-    const Fact* find(KeyId id, uint64_t written) const
-    {
-        const auto found = m_facts.find(id);
-        return found != m_facts.end() && found->second.written == written ? &found->second.fact : nullptr;
-    }
-
-    void keep(KeyId id, uint64_t written, const Fact& fact)
-    {
-        if (m_facts.size() >= MaxKeys)
-            m_facts.clear();
-        m_facts.insert_or_assign(id, Dated{written, fact});
-    }
-
-    void clear() { m_facts.clear(); }
-
-private:
-    static constexpr size_t MaxKeys = 1024;
-    struct Dated {
-        uint64_t written;
-        Fact fact;
-    };
-    std::unordered_map<KeyId, Dated> m_facts;
-};
-
-/// Where an enumeration stands: `index` entries have rows below `row`.
+/// A place in an enumeration: `index` entries have rows below `row`.
 struct Cursor {
     UINT32 index;
     int64_t row;
@@ -69,6 +38,23 @@ inline Walk shortestWalk(UINT32 index, UINT32 count, const Cursor* pCursor)
     else if (pCursor != nullptr && index < pCursor->index && pCursor->index - index - 1 < walk.skip)
         walk = {false, pCursor->row, pCursor->index - index - 1};
     return walk;
+}
+
+/// A long walk is made in pieces that end at multiples of this, and leaves its traces there.
+inline constexpr UINT32 Stride = 1024;
+
+/// The first piece of a walk to index, and the index at which it ends. A short walk is its own first piece.
+struct Piece {
+    Walk walk;
+    UINT32 end;
+};
+inline Piece firstPiece(const Walk& walk, UINT32 index)
+{
+    if (walk.skip <= Stride)
+        return {walk, index};
+    const UINT32 begin = walk.up ? index - walk.skip : index + walk.skip;
+    const UINT32 end = walk.up ? (begin / Stride + 1) * Stride : begin / Stride * Stride;
+    return {{walk.up, walk.from, walk.up ? end - begin : begin - end}, end};
 }
 
 } // namespace obregd

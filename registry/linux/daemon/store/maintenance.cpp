@@ -12,6 +12,8 @@
 #include <unistd.h>
 
 #include "daemon/files.h"
+#include "daemon/store/facts.h"
+#include "daemon/store/schema.h"
 
 namespace obregd {
 
@@ -21,26 +23,80 @@ constexpr int BusyTimeoutMs = 10000;
 constexpr int WholeStore =
     -1; // in one step, from one state: a daemon that writes meanwhile does not make it start anew
 
-/// Each question gives a sentence for each thing that is wrong.
-constexpr const char* Questions[] = {
-    "SELECT format('key %d says that it has %d sub-keys, but has %d', id, subkey_count, found) FROM "
-    "(SELECT id, subkey_count, (SELECT count(*) FROM regkey AS child WHERE child.parent = regkey.id) AS found "
-    "FROM regkey) WHERE found <> subkey_count LIMIT 100",
+/// Each question gives a sentence for each thing that is wrong. It can be asked of stores of these formats.
+constexpr struct {
+    int firstFormat, lastFormat;
+    const char* pText;
+} Questions[] = {
+    {1, StoreFormat,
+     "SELECT format('key %d says that it has %d sub-keys, but has %d', id, subkey_count, found) FROM "
+     "(SELECT id, subkey_count, (SELECT count(*) FROM regkey AS child WHERE child.parent = regkey.id) AS found "
+     "FROM regkey) WHERE found <> subkey_count LIMIT 100"},
 
-    "SELECT format('key %d says that it has %d values, but has %d', id, value_count, found) FROM "
-    "(SELECT id, value_count, (SELECT count(*) FROM regvalue WHERE key = regkey.id) AS found "
-    "FROM regkey) WHERE found <> value_count LIMIT 100",
+    {1, StoreFormat,
+     "SELECT format('key %d says that it has %d values, but has %d', id, value_count, found) FROM "
+     "(SELECT id, value_count, (SELECT count(*) FROM regvalue WHERE key = regkey.id) AS found "
+     "FROM regkey) WHERE found <> value_count LIMIT 100"},
 
-    "WITH RECURSIVE reached(id) AS (SELECT id FROM regkey WHERE parent = 0 "
-    "UNION ALL SELECT regkey.id FROM regkey JOIN reached ON regkey.parent = reached.id) "
-    "SELECT format('key %d hangs on no root', id) FROM regkey WHERE id NOT IN reached LIMIT 100",
+    {1, StoreFormat,
+     "WITH RECURSIVE reached(id) AS (SELECT id FROM regkey WHERE parent = 0 "
+     "UNION ALL SELECT regkey.id FROM regkey JOIN reached ON regkey.parent = reached.id) "
+     "SELECT format('key %d hangs on no root', id) FROM regkey WHERE id NOT IN reached LIMIT 100"},
 
-    "SELECT format('value %d belongs to key %d, which is not there', id, key) FROM regvalue "
-    "WHERE key NOT IN (SELECT id FROM regkey) LIMIT 100",
+    {1, 1,
+     "SELECT format('value %d belongs to key %d, which is not there', id, key) FROM regvalue "
+     "WHERE key NOT IN (SELECT id FROM regkey) LIMIT 100"},
+    {2, StoreFormat,
+     "SELECT format('value %d belongs to key %d, which is not there', id, key) FROM regvalue "
+     "WHERE key NOT IN (SELECT id FROM regkey UNION ALL SELECT key FROM leftover) LIMIT 100"},
 
-    "SELECT format('key number %d could be given out twice', max(id)) FROM regkey "
-    "HAVING max(id) > ifnull((SELECT seq FROM sqlite_sequence WHERE name = 'regkey'), 0)",
+    {2, StoreFormat,
+     "SELECT format('key %d is to be cleared away, but is there', key) FROM leftover "
+     "WHERE key IN (SELECT id FROM regkey) LIMIT 100"},
+
+    {1, StoreFormat,
+     "SELECT format('key number %d could be given out twice', max(id)) FROM regkey "
+     "HAVING max(id) > ifnull((SELECT seq FROM sqlite_sequence WHERE name = 'regkey'), 0)"},
 };
+
+constexpr size_t MostOfAKind = 100;
+
+/// Whether what is said can be so. When the greatest is not known, all are less than the last that was.
+bool agree(const Greatest& said, const Greatest& found)
+{
+    return said == found || (said.ties == 0 && said.length > found.length && found.ties > 0);
+}
+
+void checkFacts(SQLite::Database& database, std::vector<std::string>& problems)
+{
+    std::vector<std::string> wrong;
+    const auto usage = workOut(database, [&](KeyId id, const Lengths& said, const Lengths& found) {
+        const auto check = [&](const char* pWhat, const Greatest& isSaid, const Greatest& isFound) {
+            if (!agree(isSaid, isFound) && wrong.size() < MostOfAKind)
+                wrong.push_back("key " + std::to_string(id) + " says that its longest " + pWhat + " has " +
+                                std::to_string(isSaid.length) + " bytes (" + std::to_string(isSaid.ties) +
+                                " times), but that has " + std::to_string(isFound.length) + " (" +
+                                std::to_string(isFound.ties) + " times)");
+        };
+        check("sub-key's name", said.subKeyName, found.subKeyName);
+        check("value's name", said.valueName, found.valueName);
+        check("value", said.valueData, found.valueData);
+    });
+    auto said = usageSaid(database);
+    for (const auto& [owner, taken] : usage)
+        said.try_emplace(owner);
+    for (const auto& [owner, isSaid] : said) {
+        const auto found = usage.find(owner);
+        const Usage taken = found == usage.end() ? Usage() : found->second;
+        if ((isSaid.keys != taken.keys || isSaid.bytes != taken.bytes || isSaid.numbers < taken.numbers) &&
+            wrong.size() < 2 * MostOfAKind)
+            wrong.push_back("owner " + std::to_string(owner) + " is said to take " + std::to_string(isSaid.keys) +
+                            " keys of " + std::to_string(isSaid.numbers) + " made and " + std::to_string(isSaid.bytes) +
+                            " bytes, but takes " + std::to_string(taken.keys) + " keys and " +
+                            std::to_string(taken.bytes) + " bytes");
+    }
+    problems.insert(problems.end(), wrong.begin(), wrong.end());
+}
 
 SQLite::Database openToRead(const std::string& path)
 {
@@ -64,11 +120,15 @@ StoreReport examine(SQLite::Database& database)
     if (!report.problems.empty())
         return report; // what a broken file says about itself is worth nothing
 
-    for (const char* pQuestion : Questions)
-        for (SQLite::Statement question(database, pQuestion); question.executeStep();)
-            report.problems.push_back(question.getColumn(0));
+    const int format = database.execAndGet("PRAGMA user_version").getInt();
+    for (const auto& question : Questions)
+        if (format >= question.firstFormat && format <= question.lastFormat)
+            for (SQLite::Statement asked(database, question.pText); asked.executeStep();)
+                report.problems.push_back(asked.getColumn(0));
+    if (format >= 2)
+        checkFacts(database, report.problems);
     report.keys = database.execAndGet("SELECT count(*) FROM regkey").getInt64();
-    report.values = database.execAndGet("SELECT count(*) FROM regvalue").getInt64();
+    report.values = database.execAndGet("SELECT ifnull(sum(value_count), 0) FROM regkey").getInt64();
     return report;
 }
 

@@ -13,15 +13,16 @@
 namespace obregd {
 
 struct StoreReport {
-    int64_t keys = 0; ///< predefined roots included
-    int64_t values = 0;
+    int64_t keys = 0;                  ///< predefined roots included
+    int64_t values = 0;                ///< without those of deleted keys
     std::vector<std::string> problems; ///< a sentence each, the first hundred of a kind; empty for a sound store
 
     std::string summary() const;
 };
 
-/// Checks the file's own structure and that what it says about itself agrees: that each key's counts are those of its
-/// sub-keys and values, that each key hangs on a root, that no value lacks its key, that no key number can come twice.
+/// Checks the file's own structure and that what it says about itself agrees: that each key's counts and
+/// greatest lengths are those of its sub-keys and values, that each key hangs on a root, that no value lacks its key
+/// but those that are to be cleared away, that no key number can come twice, that each owner takes what is said.
 StoreReport checkStore(const std::string& storePath);
 
 /// Copies the store into a new file (0600), which is checked, on disk and complete once it is there; a failure leaves

@@ -1,19 +1,22 @@
 #include "daemon/store/schema.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>
+#include <filesystem>
 #include <stdexcept>
 
+#include "daemon/log.h"
 #include "daemon/store/clock.h"
-#include "daemon/store/store.h"
+#include "daemon/store/facts.h"
+#include "daemon/store/maintenance.h"
+#include "daemon/store/statements.h"
 
 namespace obregd {
 
 namespace {
 
 constexpr int ApplicationId = 0x4F425247; // "OBRG", where the file utility looks for it
-constexpr int SchemaVersion = 1;
 
-constexpr const char* Tables = R"(
+constexpr const char* Format1 = R"(
     CREATE TABLE regkey (
         id INTEGER PRIMARY KEY AUTOINCREMENT,
         parent INTEGER NOT NULL,
@@ -37,10 +40,34 @@ constexpr const char* Tables = R"(
     CREATE INDEX regvalue_order ON regvalue (key);
 )";
 
+constexpr const char* Format2 = R"(
+    ALTER TABLE regkey ADD COLUMN subkey_name_max INTEGER NOT NULL DEFAULT 0;
+    ALTER TABLE regkey ADD COLUMN subkey_name_ties INTEGER NOT NULL DEFAULT 0;
+    ALTER TABLE regkey ADD COLUMN value_name_max INTEGER NOT NULL DEFAULT 0;
+    ALTER TABLE regkey ADD COLUMN value_name_ties INTEGER NOT NULL DEFAULT 0;
+    ALTER TABLE regkey ADD COLUMN value_data_max INTEGER NOT NULL DEFAULT 0;
+    ALTER TABLE regkey ADD COLUMN value_data_ties INTEGER NOT NULL DEFAULT 0;
+
+    CREATE TABLE usage (
+        owner INTEGER PRIMARY KEY,
+        keys INTEGER NOT NULL,
+        bytes INTEGER NOT NULL,
+        numbers INTEGER NOT NULL
+    ) STRICT;
+
+    CREATE TABLE leftover (
+        key INTEGER PRIMARY KEY,
+        owner INTEGER NOT NULL
+    ) STRICT;
+)";
+
+void setFormat(SQLite::Database& database) { database.exec("PRAGMA user_version = " + std::to_string(StoreFormat)); }
+
 void makeTables(SQLite::Database& database)
 {
     database.exec("BEGIN"); // whoever fails before the end closes the database, which undoes it
-    database.exec(Tables);
+    database.exec(Format1);
+    database.exec(Format2);
     SQLite::Statement addRoot(database, "INSERT INTO regkey (id, parent, name, owner, written) VALUES (?, 0, ?, ?, ?)");
     const struct {
         KeyId id;
@@ -56,7 +83,39 @@ void makeTables(SQLite::Database& database)
     }
     database.exec("UPDATE sqlite_sequence SET seq = " + std::to_string(FirstKeyId - 1) + " WHERE name = 'regkey'");
     database.exec("PRAGMA application_id = " + std::to_string(ApplicationId));
-    database.exec("PRAGMA user_version = " + std::to_string(SchemaVersion));
+    setFormat(database);
+    database.exec("COMMIT");
+}
+
+/// A name beside the store that nothing has.
+std::string freeName(const std::string& path)
+{
+    std::string name = path + ".format-1";
+    for (int i = 2; std::filesystem::exists(name); ++i)
+        name = path + ".format-1." + std::to_string(i);
+    return name;
+}
+
+void upgrade(SQLite::Database& database, const std::string& path)
+{
+    const std::string backup = freeName(path);
+    backUpStore(path, backup);
+    logLine(LOG_NOTICE, "%s: is of format 1 and becomes format %d; a copy of it as it was is %s", path.c_str(),
+            StoreFormat, backup.c_str());
+    database.exec("BEGIN IMMEDIATE"); // whoever fails before the end closes the database, which undoes it
+    database.exec(Format2);
+    SQLite::Statement setLengths(database, std::string("UPDATE regkey SET (") + LengthColumns +
+                                               ") = (?2, ?3, ?4, ?5, ?6, ?7) WHERE id = ?1");
+    const auto usage = workOut(database, [&](KeyId id, const Lengths&, const Lengths& found) {
+        const auto& [subKeyName, valueName, valueData] = found;
+        if (subKeyName.ties != 0 || valueName.ties != 0)
+            run(setLengths, id, subKeyName.length, subKeyName.ties, valueName.length, valueName.ties, valueData.length,
+                valueData.ties);
+    });
+    SQLite::Statement addUsage(database, "INSERT INTO usage (owner, keys, bytes, numbers) VALUES (?, ?, ?, ?)");
+    for (const auto& [owner, taken] : usage)
+        run(addUsage, owner, taken.keys, taken.bytes, taken.numbers);
+    setFormat(database);
     database.exec("COMMIT");
 }
 
@@ -74,9 +133,11 @@ const std::string& prepareStoreFile(const std::string& path)
             makeTables(database);
         } else if (id != ApplicationId) {
             throw std::runtime_error(path + ": is not a registry store; give another path with --store");
-        } else if (version != SchemaVersion) {
+        } else if (version == 1) {
+            upgrade(database, path);
+        } else if (version != StoreFormat) {
             throw std::runtime_error(path + ": was written by another version of obregd (format " +
-                                     std::to_string(version) + ", this one knows " + std::to_string(SchemaVersion) +
+                                     std::to_string(version) + ", this one knows " + std::to_string(StoreFormat) +
                                      "); run that version or give another path with --store");
         }
     } catch (const SQLite::Exception& failure) {

@@ -2,8 +2,9 @@
 
 #include <sqlite3.h>
 
-#include "daemon/store/clock.h"
-#include "daemon/store/schema.h"
+#include "daemon/store/enumeration.h"
+#include "daemon/store/facts.h"
+#include "daemon/store/statements.h"
 #include "obreg/roots.h"
 
 namespace obregd {
@@ -12,77 +13,73 @@ namespace {
 
 // Of the store's pages in memory, for each connection; the system's own cache holds the others.
 constexpr const char* ReaderCache = "PRAGMA cache_size = -16384"; // KiB
-constexpr const char* WriterCache = "PRAGMA cache_size = -8192";
 constexpr int BusyTimeoutMs = 5000; // for the writer, against an operator's own look into the file
-constexpr int LogPagesToTidy = 4000;
+constexpr auto MaxStateAge = std::chrono::milliseconds(100);
+constexpr UINT32 BriefWalk = 2000;
+constexpr int64_t BriefData = 64 * 1024;
+constexpr UINT32 FewSteps = 16; // no better place is looked for than an end that is so near
+constexpr size_t MaxWorkedOut = 1024;
 
-/// Resets a statement on leaving a scope, so that it is ready again and holds no lock.
-class Use {
-public:
-    explicit Use(SQLite::Statement& statement) : m_statement(statement) { m_statement.tryReset(); }
-    ~Use() { m_statement.tryReset(); }
-    Use(const Use&) = delete;
-    Use& operator=(const Use&) = delete;
-
-private:
-    SQLite::Statement& m_statement;
-};
-
-/// Sets the parameters from the first on. Text and data are not copied: they outlive the statement's use.
-void bindOne(SQLite::Statement& statement, int index, const std::string& text) { statement.bindNoCopy(index, text); }
-template <class Number>
-void bindOne(SQLite::Statement& statement, int index, Number number)
+/// A number that a store which is not damaged keeps within 32 bits.
+UINT32 uint32At(const SQLite::Statement& row, int column, KeyId key)
 {
-    statement.bind(index, static_cast<int64_t>(number));
-}
-template <class... Values>
-void bindAll(SQLite::Statement& statement, const Values&... values)
-{
-    int index = 0;
-    (bindOne(statement, ++index, values), ...);
+    const SQLite::Column number = row.getColumn(column);
+    if (!number.isInteger() || number.getInt64() < 0 || number.getInt64() > std::numeric_limits<UINT32>::max())
+        throwDamaged(key, "a number of it is out of range");
+    return number.getUInt();
 }
 
-/// Sets the parameters, runs the statement to its end and returns the number of rows changed.
-template <class... Values>
-int run(SQLite::Statement& statement, const Values&... values)
+/// The value in a row: its type, its data unless that is longer than maxData, and its length.
+Value valueAtColumn(const SQLite::Statement& row, int typeColumn, KeyId key, int64_t maxData)
 {
-    const Use use(statement);
-    bindAll(statement, values...);
-    return statement.exec();
-}
-
-UINT32 uint32At(const SQLite::Statement& statement, int column) { return statement.getColumn(column).getUInt(); }
-
-Value valueAtColumn(const SQLite::Statement& statement, int typeColumn)
-{
-    const SQLite::Column data = statement.getColumn(typeColumn + 1);
-    return {uint32At(statement, typeColumn), static_cast<const char*>(data.getBlob()),
+    const UINT32 length = uint32At(row, typeColumn + 2, key);
+    if (length > maxData)
+        throw TooLong();
+    const SQLite::Column data = row.getColumn(typeColumn + 1);
+    if (!data.isBlob())
+        throwDamaged(key, "the data of a value is none");
+    return {uint32At(row, typeColumn, key), static_cast<const char*>(data.getBlob()),
             static_cast<UINT32>(data.getBytes())};
 }
 
+const char* nameAtColumn(const SQLite::Statement& row, int column, KeyId key)
+{
+    if (!row.getColumn(column).isText())
+        throwDamaged(key, "an entry of it has no name");
+    return row.getColumn(column).getText();
+}
+
+// Data is not even read when it is longer than wanted.
+constexpr const char* OneValue = "SELECT type, CASE WHEN length(data) <= ?3 THEN data END, length(data) "
+                                 "FROM regvalue WHERE key = ?1 AND name = ?2";
 constexpr const char* SubKeysUp = "SELECT id, name, written FROM regkey INDEXED BY regkey_order "
                                   "WHERE parent = ?1 AND id >= ?2 ORDER BY id LIMIT 1 OFFSET ?3";
 constexpr const char* SubKeysDown = "SELECT id, name, written FROM regkey INDEXED BY regkey_order "
                                     "WHERE parent = ?1 AND id < ?2 ORDER BY id DESC LIMIT 1 OFFSET ?3";
-constexpr const char* ValuesUp = "SELECT id, name, type, data FROM regvalue INDEXED BY regvalue_order "
-                                 "WHERE key = ?1 AND id >= ?2 ORDER BY id LIMIT 1 OFFSET ?3";
-constexpr const char* ValuesDown = "SELECT id, name, type, data FROM regvalue INDEXED BY regvalue_order "
-                                   "WHERE key = ?1 AND id < ?2 ORDER BY id DESC LIMIT 1 OFFSET ?3";
+constexpr const char* ValuesUp =
+    "SELECT id, name, type, CASE WHEN length(data) <= ?4 THEN data END, length(data) "
+    "FROM regvalue INDEXED BY regvalue_order WHERE key = ?1 AND id >= ?2 ORDER BY id LIMIT 1 OFFSET ?3";
+constexpr const char* ValuesDown =
+    "SELECT id, name, type, CASE WHEN length(data) <= ?4 THEN data END, length(data) "
+    "FROM regvalue INDEXED BY regvalue_order WHERE key = ?1 AND id < ?2 ORDER BY id DESC LIMIT 1 OFFSET ?3";
+constexpr const char* LongestSubKey = "SELECT ifnull(max(length(CAST(name AS BLOB))), 0) FROM regkey WHERE parent = ?";
+constexpr const char* LongestValue = "SELECT ifnull(max(length(CAST(name AS BLOB))), 0), ifnull(max(length(data)), 0) "
+                                     "FROM regvalue WHERE key = ?";
 
 } // namespace
 
 Store::Store(const std::string& path, int flags)
-    : m_database(path, flags | SQLite::OPEN_NOMUTEX, BusyTimeoutMs), m_begin(m_database, "BEGIN"),
-      m_end(m_database, "COMMIT"),
+    : m_database(path, flags | SQLite::OPEN_NOMUTEX, BusyTimeoutMs), m_pShared(sharedOf(path)),
+      m_begin(m_database, "BEGIN"), m_end(m_database, "COMMIT"), m_version(m_database, "PRAGMA data_version"),
       m_key(m_database, "SELECT parent, owner, written, subkey_count, value_count FROM regkey WHERE id = ?"),
+      m_row(m_database, std::string("SELECT owner, written, subkey_count, value_count, ") + LengthColumns +
+                            " FROM regkey WHERE id = ?"),
       m_child(m_database, "SELECT id FROM regkey WHERE parent = ? AND name = ?"),
-      m_lastId(m_database, "SELECT seq FROM sqlite_sequence WHERE name = 'regkey'"),
-      m_value(m_database, "SELECT type, data FROM regvalue WHERE key = ? AND name = ?"),
-      m_longestSubKey(m_database, "SELECT ifnull(max(length(CAST(name AS BLOB))), 0) FROM regkey WHERE parent = ?"),
-      m_longestValue(m_database, "SELECT ifnull(max(length(CAST(name AS BLOB))), 0), ifnull(max(length(data)), 0) "
-                                 "FROM regvalue WHERE key = ?"),
-      m_entriesUp{{m_database, SubKeysUp}, {m_database, ValuesUp}}, m_entriesDown{{m_database, SubKeysDown},
-                                                                                  {m_database, ValuesDown}}
+      m_lastId(m_database, "SELECT seq FROM sqlite_sequence WHERE name = 'regkey'"), m_value(m_database, OneValue),
+      m_hasValue(m_database, "SELECT 1 FROM regvalue WHERE key = ? AND name = ?"),
+      m_longestSubKey(m_database, LongestSubKey),
+      m_longestValue(m_database, LongestValue), m_entriesUp{{m_database, SubKeysUp}, {m_database, ValuesUp}},
+      m_entriesDown{{m_database, SubKeysDown}, {m_database, ValuesDown}}
 {
     m_database.exec(ReaderCache);
 }
@@ -97,15 +94,34 @@ std::optional<Key> Store::key(KeyId id)
                m_key.getColumn(0).getInt64(),
                m_key.getColumn(1).getInt64(),
                static_cast<uint64_t>(m_key.getColumn(2).getInt64()),
-               uint32At(m_key, 3),
-               uint32At(m_key, 4)};
+               uint32At(m_key, 3, id),
+               uint32At(m_key, 4, id)};
+}
+
+Store::Row Store::row(KeyId id)
+{
+    const Use use(m_row);
+    bindAll(m_row, id);
+    if (!m_row.executeStep())
+        throwDamaged(id, "its row is missing");
+    const auto at = [&](int column) { return uint32At(m_row, column, id); };
+    return {m_row.getColumn(0).getInt64(),
+            static_cast<uint64_t>(m_row.getColumn(1).getInt64()),
+            at(2),
+            at(3),
+            {{at(4), at(5)}, {at(6), at(7)}, {at(8), at(9)}}};
 }
 
 std::optional<KeyId> Store::child(KeyId parent, const std::string& name)
 {
     const Use use(m_child);
     bindAll(m_child, parent, name);
-    return m_child.executeStep() ? std::optional<KeyId>(m_child.getColumn(0).getInt64()) : std::nullopt;
+    if (!m_child.executeStep())
+        return std::nullopt;
+    const KeyId id = m_child.getColumn(0).getInt64();
+    if (id < FirstKeyId || id > LastKeyId)
+        throwDamaged(parent, "a sub-key of it has a number that no key can have");
+    return id;
 }
 
 bool Store::wasIssued(KeyId id)
@@ -114,12 +130,37 @@ bool Store::wasIssued(KeyId id)
     return id >= FirstKeyId && m_lastId.executeStep() && id <= m_lastId.getColumn(0).getInt64();
 }
 
+int64_t Store::maxData() const { return m_brief ? BriefData : std::numeric_limits<int64_t>::max(); }
+
 std::optional<Value> Store::value(KeyId key, const std::string& name)
 {
     release();
-    bindAll(m_value, key, name);
+    bindAll(m_value, key, name, maxData());
     m_pHeld = &m_value;
-    return m_value.executeStep() ? std::optional<Value>(valueAtColumn(m_value, 0)) : std::nullopt;
+    if (!m_value.executeStep() || (m_pShared->leftovers.mayBeThere(m_leftoversSeen) && !this->key(key)))
+        return std::nullopt;
+    return valueAtColumn(m_value, 0, key, maxData());
+}
+
+bool Store::hasValue(KeyId key, const std::string& name)
+{
+    const Use use(m_hasValue);
+    bindAll(m_hasValue, key, name);
+    return m_hasValue.executeStep();
+}
+
+SQLite::Statement& Store::walk(Entries entries, const Key& key, const Walk& way, int64_t maxData)
+{
+    release();
+    const auto kind = static_cast<size_t>(entries);
+    SQLite::Statement& statement = way.up ? m_entriesUp[kind] : m_entriesDown[kind];
+    bindAll(statement, key.id, way.from, way.skip);
+    if (entries == Entries::Values)
+        statement.bind(4, maxData);
+    m_pHeld = &statement;
+    if (!statement.executeStep())
+        throwDamaged(key.id, "it has fewer entries than it says");
+    return statement;
 }
 
 SQLite::Statement* Store::entryAt(Entries entries, const Key& key, UINT32 count, UINT32 index)
@@ -127,47 +168,74 @@ SQLite::Statement* Store::entryAt(Entries entries, const Key& key, UINT32 count,
     release();
     if (index >= count)
         return nullptr;
-    KeyFacts<Cursor>& cursors = m_cursors[entries];
-    const Walk walk = shortestWalk(index, count, cursors.find(key.id, key.written));
-    SQLite::Statement& statement = walk.up ? m_entriesUp[entries] : m_entriesDown[entries];
-    bindAll(statement, key.id, walk.from, walk.skip);
-    m_pHeld = &statement;
-    if (!statement.executeStep())
-        return nullptr;
-    cursors.keep(key.id, key.written, {index, statement.getColumn(0).getInt64()});
-    return &statement;
+    Walk way = shortestWalk(index, count, nullptr);
+    if (way.skip <= FewSteps || sqlite3_get_autocommit(m_database.getHandle()) != 0)
+        return &walk(entries, key, way, maxData());
+    const Positions::Place place{key.id, entries, key.written, m_view};
+    way = m_pShared->positions.shortest(place, index, count, way);
+    if (m_brief && way.skip > BriefWalk)
+        throw TooLong();
+    for (;;) {
+        const Piece piece = firstPiece(way, index);
+        const bool arrives = piece.end == index;
+        SQLite::Statement& entry = walk(entries, key, piece.walk, arrives ? maxData() : 0);
+        const Cursor here{piece.end, entry.getColumn(0).getInt64()};
+        m_pShared->positions.leave(place, piece.walk, here);
+        if (arrives)
+            return &entry;
+        way = {way.up, here.row, way.up ? index - here.index : here.index - index - 1};
+    }
 }
 
 std::optional<SubKeyEntry> Store::subKeyAt(const Key& key, UINT32 index)
 {
-    const SQLite::Statement* pRow = entryAt(SubKeys, key, key.subKeys, index);
+    const SQLite::Statement* pRow = entryAt(Entries::SubKeys, key, key.subKeys, index);
     if (pRow == nullptr)
         return std::nullopt;
-    return SubKeyEntry{pRow->getColumn(1).getText(), static_cast<uint64_t>(pRow->getColumn(2).getInt64())};
+    return SubKeyEntry{nameAtColumn(*pRow, 1, key.id), static_cast<uint64_t>(pRow->getColumn(2).getInt64())};
 }
 
 std::optional<ValueEntry> Store::valueAt(const Key& key, UINT32 index)
 {
-    const SQLite::Statement* pRow = entryAt(Values, key, key.values, index);
+    const SQLite::Statement* pRow = entryAt(Entries::Values, key, key.values, index);
     if (pRow == nullptr)
         return std::nullopt;
-    return ValueEntry{pRow->getColumn(1).getText(), valueAtColumn(*pRow, 2)};
+    return ValueEntry{nameAtColumn(*pRow, 1, key.id), valueAtColumn(*pRow, 2, key.id, maxData())};
 }
 
 Longest Store::longest(const Key& key)
 {
-    if (const Longest* pKnown = m_longest.find(key.id, key.written))
-        return *pKnown;
-    const Use useSubKey(m_longestSubKey);
-    const Use useValue(m_longestValue);
-    bindAll(m_longestSubKey, key.id);
-    bindAll(m_longestValue, key.id);
-    m_longestSubKey.executeStep();
-    m_longestValue.executeStep();
-    const Longest longest{uint32At(m_longestSubKey, 0), uint32At(m_longestValue, 0), uint32At(m_longestValue, 1)};
-    m_longest.keep(key.id, key.written, longest);
+    const auto& [subKeyName, valueName, valueData] = row(key.id).lengths;
+    const bool knowsSubKeys = subKeyName.known();
+    const bool knowsValues = valueName.known() && valueData.known();
+    Longest longest{static_cast<UINT32>(subKeyName.length), static_cast<UINT32>(valueName.length),
+                    static_cast<UINT32>(valueData.length)};
+    if (knowsSubKeys && knowsValues)
+        return longest;
+    const auto kept = m_longest.find(key.id);
+    if (kept != m_longest.end() && kept->second.written == key.written)
+        return kept->second.longest;
+    if (m_brief && ((!knowsSubKeys && key.subKeys > BriefWalk) || (!knowsValues && key.values > BriefWalk)))
+        throw TooLong();
+    const auto workOut = [&](SQLite::Statement& statement, std::initializer_list<UINT32*> results) {
+        const Use use(statement);
+        bindAll(statement, key.id);
+        statement.executeStep();
+        int column = 0;
+        for (UINT32* const pResult : results)
+            *pResult = uint32At(statement, column++, key.id);
+    };
+    if (!knowsSubKeys)
+        workOut(m_longestSubKey, {&longest.subKeyName});
+    if (!knowsValues)
+        workOut(m_longestValue, {&longest.valueName, &longest.valueData});
+    if (m_longest.size() >= MaxWorkedOut)
+        m_longest.clear();
+    m_longest.insert_or_assign(key.id, Dated{key.written, longest});
     return longest;
 }
+
+std::map<Owner, Usage> Store::usages() { return usageSaid(m_database); }
 
 void Store::release()
 {
@@ -176,19 +244,48 @@ void Store::release()
     m_pHeld = nullptr;
 }
 
-void Store::forgetFacts()
+void Store::distrust()
 {
-    m_cursors[SubKeys].clear();
-    m_cursors[Values].clear();
+    m_pShared->positions.forget();
     m_longest.clear();
+}
+
+void Store::lookAround()
+{
+    m_view = m_pShared->positions.view();
+    m_leftoversSeen = m_pShared->leftovers.seen();
+}
+
+bool Store::othersWrote()
+{
+    const Use use(m_version);
+    m_version.executeStep();
+    const int64_t version = m_version.getColumn(0).getInt64();
+    const int64_t before = m_versionSeen;
+    m_versionSeen = version;
+    return before != -1 && before != version;
+}
+
+/// Others than this process are at work when something was written, but no commit of its own has been under way since
+/// the last look.
+void Store::beginState()
+{
+    lookAround();
+    const uint64_t over = m_pShared->commitsOver;
+    run(m_begin);
+    m_inState = true;
+    m_stateBegan = Clock::now();
+    if (othersWrote() && m_pShared->commitsBegun == m_commitsSeen)
+        distrust();
+    m_commitsSeen = over;
 }
 
 Store::Snapshot::Snapshot(Store& store) : m_store(store)
 {
-    if (sqlite3_get_autocommit(store.m_database.getHandle()) == 0)
-        return;
-    run(m_store.m_begin);
-    m_store.m_inState = true;
+    if (m_store.m_inState && Clock::now() - m_store.m_stateBegan > MaxStateAge)
+        m_store.refresh();
+    if (sqlite3_get_autocommit(store.m_database.getHandle()) != 0)
+        m_store.beginState();
 }
 
 Store::Snapshot::~Snapshot()
@@ -213,97 +310,6 @@ void Store::refresh()
     m_end.tryReset();
 }
 
-WritableStore::WritableStore(const std::string& path)
-    : Store(prepareStoreFile(path), SQLite::OPEN_READWRITE), m_beginWrite(m_database, "BEGIN IMMEDIATE"),
-      m_commit(m_database, "COMMIT"), m_rollback(m_database, "ROLLBACK"),
-      m_addKey(m_database, "INSERT INTO regkey (parent, name, owner, written) VALUES (?, ?, ?, ?)"),
-      m_touch(m_database, "UPDATE regkey SET written = max(?2, written + 1), subkey_count = subkey_count + ?3, "
-                          "value_count = value_count + ?4 WHERE id = ?1"),
-      m_removeKey(m_database, "DELETE FROM regkey WHERE id = ?"),
-      m_removeValues(m_database, "DELETE FROM regvalue WHERE key = ?"),
-      m_replaceValue(m_database, "UPDATE regvalue SET type = ?3, data = ?4 WHERE key = ?1 AND name = ?2"),
-      m_addValue(m_database, "INSERT INTO regvalue (key, name, type, data) VALUES (?, ?, ?, ?)"),
-      m_removeValue(m_database, "DELETE FROM regvalue WHERE key = ? AND name = ?")
-{
-    m_database.exec(WriterCache);
-    m_database.exec("PRAGMA synchronous = FULL");
-    m_database.exec("PRAGMA secure_delete = FAST");
-    m_database.exec("PRAGMA journal_size_limit = 33554432");
-    // In place of automatic checkpoints, which would delay the answers of the commit that sets them off.
-    const auto note = [](void* pPages, sqlite3*, const char*, int pages) {
-        *static_cast<int*>(pPages) = pages;
-        return SQLITE_OK;
-    };
-    sqlite3_wal_hook(m_database.getHandle(), note, &m_logPages);
-}
-
-void WritableStore::begin() { run(m_beginWrite); }
-
-void WritableStore::commit() { run(m_commit); }
-
-void WritableStore::rollback()
-{
-    release();
-    forgetFacts();               // the times that they go by may come again
-    m_logPages = LogPagesToTidy; // if it was for want of room, some may be had
-    if (sqlite3_get_autocommit(m_database.getHandle()) == 0) {
-        m_rollback.tryExecuteStep();
-        m_rollback.tryReset();
-    }
-}
-
-bool WritableStore::logIsLong() const { return m_logPages >= LogPagesToTidy; }
-
-void WritableStore::tidy()
-{
-    m_logPages = 0;
-    sqlite3_wal_checkpoint_v2(m_database.getHandle(), nullptr, SQLITE_CHECKPOINT_RESTART, nullptr, nullptr);
-}
-
-void WritableStore::touch(KeyId id, int subKeysMore, int valuesMore)
-{
-    run(m_touch, id, timeNow(), subKeysMore, valuesMore);
-}
-
-KeyId WritableStore::addKey(KeyId parent, const std::string& name, Owner owner)
-{
-    run(m_addKey, parent, name, owner, timeNow());
-    const KeyId id = m_database.getLastInsertRowid();
-    if (id > LastKeyId)
-        throw SQLite::Exception("all key numbers have been given out", SQLITE_FULL);
-    touch(parent, 1, 0);
-    return id;
-}
-
-void WritableStore::removeKey(const Key& key)
-{
-    run(m_removeValues, key.id);
-    run(m_removeKey, key.id);
-    touch(key.parent, -1, 0);
-}
-
-void WritableStore::setValue(KeyId key, const std::string& name, UINT32 type, const char* pData, UINT32 length)
-{
-    const auto store = [&](SQLite::Statement& statement) {
-        const Use use(statement);
-        bindAll(statement, key, name, type);
-        statement.bindNoCopy(4, length == 0 ? "" : pData, static_cast<int>(length)); // null would not be a blob
-        return statement.exec();
-    };
-    const bool isNew = store(m_replaceValue) == 0;
-    if (isNew)
-        store(m_addValue);
-    touch(key, 0, isNew ? 1 : 0);
-}
-
-bool WritableStore::removeValue(KeyId key, const std::string& name)
-{
-    if (run(m_removeValue, key, name) == 0)
-        return false;
-    touch(key, 0, -1);
-    return true;
-}
-
 REGSTATUS statusOf(const SQLite::Exception& failure)
 {
     switch (failure.getErrorCode()) {
@@ -314,6 +320,15 @@ REGSTATUS statusOf(const SQLite::Exception& failure)
     default:
         return OBREG_STATUS_STORE_FAILED;
     }
+}
+
+bool isBusy(const SQLite::Exception& failure) { return failure.getErrorCode() == SQLITE_BUSY; }
+
+void throwDamaged(KeyId key, const char* pWhat)
+{
+    throw SQLite::Exception("the store is damaged: key " + std::to_string(key) + ": " + pWhat +
+                                "; --check tells more, restore a backup",
+                            SQLITE_CORRUPT);
 }
 
 } // namespace obregd

@@ -1,21 +1,29 @@
 // The registry on disk: one SQLite file, in write-ahead-log mode.
 //
-// Two tables. regkey holds the keys, each with its parent, the owner of its tree, its last write time and its numbers
-// of sub-keys and values; its row number is the key's handle. regvalue holds the values. Indexes find a child or a
-// value by name, and the entries of a key in order of creation. Values are not clustered by name: that reads a small
-// value half a microsecond faster, but takes three times the space and four times as long from a kilobyte on.
+// Two tables above all. regkey holds the keys, each with its parent, the owner of its tree, its last write time, its
+// numbers of sub-keys and values and their greatest lengths; its row number is the key's handle. regvalue holds the
+// values. Indexes find a child or a value by name, and the entries of a key in order of creation. Values are not
+// clustered by name: that reads a small value half a microsecond faster, but takes three times the space and four times
+// as long from a kilobyte on. schema.h tells of the other tables.
 //
 // A Store reads. The one WritableStore of a process also writes, inside begin() and commit(); other Stores see what has
-// been committed. Each belongs to one thread. Reading never waits for writing.
+// been committed. Each belongs to one thread. Reading never waits for writing. What Stores on one file share (shared.h)
+// has its own locks.
 //
-// Whatever fails throws SQLite::Exception.
+// Whatever fails throws SQLite::Exception, a damaged store too: then with a message that names the key.
 #ifndef OBREG_DAEMON_STORE_STORE_H
 #define OBREG_DAEMON_STORE_STORE_H
 
 #include <SQLiteCpp/SQLiteCpp.h>
+#include <chrono>
+#include <map>
 #include <string>
+#include <unordered_map>
+#include <vector>
 
-#include "daemon/store/enumeration.h"
+#include "daemon/govern/quota.h"
+#include "daemon/store/lengths.h"
+#include "daemon/store/shared.h"
 #include "daemon/tree.h"
 
 namespace obregd {
@@ -31,9 +39,17 @@ public:
     std::optional<KeyId> child(KeyId parent, const std::string& name) override;
     bool wasIssued(KeyId id) override;
     std::optional<Value> value(KeyId key, const std::string& name) override;
+    bool hasValue(KeyId key, const std::string& name) override;
     std::optional<SubKeyEntry> subKeyAt(const Key& key, UINT32 index) override;
     std::optional<ValueEntry> valueAt(const Key& key, UINT32 index) override;
     Longest longest(const Key& key) override;
+
+    /// What all owners' trees take, as it is in the file.
+    std::map<Owner, Usage> usages();
+
+    /// A brief Store throws TooLong instead of working for long: for value data over 64 KiB, a walk of more than 2,000
+    /// entries, and greatest lengths that would have to be looked for among more entries than that. Initially not.
+    void setBrief(bool brief) { m_brief = brief; }
 
     /// Keeps the reads of its lifetime on one state of the store. Inside a write transaction that is so anyway.
     class Snapshot {
@@ -48,7 +64,8 @@ public:
     };
 
     /// Whether one Snapshot reads on where the last one stopped, which spares the locks of a new state. Then refresh()
-    /// has to be called when something new is to be seen. Initially false.
+    /// has to be called when something new is to be seen; a state that is older than a tenth of a second is given up in
+    /// any case, for what others than this process may have written. Initially false.
     void keepState(bool keep);
     /// Lets the next Snapshot see what has been committed by now.
     void refresh();
@@ -56,24 +73,52 @@ public:
 protected:
     Store(const std::string& path, int flags);
 
+    /// What a key's row says beside what a Key tells.
+    struct Row {
+        Owner owner;
+        uint64_t written;
+        int64_t subKeys, values;
+        Lengths lengths;
+    };
+    Row row(KeyId id);
+
     /// Ends the reading whose row the last result points into.
     void release();
-    void forgetFacts();
+    /// Forgets what was worked out: somebody else has written, or what it was worked out from is undone.
+    virtual void distrust();
+    /// What the next state surely holds; before that begins.
+    void lookAround();
+    /// Whether others than this connection have written since the last call.
+    bool othersWrote();
 
     SQLite::Database m_database;
+    const std::shared_ptr<Shared> m_pShared;
 
 private:
-    enum Entries { SubKeys, Values };
+    using Clock = std::chrono::steady_clock;
 
+    void beginState();
     SQLite::Statement* entryAt(Entries entries, const Key& key, UINT32 count, UINT32 index);
+    SQLite::Statement& walk(Entries entries, const Key& key, const Walk& way, int64_t maxData);
+    int64_t maxData() const;
 
-    SQLite::Statement m_begin, m_end, m_key, m_child, m_lastId, m_value, m_longestSubKey, m_longestValue;
+    SQLite::Statement m_begin, m_end, m_version, m_key, m_row, m_child, m_lastId, m_value, m_hasValue, m_longestSubKey,
+        m_longestValue;
     SQLite::Statement m_entriesUp[2], m_entriesDown[2];
     SQLite::Statement* m_pHeld = nullptr;
+    bool m_brief = false;
     bool m_keepState = false;
     bool m_inState = false; // a read transaction is open
-    KeyFacts<Cursor> m_cursors[2];
-    KeyFacts<Longest> m_longest;
+    Clock::time_point m_stateBegan;
+    Positions::View m_view;
+    uint64_t m_leftoversSeen = 0;
+    int64_t m_versionSeen = -1;
+    uint64_t m_commitsSeen = 0;
+    struct Dated {
+        uint64_t written; // the key's: while it is that, the lengths hold
+        Longest longest;
+    };
+    std::unordered_map<KeyId, Dated> m_longest;
 };
 
 class WritableStore final : public Store {
@@ -82,34 +127,86 @@ public:
     /// when it is something else's file or damaged.
     explicit WritableStore(const std::string& path);
 
+    /// Waits a while for a program from outside that holds the store locked; isBusy() knows the failure.
     void begin();
     /// Returns when everything since begin() is on disk.
     void commit();
     /// Undoes everything since begin(). Does not throw.
     void rollback();
-    bool logIsLong() const;
-    /// Moves the log into the file and lets it begin anew. Waits for Stores that are in an older state. Outside begin()
-    /// and commit().
-    void tidy();
 
     /// The name must be new to the parent.
     KeyId addKey(KeyId parent, const std::string& name, Owner owner);
-    /// Removes the key and its values; it must have no sub-keys.
+    /// Removes the key and its values; it must have no sub-keys. Many values stay behind, where nobody sees them, for
+    /// clearSome().
     void removeKey(const Key& key);
     void setValue(KeyId key, const std::string& name, UINT32 type, const char* pData, UINT32 length);
     /// False when there is no such value.
     bool removeValue(KeyId key, const std::string& name);
 
-private:
-    void touch(KeyId id, int subKeysMore, int valuesMore);
+    /// Whether there are values of deleted keys to be cleared away.
+    bool hasToClear() const { return m_hasToClear; }
+    /// Clears away up to that many of them, and not too many bytes. True when more is left.
+    bool clearSome(int maxRows);
 
-    SQLite::Statement m_beginWrite, m_commit, m_rollback, m_addKey, m_touch, m_removeKey, m_removeValues,
-        m_replaceValue, m_addValue, m_removeValue;
+    void setQuota(const Quota& quota) { m_quota = quota; }
+    /// What an owner's trees take, by all that has been done so far.
+    Usage usage(Owner owner) { return accountOf(owner).now; }
+    /// Whether that many keys more, with names of so many bytes together, fit the quota of an owner's tree, and there
+    /// are numbers for them.
+    bool allowsKeys(Owner owner, uint64_t count, uint64_t nameBytes);
+    /// Whether a value fits the quota of its key's tree. One that is not longer than what it replaces does.
+    bool allowsValue(const Key& key, const std::string& name, UINT32 length);
+
+    /// The pages in the log as of the last commit.
+    int logPages() const { return m_logPages; }
+    /// Whether the log has so many pages that they should be moved into the file; 4000 unless set.
+    bool logIsLong() const { return m_logPages >= m_maxLogPages; }
+    void setMaxLogPages(int pages) { m_maxLogPages = pages; }
+    /// Moves what is in the log into the file, as far as no reader needs it there, without waiting for anybody. Returns
+    /// how many pages remain; when none does, the next commit begins the log anew. Outside begin() and commit().
+    int finishTidying();
+    /// Moves the log into the file and lets it begin anew. Waits for Stores that are in an older state. Outside begin()
+    /// and commit().
+    void tidy();
+
+private:
+    struct Account {
+        Usage now, stored;
+    };
+    struct FoundValue {
+        int64_t row, nameLength, dataLength;
+    };
+
+    void writeRow(KeyId id, Row& row);
+    std::optional<FoundValue> findValue(KeyId key, const std::string& name);
+    Account& accountOf(Owner owner);
+    Usage& change(Owner owner);
+    void giveBack(Owner owner, int64_t bytes);
+    void storeUsage();
+    int64_t removeRow(const Key& key);
+    void removeValues(const Key& key);
+    void distrust() override;
+
+    SQLite::Statement m_beginWrite, m_commit, m_rollback, m_addKey, m_setRow, m_removeKey, m_valueBytes, m_removeValues,
+        m_findValue, m_replaceValue, m_addValue, m_removeValue, m_lastValueRow, m_usage, m_setUsage, m_addLeftover,
+        m_firstLeftover, m_leftValues, m_clearValues, m_removeLeftover, m_lastNumber;
+    Quota m_quota;
+    std::unordered_map<Owner, Account> m_accounts; // of those who were met
+    std::vector<Owner> m_changedAccounts;          // since begin()
+    int64_t m_lastValueRowUsed = 0;                // a value's row is not used again while this lives
+    bool m_hasToClear = false;
+    bool m_cleared = false; // the last of it since begin()
     int m_logPages = 0;
+    int m_maxLogPages = 4000;
 };
 
 /// The status that tells a client about a failure of the store.
 REGSTATUS statusOf(const SQLite::Exception& failure);
+/// Whether begin() failed because a program from outside held the store locked: nothing that was to be done is at
+/// fault.
+bool isBusy(const SQLite::Exception& failure);
+/// Throws what says that the store is damaged.
+[[noreturn]] void throwDamaged(KeyId key, const char* pWhat);
 
 } // namespace obregd
 

@@ -1,0 +1,130 @@
+#include "daemon/store/tidier.h"
+
+#include <algorithm>
+#include <limits>
+#include <sqlite3.h>
+#include <utility>
+
+#include "daemon/log.h"
+
+namespace obregd {
+
+namespace {
+
+constexpr auto FirstPause = std::chrono::milliseconds(100);
+constexpr auto LongestPause = std::chrono::seconds(4);
+constexpr auto Quiet = std::chrono::milliseconds(100); // without a commit: the thread does the rest itself
+constexpr int MostRounds = 8;
+constexpr int MostAttempts = 8;
+constexpr int LittleShare = 16; // what is left of a long log when it is the committing thread's turn
+constexpr int LeastPages = 16;
+
+} // namespace
+
+Tidier::Tidier(const std::string& path, WritableStore& store, std::function<void(bool)> tidying)
+    : m_path(path), m_store(store), m_tidying(std::move(tidying)), m_database(path, SQLite::OPEN_READWRITE),
+      m_pause(FirstPause)
+{
+    m_database.execAndGet("PRAGMA schema_version"); // opens the log
+    m_thread = std::thread([this] { work(); });
+}
+
+Tidier::~Tidier()
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        m_over = true;
+    }
+    m_wakeUp.notify_one();
+    m_thread.join();
+}
+
+void Tidier::transactionOver()
+{
+    const int pages = m_store.logPages();
+    const int before = std::exchange(m_pages, pages);
+    if (!m_store.logIsLong() && pages >= before) // nothing to begin, and nothing that could have ended
+        return;
+    const std::lock_guard lock(m_mutex);
+    if (m_phase == Phase::Idle && m_store.logIsLong() && Clock::now() >= m_notBefore) {
+        m_phase = Phase::Moving;
+        m_little = std::max(pages / LittleShare, LeastPages);
+        m_attempts = 0;
+        m_wakeUp.notify_one();
+    } else if (m_phase == Phase::Finishing) {
+        if (pages < before)
+            end(true);
+        else if (++m_attempts > MostAttempts)
+            end(false);
+        else
+            m_store.finishTidying();
+    }
+}
+
+void Tidier::work()
+{
+    std::unique_lock lock(m_mutex);
+    for (;;) {
+        m_wakeUp.wait(lock, [this] { return m_over || m_phase == Phase::Moving; });
+        if (m_over)
+            return;
+        lock.unlock();
+        const bool moved = moveMost();
+        lock.lock();
+        if (m_over)
+            return;
+        if (!moved) {
+            end(false);
+            continue;
+        }
+        m_phase = Phase::Finishing;
+        m_tidying(true);
+        if (m_wakeUp.wait_for(lock, Quiet, [this] { return m_over || m_phase != Phase::Finishing; }))
+            continue;
+        lock.unlock();
+        const auto [pages, done] = move();
+        lock.lock();
+        if (m_phase == Phase::Finishing)
+            end(pages == done);
+    }
+}
+
+/// Moves until little is left; false when a reader or a failure is in the way.
+bool Tidier::moveMost()
+{
+    int before = -1;
+    for (int round = 0; round < MostRounds; ++round) {
+        const auto [pages, moved] = move();
+        if (pages - moved <= m_little)
+            return true;
+        if (moved <= before)
+            return false;
+        before = moved;
+    }
+    return false;
+}
+
+Tidier::Progress Tidier::move()
+{
+    Progress progress{0, 0};
+    const int result = sqlite3_wal_checkpoint_v2(m_database.getHandle(), nullptr, SQLITE_CHECKPOINT_PASSIVE,
+                                                 &progress.pages, &progress.moved);
+    const bool fails = result != SQLITE_OK && result != SQLITE_BUSY;
+    if (fails && !m_failing)
+        logLine(LOG_ERR, "%s: the log cannot be moved into the file: %s; it grows until it can; is the disk full?",
+                m_path.c_str(), sqlite3_errstr(result));
+    m_failing = fails;
+    return result == SQLITE_OK ? progress : Progress{std::numeric_limits<int>::max(), 0};
+}
+
+/// Ends a round of tidying; with the lock held.
+void Tidier::end(bool progress)
+{
+    m_pause = progress ? FirstPause : std::min<Clock::duration>(m_pause * 2, LongestPause);
+    m_notBefore = Clock::now() + (progress ? Clock::duration::zero() : m_pause);
+    if (std::exchange(m_phase, Phase::Idle) == Phase::Finishing)
+        m_tidying(false);
+    m_wakeUp.notify_one();
+}
+
+} // namespace obregd

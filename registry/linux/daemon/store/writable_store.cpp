@@ -1,0 +1,356 @@
+#include <algorithm>
+#include <sqlite3.h>
+
+#include "daemon/store/clock.h"
+#include "daemon/store/schema.h"
+#include "daemon/store/statements.h"
+#include "daemon/store/store.h"
+
+namespace obregd {
+
+namespace {
+
+constexpr const char* WriterCache = "PRAGMA cache_size = -8192"; // KiB
+constexpr UINT32 FewValues = 1000;                               // more than that are cleared away later
+constexpr int64_t FewBytes = int64_t{16} << 20;                  // so are more bytes than that, as far as is known
+constexpr int64_t PieceBytes = int64_t{4} << 20;                 // that clearSome() clears away at once
+
+constexpr const char* SetRow =
+    "UPDATE regkey SET (written, subkey_count, value_count, subkey_name_max, subkey_name_ties, value_name_max, "
+    "value_name_ties, value_data_max, value_data_ties) = (?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10) WHERE id = ?1";
+constexpr const char* ValueBytes =
+    "SELECT ifnull(sum(length(CAST(name AS BLOB)) + length(data)), 0) FROM regvalue WHERE key = ?";
+constexpr const char* FindValue = "SELECT id, length(CAST(name AS BLOB)), length(data) FROM regvalue "
+                                  "WHERE key = ? AND name = ?";
+constexpr const char* LeftValues = "SELECT id, length(CAST(name AS BLOB)) + length(data) FROM regvalue "
+                                   "INDEXED BY regvalue_order WHERE key = ? ORDER BY id LIMIT ?";
+
+int64_t size(const std::string& name) { return static_cast<int64_t>(name.size()); }
+
+} // namespace
+
+WritableStore::WritableStore(const std::string& path)
+    : Store(prepareStoreFile(path), SQLite::OPEN_READWRITE), m_beginWrite(m_database, "BEGIN IMMEDIATE"),
+      m_commit(m_database, "COMMIT"), m_rollback(m_database, "ROLLBACK"),
+      m_addKey(m_database, "INSERT INTO regkey (parent, name, owner, written) VALUES (?, ?, ?, ?)"),
+      m_setRow(m_database, SetRow),
+      m_removeKey(m_database, "DELETE FROM regkey WHERE id = ? RETURNING length(CAST(name AS BLOB))"),
+      m_valueBytes(m_database, ValueBytes), m_removeValues(m_database, "DELETE FROM regvalue WHERE key = ?"),
+      m_findValue(m_database, FindValue),
+      m_replaceValue(m_database, "UPDATE regvalue SET type = ?2, data = ?3 WHERE id = ?1"),
+      m_addValue(m_database, "INSERT INTO regvalue (id, type, data, key, name) VALUES (?, ?, ?, ?, ?)"),
+      m_removeValue(m_database, "DELETE FROM regvalue WHERE id = ?"),
+      m_lastValueRow(m_database, "SELECT ifnull(max(id), 0) FROM regvalue"),
+      m_usage(m_database, "SELECT keys, bytes, numbers FROM usage WHERE owner = ?"),
+      m_setUsage(m_database, "REPLACE INTO usage (owner, keys, bytes, numbers) VALUES (?, ?, ?, ?)"),
+      m_addLeftover(m_database, "INSERT INTO leftover (key, owner) VALUES (?, ?)"),
+      m_firstLeftover(m_database, "SELECT key, owner FROM leftover LIMIT 1"), m_leftValues(m_database, LeftValues),
+      m_clearValues(m_database, "DELETE FROM regvalue INDEXED BY regvalue_order WHERE key = ? AND id <= ?"),
+      m_removeLeftover(m_database, "DELETE FROM leftover WHERE key = ?"),
+      m_lastNumber(m_database, "SELECT seq FROM sqlite_sequence WHERE name = 'regkey'")
+{
+    m_database.exec(WriterCache);
+    m_database.exec("PRAGMA synchronous = FULL");
+    m_database.exec("PRAGMA secure_delete = FAST");
+    m_database.exec("PRAGMA journal_size_limit = 33554432");
+    // In place of automatic checkpoints, which would delay the answers of the commit that sets them off.
+    const auto note = [](void* pPages, sqlite3*, const char*, int pages) {
+        *static_cast<int*>(pPages) = pages;
+        return SQLITE_OK;
+    };
+    sqlite3_wal_hook(m_database.getHandle(), note, &m_logPages);
+    distrust();
+}
+
+void WritableStore::begin()
+{
+    run(m_beginWrite);
+    lookAround();
+    if (othersWrote())
+        distrust();
+}
+
+void WritableStore::commit()
+{
+    storeUsage();
+    ++m_pShared->commitsBegun;
+    run(m_commit);
+    m_pShared->positions.committed();
+    m_pShared->commitsOver = m_pShared->commitsBegun.load();
+    for (const Owner owner : m_changedAccounts)
+        m_accounts[owner].stored = m_accounts[owner].now;
+    m_changedAccounts.clear();
+    if (m_cleared) {
+        m_pShared->leftovers.gone();
+        m_hasToClear = m_cleared = false;
+    }
+}
+
+void WritableStore::rollback()
+{
+    release();
+    m_logPages = std::max(m_logPages, m_maxLogPages); // if it was for want of room, some may be had
+    if (sqlite3_get_autocommit(m_database.getHandle()) == 0) {
+        m_rollback.tryExecuteStep();
+        m_rollback.tryReset();
+    }
+    Store::distrust(); // the times that it goes by may come again
+    m_pShared->commitsOver = m_pShared->commitsBegun.load();
+    for (const Owner owner : m_changedAccounts)
+        m_accounts[owner].now = m_accounts[owner].stored;
+    m_changedAccounts.clear();
+    m_cleared = false;
+}
+
+/// What is known of the file is not to be relied on any more.
+void WritableStore::distrust()
+{
+    Store::distrust();
+    m_accounts.clear();
+    m_changedAccounts.clear();
+    m_lastValueRowUsed = std::max(m_lastValueRowUsed, [this] {
+        const Use use(m_lastValueRow);
+        m_lastValueRow.executeStep();
+        return m_lastValueRow.getColumn(0).getInt64();
+    }());
+    const Use use(m_firstLeftover);
+    m_hasToClear = m_firstLeftover.executeStep();
+    if (m_hasToClear)
+        m_pShared->leftovers.coming();
+}
+
+int WritableStore::finishTidying()
+{
+    int pages = 0;
+    int moved = 0;
+    if (sqlite3_wal_checkpoint_v2(m_database.getHandle(), nullptr, SQLITE_CHECKPOINT_PASSIVE, &pages, &moved) !=
+        SQLITE_OK)
+        return m_logPages;
+    return pages - moved;
+}
+
+void WritableStore::tidy()
+{
+    m_logPages = 0;
+    sqlite3_wal_checkpoint_v2(m_database.getHandle(), nullptr, SQLITE_CHECKPOINT_RESTART, nullptr, nullptr);
+}
+
+/// Writes a key's row, which has changed, with a new time.
+void WritableStore::writeRow(KeyId id, Row& row)
+{
+    row.written = std::max(timeNow(), row.written + 1);
+    auto& [subKeyName, valueName, valueData] = row.lengths;
+    if (row.subKeys == 0)
+        subKeyName = {};
+    if (row.values == 0)
+        valueName = valueData = {};
+    run(m_setRow, id, row.written, row.subKeys, row.values, subKeyName.length, subKeyName.ties, valueName.length,
+        valueName.ties, valueData.length, valueData.ties);
+}
+
+KeyId WritableStore::addKey(KeyId parent, const std::string& name, Owner owner)
+{
+    Row above = row(parent);
+    ++above.subKeys;
+    above.lengths.subKeyName.add(size(name));
+    writeRow(parent, above);
+    run(m_addKey, parent, name, owner, above.written); // no older than its parent, also when the clock was set back
+    const KeyId id = m_database.getLastInsertRowid();
+    if (id > LastKeyId)
+        throw SQLite::Exception("all key numbers have been given out", SQLITE_FULL);
+    Usage& taken = change(owner);
+    ++taken.keys;
+    ++taken.numbers;
+    taken.bytes += name.size();
+    return id;
+}
+
+void WritableStore::removeKey(const Key& key)
+{
+    Row above = row(key.parent);
+    const int64_t nameLength = removeRow(key);
+    if (--above.subKeys < 0 || !above.lengths.subKeyName.remove(nameLength))
+        throwDamaged(key.parent, "it had not the sub-key that is being deleted");
+    writeRow(key.parent, above);
+    m_pShared->positions.removing(key.parent, Entries::SubKeys, above.written, key.id);
+}
+
+/// Removes a key's row and values. Returns the length of its name.
+int64_t WritableStore::removeRow(const Key& key)
+{
+    if (key.values != 0)
+        removeValues(key);
+    const Use use(m_removeKey);
+    bindAll(m_removeKey, key.id);
+    if (!m_removeKey.executeStep())
+        throwDamaged(key.id, "its row is missing");
+    const int64_t nameLength = m_removeKey.getColumn(0).getInt64();
+    m_removeKey.executeStep(); // to its end
+    giveBack(key.owner, nameLength);
+    Usage& taken = change(key.owner);
+    taken.keys -= std::min<uint64_t>(taken.keys, 1);
+    return nameLength;
+}
+
+void WritableStore::removeValues(const Key& key)
+{
+    if (key.values > FewValues || row(key.id).lengths.valueData.length * key.values > FewBytes) {
+        m_pShared->leftovers.coming();
+        m_hasToClear = true;
+        m_cleared = false;
+        run(m_addLeftover, key.id, key.owner);
+        return;
+    }
+    {
+        const Use use(m_valueBytes);
+        bindAll(m_valueBytes, key.id);
+        m_valueBytes.executeStep();
+        giveBack(key.owner, m_valueBytes.getColumn(0).getInt64());
+    }
+    run(m_removeValues, key.id);
+}
+
+bool WritableStore::clearSome(int maxRows)
+{
+    const auto first = [this]() -> std::optional<std::pair<KeyId, Owner>> {
+        const Use use(m_firstLeftover);
+        if (!m_firstLeftover.executeStep())
+            return std::nullopt;
+        return std::pair(m_firstLeftover.getColumn(0).getInt64(), m_firstLeftover.getColumn(1).getInt64());
+    };
+    const auto leftover = first();
+    if (!leftover) {
+        m_cleared = true;
+        return false;
+    }
+    const auto [key, owner] = *leftover;
+    int rows = 0;
+    int64_t bytes = 0;
+    int64_t last = 0;
+    {
+        const Use use(m_leftValues);
+        for (bindAll(m_leftValues, key, maxRows); bytes < PieceBytes && m_leftValues.executeStep(); ++rows) {
+            last = m_leftValues.getColumn(0).getInt64();
+            bytes += m_leftValues.getColumn(1).getInt64();
+        }
+    }
+    run(m_clearValues, key, last);
+    giveBack(owner, bytes);
+    if (rows < maxRows && bytes < PieceBytes)
+        run(m_removeLeftover, key);
+    m_cleared = !first();
+    return !m_cleared;
+}
+
+std::optional<WritableStore::FoundValue> WritableStore::findValue(KeyId key, const std::string& name)
+{
+    const Use use(m_findValue);
+    bindAll(m_findValue, key, name);
+    if (!m_findValue.executeStep())
+        return std::nullopt;
+    const auto at = [this](int column) { return m_findValue.getColumn(column).getInt64(); };
+    return FoundValue{at(0), at(1), at(2)};
+}
+
+void WritableStore::setValue(KeyId key, const std::string& name, UINT32 type, const char* pData, UINT32 length)
+{
+    const auto store = [&](SQLite::Statement& statement, int64_t valueRow) {
+        const Use use(statement);
+        bindAll(statement, valueRow, type);
+        statement.bindNoCopy(3, length == 0 ? "" : pData, static_cast<int>(length)); // null would not be a blob
+        if (&statement == &m_addValue) {
+            statement.bind(4, key);
+            statement.bindNoCopy(5, name);
+        }
+        statement.exec();
+    };
+    Row row = this->row(key);
+    if (const auto old = findValue(key, name)) {
+        store(m_replaceValue, old->row);
+        if (!row.lengths.valueData.remove(old->dataLength))
+            throwDamaged(key, "a value is longer than its longest");
+        if (old->dataLength != length) {
+            giveBack(row.owner, old->dataLength);
+            change(row.owner).bytes += length;
+        }
+    } else {
+        store(m_addValue, ++m_lastValueRowUsed);
+        ++row.values;
+        row.lengths.valueName.add(size(name));
+        change(row.owner).bytes += name.size() + length;
+    }
+    row.lengths.valueData.add(length);
+    writeRow(key, row);
+}
+
+bool WritableStore::removeValue(KeyId key, const std::string& name)
+{
+    const auto old = findValue(key, name);
+    if (!old)
+        return false;
+    Row row = this->row(key);
+    run(m_removeValue, old->row);
+    if (--row.values < 0 || !row.lengths.valueName.remove(old->nameLength) ||
+        !row.lengths.valueData.remove(old->dataLength))
+        throwDamaged(key, "it had not the value that is being deleted");
+    giveBack(row.owner, old->nameLength + old->dataLength);
+    writeRow(key, row);
+    m_pShared->positions.removing(key, Entries::Values, row.written, old->row);
+    return true;
+}
+
+WritableStore::Account& WritableStore::accountOf(Owner owner)
+{
+    if (const auto known = m_accounts.find(owner); known != m_accounts.end())
+        return known->second;
+    const Use use(m_usage);
+    bindAll(m_usage, owner);
+    const auto at = [this](int column) { return static_cast<uint64_t>(m_usage.getColumn(column).getInt64()); };
+    const Usage stored = m_usage.executeStep() ? Usage{at(0), at(1), at(2)} : Usage();
+    return m_accounts.emplace(owner, Account{stored, stored}).first->second;
+}
+
+/// An owner's usage, to be changed.
+Usage& WritableStore::change(Owner owner)
+{
+    Account& account = accountOf(owner);
+    if (std::find(m_changedAccounts.begin(), m_changedAccounts.end(), owner) == m_changedAccounts.end())
+        m_changedAccounts.push_back(owner);
+    return account.now;
+}
+
+void WritableStore::giveBack(Owner owner, int64_t bytes)
+{
+    Usage& taken = change(owner);
+    taken.bytes -= std::min(taken.bytes, static_cast<uint64_t>(bytes));
+}
+
+void WritableStore::storeUsage()
+{
+    for (const Owner owner : m_changedAccounts) {
+        auto& [now, stored] = m_accounts[owner];
+        if (now != stored)
+            run(m_setUsage, owner, now.keys, now.bytes, now.numbers);
+    }
+}
+
+bool WritableStore::allowsKeys(Owner owner, uint64_t count, uint64_t nameBytes)
+{
+    const Usage taken = usage(owner);
+    const Use use(m_lastNumber);
+    const int64_t given = m_lastNumber.executeStep() ? m_lastNumber.getColumn(0).getInt64() : 0;
+    return taken.keys + count <= m_quota.keys && taken.bytes + nameBytes <= m_quota.bytes &&
+           leavesNumbers(taken, count, LastKeyId - ReservedKeyNumbers - given);
+}
+
+bool WritableStore::allowsValue(const Key& key, const std::string& name, UINT32 length)
+{
+    const uint64_t taken = usage(key.owner).bytes;
+    if (taken + name.size() + length <= m_quota.bytes)
+        return true;
+    const auto old = findValue(key.id, name);
+    return old &&
+           (length <= old->dataLength || taken - static_cast<uint64_t>(old->dataLength) + length <= m_quota.bytes);
+}
+
+} // namespace obregd
