@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""The manual against what it describes: man_test.py PAGES INCLUDES LIBRARY PROGRAM...
+"""The manual against what it describes: man_test.py PAGES INCLUDES PROGRAM...
 
 PAGES is the folder of the rendered pages and of the joined sources beside them, INCLUDES that of the headers. Every
-exported function, every status, every option of the programs and of their verbs must have its page and its line there,
-and the examples must compile.
+function's page must be whole, every option of the programs and of their verbs have its line, and the examples compile.
+(That there is a page for each function, and a line for each status, is code_test.py's affair.)
 """
 
 import os
@@ -12,7 +12,7 @@ import subprocess
 import sys
 import tempfile
 
-pages, includes, library, *programs = sys.argv[1:]
+pages, includes, *programs = sys.argv[1:]
 mistakes = []
 
 
@@ -84,22 +84,14 @@ def check_library():
     declared = {}
     for declaration in re.findall(r"^OBREG_API (REGSTATUS \w+\([^;]*;)", headers, re.M):
         declared[re.search(r"(\w+)\(", declaration).group(1)] = declaration
-    exported = {line.split()[-1] for line in run("nm", "-D", "--defined-only", library).splitlines()}
-    functions = {name for name in exported if re.fullmatch(r"OBReg\w+", name)} - {"OBRegForkHandler"}
-    expect(functions == set(declared), f"exported {sorted(functions)}, declared {sorted(declared)}")
-    for name in sorted(functions & set(declared)):
-        check_function(name, declared[name])
+    expect(len(declared) == headers.count("\nOBREG_API "), "not all of the headers' functions can be found")
+    for name, declaration in declared.items():
+        check_function(name, declaration)
 
     overview = page("obreg.7")
-    statuses = re.findall(r"#define (OBREG_STATUS_\w+) \(\(REGSTATUS\)(0x\w{8})u\)", headers)
-    expect(len(statuses) > 10, "the headers' statuses cannot be found")
-    for name, value in statuses:
-        expect(f"\n*{name}*, {value}\n" in overview, f"obreg.7: {name} {value} has no line")
-    for name in re.findall(r"#define ((?:REG_|HKEY_)\w+) ", headers):
+    for name in re.findall(r"#define ((?:REG_|HKEY_|OBREG_STATUS_)\w+) ", headers):
         if not name.endswith("_KEY"):
             expect(f"*{name}*" in overview, f"obreg.7: {name} is missing")
-    for name in sorted(functions):
-        expect(f"*{name}*(3)" in overview, f"obreg.7: {name} is missing")
     check_compiles("obreg.7", code(section(overview, "# DESCRIPTION")))
 
 

@@ -39,8 +39,6 @@
 #define OBREG_STATUS_KEY_DELETED ((REGSTATUS)0xC7F203FAu)
 /* A key with sub-keys is not deleted. */
 #define OBREG_STATUS_KEY_HAS_SUBKEYS ((REGSTATUS)0xC7F203FCu)
-/* The user has as much as a user may have. */
-#define OBREG_STATUS_QUOTA_EXCEEDED ((REGSTATUS)0xC7F20718u)
 /* The store failed; the daemon's log says how. */
 #define OBREG_STATUS_STORE_FAILED ((REGSTATUS)0xC7F203F7u)
 

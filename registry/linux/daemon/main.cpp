@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <exception>
 #include <malloc.h>
+#include <map>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -56,9 +57,42 @@ private:
     uint64_t m_peak = 0; // since the last return
 };
 
+/// Shows what the users' trees take among the figures; to be called now and then.
+class UsageFigures {
+public:
+    explicit UsageFigures(Store& store) : m_store(store) {}
+
+    void operator()()
+    {
+        const uint64_t commits = figureValues[static_cast<size_t>(Figure::Commits)].load(std::memory_order_relaxed);
+        if (std::exchange(m_commits, commits) == commits)
+            return;
+        for (const auto& [owner, usage] : m_store.usages()) {
+            if (owner < 0)
+                continue;
+            std::shared_ptr<UserCounts>& pCounts = m_counts[owner];
+            if (pCounts == nullptr)
+                pCounts = countsOf(static_cast<uid_t>(owner));
+            set(*pCounts, UserFigure::Keys, usage.keys);
+            set(*pCounts, UserFigure::Bytes, usage.bytes);
+        }
+    }
+
+private:
+    static void set(UserCounts& counts, UserFigure figure, uint64_t number)
+    {
+        counts[static_cast<size_t>(figure)].store(number, std::memory_order_relaxed);
+    }
+
+    Store& m_store;
+    uint64_t m_commits = ~uint64_t{0};
+    std::map<Owner, std::shared_ptr<UserCounts>> m_counts;
+};
+
 /// What the serving thread does from time to time beside serving.
-void addChores(Server& server, ListeningSocket& socket, std::optional<std::chrono::microseconds> watchdog)
+void addChores(Server& server, ListeningSocket& socket, Store& store, std::optional<std::chrono::microseconds> watchdog)
 {
+    server.every(std::chrono::seconds(1), UsageFigures(store));
     server.every(std::chrono::seconds(1), [&] {
         if (socket.restore())
             server.listenOn(socket.releaseDescriptor());
@@ -83,11 +117,12 @@ void serve(const Options& options)
     makeFolder(folderOf(options.storePath));
     const StoreLock storeLock(options.storePath);
     WritableStore writableStore(options.storePath);
+    writableStore.setQuota(options.quota);
     Store store(options.storePath);
     ListeningSocket socket =
         activated.get() < 0 ? ListeningSocket(options.socketPath) : ListeningSocket(std::move(activated));
     Server server(socket.releaseDescriptor(), store, writableStore, options.limits);
-    addChores(server, socket, watchdog);
+    addChores(server, socket, store, watchdog);
     logLine(LOG_NOTICE, "listening on %s, storing in %s", socket.path().c_str(), options.storePath.c_str());
     systemd::notify("READY=1");
     server.run();

@@ -39,6 +39,13 @@ std::optional<Options> parseOptions(int argc, const char* const* argv, int* pExi
                    "The same for all clients of one user [max-held / 2, at least 2 x max-payload]")
         ->transform(asSize)
         ->type_name("SIZE");
+    app.add_option("--quota-bytes", options.quota.bytes, "Names and data that a user's tree may hold")
+        ->transform(asSize)
+        ->type_name("SIZE")
+        ->default_str("1G");
+    app.add_option("--quota-keys", options.quota.keys, "Keys that a user's tree may hold")
+        ->type_name("NUMBER")
+        ->capture_default_str();
     app.add_option("--quota-requests", limits.maxRequests, "Requests of one user in a second; 0: any number")
         ->type_name("NUMBER")
         ->capture_default_str();

@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 
+#include "daemon/govern/quota.h"
+
 namespace obregd {
 
 inline constexpr size_t MiB = size_t{1024} * 1024;
@@ -37,6 +39,7 @@ struct Options {
     bool check = false;                    ///< check the store instead of serving
     std::optional<std::string> backupPath; ///< copy the store there instead of serving
     Limits limits;
+    Quota quota;
     int verbosity = 0;
 };
 

@@ -15,11 +15,15 @@ constexpr size_t PagesOfOne = 8192; // what a small write adds to the log, about
 constexpr size_t Large = size_t{256} * 1024;
 constexpr int PauseFactor = 3;
 
+// Values of deleted keys that are cleared in one transaction: when nobody waits, and after each batch.
+constexpr int ManyRows = 2000;
+constexpr int FewRows = 200;
+
 } // namespace
 
 Committer::Committer(WritableStore& store, WriteGuard* pGuard, JobQueue& queue, Callbacks callbacks)
     : m_store(store), m_queue(queue), m_callbacks(std::move(callbacks)), m_transactions(store, pGuard),
-      m_thread([this] { work(); })
+      m_tidier(store.path(), store, m_callbacks.tidying), m_thread([this] { work(); })
 {}
 
 Committer::~Committer()
@@ -30,11 +34,29 @@ Committer::~Committer()
 
 void Committer::work()
 {
-    while (JobPtr pFirst = m_queue.pop(INT_MAX)) {
+    for (;;) {
+        while (m_queue.isIdle() && clear(ManyRows)) {
+        }
+        JobPtr pFirst = m_queue.pop(INT_MAX);
+        if (pFirst == nullptr)
+            break;
         m_callbacks.answered(runBatch(std::move(pFirst)));
-        tidy();
+        m_tidier.transactionOver();
+        clear(FewRows);
     }
     m_callbacks.ended();
+}
+
+/// Clears some of what deleted keys have left behind; whether there is more, and it can be done.
+bool Committer::clear(int rows)
+{
+    if (!m_store.hasToClear())
+        return false;
+    bool more = false;
+    const auto clearSome = [&] { more = m_store.clearSome(rows); };
+    const bool done = m_transactions.runOne(std::ref(clearSome));
+    m_tidier.transactionOver();
+    return done && more;
 }
 
 /// Runs a job, and those whose turn is next.
@@ -63,15 +85,6 @@ void Committer::done(const JobList& batch, Clock::duration taken)
         const double share = pJob->cost() < Large ? 0 : static_cast<double>(pJob->cost()) / cost;
         m_queue.done(*pJob, std::chrono::duration_cast<Clock::duration>(taken * PauseFactor * share));
     }
-}
-
-void Committer::tidy()
-{
-    if (!m_store.logIsLong())
-        return;
-    m_callbacks.tidying(true);
-    m_store.tidy();
-    m_callbacks.tidying(false);
 }
 
 } // namespace obregd

@@ -5,6 +5,8 @@
 // many clients share one wait for the disk, nobody waits for all that somebody else has asked for, and an answer means:
 // it is there.
 //
+// What deleted keys have left behind is cleared while nobody waits, and bit by bit while somebody does.
+//
 // The callbacks come on the committer's own thread and must not block. That thread is the only one that uses the
 // writable store meanwhile.
 #ifndef OBREG_DAEMON_SERVE_COMMITTER_H
@@ -14,6 +16,7 @@
 #include <thread>
 
 #include "daemon/serve/transactions.h"
+#include "daemon/store/tidier.h"
 
 namespace obregd {
 
@@ -21,7 +24,8 @@ class Committer {
 public:
     struct Callbacks {
         std::function<void(JobList&&)> answered; ///< a batch is durable, or refused
-        std::function<void(bool)> tidying;       ///< the store is about to be tidied: readers keep no state; over again
+        std::function<void(bool)> tidying;       ///< readers are to keep no state from now on, or may again; from the
+                                                 ///< tidier's thread too
         std::function<void()> ended;             ///< after the queue's finish(): the last batch has been answered
     };
 
@@ -35,12 +39,13 @@ private:
     void work();
     JobList runBatch(JobPtr pFirst);
     void done(const JobList& batch, Clock::duration taken);
-    void tidy();
+    bool clear(int rows);
 
     WritableStore& m_store;
     JobQueue& m_queue;
     Callbacks m_callbacks;
     Transactions m_transactions;
+    Tidier m_tidier;
     std::thread m_thread; // last: it uses all the others
 };
 

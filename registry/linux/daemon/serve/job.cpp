@@ -98,10 +98,10 @@ void JobQueue::done(const Job& job, Clock::duration pause)
     m_wakeUp.notify_one();
 }
 
-bool JobQueue::empty() const
+bool JobQueue::isIdle() const
 {
     const std::lock_guard lock(m_mutex);
-    return m_turns.empty();
+    return m_turns.empty() && !m_finishing;
 }
 
 void JobQueue::finish()

@@ -144,7 +144,8 @@ public:
     /// A job is done. With a pause, its user comes last for that long, if others have asked for something lately.
     void done(const Job& job, Clock::duration pause = {});
 
-    bool empty() const;
+    /// Whether pop() would have to wait.
+    bool isIdle() const;
 
     /// Lets pop() end.
     void finish();

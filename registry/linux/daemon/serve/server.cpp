@@ -72,6 +72,7 @@ Server::Server(int listeningDescriptor, Store& store, WritableStore& writableSto
       m_committer(writableStore, pGuard, m_writes, committerCallbacks())
 {
     listenOn(listeningDescriptor);
+    m_store.setBrief(true);
     m_store.keepState(true);
     every(std::chrono::milliseconds(1000 * m_limits.maxArrival / LooksPerArrival), [this] { lookForOverdue(); });
 }

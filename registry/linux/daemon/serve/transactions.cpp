@@ -1,7 +1,6 @@
 #include "daemon/serve/transactions.h"
 
 #include <new>
-#include <sqlite3.h>
 
 #include "obreg/roots.h"
 
@@ -63,7 +62,7 @@ std::optional<Transactions::Failure> Transactions::transact(const std::function<
         count(Figure::Commits);
         return std::nullopt;
     } catch (const SQLite::Exception& failure) {
-        return fail(statusOf(failure), failure.getErrorCode() == SQLITE_BUSY, failure.what());
+        return fail(statusOf(failure), isBusy(failure), failure.what());
     } catch (const std::bad_alloc&) {
         return fail(OBREG_STATUS_STORE_FAILED, false, "out of memory");
     } catch (const std::exception& failure) {
