@@ -1,5 +1,5 @@
-// What guards the daemon's process: a log that never waits, a store that stays its own, a socket that stays reachable,
-// and systemd, which watches it.
+// What guards the daemon's process: a log that never waits, a store that stays its own, room to cure a full disk, a
+// socket that stays reachable, and systemd, which watches it.
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -7,13 +7,17 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <string>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <thread>
 #include <unistd.h>
 
 #include "daemon/files.h"
 #include "daemon/log.h"
+#include "daemon/store/diskspace.h"
 #include "daemon/store/store.h"
 #include "support/raw_client.h"
 #include "support/running_daemon.h"
@@ -146,6 +150,118 @@ TEST_F(Guard, TheStoresFilesAreWatched)
         std::filesystem::rename(path + ".away", path);
         EXPECT_TRUE(kept());
     }
+}
+
+/// A store on a disk of its own, written as the committer does it.
+class SmallDisk : public Guard {
+protected:
+    static constexpr uint64_t MiB = uint64_t{1024} * 1024;
+    static constexpr uint64_t PerWrite = uint64_t{64} * 1024; // pages of the tree that change along with a value
+
+    ~SmallDisk() override { umount2(m_disk.c_str(), MNT_DETACH); }
+
+    static bool mounted(const std::string& at)
+    {
+        return std::filesystem::create_directory(at) && mount("none", at.c_str(), "tmpfs", 0, "size=32m") == 0;
+    }
+
+    void tidy()
+    {
+        m_writer.tidy();
+        m_inLog = 0;
+    }
+
+    template <class Action>
+    bool commits(uint64_t bytes, Action action)
+    {
+        if (m_inLog / 4096 >= static_cast<uint64_t>(m_space.logPages()))
+            tidy();
+        try {
+            m_writer.begin();
+            action();
+            m_writer.commit();
+            m_inLog += bytes + PerWrite;
+            return true;
+        } catch (const SQLite::Exception& failure) {
+            EXPECT_EQ(failure.getErrorCode(), SQLITE_FULL) << failure.what();
+            m_writer.rollback();
+            return false;
+        }
+    }
+
+    bool maySet(uint64_t bytes)
+    {
+        SQLite::Database database(m_path);
+        const int64_t freePages = database.execAndGet("PRAGMA freelist_count").getInt64();
+        const uint64_t freeInFile = 4096 * static_cast<uint64_t>(freePages);
+        if (m_space.mayGrow({bytes + PerWrite, m_inLog, freeInFile}))
+            return true;
+        tidy();
+        return m_space.mayGrow({bytes + PerWrite, m_inLog, freeInFile});
+    }
+
+    bool set(const std::string& name, const std::string& data)
+    {
+        return commits(data.size(), [&] {
+            m_writer.setValue(MachineId, name, REG_BINARY, data.data(), static_cast<UINT32>(data.size()));
+        });
+    }
+
+    bool remove(const std::string& name)
+    {
+        const auto action = [&] { EXPECT_TRUE(m_writer.removeValue(MachineId, name)); };
+        if (commits(0, action))
+            return true;
+        m_space.release();
+        tidy();
+        return commits(0, action);
+    }
+
+    /// A file of somebody else's, in all the room that is left.
+    void fill() const
+    {
+        std::ofstream file(m_disk + "/stranger", std::ios::binary);
+        const std::string page(4096, 'x');
+        while (file.write(page.data(), 4096).flush()) {
+        }
+    }
+
+    std::string m_disk = m_folder + "/disk";
+    bool m_mounted = mounted(m_disk);
+    std::string m_path = m_disk + "/store";
+    StoreLock m_lock{m_path};
+    DiskSpace m_space{m_path};
+    WritableStore m_writer{m_path};
+    uint64_t m_inLog = 0;
+};
+
+TEST_F(SmallDisk, IsCuredByDeletions)
+{
+    ASSERT_TRUE(m_mounted);
+    std::ofstream(m_disk + "/ballast") << std::string(4 * MiB, 'x');
+    EXPECT_EQ(std::filesystem::file_size(m_path + "-reserve"), MiB);
+    const std::string data(10000, 'd');
+    int count = 0;
+    while (maySet(data.size()))
+        ASSERT_TRUE(set(std::to_string(count++), data)) << "what may be done can be done";
+    EXPECT_GT(count * data.size(), 15 * MiB) << "most of the disk is for the store";
+    SQLite::Database(m_path).exec("PRAGMA wal_checkpoint(TRUNCATE)"); // as an end and a new start do
+    m_inLog = 0;
+    fill();
+    EXPECT_FALSE(set("more", std::string(2 * MiB, 'd'))) << "another one's file may come in between";
+    for (int i = 0; i < count; ++i)
+        ASSERT_TRUE(remove(std::to_string(i))) << i;
+    EXPECT_FALSE(std::filesystem::exists(m_path + "-reserve")) << "it was of use";
+
+    for (int i = 0; i < count / 2; ++i) { // what deletions have freed is room, though none of it is the disk's
+        ASSERT_TRUE(maySet(data.size())) << i;
+        ASSERT_TRUE(set(std::to_string(i), data)) << i;
+    }
+    std::filesystem::remove(m_disk + "/stranger");
+    std::filesystem::remove(m_disk + "/ballast");
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    EXPECT_TRUE(maySet(data.size()));
+    EXPECT_EQ(std::filesystem::file_size(m_path + "-reserve"), MiB) << "made anew";
 }
 
 TEST_F(Guard, ARemovedSocketIsMadeAgain)

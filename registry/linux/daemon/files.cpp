@@ -97,6 +97,12 @@ std::string folderOf(const std::string& path)
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
+std::string realPath(const std::string& path)
+{
+    const std::unique_ptr<char, decltype(&std::free)> pReal(realpath(path.c_str(), nullptr), &std::free);
+    return pReal ? pReal.get() : path;
+}
+
 void makeFolder(const std::string& path)
 {
     struct stat found;
@@ -154,8 +160,7 @@ StoreLock::StoreLock(const std::string& path)
 StoreIdentity::StoreIdentity(const std::string& storePath)
 {
     // SQLite puts the log beside the file itself, wherever links lead.
-    const std::unique_ptr<char, decltype(&std::free)> pReal(realpath(storePath.c_str(), nullptr), &std::free);
-    const std::string real = pReal ? pReal.get() : storePath;
+    const std::string real = realPath(storePath);
     m_parts = {{{storePath, fileAt(storePath, 0)}, {real + "-wal", {}}, {real + "-shm", {}}}};
     if (!m_parts[0].file)
         failErrno(storePath, "cannot be looked at");

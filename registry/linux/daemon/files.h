@@ -18,6 +18,9 @@ namespace obregd {
 /// The folder that holds path; "." for a bare name.
 std::string folderOf(const std::string& path);
 
+/// Where path leads when links are followed; path itself when nothing is there.
+std::string realPath(const std::string& path);
+
 /// Makes the folder, its missing parents included, open to all for reading (0755). One that exists is left as it is.
 void makeFolder(const std::string& path);
 

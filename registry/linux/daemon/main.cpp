@@ -14,6 +14,8 @@
 #include "daemon/log.h"
 #include "daemon/options.h"
 #include "daemon/serve/server.h"
+#include "daemon/serve/storeguard.h"
+#include "daemon/store/diskspace.h"
 #include "daemon/store/maintenance.h"
 #include "daemon/systemd.h"
 
@@ -31,10 +33,12 @@ void raiseDescriptorLimit()
     }
 }
 
-/// Lets big buffers come from the system and go back to it one by one, and the others from few places.
+/// Lets big buffers come from the system and go back to it one by one, and the others from few places, which keep what
+/// is used again at once. Left to themselves these limits grow with the biggest buffer that there was.
 void setUpMemory()
 {
-    mallopt(M_MMAP_THRESHOLD, int{MiB});
+    mallopt(M_MMAP_THRESHOLD, int{8 * MiB});
+    mallopt(M_TRIM_THRESHOLD, int{16 * MiB});
     mallopt(M_ARENA_MAX, 2);
 }
 
@@ -116,12 +120,16 @@ void serve(const Options& options)
     }
     makeFolder(folderOf(options.storePath));
     const StoreLock storeLock(options.storePath);
+    DiskSpace diskSpace(options.storePath);
     WritableStore writableStore(options.storePath);
     writableStore.setQuota(options.quota);
+    writableStore.setMaxLogPages(diskSpace.logPages());
     Store store(options.storePath);
+    StoreIdentity storeIdentity(options.storePath);
     ListeningSocket socket =
         activated.get() < 0 ? ListeningSocket(options.socketPath) : ListeningSocket(std::move(activated));
-    Server server(socket.releaseDescriptor(), store, writableStore, options.limits);
+    StoreGuard guard(writableStore, storeIdentity, diskSpace);
+    Server server(socket.releaseDescriptor(), store, writableStore, options.limits, &guard);
     addChores(server, socket, store, watchdog);
     logLine(LOG_NOTICE, "listening on %s, storing in %s", socket.path().c_str(), options.storePath.c_str());
     systemd::notify("READY=1");

@@ -157,6 +157,8 @@ public:
     /// Whether a value fits the quota of its key's tree. One that is not longer than what it replaces does.
     bool allowsValue(const Key& key, const std::string& name, UINT32 length);
 
+    /// The pages that the file has and does not use.
+    uint64_t freePages();
     /// The pages in the log as of the last commit.
     int logPages() const { return m_logPages; }
     /// Whether the log has so many pages that they should be moved into the file; 4000 unless set.
@@ -165,9 +167,6 @@ public:
     /// Moves what is in the log into the file, as far as no reader needs it there, without waiting for anybody. Returns
     /// how many pages remain; when none does, the next commit begins the log anew. Outside begin() and commit().
     int finishTidying();
-    /// Moves the log into the file and lets it begin anew. Waits for Stores that are in an older state. Outside begin()
-    /// and commit().
-    void tidy();
 
 private:
     struct Account {
@@ -189,7 +188,7 @@ private:
 
     SQLite::Statement m_beginWrite, m_commit, m_rollback, m_addKey, m_setRow, m_removeKey, m_valueBytes, m_removeValues,
         m_findValue, m_replaceValue, m_addValue, m_removeValue, m_lastValueRow, m_usage, m_setUsage, m_addLeftover,
-        m_firstLeftover, m_leftValues, m_clearValues, m_removeLeftover, m_lastNumber;
+        m_firstLeftover, m_leftValues, m_clearValues, m_removeLeftover, m_lastNumber, m_freePages;
     Quota m_quota;
     std::unordered_map<Owner, Account> m_accounts; // of those who were met
     std::vector<Owner> m_changedAccounts;          // since begin()

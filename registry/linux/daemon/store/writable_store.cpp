@@ -47,7 +47,8 @@ WritableStore::WritableStore(const std::string& path)
       m_firstLeftover(m_database, "SELECT key, owner FROM leftover LIMIT 1"), m_leftValues(m_database, LeftValues),
       m_clearValues(m_database, "DELETE FROM regvalue INDEXED BY regvalue_order WHERE key = ? AND id <= ?"),
       m_removeLeftover(m_database, "DELETE FROM leftover WHERE key = ?"),
-      m_lastNumber(m_database, "SELECT seq FROM sqlite_sequence WHERE name = 'regkey'")
+      m_lastNumber(m_database, "SELECT seq FROM sqlite_sequence WHERE name = 'regkey'"),
+      m_freePages(m_database, "PRAGMA freelist_count")
 {
     m_database.exec(WriterCache);
     m_database.exec("PRAGMA synchronous = FULL");
@@ -119,6 +120,12 @@ void WritableStore::distrust()
         m_pShared->leftovers.coming();
 }
 
+uint64_t WritableStore::freePages()
+{
+    const Use use(m_freePages);
+    return m_freePages.executeStep() ? static_cast<uint64_t>(m_freePages.getColumn(0).getInt64()) : 0;
+}
+
 int WritableStore::finishTidying()
 {
     int pages = 0;
@@ -127,12 +134,6 @@ int WritableStore::finishTidying()
         SQLITE_OK)
         return m_logPages;
     return pages - moved;
-}
-
-void WritableStore::tidy()
-{
-    m_logPages = 0;
-    sqlite3_wal_checkpoint_v2(m_database.getHandle(), nullptr, SQLITE_CHECKPOINT_RESTART, nullptr, nullptr);
 }
 
 /// Writes a key's row, which has changed, with a new time.
