@@ -167,7 +167,7 @@ protected:
 
     void tidy()
     {
-        m_writer.tidy();
+        m_writer.finishTidying();
         m_inLog = 0;
     }
 

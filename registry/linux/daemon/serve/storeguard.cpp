@@ -7,16 +7,21 @@ namespace obregd {
 namespace {
 
 constexpr uint64_t PageSize = 4096;
-constexpr uint64_t PagesOfOne = 4;             // that a small write changes, about
-constexpr uint64_t Step = uint64_t{64} * 1024; // the disk is asked for so much at a time
+constexpr uint64_t PagesOfOne = 3;             // that a small write changes, when it comes with others
+constexpr uint64_t Step = uint64_t{64} * 1024; // what the first one may take; so much is asked for at a time
+
+uint64_t toWrite(const Job& job) { return job.cost() + PagesOfOne * PageSize; }
 
 } // namespace
 
-void StoreGuard::look()
+void StoreGuard::look(const Job& first)
 {
     m_kept = m_identity.isKept();
-    m_wanted = 0;
+    m_wanted = Step;
     m_granted = 0;
+    m_inLog = static_cast<uint64_t>(m_store.logPages()) * PageSize;
+    if (m_kept && !first.pOperation->frees && !grants(m_wanted + toWrite(first)))
+        tidy();
 }
 
 REGSTATUS StoreGuard::judge(const Job& job)
@@ -25,22 +30,31 @@ REGSTATUS StoreGuard::judge(const Job& job)
         return OBREG_STATUS_STORE_FAILED;
     if (job.pOperation->frees)
         return OBREG_STATUS_SUCCESS;
-    const uint64_t wanted = m_wanted + job.cost() + PagesOfOne * PageSize;
-    if (wanted > m_granted) {
-        const uint64_t toGrant = (wanted + Step - 1) / Step * Step;
-        const uint64_t inLog = static_cast<uint64_t>(m_store.logPages()) * PageSize;
-        if (!m_space.mayGrow({toGrant, inLog, m_store.freePages() * PageSize}))
-            return OBREG_STATUS_STORE_FULL;
-        m_granted = toGrant;
-    }
-    m_wanted = wanted;
+    if (!grants(m_wanted + toWrite(job)))
+        return OBREG_STATUS_STORE_FULL;
+    m_wanted += toWrite(job);
     return OBREG_STATUS_SUCCESS;
 }
 
-bool StoreGuard::makeRoom()
+bool StoreGuard::grants(uint64_t bytes)
 {
-    m_granted = 0;
-    return m_space.release();
+    if (bytes > m_granted) {
+        const uint64_t more = (bytes + Step - 1) / Step * Step;
+        if (!m_space.mayGrow({more, m_inLog, m_store.freePages() * PageSize}))
+            return false;
+        m_granted = more;
+    }
+    return true;
 }
+
+void StoreGuard::makeRoom()
+{
+    m_space.release();
+    m_granted = 0;
+    tidy();
+}
+
+/// What the log holds is moved now, so that it needs no room for that later.
+void StoreGuard::tidy() { m_inLog = static_cast<uint64_t>(m_store.finishTidying()) * PageSize; }
 
 } // namespace obregd

@@ -18,16 +18,20 @@ public:
         : m_store(store), m_identity(identity), m_space(space)
     {}
 
-    void look() override;
+    void look(const Job& first) override;
     REGSTATUS judge(const Job& job) override;
-    bool makeRoom() override;
+    void makeRoom() override;
 
 private:
+    bool grants(uint64_t bytes);
+    void tidy();
+
     WritableStore& m_store;
     StoreIdentity& m_identity;
     DiskSpace& m_space;
     bool m_kept = true;
-    // Of the transaction, in bytes of the log.
+    // Bytes: in the log and not in the file; of the transaction, what it wants in the log and what it may have there.
+    uint64_t m_inLog = 0;
     uint64_t m_wanted = 0;
     uint64_t m_granted = 0;
 };

@@ -20,9 +20,9 @@ void forEach(const JobList& jobs, Action action)
 JobList Transactions::run(const std::function<JobPtr()>& next)
 {
     JobList jobs;
-    if (m_pGuard != nullptr)
-        m_pGuard->look();
     JobPtr pJob = next();
+    if (m_pGuard != nullptr && pJob != nullptr)
+        m_pGuard->look(*pJob);
     const auto serveAll = [&] {
         for (; pJob != nullptr; pJob = next()) {
             Job& job = *pJob;

@@ -19,12 +19,12 @@ namespace obregd {
 class WriteGuard {
 public:
     virtual ~WriteGuard() = default;
-    /// Looks at it anew, before a transaction.
-    virtual void look() = 0;
+    /// Looks at it anew, before a transaction whose first job is this.
+    virtual void look(const Job& first) = 0;
     /// OBREG_STATUS_SUCCESS, or the status with which the job is refused.
     virtual REGSTATUS judge(const Job& job) = 0;
-    /// Room was wanting. Whether what only takes away has more room now.
-    virtual bool makeRoom() = 0;
+    /// A transaction has failed for want of room: makes some for what only takes away.
+    virtual void makeRoom() = 0;
 };
 
 class Transactions {

@@ -16,7 +16,7 @@ constexpr const char* ReaderCache = "PRAGMA cache_size = -16384"; // KiB
 constexpr int BusyTimeoutMs = 5000; // for the writer, against an operator's own look into the file
 constexpr auto MaxStateAge = std::chrono::milliseconds(100);
 constexpr UINT32 BriefWalk = 2000;
-constexpr int64_t BriefData = 64 * 1024;
+constexpr int64_t BriefData = 65536;
 constexpr UINT32 FewSteps = 16; // no better place is looked for than an end that is so near
 constexpr size_t MaxWorkedOut = 1024;
 
