@@ -17,6 +17,7 @@
 #include "client/livechannels.h"
 #include "common/channelproto.h"
 #include "support/entries_of.h"
+#include "support/eventually.h"
 #include "support/log_capture.h"
 #include "support/scripted_daemon.h"
 
@@ -47,13 +48,6 @@ std::string headerOf(uint32_t id, int length)
     char header[PktHdrLength];
     ChannelProto::buildReqDataPktHdr(id, length, header);
     return {header, sizeof(header)};
-}
-
-bool eventually(const std::function<bool()>& condition)
-{
-    for (int i = 0; i < 5000 && !condition(); ++i)
-        std::this_thread::sleep_for(1ms);
-    return condition();
 }
 
 /// A channel to the scripted daemon, held as the library holds it.
