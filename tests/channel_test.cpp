@@ -288,27 +288,6 @@ TEST_F(Channel, RepliesOutOfOrderReachTheirRequests)
     EXPECT_TRUE(logcapture::contains("14 CChannel::removeReq- Error, did not find object in map\n"));
 }
 
-TEST_F(Channel, ClosesPastASendThatNobodyTakes)
-{
-    std::atomic<bool> begun{false};
-    std::atomic<bool> ended{false};
-    ScriptedDaemon daemon([&](ScriptedDaemon::Peer& peer) { // never reads
-        begun = peer.hasMore(-1);
-        while (!ended)
-            std::this_thread::sleep_for(1ms);
-    });
-    const auto pChannel = connect();
-    std::string result;
-    std::thread sender([&] { result = exchange(**pChannel, std::string(8 << 20, 'x')); });
-    EXPECT_TRUE(eventually([&] { return begun.load(); }));
-    std::this_thread::sleep_for(20ms); // until the socket is full
-    (*pChannel)->closeChannel();
-    sender.join();
-    EXPECT_EQ(result, "-1");
-    EXPECT_TRUE(logcapture::contains("14 CChannel::submitReq- sendmsg error, errno = 32\n"));
-    ended = true;
-}
-
 TEST_F(Channel, ClosedNumberMayBelongToAStranger)
 {
     // While the reader is about to receive, the channel is closed and the application gets the same number for a socket
