@@ -1,6 +1,7 @@
 // What the daemon's operations do, in process: requests and responses as text, without a socket.
 #include <algorithm>
 #include <filesystem>
+#include <functional>
 #include <gtest/gtest.h>
 #include <random>
 #include <set>
@@ -10,6 +11,7 @@
 #include "daemon/serve/transactions.h"
 #include "daemon/store/clock.h"
 #include "obreg/roots.h"
+#include "support/encoded.h"
 
 using namespace obregd;
 
@@ -33,11 +35,7 @@ protected:
     template <class Request>
     static JobPtr job(uid_t uid, const Request& request)
     {
-        char* pText = nullptr;
-        int length = 0;
-        request.serialize(&pText, &length);
-        const std::unique_ptr<char[]> owner(pText);
-        const std::string_view text(pText, static_cast<size_t>(length));
+        const std::string text = encoded(request);
         return JobPtr(new Job{nullptr, 0, {uid, 1}, findOperation(text), Payload(text.size(), text)});
     }
 
@@ -280,37 +278,32 @@ TEST_F(RegistryTest, TimesMoveWithTheKeysOwnContent)
     const HANDLE top = make("Top");
     const HANDLE key = make("Top\\Key");
     EXPECT_NEAR(static_cast<double>(info(key)->m_lastWriteTime), static_cast<double>(timeNow()), 6e8); // a minute
-    UINT64 topTime = info(top)->m_lastWriteTime;
-    UINT64 keyTime = info(key)->m_lastWriteTime;
-    const auto expectMoved = [&](bool topMoves, bool keyMoves, const char* pWhat) {
-        const UINT64 topNow = info(top)->m_lastWriteTime;
-        const UINT64 keyNow = info(key)->m_lastWriteTime;
-        EXPECT_EQ(topNow > topTime, topMoves) << pWhat;
-        EXPECT_EQ(keyNow > keyTime, keyMoves) << pWhat;
-        EXPECT_EQ(keyAt(top, 0)->m_lastWriteTime, keyNow) << pWhat;
-        topTime = topNow;
-        keyTime = keyNow;
+    const struct {
+        const char* pWhat;
+        std::function<void()> action;
+        bool topMoves, keyMoves;
+    } cases[] = {
+        {"set", [&] { set(key, "v", "1"); }, false, true},
+        {"query", [&] { query(key, "v"); }, false, false},
+        {"open", [&] { open(key, "", KEY_ALL_ACCESS); }, false, false},
+        {"delete nothing", [&] { removeValue(key, "none"); }, false, false},
+        {"delete value", [&] { removeValue(key, "v"); }, false, true},
+        {"add sub-key", [&] { make("Top\\Other"); }, true, false},
+        {"delete sub-key", [&] { removeKey(top, "Other"); }, true, false},
     };
-    set(key, "v", "1");
-    expectMoved(false, true, "set");
-    query(key, "v");
-    open(key, "", KEY_ALL_ACCESS);
-    expectMoved(false, false, "read");
-    removeValue(key, "none");
-    expectMoved(false, false, "delete nothing");
-    removeValue(key, "v");
-    expectMoved(false, true, "delete value");
-    make("Top\\Other");
-    expectMoved(true, false, "add sub-key");
-    removeKey(top, "Other");
-    expectMoved(true, false, "delete sub-key");
-
+    const auto expectMoves = [&](const auto& test) {
+        const UINT64 topTime = info(top)->m_lastWriteTime;
+        const UINT64 keyTime = info(key)->m_lastWriteTime;
+        test.action();
+        EXPECT_EQ(info(top)->m_lastWriteTime > topTime, test.topMoves) << test.pWhat;
+        EXPECT_EQ(info(key)->m_lastWriteTime > keyTime, test.keyMoves) << test.pWhat;
+        EXPECT_EQ(keyAt(top, 0)->m_lastWriteTime, info(key)->m_lastWriteTime) << test.pWhat;
+    };
+    for (const auto& test : cases)
+        expectMoves(test);
     // A clock that was once wrong does not bring later changes to a halt.
     SQLite::Database(storePath(), SQLite::OPEN_READWRITE).exec("UPDATE regkey SET written = written * 2");
-    keyTime = info(key)->m_lastWriteTime;
-    topTime = info(top)->m_lastWriteTime;
-    set(key, "v", "2");
-    expectMoved(false, true, "set after a step back of the clock");
+    expectMoves(cases[0]);
 }
 
 TEST_F(RegistryTest, EnumerationFollowsCreationThroughChanges)
@@ -318,36 +311,32 @@ TEST_F(RegistryTest, EnumerationFollowsCreationThroughChanges)
     const HANDLE key = make("K");
     std::vector<std::string> keys, values;
     std::mt19937 random(7);
-    const auto pick = [&](const auto& from) { return random() % from.size(); };
+    const auto takeOne = [&](std::vector<std::string>& names) {
+        const auto victim = names.begin() + static_cast<ptrdiff_t>(random() % names.size());
+        const std::string name = *victim;
+        names.erase(victim);
+        return name;
+    };
     size_t at = 0;
     for (int step = 0; step < 3000; ++step) {
         const std::string name = "name" + std::to_string(step);
-        switch (random() % 12) {
-        case 0:
+        const auto choice = random() % 24;
+        if (choice < 2) {
             create(key, name);
             keys.push_back(name);
-            break;
-        case 1:
+        } else if (choice < 4) {
             set(key, name, std::string(random() % 50, 'd'));
             values.push_back(name);
-            break;
-        case 2:
-            if (!keys.empty() && random() % 2 == 0) {
-                const size_t victim = pick(keys);
-                EXPECT_EQ(removeKey(key, keys[victim]), 0u);
-                keys.erase(keys.begin() + static_cast<ptrdiff_t>(victim));
-            } else if (!values.empty()) {
-                const size_t victim = pick(values);
-                EXPECT_EQ(removeValue(key, values[victim]), 0u);
-                values.erase(values.begin() + static_cast<ptrdiff_t>(victim));
-            }
-            break;
-        default: // mostly steps, up and down, now and then a leap
+        } else if (choice == 4 && !keys.empty()) {
+            EXPECT_EQ(removeKey(key, takeOne(keys)), 0u);
+        } else if (choice == 5 && !values.empty()) {
+            EXPECT_EQ(removeValue(key, takeOne(values)), 0u);
+        } else { // mostly steps, up and down, now and then a leap
             at = random() % 8 == 0 ? random() % 200 : at + (random() % 3 == 0 ? size_t(-1) : 1);
             at = std::min(at, std::max(keys.size(), values.size()));
             const auto foundKey = keyAt(key, at);
-            ASSERT_EQ(foundKey->m_status, at < keys.size() ? 0 : OBREG_STATUS_NO_MORE_ENTRIES);
             const auto foundValue = valueAt(key, at);
+            ASSERT_EQ(foundKey->m_status, at < keys.size() ? 0 : OBREG_STATUS_NO_MORE_ENTRIES);
             ASSERT_EQ(foundValue->m_status, at < values.size() ? 0 : OBREG_STATUS_NO_MORE_ENTRIES);
             ASSERT_EQ(foundKey->m_subKeyName, at < keys.size() ? keys[at] : "") << "step " << step;
             ASSERT_EQ(foundValue->m_valueName, at < values.size() ? values[at] : "") << "step " << step;

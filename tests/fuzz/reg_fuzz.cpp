@@ -1,8 +1,8 @@
 // The .reg reader: the same statements whether the text comes whole or in pieces, and what the writer makes of them is
 // read back the same.
 #include "fuzz/fuzz.h"
-#include "regreader.h"
 #include "regwriter.h"
+#include "support/read_reg.h"
 
 using namespace obregtool;
 
@@ -37,15 +37,7 @@ private:
 /// The statements of a text up to its first mistake, and that mistake.
 std::string read(std::string_view text, size_t piece, Rewriter& rewriter)
 {
-    std::string mistake;
-    try {
-        RegReader reader(rewriter);
-        for (; !text.empty(); text.remove_prefix(std::min(piece, text.size())))
-            reader.feed(text.substr(0, piece));
-        reader.finish();
-    } catch (const RegSyntaxError& error) {
-        mistake = error.what();
-    }
+    const std::string mistake = readReg(text, piece, rewriter);
     rewriter.finish();
     return rewriter.statements + mistake;
 }

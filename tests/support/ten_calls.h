@@ -6,9 +6,10 @@
 #include <map>
 #include <string>
 
+#include "common/msgproto.h"
 #include "obreg/obreg.h"
 #include "obreg/roots.h"
-#include "support/scripted_daemon.h"
+#include "support/encoded.h"
 
 namespace TenCalls {
 
@@ -17,43 +18,55 @@ inline constexpr char Name[] = "a name that needs a block of its own";
 inline constexpr char Doomed[] = "another name that needs a block of its own"; // what is deleted
 
 struct Results {
-    HANDLE opened = nullptr;
-    UINT32 number = 0, type = 0, length = 64;
+    HANDLE opened = nullptr, created = nullptr;
+    UINT32 disposition = 0, type = 0, length = 64, figures[6] = {};
     int nameLength = 64;
     UINT64 time = 0;
     char name[64] = {}, data[64] = {};
 };
 
 struct Function {
-    const char* pName;
+    const char* pName; ///< as the log has it
     REGSTATUS (*call)(HANDLE key, Results& r);
+    std::string (*request)(HANDLE key); ///< what it sends
 };
 
 inline constexpr Function all[] = {
-    {"open", [](HANDLE key, Results& r) { return OBRegOpenKeyExA(key, Name, 0, 0, &r.opened); }},
-    {"create",
+    {"OBRegOpenKeyExA", [](HANDLE key, Results& r) { return OBRegOpenKeyExA(key, Name, 1, 2, &r.opened); },
+     [](HANDLE key) { return encoded(OpenKeyReqMsg(key, Name, 1, 2)); }},
+    {"OBRegCreateKeyExA",
      [](HANDLE key, Results& r) {
-         return OBRegCreateKeyExA(key, Name, 0, nullptr, 0, 0, nullptr, &r.opened, &r.number);
-     }},
-    {"close", [](HANDLE key, Results&) { return OBRegCloseKey(key); }},
-    {"delete key", [](HANDLE key, Results&) { return OBRegDeleteKeyA(key, Doomed); }},
-    {"set", [](HANDLE key, Results& r) { return OBRegSetValueExA(key, Name, 0, REG_SZ, r.data, 64); }},
-    {"query",
-     [](HANDLE key, Results& r) { return OBRegQueryValueExA(key, Name, nullptr, &r.type, r.data, &r.length); }},
-    {"delete value", [](HANDLE key, Results&) { return OBRegDeleteValueA(key, Doomed); }},
-    {"enum key",
+         return OBRegCreateKeyExA(key, Name, 9, nullptr, 1, 2, nullptr, &r.created, &r.disposition);
+     },
+     [](HANDLE key) { return encoded(CreateKeyReqMsg(key, Name, 1, 2)); }},
+    {"OBRegCloseKey", [](HANDLE key, Results&) { return OBRegCloseKey(key); },
+     [](HANDLE key) { return encoded(CloseKeyReqMsg(key)); }},
+    {"OBRegDeleteKeyA", [](HANDLE key, Results&) { return OBRegDeleteKeyA(key, Doomed); },
+     [](HANDLE key) { return encoded(DeleteKeyReqMsg(key, Doomed)); }},
+    {"OBRegSetValueExA", [](HANDLE key, Results& r) { return OBRegSetValueExA(key, Name, 9, REG_SZ, r.data, 64); },
+     [](HANDLE key) { return encoded(SetValueReqMsg(key, Name, REG_SZ, Results().data, 64)); }},
+    {"OBRegQueryValueExA",
+     [](HANDLE key, Results& r) { return OBRegQueryValueExA(key, Name, nullptr, &r.type, r.data, &r.length); },
+     [](HANDLE key) { return encoded(QueryValueReqMsg(key, Name)); }},
+    {"OBRegDeleteValueA", [](HANDLE key, Results&) { return OBRegDeleteValueA(key, Doomed); },
+     [](HANDLE key) { return encoded(DeleteValueReqMsg(key, Doomed)); }},
+    {"OBRegEnumKeyExA",
      [](HANDLE key, Results& r) {
          return OBRegEnumKeyExA(key, 0, r.name, &r.nameLength, nullptr, nullptr, nullptr, &r.time);
-     }},
-    {"enum value",
+     },
+     [](HANDLE key) { return encoded(EnumKeyReqMsg(key, 0)); }},
+    {"OBRegEnumValueA",
      [](HANDLE key, Results& r) {
          return OBRegEnumValueA(key, 0, r.name, &r.nameLength, nullptr, &r.type, r.data, &r.length);
-     }},
-    {"query info",
+     },
+     [](HANDLE key) { return encoded(EnumValueReqMsg(key, 0)); }},
+    {"OBRegQueryInfoKeyExA",
      [](HANDLE key, Results& r) {
-         return OBRegQueryInfoKeyA(key, nullptr, nullptr, nullptr, &r.number, nullptr, nullptr, &r.type, nullptr,
-                                   nullptr, nullptr, &r.time);
-     }},
+         UINT32* const f = r.figures;
+         return OBRegQueryInfoKeyA(key, nullptr, nullptr, nullptr, f, f + 1, f + 2, f + 3, f + 4, f + 5, nullptr,
+                                   &r.time);
+     },
+     [](HANDLE key) { return encoded(QueryInfoKeyReqMsg(key)); }},
 };
 
 /// Replies that answer any request, by the digits of its type code; every one carries `status`.
