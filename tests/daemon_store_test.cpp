@@ -146,6 +146,26 @@ TEST_F(StoreTest, PositionsAreRightInStatesOfEveryAge)
     expectSound();
 }
 
+TEST_F(StoreTest, PositionsAreRightWhenTheLastEntriesAreReplaced)
+{
+    const KeyId key = makeKey(3000);
+    CheckedStore reader(m_path);
+    const auto look = [&](UINT32 index) {
+        const Store::Snapshot state(reader);
+        reader.expectRight(key, index);
+    };
+    look(2980);
+    commit([&](WritableStore& store) {
+        for (int i = 2975; i < 3000; ++i)
+            store.removeValue(key, "v" + std::to_string(i));
+    });
+    commit([&](WritableStore& store) {
+        for (int i = 0; i < 25; ++i)
+            store.setValue(key, "new" + std::to_string(i), 1, "", 0);
+    });
+    look(2978);
+}
+
 TEST_F(StoreTest, ReadersOnThreadsFindWhatIsThere)
 {
     constexpr int values = 3000;
