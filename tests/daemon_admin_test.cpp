@@ -3,9 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -17,6 +15,7 @@
 #include "daemon/files.h"
 #include "daemon/operations.h"
 #include "daemon/store/maintenance.h"
+#include "support/raw_client.h"
 #include "support/running_daemon.h"
 
 namespace {
@@ -32,7 +31,7 @@ protected:
     }
     ~Administration() override { std::filesystem::remove_all(folder); }
 
-    std::string path(const char* pName) const { return folder + "/" + pName; }
+    std::string path(const std::string& name) const { return folder + "/" + name; }
 
     /// A store of `keys` keys with a value each.
     void fillStore(int keys) const
@@ -47,43 +46,19 @@ protected:
     std::string folder;
 };
 
-sockaddr_un addressOf(const std::string& path)
-{
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    return address;
-}
-
+/// Not close-on-exec: it is to be handed over.
 int boundSocket(int type, const std::string& path)
 {
-    const int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+    const int fd = socket(AF_UNIX, type, 0);
     const sockaddr_un address = addressOf(path);
     EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0) << path;
     return fd;
 }
 
-bool canConnect(const std::string& path)
+/// In the words before, `$$` is the daemon's process.
+pid_t startDaemon(const std::string& before, const std::string& options)
 {
-    const Descriptor client(socket(AF_UNIX, SOCK_STREAM, 0));
-    const sockaddr_un address = addressOf(path);
-    return connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-}
-
-/// Runs `child` and then the daemon in a process of its own.
-pid_t startDaemon(const std::function<void()>& child, std::vector<std::string> words)
-{
-    words.insert(words.begin(), "obregd");
-    const pid_t pid = fork();
-    if (pid != 0)
-        return pid;
-    child();
-    std::vector<char*> arguments;
-    for (std::string& word : words)
-        arguments.push_back(word.data());
-    arguments.push_back(nullptr);
-    execv(getenv("OBREGD"), arguments.data());
-    _exit(127);
+    return startInShell(before + "; exec \"$OBREGD\" " + options + " >/dev/null 2>&1");
 }
 
 int exitStatus(pid_t pid)
@@ -91,6 +66,12 @@ int exitStatus(pid_t pid)
     int status = -1;
     waitpid(pid, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+/// What systemd sets for one who takes its sockets; the first is descriptor 3.
+std::string handingOver(const Descriptor& socket, const std::string& count)
+{
+    return "exec 3<&" + std::to_string(socket.get()) + "; export LISTEN_PID=$$ LISTEN_FDS=" + count;
 }
 
 TEST_F(Administration, CheckFindsEachKindOfDamage)
@@ -164,63 +145,47 @@ TEST_F(Administration, CommandLineAnswersBesideARunningDaemon)
 {
     RunningDaemon daemon(path("socket"), path("store"));
     daemon.start();
-    const auto run = [&](std::vector<std::string> words) {
-        words.insert(words.end(), {"--store", path("store")});
-        return exitStatus(startDaemon([] { dup2(STDERR_FILENO, STDOUT_FILENO); }, words));
+    const auto run = [&](const std::string& options) {
+        return exitStatus(startDaemon(":", options + " --store " + path("store")));
     };
-    EXPECT_EQ(run({"--check"}), 0);
-    EXPECT_EQ(run({"--backup", path("backup")}), 0);
-    EXPECT_EQ(run({"--backup", path("backup")}), 1);
-    EXPECT_GT(run({"--backup", path("other"), "--check"}), 1) << "both at once is a mistake";
-    EXPECT_GT(run({"--backup"}), 1);
+    EXPECT_EQ(run("--check"), 0);
+    EXPECT_EQ(run("--backup " + path("backup")), 0);
+    EXPECT_EQ(run("--backup " + path("backup")), 1);
+    EXPECT_GT(run("--check --backup " + path("other")), 1) << "both at once is a mistake";
     daemon.stop(SIGTERM);
     SQLite::Database(path("store"), SQLite::OPEN_READWRITE).exec("UPDATE regkey SET value_count = 1 WHERE id = 1");
-    EXPECT_EQ(run({"--check"}), 1);
+    EXPECT_EQ(run("--check"), 1);
 }
 
 TEST_F(Administration, TakesTheSocketThatIsHandedOverAndLeavesItBehind)
 {
-    const std::string socketPath = path("activated");
-    const Descriptor listening(boundSocket(SOCK_STREAM, socketPath));
+    const Descriptor listening(boundSocket(SOCK_STREAM, path("activated")));
     ASSERT_EQ(listen(listening.get(), 5), 0);
     const Descriptor news(boundSocket(SOCK_DGRAM, path("news")));
-    const auto handOver = [&] {
-        dup2(listening.get(), 3);
-        setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
-        setenv("LISTEN_FDS", "1", 1);
-        setenv("NOTIFY_SOCKET", path("news").c_str(), 1);
-    };
-    ASSERT_TRUE(canConnect(socketPath)); // waits in the queue for the daemon
-    const pid_t pid = startDaemon(handOver, {"--socket", path("own"), "--store", path("store")});
-    char text[64];
     const timeval patience{10, 0};
     setsockopt(news.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     const auto nextNews = [&] {
+        char text[64];
         return std::string(text, static_cast<size_t>(std::max<ssize_t>(0, recv(news.get(), text, sizeof text, 0))));
     };
+    RawClient early(path("activated")); // waits in the queue for the daemon
+    const pid_t pid = startDaemon(handingOver(listening, "1") + " NOTIFY_SOCKET=" + path("news"),
+                                  "--socket " + path("own") + " --store " + path("store"));
     EXPECT_EQ(nextNews(), "READY=1");
-    EXPECT_TRUE(canConnect(socketPath));
+    EXPECT_NE(early.create("K"), nullptr);
     EXPECT_FALSE(std::filesystem::exists(path("own")));
     kill(pid, SIGTERM);
     EXPECT_EQ(nextNews(), "STOPPING=1");
     EXPECT_EQ(exitStatus(pid), 0);
-    EXPECT_TRUE(std::filesystem::exists(socketPath)) << "it is systemd's to remove";
+    EXPECT_TRUE(std::filesystem::exists(path("activated"))) << "it is systemd's to remove";
 }
 
 TEST_F(Administration, RefusesWhatItCannotListenOn)
 {
-    const struct {
-        const char* pCount;
-        bool isStream;
-    } cases[] = {{"2", true}, {"1", false}};
-    for (const auto& wrong : cases) {
-        const Descriptor handed(boundSocket(wrong.isStream ? SOCK_STREAM : SOCK_DGRAM, path(wrong.pCount)));
-        const auto handOver = [&] {
-            dup2(handed.get(), 3);
-            setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
-            setenv("LISTEN_FDS", wrong.pCount, 1);
-        };
-        EXPECT_EQ(exitStatus(startDaemon(handOver, {"--socket", path("own"), "--store", path("store")})), 1);
+    for (const auto& [count, type] : {std::pair("2", SOCK_STREAM), {"1", SOCK_DGRAM}}) {
+        const Descriptor handed(boundSocket(type, path(count)));
+        const std::string options = "--socket " + path("own") + " --store " + path("store");
+        EXPECT_EQ(exitStatus(startDaemon(handingOver(handed, count), options)), 1);
     }
 }
 

@@ -309,6 +309,7 @@ TEST_F(Functions, LostConnectionsAreReplaced)
 TEST_F(Functions, ForkChildClosesButNeverDestroysTheParentsChannel)
 {
     // The reader has ended, so the process's is the last reference; the child may still not run the destructor.
+    LiveChannels::awaitReaders(5000); // of the test before
     const size_t descriptors = entriesOf("/proc/self/fd");
     startDaemon();
     EXPECT_EQ(OBRegCloseKey(key), 0u);

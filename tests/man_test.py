@@ -10,7 +10,6 @@ import os
 import re
 import subprocess
 import sys
-import tempfile
 
 pages, includes, *programs = sys.argv[1:]
 mistakes = []
@@ -50,29 +49,30 @@ def squeeze(text):
     return re.sub(r"\s+", " ", text).strip()
 
 
+def check_lines(where, text, lines):
+    for line in lines:
+        expect(line in text, f"{where}: {line.strip()} is missing")
+
+
 def check_function(name, declaration):
     text = page(name + ".3")
-    synopsis = section(text, "# SYNOPSIS")
-    expect(squeeze(declaration) in squeeze(code(synopsis)), f"{name}.3: the synopsis is not the header's declaration")
+    synopsis = code(section(text, "# SYNOPSIS"))
+    example = code(section(text, "# EXAMPLE"))
+    check_lines(f"{name}.3", squeeze(synopsis), [squeeze(declaration)])
     for parameter in re.findall(r"(\w+)[,)]", declaration):
         expect(re.search(rf"^\*.*\b{parameter}\*", section(text, "# PARAMETERS"), re.M),
                f"{name}.3: parameter {parameter} has no line")
-    for heading in "# RETURN VALUE", "## Threads", "## Fork", "## Lost connections", "# EXAMPLE", "# SEE ALSO":
+    check_lines(f"{name}.3", section(text, "# RETURN VALUE"),
+                [f"\n*OBREG_STATUS_{status}*," for status in ("SUCCESS", "REQUEST_FAILED", "INVALID_PARAMETER")])
+    check_lines(f"{name}.3", example, [name])
+    for heading in "## Threads", "## Fork", "## Lost connections", "# SEE ALSO":
         expect(section(text, heading).strip(), f"{name}.3: nothing under {heading}")
-    for status in "SUCCESS", "REQUEST_FAILED", "INVALID_PARAMETER":
-        expect(f"\n*OBREG_STATUS_{status}*," in section(text, "# RETURN VALUE"), f"{name}.3: {status} has no line")
-    example = code(section(text, "# EXAMPLE"))
-    expect(name in example, f"{name}.3: the example does not call it")
-    check_compiles(f"{name}.3", "#include <stddef.h>\n" + code(synopsis).split("REGSTATUS")[0] + example)
+    check_compiles(f"{name}.3", "#include <stddef.h>\n" + synopsis.split("REGSTATUS")[0] + example)
 
 
 def check_compiles(where, source):
-    compiler = os.environ.get("CC", "cc")
-    with tempfile.NamedTemporaryFile("w", suffix=".c") as file:
-        file.write(source)
-        file.flush()
-        result = subprocess.run([compiler, "-std=c99", "-Wall", "-Wextra", "-Werror", "-fsyntax-only", "-I", includes,
-                                 file.name], capture_output=True, text=True)
+    result = subprocess.run([os.environ.get("CC", "cc"), "-std=c99", "-Wall", "-Wextra", "-Werror", "-fsyntax-only", "-I",
+                             includes, "-xc", "-"], input=source, capture_output=True, text=True, check=False)
     expect(result.returncode == 0, f"{where}: the example does not compile:\n{result.stderr}")
 
 
@@ -81,17 +81,15 @@ def check_library():
     for name in "obreg.h", "roots.h":
         with open(os.path.join(includes, "obreg", name), encoding="utf-8") as file:
             headers += file.read()
-    declared = {}
-    for declaration in re.findall(r"^OBREG_API (REGSTATUS \w+\([^;]*;)", headers, re.M):
-        declared[re.search(r"(\w+)\(", declaration).group(1)] = declaration
+    declared = {re.search(r"(\w+)\(", text).group(1): text
+                for text in re.findall(r"^OBREG_API (REGSTATUS \w+\([^;]*;)", headers, re.M)}
     expect(len(declared) == headers.count("\nOBREG_API "), "not all of the headers' functions can be found")
     for name, declaration in declared.items():
         check_function(name, declaration)
 
     overview = page("obreg.7")
-    for name in re.findall(r"#define ((?:REG_|HKEY_|OBREG_STATUS_)\w+) ", headers):
-        if not name.endswith("_KEY"):
-            expect(f"*{name}*" in overview, f"obreg.7: {name} is missing")
+    names = re.findall(r"#define ((?:REG_|HKEY_|OBREG_STATUS_)\w+) ", headers)
+    check_lines("obreg.7", overview, [f"*{name}*" for name in names if not name.endswith("_KEY")])
     check_compiles("obreg.7", code(section(overview, "# DESCRIPTION")))
 
 

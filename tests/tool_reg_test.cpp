@@ -137,9 +137,11 @@ public:
         for (size_t i = below(7); i > 0; --i)
             keys.push_back(keys[below(keys.size())] + '\\' + text("\\"));
         Tree tree;
-        for (const std::string& key : keys)
+        for (const std::string& key : keys) {
+            Values& values = tree[key];
             for (size_t i = below(7); i > 0; --i)
-                tree[key].try_emplace(below(8) == 0 ? "default" : text(""), value());
+                values.try_emplace(below(8) == 0 ? "default" : text(""), value());
+        }
         return tree;
     }
 
@@ -218,8 +220,6 @@ TEST(Tool, HostileTreesSurviveExportAndImport)
         const char* const pFormat = formats[seed % std::size(formats)];
         store(tree);
         store(Hostile(seed).tree("Twin"));
-        obreg::Key::create(obreg::localMachine(), "Tree");
-        obreg::Key::create(obreg::localMachine(), "Twin");
         ASSERT_EQ(tool({"export", "HKLM/Tree", first.c_str(), "--yes", pFormat}), 0);
         ASSERT_EQ(tool({"delete", "HKLM/Tree", "--yes"}), 0);
         ASSERT_EQ(tool({"import", first.c_str()}), 0);

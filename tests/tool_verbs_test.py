@@ -48,7 +48,7 @@ class WithDaemon(unittest.TestCase):
         for name in os.listdir(FOLDER):
             os.remove(FOLDER + name)
         self.start()
-        self.expect(0, "add", "HKLM/Software/Acme")
+        self.expect(0, "add", r"HKLM/Software\Acme")  # once there is a slash, both separate
 
     def start(self):
         log = open(FOLDER + "log", "wb")
@@ -232,6 +232,7 @@ class WithDaemon(unittest.TestCase):
     def test_copy_compare_and_watch_tell_changes(self):
         self.expect(0, "set", KEY, "n", "1")
         self.expect(0, "add", KEY + r"\Sub")
+        self.expect(0, "copy", KEY, KEY + "Twin", "-s")  # beside it, not below it
         self.expect(0, "copy", KEY, "HKLM/Twin", "-s")
         self.expect(0, "compare", KEY, "HKLM/Twin", "-s", out=b"")
         with subprocess.Popen([TOOL, "watch", "HKLM/Twin", "--interval", "0.05", "--count", "4", "--json"],

@@ -149,31 +149,9 @@ int __wrap_epoll_ctl(int epoll, int operation, int fd, epoll_event* event)
     return refused ? -1 : __real_epoll_ctl(epoll, operation, fd, event);
 }
 
-// Transfers: they can also move one byte only, or find the end.
-
-ssize_t __real_recv(int fd, void* bytes, size_t length, int flags);
-ssize_t __wrap_recv(int fd, void* bytes, size_t length, int flags);
-ssize_t __wrap_recv(int fd, void* bytes, size_t length, int flags)
-{
-    const int how = failnth::next(failnth::Call::Receive);
-    if (how == 0 || how == failnth::Short)
-        return __real_recv(fd, bytes, how == 0 ? length : 1, flags);
-    errno = how;
-    return how == failnth::Ended ? 0 : -1;
-}
-
-ssize_t __real_send(int fd, const void* bytes, size_t length, int flags);
-ssize_t __wrap_send(int fd, const void* bytes, size_t length, int flags);
-ssize_t __wrap_send(int fd, const void* bytes, size_t length, int flags)
-{
-    const int how = failnth::next(failnth::Call::Send);
-    if (how == 0 || how == failnth::Short)
-        return __real_send(fd, bytes, how == 0 ? length : 1, flags);
-    errno = how;
-    return -1;
-}
-
 } // extern "C"
+
+// Transfers: they can also move one byte only, or find the end.
 
 namespace {
 
@@ -206,23 +184,30 @@ ssize_t transfer(failnth::Call call, ssize_t (*real)(int, Message*, int), int fd
     return how == failnth::Ended ? 0 : -1;
 }
 
+template <class Message>
+ssize_t transfer(failnth::Call call, ssize_t (*real)(int, Message*, int), int fd, void* bytes, size_t length, int flags)
+{
+    iovec part{bytes, length};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    return transfer(call, real, fd, static_cast<Message*>(&message), flags);
+}
+
 } // namespace
 
+// WRAP_TRANSFER(name, (parameters), call, real, arguments...)
+#define WRAP_TRANSFER(name, parameters, call, real, ...)                                                               \
+    ssize_t __wrap_##name parameters;                                                                                  \
+    ssize_t __wrap_##name parameters { return transfer(failnth::Call::call, real, __VA_ARGS__, flags); }
+
 extern "C" {
-
 ssize_t __real_sendmsg(int fd, const msghdr* message, int flags);
-ssize_t __wrap_sendmsg(int fd, const msghdr* message, int flags);
-ssize_t __wrap_sendmsg(int fd, const msghdr* message, int flags)
-{
-    return transfer(failnth::Call::Send, __real_sendmsg, fd, message, flags);
-}
-
 ssize_t __real_recvmsg(int fd, msghdr* message, int flags);
-ssize_t __wrap_recvmsg(int fd, msghdr* message, int flags);
-ssize_t __wrap_recvmsg(int fd, msghdr* message, int flags)
-{
-    return transfer(failnth::Call::Receive, __real_recvmsg, fd, message, flags);
-}
-
+WRAP_TRANSFER(sendmsg, (int fd, const msghdr* message, int flags), Send, __real_sendmsg, fd, message)
+WRAP_TRANSFER(recvmsg, (int fd, msghdr* message, int flags), Receive, __real_recvmsg, fd, message)
+WRAP_TRANSFER(send, (int fd, const void* bytes, size_t length, int flags), Send, __real_sendmsg, fd,
+              const_cast<void*>(bytes), length)
+WRAP_TRANSFER(recv, (int fd, void* bytes, size_t length, int flags), Receive, __real_recvmsg, fd, bytes, length)
 } // extern "C"
 // NOLINTEND

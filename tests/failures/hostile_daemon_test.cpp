@@ -13,7 +13,6 @@
 #include "client/client.h"
 #include "client/clientreq.h"
 #include "client/livechannels.h"
-#include "common/channelproto.h"
 #include "failures/fail_nth.h"
 #include "support/scale.h"
 #include "support/scripted_daemon.h"
@@ -29,12 +28,7 @@ using Peer = ScriptedDaemon::Peer;
 constexpr int Threads = 16;
 constexpr auto LongestSilence = 30ms;
 
-std::string header(const char* pType, uint32_t id, int length)
-{
-    std::string text(PktHdrLength, '\0');
-    ChannelProto::buildReqDataPktHdr(id, length, text.data());
-    return pType + text.substr(6);
-}
+std::string header(const char* pType, uint32_t id, int length) { return pType + packetHeader(id, length).substr(6); }
 
 /// What a connection does; each is one choice of the random numbers that its seed gives.
 class Malice {
@@ -48,10 +42,10 @@ public:
             return m_peer.send(noise(below(5000)));
         case 1: // what nobody asked for
             for (size_t i = below(100); i > 0; --i)
-                m_peer.send(packet(static_cast<uint32_t>(below(40))));
+                m_peer.send(anyPacket(static_cast<uint32_t>(below(40))));
             return silence();
         case 2: // half a packet
-            m_peer.send(packet(2).substr(0, below(120)));
+            m_peer.send(anyPacket(2).substr(0, below(120)));
             return silence();
         case 3: // a length that may be a lie
             m_peer.send(header("Type01", 2, length()) + noise(below(3000)));
@@ -82,7 +76,7 @@ private:
         return lengths[below(std::size(lengths))];
     }
 
-    std::string packet(uint32_t id)
+    std::string anyPacket(uint32_t id)
     {
         const auto reply = std::next(m_replies.begin(), static_cast<ptrdiff_t>(below(m_replies.size())));
         const std::string payload = below(4) == 0 ? noise(below(300)) : reply->second;
@@ -90,9 +84,9 @@ private:
         case 0:
             return header("Type02", id, length());
         case 1:
-            return below(8) == 0 ? header("Type03", id, 0) : Peer::packet(id, "");
+            return below(8) == 0 ? header("Type03", id, 0) : packet(id, "");
         default:
-            return Peer::packet(id, payload);
+            return packet(id, payload);
         }
     }
 
@@ -107,7 +101,7 @@ private:
                 continue;
             std::shuffle(requests.begin(), requests.end(), m_random);
             for (const auto& [id, text] : requests)
-                m_peer.send(below(5) == 0 ? packet(id) + packet(id) : Peer::packet(id, m_replies[text.substr(4, 2)]));
+                m_peer.send(below(5) == 0 ? anyPacket(id) + anyPacket(id) : packet(id, m_replies[text.substr(4, 2)]));
             requests.clear();
         }
     }

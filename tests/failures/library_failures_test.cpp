@@ -102,7 +102,8 @@ bool LibraryFailures::run(const Function& function, const Attempt& attempt) cons
     }
     const bool reached = attempt.disarm();
 
-    const bool deletes = std::strncmp(function.pName, "OBRegDelete", 11) == 0; // and may have done so before, unanswered
+    const bool deletes =
+        std::strncmp(function.pName, "OBRegDelete", 11) == 0; // and may have done so before, unanswered
     const bool succeeded = status == 0 || (status == OBREG_STATUS_NOT_FOUND && deletes && reached);
     const bool failed = status == OBREG_STATUS_REQUEST_FAILED ||
                         (status == LeftByException && attempt.failure.call == Call::Allocation);

@@ -11,23 +11,13 @@
 #include <utility>
 
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include "common/channelproto.h"
 #include "common/msgproto.h"
 #include "obreg/roots.h"
 #include "support/encoded.h"
-
-inline std::string packet(uint32_t reqId, const std::string& payload)
-{
-    std::string text(PktHdrLength, '\0');
-    ChannelProto::buildReqDataPktHdr(reqId, static_cast<int>(payload.size()), text.data());
-    return text + payload;
-}
+#include "support/packets.h"
 
 inline SetValueReqMsg setRequest(HANDLE key, const std::string& name, const std::string& data)
 {
@@ -44,9 +34,7 @@ class RawClient {
 public:
     explicit RawClient(const std::string& path) : m_fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
     {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::memcpy(address.sun_path, path.data(), path.size());
+        const sockaddr_un address = addressOf(path);
         if (connect(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
             const int error = errno;
             close(m_fd);
@@ -61,21 +49,11 @@ public:
 
     void send(const std::string& bytes) const
     {
-        for (size_t sent = 0; sent < bytes.size();) {
-            const ssize_t count = ::send(m_fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-            if (count <= 0)
-                throw std::runtime_error("the connection ended in a send");
-            sent += static_cast<size_t>(count);
-        }
+        if (!sendAll(m_fd, bytes))
+            throw std::runtime_error("the connection ended in a send");
     }
 
-    /// Something has come, the connection's end included.
-    bool hasMore(int milliseconds) const
-    {
-        pollfd poller{m_fd, POLLIN, 0};
-        return poll(&poller, 1, milliseconds) > 0;
-    }
-
+    bool hasMore(int milliseconds) const { return ::hasMore(m_fd, milliseconds); }
     void endSending() const { shutdown(m_fd, SHUT_WR); }
 
     /// The next packet's id and payload; no payload for an error packet.
@@ -122,7 +100,7 @@ private:
     std::string receiveBytes(size_t length) const
     {
         std::string bytes(length, '\0');
-        if (length != 0 && recv(m_fd, bytes.data(), length, MSG_WAITALL) != static_cast<ssize_t>(length))
+        if (!receiveAll(m_fd, bytes))
             throw std::runtime_error("the connection ended in a receive");
         return bytes;
     }

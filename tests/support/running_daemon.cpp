@@ -2,9 +2,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
-#include <cstring>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -25,6 +22,15 @@ constexpr int PollsPerSecond = 500;
 
 } // namespace
 
+pid_t startInShell(const std::string& command)
+{
+    const char* const arguments[] = {"sh", "-c", command.c_str(), nullptr};
+    pid_t pid = -1;
+    if (posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(arguments), environ) != 0)
+        throw std::runtime_error("there is no shell");
+    return pid;
+}
+
 RunningDaemon::RunningDaemon(std::string socketPath, std::string storePath, std::vector<std::string> moreOptions)
     : m_socketPath(std::move(socketPath)), m_storePath(std::move(storePath)), m_logPath(m_socketPath + ".stderr"),
       m_moreOptions(std::move(moreOptions))
@@ -34,28 +40,13 @@ RunningDaemon::~RunningDaemon() { stop(SIGKILL); }
 
 void RunningDaemon::start()
 {
-    const char* const pProgram = std::getenv("OBREGD");
-    if (pProgram == nullptr)
-        throw std::runtime_error("set the environment variable OBREGD to the path of the obregd program");
     if (m_pid != -1)
         throw std::logic_error("the daemon runs already");
-
-    std::vector<std::string> words = {pProgram, "--socket", m_socketPath, "--store", m_storePath};
-    words.insert(words.end(), m_moreOptions.begin(), m_moreOptions.end());
-    std::vector<char*> arguments;
-    for (std::string& word : words)
-        arguments.push_back(word.data());
-    arguments.push_back(nullptr);
-
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, m_logPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    const int error = posix_spawn(&m_pid, pProgram, &actions, nullptr, arguments.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (error != 0) {
-        m_pid = -1;
-        throw std::runtime_error(std::string(pProgram) + ": cannot be started: " + std::strerror(error));
-    }
+    std::string command = "exec \"$OBREGD\" 2>" + m_logPath + " --socket " + m_socketPath + " --store " + m_storePath;
+    for (const std::string& option : m_moreOptions)
+        command += ' ' + option;
+    std::filesystem::remove(m_logPath); // it would say that the daemon before is listening
+    m_pid = startInShell(command);
 
     for (int i = 0; i < WaitSeconds * PollsPerSecond; ++i) {
         if (log().find("listening on") != std::string::npos)

@@ -9,6 +9,9 @@
 #include <sys/types.h>
 #include <vector>
 
+/// Starts a command; one that begins with `exec "$OBREGD"` becomes the daemon itself.
+pid_t startInShell(const std::string& command);
+
 class RunningDaemon {
 public:
     /// Does not start it yet. moreOptions go to the command line as they are.

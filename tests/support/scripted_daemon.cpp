@@ -4,63 +4,24 @@
 #include <cstring>
 #include <stdexcept>
 
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
-
-#include "common/channelproto.h"
-
-namespace {
-
-bool receiveAll(int fd, char* pBuff, size_t length)
-{
-    return length == 0 || recv(fd, pBuff, length, MSG_WAITALL) == static_cast<ssize_t>(length);
-}
-
-} // namespace
 
 ScriptedDaemon::Peer::~Peer() { close(m_fd); }
 
 bool ScriptedDaemon::Peer::receive(Request& request)
 {
-    char header[PktHdrLength];
+    std::string header(PktHdrLength, '\0');
     int length = 0;
-    if (!receiveAll(m_fd, header, sizeof(header)) ||
-        !ChannelProto::getReqIdAndPayloadLength(header, PktHdrLength, &request.id, &length))
+    if (!receiveAll(m_fd, header) ||
+        !ChannelProto::getReqIdAndPayloadLength(header.data(), PktHdrLength, &request.id, &length))
         return false;
     request.payload.resize(static_cast<size_t>(length));
-    return receiveAll(m_fd, request.payload.data(), request.payload.size());
-}
-
-bool ScriptedDaemon::Peer::hasMore(int milliseconds) const
-{
-    pollfd poller = {m_fd, POLLIN, 0};
-    return poll(&poller, 1, milliseconds) > 0;
-}
-
-void ScriptedDaemon::Peer::send(const std::string& bytes)
-{
-    for (size_t sent = 0; sent < bytes.size();) {
-        const ssize_t count = ::send(m_fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-        if (count <= 0)
-            return;
-        sent += static_cast<size_t>(count);
-    }
-}
-
-std::string ScriptedDaemon::Peer::packet(uint32_t id, const std::string& payload)
-{
-    std::string header(PktHdrLength, '\0');
-    ChannelProto::buildReqDataPktHdr(id, static_cast<int>(payload.size()), header.data());
-    return header + payload;
+    return receiveAll(m_fd, request.payload);
 }
 
 void ScriptedDaemon::Peer::error(uint32_t id)
 {
-    std::string header(PktHdrLength, '\0');
-    ChannelProto::buildReqErrorPktHdr(id, 0x10, header.data()); // the length of an error packet means nothing
-    send(header);
+    send("Type02" + packetHeader(id, 0x10).substr(6)); // the length of an error packet means nothing
 }
 
 void ScriptedDaemon::Peer::hangUp() { shutdown(m_fd, SHUT_RDWR); }
@@ -68,11 +29,10 @@ void ScriptedDaemon::Peer::hangUp() { shutdown(m_fd, SHUT_RDWR); }
 ScriptedDaemon::ScriptedDaemon(Script script, const char* pPath)
     : m_path(pPath), m_script(std::move(script)), m_listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
 {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    strncpy(address.sun_path, pPath, sizeof(address.sun_path) - 1);
+    const sockaddr_un address = addressOf(pPath);
     unlink(pPath);
-    if (bind(m_listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 || listen(m_listener, 64) != 0)
+    if (bind(m_listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
+        listen(m_listener, 64) != 0)
         throw std::runtime_error(m_path + ": " + strerror(errno));
     // The process's signals are not for the daemon's threads: they would cut its receives short.
     sigset_t all;

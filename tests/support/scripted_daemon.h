@@ -11,6 +11,7 @@
 
 #include "common/msgproto.h"
 #include "support/encoded.h"
+#include "support/packets.h"
 
 inline constexpr char FixedSocketPath[] = "/var/opt/quorlin/ombrel/obregd/reg-socket";
 
@@ -29,14 +30,12 @@ public:
         Peer(const Peer&) = delete;
         Peer& operator=(const Peer&) = delete;
 
-        bool receive(Request& request);       // false at the stream's end
-        bool hasMore(int milliseconds) const; // another request has begun to arrive
-        void send(const std::string& bytes);
+        bool receive(Request& request); // false at the stream's end
+        bool hasMore(int milliseconds) const { return ::hasMore(m_fd, milliseconds); }
+        void send(const std::string& bytes) { sendAll(m_fd, bytes); }
         void reply(uint32_t id, const std::string& payload) { send(packet(id, payload)); }
         void error(uint32_t id);
         void hangUp(); // any thread
-
-        static std::string packet(uint32_t id, const std::string& payload);
 
     private:
         const int m_fd;
