@@ -152,69 +152,15 @@ TEST_F(Guard, TheStoresFilesAreWatched)
     }
 }
 
-/// A store on a disk of its own, written as the committer does it.
+/// A daemon whose store is on a small disk of its own.
 class SmallDisk : public Guard {
 protected:
     static constexpr uint64_t MiB = uint64_t{1024} * 1024;
-    static constexpr uint64_t PerWrite = uint64_t{64} * 1024; // pages of the tree that change along with a value
 
-    ~SmallDisk() override { umount2(m_disk.c_str(), MNT_DETACH); }
-
-    static bool mounted(const std::string& at)
+    ~SmallDisk() override
     {
-        return std::filesystem::create_directory(at) && mount("none", at.c_str(), "tmpfs", 0, "size=32m") == 0;
-    }
-
-    void tidy()
-    {
-        m_writer.finishTidying();
-        m_inLog = 0;
-    }
-
-    template <class Action>
-    bool commits(uint64_t bytes, Action action)
-    {
-        if (m_inLog / 4096 >= static_cast<uint64_t>(m_space.logPages()))
-            tidy();
-        try {
-            m_writer.begin();
-            action();
-            m_writer.commit();
-            m_inLog += bytes + PerWrite;
-            return true;
-        } catch (const SQLite::Exception& failure) {
-            EXPECT_EQ(failure.getErrorCode(), SQLITE_FULL) << failure.what();
-            m_writer.rollback();
-            return false;
-        }
-    }
-
-    bool maySet(uint64_t bytes)
-    {
-        SQLite::Database database(m_path);
-        const int64_t freePages = database.execAndGet("PRAGMA freelist_count").getInt64();
-        const uint64_t freeInFile = 4096 * static_cast<uint64_t>(freePages);
-        if (m_space.mayGrow({bytes + PerWrite, m_inLog, freeInFile}))
-            return true;
-        tidy();
-        return m_space.mayGrow({bytes + PerWrite, m_inLog, freeInFile});
-    }
-
-    bool set(const std::string& name, const std::string& data)
-    {
-        return commits(data.size(), [&] {
-            m_writer.setValue(MachineId, name, REG_BINARY, data.data(), static_cast<UINT32>(data.size()));
-        });
-    }
-
-    bool remove(const std::string& name)
-    {
-        const auto action = [&] { EXPECT_TRUE(m_writer.removeValue(MachineId, name)); };
-        if (commits(0, action))
-            return true;
-        m_space.release();
-        tidy();
-        return commits(0, action);
+        m_onDisk.stop(SIGKILL);
+        umount2(m_disk.c_str(), MNT_DETACH);
     }
 
     /// A file of somebody else's, in all the room that is left.
@@ -227,41 +173,41 @@ protected:
     }
 
     std::string m_disk = m_folder + "/disk";
-    bool m_mounted = mounted(m_disk);
-    std::string m_path = m_disk + "/store";
-    StoreLock m_lock{m_path};
-    DiskSpace m_space{m_path};
-    WritableStore m_writer{m_path};
-    uint64_t m_inLog = 0;
+    bool m_mounted =
+        std::filesystem::create_directory(m_disk) && mount("none", m_disk.c_str(), "tmpfs", 0, "size=32m") == 0;
+    std::string m_reserve = m_disk + "/store-reserve";
+    RunningDaemon m_onDisk{m_socket, m_disk + "/store"};
 };
 
 TEST_F(SmallDisk, IsCuredByDeletions)
 {
     ASSERT_TRUE(m_mounted);
-    std::ofstream(m_disk + "/ballast") << std::string(4 * MiB, 'x');
-    EXPECT_EQ(std::filesystem::file_size(m_path + "-reserve"), MiB);
+    m_onDisk.start();
     const std::string data(10000, 'd');
+    auto pClient = std::make_unique<RawClient>(m_socket);
+    const HANDLE key = pClient->create("K");
     int count = 0;
-    while (maySet(data.size()))
-        ASSERT_TRUE(set(std::to_string(count++), data)) << "what may be done can be done";
-    EXPECT_GT(count * data.size(), 15 * MiB) << "most of the disk is for the store";
-    SQLite::Database(m_path).exec("PRAGMA wal_checkpoint(TRUNCATE)"); // as an end and a new start do
-    m_inLog = 0;
+    REGSTATUS status = 0;
+    while ((status = pClient->set(key, std::to_string(count), data)) == 0)
+        ++count;
+    EXPECT_EQ(status, OBREG_STATUS_STORE_FULL);
+    EXPECT_GT(count * data.size(), 12 * MiB) << "most of the disk is for the store";
+    m_onDisk.stop(SIGTERM);
     fill();
-    EXPECT_FALSE(set("more", std::string(2 * MiB, 'd'))) << "another one's file may come in between";
-    for (int i = 0; i < count; ++i)
-        ASSERT_TRUE(remove(std::to_string(i))) << i;
-    EXPECT_FALSE(std::filesystem::exists(m_path + "-reserve")) << "it was of use";
-
-    for (int i = 0; i < count / 2; ++i) { // what deletions have freed is room, though none of it is the disk's
-        ASSERT_TRUE(maySet(data.size())) << i;
-        ASSERT_TRUE(set(std::to_string(i), data)) << i;
+    m_onDisk.start();
+    pClient = std::make_unique<RawClient>(m_socket);
+    for (int i = 0; i < count; ++i) {
+        const DeleteValueReqMsg request(key, std::to_string(i).c_str());
+        ASSERT_EQ(pClient->call<DeleteValueRespMsg>(request)->m_status, 0u) << i << '\n' << m_onDisk.log();
     }
+    EXPECT_FALSE(std::filesystem::exists(m_reserve)) << "it was of use";
+    for (int i = 0; i < count / 2; ++i) // what deletions have freed is room, though none of it is the disk's
+        ASSERT_EQ(pClient->set(key, std::to_string(i), data), 0u) << i << '\n' << m_onDisk.log();
+
     std::filesystem::remove(m_disk + "/stranger");
-    std::filesystem::remove(m_disk + "/ballast");
     std::this_thread::sleep_for(std::chrono::milliseconds(1100));
-    EXPECT_TRUE(maySet(data.size()));
-    EXPECT_EQ(std::filesystem::file_size(m_path + "-reserve"), MiB) << "made anew";
+    EXPECT_EQ(pClient->set(key, "more", data), 0u);
+    EXPECT_EQ(std::filesystem::file_size(m_reserve), MiB) << "made anew";
 }
 
 TEST_F(Guard, ARemovedSocketIsMadeAgain)

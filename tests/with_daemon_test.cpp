@@ -56,7 +56,7 @@ protected:
 
 TEST_F(WithDaemon, ItsFiguresAreKeys)
 {
-    const auto figure = [](const char* pGroup, const char* pName) {
+    const auto figure = [](const char* pGroup, const std::string& pName) {
         return obreg::Key::open(obreg::performanceData(), pGroup).get<UINT64>(pName);
     };
     const UINT64 before = figure("requests", "QUERYVALUE");

@@ -11,9 +11,9 @@ constexpr auto BatchTime = std::chrono::milliseconds(10);
 constexpr size_t BatchBytes = size_t{4} * 1024 * 1024;
 constexpr size_t PagesOfOne = 8192; // what a small write adds to the log, about
 
-/// Whoever has a write as large as that done leaves the disk to the others for three times as long as it took.
-constexpr size_t Large = size_t{256} * 1024;
-constexpr int PauseFactor = 3;
+/// Whoever has a write done that takes as long as that leaves the disk to the others for ten times as long.
+constexpr auto Long = std::chrono::milliseconds(20);
+constexpr int PauseFactor = 10;
 
 // Values of deleted keys that are cleared in one transaction: when nobody waits, and after each batch.
 constexpr int ManyRows = 2000;
@@ -77,13 +77,14 @@ JobList Committer::runBatch(JobPtr pFirst)
     return batch;
 }
 
-/// Tells the queue. Others' writes come before the next large one of the same user.
+/// Tells the queue. Others' writes come before the next long one of the same user.
 void Committer::done(const JobList& batch, Clock::duration taken)
 {
     const double cost = static_cast<double>(batch.cost());
     for (const Job* pJob = batch.first(); pJob != nullptr; pJob = pJob->pNext.get()) {
-        const double share = pJob->cost() < Large ? 0 : static_cast<double>(pJob->cost()) / cost;
-        m_queue.done(*pJob, std::chrono::duration_cast<Clock::duration>(taken * PauseFactor * share));
+        const auto own =
+            std::chrono::duration_cast<Clock::duration>(taken * (static_cast<double>(pJob->cost()) / cost));
+        m_queue.done(*pJob, own >= Long ? own * PauseFactor : Clock::duration::zero());
     }
 }
 
