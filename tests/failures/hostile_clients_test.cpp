@@ -160,6 +160,7 @@ protected:
 void HostileClients::attack(const Hostility& hostility)
 {
     becomeStranger();
+    setpriority(PRIO_PROCESS, 0, 10); // of this thread: the daemon is tried, and not who gets a processor
     std::vector<std::pair<std::unique_ptr<RawClient>, int>> clients(EachHas);
     while (!m_stop) {
         for (auto& [pClient, round] : clients) {
