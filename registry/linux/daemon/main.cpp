@@ -168,6 +168,7 @@ int main(int argc, char** argv)
     if (toServe)
         openLog();
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN); // a file at its limit is a full disk
     raiseDescriptorLimit();
     setUpMemory();
     try {

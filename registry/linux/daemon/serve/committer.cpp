@@ -22,8 +22,9 @@ constexpr int FewRows = 200;
 } // namespace
 
 Committer::Committer(WritableStore& store, WriteGuard* pGuard, JobQueue& queue, Callbacks callbacks)
-    : m_store(store), m_queue(queue), m_callbacks(std::move(callbacks)), m_transactions(store, pGuard),
-      m_tidier(store.path(), store, m_callbacks.tidying), m_thread([this] { work(); })
+    : m_store(store), m_queue(queue), m_callbacks(std::move(callbacks)),
+      m_transactions(store, pGuard, m_callbacks.tidying), m_tidier(store.path(), store, m_callbacks.tidying),
+      m_thread([this] { work(); })
 {}
 
 Committer::~Committer()

@@ -118,7 +118,7 @@ bool Connection::serveFor(Clock::duration time)
 void Connection::readOn()
 {
     const Limits& limits = m_host.limits();
-    if (!m_stopped && m_committing <= limits.maxPayload && m_pUser->committing <= limits.maxHeldPerUser / 2)
+    if (!m_stopped && m_committing <= limits.maxPayload && m_pUser->committing <= m_host.writeShare())
         return read();
     m_begun.reset(); // while nothing is read, time is not the client's
     if (m_stopped || m_committing > limits.maxPayload)
@@ -419,9 +419,13 @@ void Connection::setHeld(size_t& part, size_t bytes)
 /// Those of the user's connections that wait for less to be committing read on when it is.
 void Connection::setCommitting(size_t bytes)
 {
+    const bool wrote = m_pUser->committing != 0;
     m_pUser->committing += bytes - m_committing;
+    const bool writes = m_pUser->committing != 0;
+    if (wrote != writes)
+        m_host.countWriter(writes ? 1 : -1);
     setHeld(m_committing, bytes);
-    while (!m_pUser->parked.empty() && m_pUser->committing <= m_host.limits().maxHeldPerUser / 2)
+    while (!m_pUser->parked.empty() && m_pUser->committing <= m_host.writeShare())
         (*m_pUser->parked.begin())->unpark();
 }
 

@@ -42,6 +42,10 @@ public:
     virtual void wantsTurn(Turns<Connection>::Place& place) = 0;
     /// Whether so few are there that one need not get in line for a short turn.
     virtual bool isQuiet() const = 0;
+    /// So many bytes of one user's may be on their way to the disk before nothing more is read from him.
+    virtual size_t writeShare() const = 0;
+    /// One user more, or less, has writes on their way to the disk.
+    virtual void countWriter(int more) = 0;
     /// The user's connections hold that many bytes more, or less. May cut off one of the user who holds most.
     virtual void holds(User& user, ptrdiff_t more) = 0;
     /// The connection has been closed.

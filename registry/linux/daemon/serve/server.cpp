@@ -110,7 +110,12 @@ Committer::Callbacks Server::committerCallbacks()
 {
     Committer::Callbacks callbacks;
     callbacks.answered = [this](JobList&& jobs) { postAnswers(std::move(jobs)); };
-    callbacks.tidying = [this](bool begins) { postSurely([this, begins] { m_store.keepState(!begins); }); };
+    callbacks.tidying = [this](bool begins) {
+        postSurely([this, begins] {
+            m_tidying += begins ? 1 : -1;
+            m_store.keepState(m_tidying == 0);
+        });
+    };
     callbacks.ended = [this] { postSurely([this] { end(); }); };
     return callbacks;
 }
@@ -335,6 +340,11 @@ void Server::answer(JobList& jobs)
     }
     for (const Job* pJob = answered.first(); pJob != nullptr; pJob = pJob->pNext.get())
         pJob->pConnection->goOn();
+}
+
+size_t Server::writeShare() const
+{
+    return std::min(m_limits.maxHeldPerUser, m_limits.maxHeld / static_cast<size_t>(std::max(m_writers, 1))) / 2;
 }
 
 void Server::holds(User& user, ptrdiff_t more)

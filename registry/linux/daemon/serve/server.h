@@ -55,6 +55,8 @@ private:
     JobQueue& writes() override { return m_writes; }
     bool isQuiet() const override { return m_turns.empty() && m_connections.size() <= FewConnections; }
     void wantsTurn(Turns<Connection>::Place& place) override;
+    size_t writeShare() const override;
+    void countWriter(int more) override { m_writers += more; }
     void holds(User& user, ptrdiff_t more) override;
     void closed(Connection& connection) override;
 
@@ -94,6 +96,8 @@ private:
     const Descriptors m_descriptors;
     const Limits m_limits;
     size_t m_held = 0;
+    int m_tidying = 0; // those who want readers to keep no state
+    int m_writers = 0; // users with writes on their way to the disk
     bool m_stopping = false;
     bool m_acceptFailing = false;
     std::unordered_set<Connection*> m_connections; // the open ones

@@ -14,14 +14,13 @@ uint64_t toWrite(const Job& job) { return job.cost() + PagesOfOne * PageSize; }
 
 } // namespace
 
-void StoreGuard::look(const Job& first)
+bool StoreGuard::look(const Job& first)
 {
     m_kept = m_identity.isKept();
     m_wanted = Step;
     m_granted = 0;
     m_inLog = static_cast<uint64_t>(m_store.logPages()) * PageSize;
-    if (m_kept && !first.pOperation->frees && !grants(m_wanted + toWrite(first)))
-        tidy();
+    return !m_kept || first.pOperation->frees || grants(m_wanted + toWrite(first)) || m_inLog == 0;
 }
 
 REGSTATUS StoreGuard::judge(const Job& job)
@@ -47,14 +46,18 @@ bool StoreGuard::grants(uint64_t bytes)
     return true;
 }
 
-void StoreGuard::makeRoom()
+void StoreGuard::giveReserve()
 {
     m_space.release();
     m_granted = 0;
-    tidy();
 }
 
 /// What the log holds is moved now, so that it needs no room for that later.
-void StoreGuard::tidy() { m_inLog = static_cast<uint64_t>(m_store.finishTidying()) * PageSize; }
+bool StoreGuard::tidy()
+{
+    const bool restarted = m_store.restartLog();
+    m_inLog = restarted ? 0 : static_cast<uint64_t>(m_store.finishTidying()) * PageSize;
+    return restarted;
+}
 
 } // namespace obregd

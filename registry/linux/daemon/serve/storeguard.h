@@ -18,13 +18,13 @@ public:
         : m_store(store), m_identity(identity), m_space(space)
     {}
 
-    void look(const Job& first) override;
+    bool look(const Job& first) override;
     REGSTATUS judge(const Job& job) override;
-    void makeRoom() override;
+    bool tidy() override;
+    void giveReserve() override;
 
 private:
     bool grants(uint64_t bytes);
-    void tidy();
 
     WritableStore& m_store;
     StoreIdentity& m_identity;

@@ -1,12 +1,17 @@
 #include "daemon/serve/transactions.h"
 
 #include <new>
+#include <thread>
 
 #include "obreg/roots.h"
 
 namespace obregd {
 
 namespace {
+
+// How long readers have to give up their states when the log needs their room.
+constexpr int RoomTries = 20;
+constexpr auto RoomPause = std::chrono::milliseconds(5);
 
 template <class Action>
 void forEach(const JobList& jobs, Action action)
@@ -21,8 +26,8 @@ JobList Transactions::run(const std::function<JobPtr()>& next)
 {
     JobList jobs;
     JobPtr pJob = next();
-    if (m_pGuard != nullptr && pJob != nullptr)
-        m_pGuard->look(*pJob);
+    if (m_pGuard != nullptr && pJob != nullptr && !m_pGuard->look(*pJob))
+        makeRoom();
     const auto serveAll = [&] {
         for (; pJob != nullptr; pJob = next()) {
             Job& job = *pJob;
@@ -33,14 +38,18 @@ JobList Transactions::run(const std::function<JobPtr()>& next)
     const auto failure = transact(std::ref(serveAll));
     if (pJob != nullptr) // the transaction could not even begin
         jobs.append(std::move(pJob));
-    if (failure) {
-        count(Figure::FailedTransactions);
-        if (failure->status == OBREG_STATUS_STORE_FULL && m_pGuard != nullptr)
-            m_pGuard->makeRoom();
-        runAgain(jobs, *failure);
-    } else {
+    if (!failure) {
         count(Figure::Writes, static_cast<int64_t>(jobs.size()));
+        return jobs;
     }
+    count(Figure::FailedTransactions);
+    if (failure->status != OBREG_STATUS_STORE_FULL || m_pGuard == nullptr) {
+        runAgain(jobs, *failure);
+        return jobs;
+    }
+    m_pGuard->giveReserve();
+    makeRoom();
+    runPart(jobs);
     return jobs;
 }
 
@@ -70,6 +79,28 @@ std::optional<Transactions::Failure> Transactions::transact(const std::function<
     }
 }
 
+/// Lets the log begin anew, for which readers must give up their states: they do soon when they are asked to, but one
+/// from outside may not.
+void Transactions::makeRoom()
+{
+    if (m_tidying)
+        m_tidying(true);
+    for (int i = 0; !m_pGuard->tidy() && i < RoomTries; ++i)
+        std::this_thread::sleep_for(RoomPause);
+    if (m_tidying)
+        m_tidying(false);
+}
+
+/// Runs jobs again in a transaction, and those of them that fail by halves.
+void Transactions::runPart(JobList& jobs)
+{
+    const auto serveAll = [&] { forEach(jobs, [this](Job& job) { serve(job); }); };
+    if (const auto failure = transact(std::ref(serveAll)))
+        runAgain(jobs, *failure);
+    else
+        count(Figure::Writes, static_cast<int64_t>(jobs.size()));
+}
+
 void Transactions::runAgain(JobList& jobs, const Failure& failure)
 {
     if (jobs.size() == 1 || failure.atOnce)
@@ -78,11 +109,7 @@ void Transactions::runAgain(JobList& jobs, const Failure& failure)
     halves[0].append(jobs.split(jobs.size() / 2));
     halves[1].append(std::move(jobs));
     for (JobList& half : halves) {
-        const auto serveHalf = [&] { forEach(half, [this](Job& job) { serve(job); }); };
-        if (const auto again = transact(std::ref(serveHalf)))
-            runAgain(half, *again);
-        else
-            count(Figure::Writes, static_cast<int64_t>(half.size()));
+        runPart(half);
         jobs.append(std::move(half));
     }
 }

@@ -19,18 +19,24 @@ namespace obregd {
 class WriteGuard {
 public:
     virtual ~WriteGuard() = default;
-    /// Looks at it anew, before a transaction whose first job is this.
-    virtual void look(const Job& first) = 0;
+    /// Looks at it anew, before a transaction whose first job is this. False when there would be room if the store's
+    /// log could begin anew.
+    virtual bool look(const Job& first) = 0;
     /// OBREG_STATUS_SUCCESS, or the status with which the job is refused.
     virtual REGSTATUS judge(const Job& job) = 0;
-    /// A transaction has failed for want of room: makes some for what only takes away.
-    virtual void makeRoom() = 0;
+    /// Lets the log begin anew; false when a reader's state is in the way.
+    virtual bool tidy() = 0;
+    /// A transaction has failed for want of room: gives what only takes away the room that was kept for it.
+    virtual void giveReserve() = 0;
 };
 
 class Transactions {
 public:
-    /// The guard, which may be null, and the store outlive it.
-    explicit Transactions(WritableStore& store, WriteGuard* pGuard = nullptr) : m_store(store), m_pGuard(pGuard) {}
+    /// The guard, which may be null, and the store outlive it. tidying: readers are to keep no state from now on
+    /// (true), or may again (false).
+    explicit Transactions(WritableStore& store, WriteGuard* pGuard = nullptr, std::function<void(bool)> tidying = {})
+        : m_store(store), m_pGuard(pGuard), m_tidying(std::move(tidying))
+    {}
 
     /// Runs the jobs that next() gives, until it gives null or one fails. Each comes back with its reply. Pass next by
     /// std::ref where there may be no memory.
@@ -46,11 +52,14 @@ private:
     };
 
     std::optional<Failure> transact(const std::function<void()>& action);
+    void makeRoom();
+    void runPart(JobList& jobs);
     void runAgain(JobList& jobs, const Failure& failure);
     void serve(Job& job);
 
     WritableStore& m_store;
     WriteGuard* const m_pGuard;
+    const std::function<void(bool)> m_tidying;
     LogLimit m_log;
 };
 

@@ -13,7 +13,6 @@ namespace {
 
 // Of the store's pages in memory, for each connection; the system's own cache holds the others.
 constexpr const char* ReaderCache = "PRAGMA cache_size = -16384"; // KiB
-constexpr int BusyTimeoutMs = 5000; // for the writer, against an operator's own look into the file
 constexpr auto MaxStateAge = std::chrono::milliseconds(100);
 constexpr UINT32 BriefWalk = 2000;
 constexpr int64_t BriefData = 65536;

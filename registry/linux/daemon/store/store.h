@@ -71,6 +71,8 @@ public:
     void refresh();
 
 protected:
+    static constexpr int BusyTimeoutMs = 5000; // for the writer, against an operator's own look into the file
+
     Store(const std::string& path, int flags);
 
     /// What a key's row says beside what a Key tells.
@@ -167,6 +169,8 @@ public:
     /// Moves what is in the log into the file, as far as no reader needs it there, without waiting for anybody. Returns
     /// how many pages remain; when none does, the next commit begins the log anew. Outside begin() and commit().
     int finishTidying();
+    /// The same, and lets the log begin anew at once. False when a reader, or whoever else, is in the way.
+    bool restartLog();
 
 private:
     struct Account {

@@ -126,6 +126,15 @@ uint64_t WritableStore::freePages()
     return m_freePages.executeStep() ? static_cast<uint64_t>(m_freePages.getColumn(0).getInt64()) : 0;
 }
 
+bool WritableStore::restartLog()
+{
+    sqlite3* const pHandle = m_database.getHandle();
+    sqlite3_busy_timeout(pHandle, 0);
+    const int result = sqlite3_wal_checkpoint_v2(pHandle, nullptr, SQLITE_CHECKPOINT_RESTART, nullptr, nullptr);
+    sqlite3_busy_timeout(pHandle, BusyTimeoutMs);
+    return result == SQLITE_OK;
+}
+
 int WritableStore::finishTidying()
 {
     int pages = 0;
