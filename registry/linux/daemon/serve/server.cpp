@@ -122,7 +122,7 @@ Committer::Callbacks Server::committerCallbacks()
 
 void Server::every(std::chrono::milliseconds interval, std::function<void()> chore)
 {
-    waitFor(m_chores.emplace_back(m_io, interval, std::move(chore)));
+    waitFor(m_chores.emplace_back(m_io, m_choreReserves.emplace_back(), interval, std::move(chore)));
 }
 
 void Server::waitFor(Chore& chore)

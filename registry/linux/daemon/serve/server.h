@@ -81,13 +81,13 @@ private:
     void end();
 
     struct Chore {
-        Chore(asio::io_context& io, std::chrono::milliseconds time, std::function<void()> work)
-            : timer(io), interval(time), action(std::move(work))
+        Chore(asio::io_context& io, Reserve& memory, std::chrono::milliseconds time, std::function<void()> work)
+            : timer(io), reserve(memory), interval(time), action(std::move(work))
         {}
         asio::steady_timer timer;
+        Reserve& reserve;
         std::chrono::milliseconds interval;
         std::function<void()> action;
-        Reserve reserve;
     };
     void waitFor(Chore& chore);
 
@@ -111,6 +111,7 @@ private:
     Reserve m_acceptReserve;
     Reserve m_pauseReserve;
     Reserve m_turnReserve;
+    std::list<Reserve> m_choreReserves;
     asio::io_context m_io{1}; // destroyed before what its handlers touch
     asio::executor_work_guard<asio::io_context::executor_type> m_work;
     asio::local::stream_protocol::acceptor m_acceptor;
