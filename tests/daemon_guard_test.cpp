@@ -186,7 +186,7 @@ TEST_F(SmallDisk, IsCuredByDeletions)
     const std::string data(10000, 'd');
     auto pClient = std::make_unique<RawClient>(m_socket);
     const HANDLE key = pClient->create("K");
-    int count = 0;
+    size_t count = 0;
     REGSTATUS status = 0;
     while ((status = pClient->set(key, std::to_string(count), data)) == 0)
         ++count;
@@ -196,12 +196,12 @@ TEST_F(SmallDisk, IsCuredByDeletions)
     fill();
     m_onDisk.start();
     pClient = std::make_unique<RawClient>(m_socket);
-    for (int i = 0; i < count; ++i) {
+    for (size_t i = 0; i < count; ++i) {
         const DeleteValueReqMsg request(key, std::to_string(i).c_str());
         ASSERT_EQ(pClient->call<DeleteValueRespMsg>(request)->m_status, 0u) << i << '\n' << m_onDisk.log();
     }
     EXPECT_FALSE(std::filesystem::exists(m_reserve)) << "it was of use";
-    for (int i = 0; i < count / 2; ++i) // what deletions have freed is room, though none of it is the disk's
+    for (size_t i = 0; i < count / 2; ++i) // what deletions have freed is room, though none of it is the disk's
         ASSERT_EQ(pClient->set(key, std::to_string(i), data), 0u) << i << '\n' << m_onDisk.log();
 
     std::filesystem::remove(m_disk + "/stranger");
