@@ -36,7 +36,6 @@ protected:
     }
 
     const TemporaryFolder m_folder;
-    const std::string m_ownPaths = "--socket " + path("own") + " --store " + path("store");
 };
 
 /// Not close-on-exec: it is to be handed over.
@@ -46,19 +45,6 @@ int boundSocket(int type, const std::string& path)
     const sockaddr_un address = addressOf(path);
     EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0) << path;
     return fd;
-}
-
-/// In the words before, `$$` is the daemon's process.
-pid_t startDaemon(const std::string& before, const std::string& options)
-{
-    return startInShell(before + "; exec \"$OBREGD\" " + options + " >/dev/null 2>&1");
-}
-
-int exitStatus(pid_t pid)
-{
-    int status = -1;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 /// What systemd sets for one who takes its sockets; the first is descriptor 3.
@@ -141,15 +127,15 @@ TEST_F(Administration, CommandLineAnswersBesideARunningDaemon)
     RunningDaemon daemon(path("socket"), path("store"));
     daemon.start();
     const auto run = [&](const std::string& options) {
-        return exitStatus(startDaemon(":", options + " --store " + path("store")));
+        return WEXITSTATUS(std::system(("\"$OBREGD\" >/dev/null 2>&1 --store " + path("store") + options).c_str()));
     };
-    EXPECT_EQ(run("--check"), 0);
-    EXPECT_EQ(run("--backup " + path("backup")), 0);
-    EXPECT_EQ(run("--backup " + path("backup")), 1);
-    EXPECT_GT(run("--check --backup " + path("other")), 1) << "both at once is a mistake";
+    EXPECT_EQ(run(" --check"), 0);
+    EXPECT_EQ(run(" --backup " + path("backup")), 0);
+    EXPECT_EQ(run(" --backup " + path("backup")), 1);
+    EXPECT_GT(run(" --check --backup " + path("other")), 1) << "both at once is a mistake";
     daemon.stop(SIGTERM);
     SQLite::Database(path("store"), SQLite::OPEN_READWRITE).exec("UPDATE regkey SET value_count = 1 WHERE id = 1");
-    EXPECT_EQ(run("--check"), 1);
+    EXPECT_EQ(run(" --check"), 1);
 }
 
 TEST_F(Administration, TakesTheSocketThatIsHandedOverAndTellsOfItself)
@@ -164,19 +150,18 @@ TEST_F(Administration, TakesTheSocketThatIsHandedOverAndTellsOfItself)
         return {text, recv(news.get(), text, sizeof text, 0) > 0 ? strnlen(text, sizeof text) : 0};
     };
     RawClient early(path("activated")); // waits in the queue for the daemon
-    const pid_t pid =
-        startDaemon(handingOver(listening, "1") + " WATCHDOG_USEC=200000 NOTIFY_SOCKET=" + path("news"), m_ownPaths);
+    RunningDaemon daemon(path("own"), path("store"));
+    daemon.start(handingOver(listening, "1") + " WATCHDOG_USEC=200000 NOTIFY_SOCKET=" + path("news"));
     EXPECT_EQ(nextNews(), "READY=1");
     for (int i = 0; i < 3; ++i)
         EXPECT_EQ(nextNews(), "WATCHDOG=1");
     EXPECT_NE(early.create("K"), nullptr);
     EXPECT_FALSE(std::filesystem::exists(path("own")));
-    kill(pid, SIGTERM);
+    EXPECT_EQ(daemon.stop(SIGTERM), 0);
     std::string last = nextNews();
     while (last == "WATCHDOG=1")
         last = nextNews();
     EXPECT_EQ(last, "STOPPING=1");
-    EXPECT_EQ(exitStatus(pid), 0);
     EXPECT_TRUE(std::filesystem::exists(path("activated"))) << "it is systemd's to remove";
 }
 
@@ -184,7 +169,7 @@ TEST_F(Administration, RefusesWhatItCannotListenOn)
 {
     for (const auto& [count, type] : {std::pair("2", SOCK_STREAM), {"1", SOCK_DGRAM}}) {
         const Descriptor handed(boundSocket(type, path(count)));
-        EXPECT_EQ(exitStatus(startDaemon(handingOver(handed, count), m_ownPaths)), 1);
+        EXPECT_THROW(RunningDaemon(path("own"), path("store")).start(handingOver(handed, count)), std::runtime_error);
     }
 }
 
