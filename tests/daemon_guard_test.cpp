@@ -51,19 +51,6 @@ TEST(Log, NeverWaitsAndTellsWhatItLeftOut)
     dup2(standardError.get(), STDERR_FILENO);
 }
 
-TEST(Log, LimitsWhatOneCauseMayWrite)
-{
-    LogLimit limit;
-    LogLimit::Time now = std::chrono::steady_clock::now();
-    for (int i = 0; i < 10; ++i)
-        EXPECT_EQ(limit.allow(now), 0u);
-    EXPECT_FALSE(limit.allow(now));
-    EXPECT_FALSE(limit.allow(now + std::chrono::seconds(9)));
-    EXPECT_EQ(limit.allow(now += std::chrono::seconds(10)), 2u);
-    EXPECT_FALSE(limit.allow(now));
-    EXPECT_FALSE(limit.isFresh(now + std::chrono::hours(1))) << "a line was left out";
-}
-
 class Guard : public testing::Test {
 protected:
     const TemporaryFolder m_folder;
