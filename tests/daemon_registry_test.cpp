@@ -294,35 +294,32 @@ TEST_F(RegistryTest, TimesMoveWithTheKeysOwnContent)
 TEST_F(RegistryTest, EnumerationAndInfoFollowChanges)
 {
     const HANDLE key = make("K");
-    struct Entry {
-        std::string name;
-        UINT32 length; ///< of the data
-    };
-    std::vector<Entry> keys, values; // in the order in which they were made
+    std::vector<std::string> keys, values; // in the order in which they were made
     std::mt19937 random(7);
-    const auto takeOne = [&](std::vector<Entry>& entries) {
-        const auto victim = entries.begin() + static_cast<ptrdiff_t>(random() % entries.size());
-        const std::string name = victim->name;
-        entries.erase(victim);
+    const auto takeOne = [&](std::vector<std::string>& names) {
+        const auto victim = names.begin() + static_cast<ptrdiff_t>(random() % names.size());
+        const std::string name = *victim;
+        names.erase(victim);
         return name;
     };
-    const auto greatest = [](const std::vector<Entry>& entries, auto lengthOf) {
-        size_t length = 0;
-        for (const Entry& entry : entries)
-            length = std::max<size_t>(length, lengthOf(entry));
-        return length;
+    const auto lengthOf = [](const std::string& name) { return name.size(); };
+    const auto lengthOfData = [](const std::string& name) { return static_cast<size_t>(name.back() - '0'); };
+    const auto greatest = [](const std::vector<std::string>& names, auto length) {
+        size_t most = 0;
+        for (const std::string& name : names)
+            most = std::max(most, length(name));
+        return most;
     };
-    const auto lengthOfName = [](const Entry& entry) { return entry.name.size(); };
     size_t at = 0;
     for (int step = 0; step < 3000; ++step) {
         const std::string name = "\xC3\xA4" + std::string(random() % 9, 'n') + std::to_string(step);
         const auto choice = random() % 24;
         if (choice < 2) {
             create(key, name);
-            keys.push_back({name, 0});
+            keys.push_back(name);
         } else if (choice < 4) {
-            values.push_back({name, static_cast<UINT32>(random() % 50)});
-            set(key, name, std::string(values.back().length, 'd'));
+            set(key, name, std::string(lengthOfData(name), 'd'));
+            values.push_back(name);
         } else if (choice == 4 && !keys.empty()) {
             EXPECT_EQ(removeKey(key, takeOne(keys)), 0u);
         } else if (choice == 5 && !values.empty()) {
@@ -330,14 +327,14 @@ TEST_F(RegistryTest, EnumerationAndInfoFollowChanges)
         } else { // mostly steps, up and down, now and then a leap
             at = random() % 8 == 0 ? random() % 200 : at + (random() % 3 == 0 ? size_t(-1) : 1);
             at = std::min(at, std::max(keys.size(), values.size()));
-            ASSERT_EQ(keyAt(key, at)->m_subKeyName, at < keys.size() ? keys[at].name : "") << "step " << step;
-            ASSERT_EQ(valueAt(key, at)->m_valueName, at < values.size() ? values[at].name : "") << "step " << step;
+            ASSERT_EQ(keyAt(key, at)->m_subKeyName, at < keys.size() ? keys[at] : "") << "step " << step;
+            ASSERT_EQ(valueAt(key, at)->m_valueName, at < values.size() ? values[at] : "") << "step " << step;
             const auto now = info(key);
             ASSERT_EQ(now->m_subKeyCount, keys.size());
             ASSERT_EQ(now->m_valueCount, values.size());
-            ASSERT_EQ(now->m_maxSubKeyLength, greatest(keys, lengthOfName));
-            ASSERT_EQ(now->m_maxValueNameLength, greatest(values, lengthOfName));
-            ASSERT_EQ(now->m_maxValueLength, greatest(values, [](const Entry& entry) { return entry.length; }));
+            ASSERT_EQ(now->m_maxSubKeyLength, greatest(keys, lengthOf));
+            ASSERT_EQ(now->m_maxValueNameLength, greatest(values, lengthOf));
+            ASSERT_EQ(now->m_maxValueLength, greatest(values, lengthOfData));
         }
     }
 }
