@@ -27,18 +27,6 @@ class CheckedStore : public Store {
 public:
     explicit CheckedStore(const std::string& path, unsigned seed = 0) : Store(path), m_random(seed) {}
 
-    void expectRight(KeyId id, UINT32 index)
-    {
-        SQLite::Statement query(m_database, "SELECT name FROM regvalue WHERE key = ? ORDER BY id LIMIT 1 OFFSET ?");
-        query.bind(1, id);
-        query.bind(2, index);
-        const std::string counted = query.executeStep() ? query.getColumn(0).getString() : "";
-        const Key found = key(id).value();
-        const auto entry = valueAt(found, index);
-        const std::string name = entry ? entry->pName : "";
-        ASSERT_EQ(name, counted) << "at " << index << " of " << found.values;
-    }
-
     /// Reads on in its state, or in a new one, or elsewhere: anywhere or near the end.
     void step(KeyId id)
     {
@@ -46,10 +34,16 @@ public:
             m_state.reset();
         if (!m_state)
             m_state.emplace(*this);
-        const UINT32 count = key(id)->values;
-        const auto leap = m_random() % (m_random() % 2 == 0 ? count : 20);
-        m_at = m_random() % 10 == 0 ? count - 1 - static_cast<UINT32>(leap) : m_at + 1;
-        expectRight(id, m_at);
+        const Key found = key(id).value();
+        const auto leap = m_random() % (m_random() % 2 == 0 ? found.values : 20);
+        m_at = m_random() % 10 == 0 ? found.values - 1 - static_cast<UINT32>(leap) : m_at + 1;
+        SQLite::Statement query(m_database, "SELECT name FROM regvalue WHERE key = ? ORDER BY id LIMIT 1 OFFSET ?");
+        query.bind(1, id);
+        query.bind(2, m_at);
+        const std::string counted = query.executeStep() ? query.getColumn(0).getString() : "";
+        const auto entry = valueAt(found, m_at);
+        const std::string name = entry ? entry->pName : "";
+        ASSERT_EQ(name, counted) << "at " << m_at << " of " << found.values;
     }
 
 private:
