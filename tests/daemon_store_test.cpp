@@ -106,9 +106,13 @@ TEST_F(StoreTest, PositionsAreRightInStatesOfEveryAge)
                 set(key, "v" + std::to_string(static_cast<int>(random()) % next), data);
             else if (choice < 15)
                 m_pWriter->removeValue(key, "v" + std::to_string(static_cast<int>(random()) % next));
-            else // the last ones, whose places the next ones must not take
-                for (int last = next - 1; last >= next - 3; --last)
+            else { // the last ones are replaced, and their rows not used again
+                const int end = next;
+                for (int last = end - 25; last < end; ++last)
                     m_pWriter->removeValue(key, "v" + std::to_string(last));
+                while (next < end + 25)
+                    set(key, "v" + std::to_string(next++), data);
+            }
         }
         const Key own = m_pWriter->key(key).value();
         m_pWriter->valueAt(own, static_cast<UINT32>(random() % own.values)); // leaves its trace
