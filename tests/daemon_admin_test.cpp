@@ -1,22 +1,21 @@
-// What an operator and systemd ask of the daemon: a check, a backup, a socket taken over, news of being ready.
+// What an operator and systemd ask of the daemon: a check, a backup, a socket taken over, news of its state.
 #include <SQLiteCpp/SQLiteCpp.h>
-#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
 #include "daemon/files.h"
-#include "daemon/operations.h"
 #include "daemon/store/maintenance.h"
+#include "daemon/store/store.h"
 #include "support/raw_client.h"
 #include "support/running_daemon.h"
+#include "support/temporary_folder.h"
 
 namespace {
 
@@ -24,14 +23,7 @@ using namespace obregd;
 
 class Administration : public testing::Test {
 protected:
-    Administration()
-    {
-        std::string pattern = testing::TempDir() + "obregd-admin-XXXXXX";
-        folder = mkdtemp(pattern.data());
-    }
-    ~Administration() override { std::filesystem::remove_all(folder); }
-
-    std::string path(const std::string& name) const { return folder + "/" + name; }
+    std::string path(const std::string& name) const { return m_folder / name; }
 
     /// A store of `keys` keys with a value each.
     void fillStore(int keys) const
@@ -43,7 +35,7 @@ protected:
         store.commit();
     }
 
-    std::string folder;
+    const TemporaryFolder m_folder;
 };
 
 /// Not close-on-exec: it is to be handed over.
@@ -53,19 +45,6 @@ int boundSocket(int type, const std::string& path)
     const sockaddr_un address = addressOf(path);
     EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0) << path;
     return fd;
-}
-
-/// In the words before, `$$` is the daemon's process.
-pid_t startDaemon(const std::string& before, const std::string& options)
-{
-    return startInShell(before + "; exec \"$OBREGD\" " + options + " >/dev/null 2>&1");
-}
-
-int exitStatus(pid_t pid)
-{
-    int status = -1;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 /// What systemd sets for one who takes its sockets; the first is descriptor 3.
@@ -82,6 +61,10 @@ TEST_F(Administration, CheckFindsEachKindOfDamage)
     } cases[] = {
         {"UPDATE regkey SET subkey_count = 9 WHERE id = 2", "key 2 says that it has 9 sub-keys, but has 3"},
         {"UPDATE regkey SET value_count = 4 WHERE id = 16", "key 16 says that it has 4 values, but has 1"},
+        {"UPDATE regkey SET value_data_max = 5 WHERE id = 16",
+         "key 16 says that its longest value has 5 bytes (1 times), but that has 4 (1 times)"},
+        {"UPDATE usage SET bytes = bytes + 1", "owner -1 is said to take 3 keys of 3 made and 37 bytes, but takes"},
+        {"INSERT INTO leftover VALUES (16, 0)", "key 16 is to be cleared away, but is there"},
         {"UPDATE regkey SET parent = 16 WHERE id = 16", "key 16 hangs on no root"},
         {"UPDATE regvalue SET key = 77 WHERE key = 16", "belongs to key 77, which is not there"},
         {"UPDATE sqlite_sequence SET seq = 17", "key number 18 could be given out twice"},
@@ -130,14 +113,12 @@ TEST_F(Administration, BackupIsOneStateOfAStoreThatIsBeingWritten)
         const StoreReport again = checkStore(backup);
         EXPECT_EQ(again.problems, std::vector<std::string>());
         EXPECT_EQ(again.summary(), report.summary());
-        struct stat found;
-        EXPECT_EQ(stat(backup.c_str(), &found), 0);
-        EXPECT_EQ(found.st_mode & 07777, 0600u);
+        EXPECT_EQ(std::filesystem::status(backup).permissions(), std::filesystem::perms(0600));
     }
     over = true;
     writer.join();
     EXPECT_THROW(backUpStore(path("store"), path("backup0")), std::runtime_error) << "there is one already";
-    for (const auto& entry : std::filesystem::directory_iterator(folder))
+    for (const auto& entry : std::filesystem::directory_iterator(path("")))
         EXPECT_EQ(entry.path().extension(), "") << "left over";
 }
 
@@ -146,37 +127,41 @@ TEST_F(Administration, CommandLineAnswersBesideARunningDaemon)
     RunningDaemon daemon(path("socket"), path("store"));
     daemon.start();
     const auto run = [&](const std::string& options) {
-        return exitStatus(startDaemon(":", options + " --store " + path("store")));
+        return WEXITSTATUS(std::system(("\"$OBREGD\" >/dev/null 2>&1 --store " + path("store") + options).c_str()));
     };
-    EXPECT_EQ(run("--check"), 0);
-    EXPECT_EQ(run("--backup " + path("backup")), 0);
-    EXPECT_EQ(run("--backup " + path("backup")), 1);
-    EXPECT_GT(run("--check --backup " + path("other")), 1) << "both at once is a mistake";
+    EXPECT_EQ(run(" --check"), 0);
+    EXPECT_EQ(run(" --backup " + path("backup")), 0);
+    EXPECT_EQ(run(" --backup " + path("backup")), 1);
+    EXPECT_GT(run(" --check --backup " + path("other")), 1) << "both at once is a mistake";
     daemon.stop(SIGTERM);
     SQLite::Database(path("store"), SQLite::OPEN_READWRITE).exec("UPDATE regkey SET value_count = 1 WHERE id = 1");
-    EXPECT_EQ(run("--check"), 1);
+    EXPECT_EQ(run(" --check"), 1);
 }
 
-TEST_F(Administration, TakesTheSocketThatIsHandedOverAndLeavesItBehind)
+TEST_F(Administration, TakesTheSocketThatIsHandedOverAndTellsOfItself)
 {
     const Descriptor listening(boundSocket(SOCK_STREAM, path("activated")));
     ASSERT_EQ(listen(listening.get(), 5), 0);
     const Descriptor news(boundSocket(SOCK_DGRAM, path("news")));
     const timeval patience{10, 0};
     setsockopt(news.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    const auto nextNews = [&] {
-        char text[64];
-        return std::string(text, static_cast<size_t>(std::max<ssize_t>(0, recv(news.get(), text, sizeof text, 0))));
+    const auto nextNews = [&]() -> std::string {
+        char text[64] = {};
+        return {text, recv(news.get(), text, sizeof text, 0) > 0 ? strnlen(text, sizeof text) : 0};
     };
     RawClient early(path("activated")); // waits in the queue for the daemon
-    const pid_t pid = startDaemon(handingOver(listening, "1") + " NOTIFY_SOCKET=" + path("news"),
-                                  "--socket " + path("own") + " --store " + path("store"));
+    RunningDaemon daemon(path("own"), path("store"));
+    daemon.start(handingOver(listening, "1") + " WATCHDOG_USEC=200000 NOTIFY_SOCKET=" + path("news"));
     EXPECT_EQ(nextNews(), "READY=1");
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(nextNews(), "WATCHDOG=1");
     EXPECT_NE(early.create("K"), nullptr);
     EXPECT_FALSE(std::filesystem::exists(path("own")));
-    kill(pid, SIGTERM);
-    EXPECT_EQ(nextNews(), "STOPPING=1");
-    EXPECT_EQ(exitStatus(pid), 0);
+    EXPECT_EQ(daemon.stop(SIGTERM), 0);
+    std::string last = nextNews();
+    while (last == "WATCHDOG=1")
+        last = nextNews();
+    EXPECT_EQ(last, "STOPPING=1");
     EXPECT_TRUE(std::filesystem::exists(path("activated"))) << "it is systemd's to remove";
 }
 
@@ -184,8 +169,7 @@ TEST_F(Administration, RefusesWhatItCannotListenOn)
 {
     for (const auto& [count, type] : {std::pair("2", SOCK_STREAM), {"1", SOCK_DGRAM}}) {
         const Descriptor handed(boundSocket(type, path(count)));
-        const std::string options = "--socket " + path("own") + " --store " + path("store");
-        EXPECT_EQ(exitStatus(startDaemon(handingOver(handed, count), options)), 1);
+        EXPECT_THROW(RunningDaemon(path("own"), path("store")).start(handingOver(handed, count)), std::runtime_error);
     }
 }
 

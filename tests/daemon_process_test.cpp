@@ -1,15 +1,15 @@
 // The obregd program over its socket: bad input, limits, starting and stopping.
+#include <SQLiteCpp/SQLiteCpp.h>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
-#include <gtest/gtest.h>
 #include <list>
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "support/raw_client.h"
 #include "support/running_daemon.h"
+#include "support/temporary_folder.h"
 
 namespace {
 
@@ -17,15 +17,10 @@ constexpr size_t MiB = size_t{1024} * 1024;
 
 class DaemonTest : public testing::Test {
 protected:
-    ~DaemonTest() override { std::filesystem::remove_all(m_folder); }
-
-    std::string socketPath() const { return m_folder + "/run/socket"; }
-    std::string storePath() const { return m_folder + "/store"; }
-    RunningDaemon daemonWith(const std::vector<std::string>& options) { return {socketPath(), storePath(), options}; }
-
-    std::string m_folder = testing::TempDir() + "/obregd-XXXXXX";
-    bool m_made = mkdtemp(m_folder.data()) != nullptr && mkdir((m_folder + "/run").c_str(), 0755) == 0;
-    RunningDaemon m_daemon{socketPath(), storePath()};
+    const TemporaryFolder m_folder;
+    const std::string m_socket = m_folder / "socket";
+    const std::string m_store = m_folder / "store";
+    RunningDaemon m_daemon{m_socket, m_store};
 };
 
 TEST_F(DaemonTest, BadInputHurtsOnlyItsSender)
@@ -36,7 +31,6 @@ TEST_F(DaemonTest, BadInputHurtsOnlyItsSender)
         std::string bytes;
         const char* pLogged; ///< null: an error packet for id 5, and the connection goes on
     } cases[] = {
-        {"no payload", packet(5, ""), nullptr},
         {"short payload", packet(5, "Type01"), nullptr},
         {"unknown request", packet(5, "Type0B\r\nKeyHandle =0x10\r\n\r\n                    "), nullptr},
         {"missing field", packet(5, "Type06\r\nKeyHandle =0x80000002\r\n\r\n" + std::string(60, ' ')), nullptr},
@@ -48,10 +42,10 @@ TEST_F(DaemonTest, BadInputHurtsOnlyItsSender)
          "limit (--max-payload) is"},
     };
     m_daemon.start();
-    RawClient bystander(socketPath());
+    RawClient bystander(m_socket);
     for (const auto& c : cases) {
         SCOPED_TRACE(c.pWhat);
-        RawClient client(socketPath());
+        RawClient client(m_socket);
         client.send(c.bytes);
         if (c.pLogged == nullptr) {
             const auto reply = client.receive();
@@ -69,49 +63,53 @@ TEST_F(DaemonTest, BadInputHurtsOnlyItsSender)
 TEST_F(DaemonTest, TheStoresLogStaysShortUnderReading)
 {
     m_daemon.start();
-    RawClient client(socketPath());
+    RawClient client(m_socket);
     const HANDLE key = client.create("K");
-    for (int i = 0; i < 600; ++i) {
-        const std::string data(100000, static_cast<char>(i));
-        ASSERT_EQ(client.set(key, "v", data), 0u);
-        ASSERT_EQ(client.query(key, "v"), data);
+    const auto writeAndRead = [&](int times) {
+        for (int i = 0; i < times; ++i) {
+            const std::string data(100000, static_cast<char>(i));
+            ASSERT_EQ(client.set(key, "v", data), 0u);
+            ASSERT_EQ(client.query(key, "v"), data);
+        }
+    };
+    {
+        SQLite::Database store(m_store);
+        const SQLite::Transaction old(store);
+        store.execAndGet("SELECT count(*) FROM regvalue");
+        const auto begun = std::chrono::steady_clock::now();
+        writeAndRead(60);
+        EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(5)) << "nobody waits for that reader";
     }
-    EXPECT_LT(std::filesystem::file_size(storePath() + "-wal"), 20 * MiB); // of 60 written
+    writeAndRead(600);
+    EXPECT_LT(std::filesystem::file_size(m_store + "-wal"), 20 * MiB); // of 66 written
 }
 
-TEST_F(DaemonTest, WhoTakesNoRepliesIsCutOff)
+TEST_F(DaemonTest, WhoMakesItHoldTooMuchIsCutOff)
 {
-    RunningDaemon daemon = daemonWith({"--max-payload", "1M", "--max-queued", "3M", "--max-held", "64M"});
+    RunningDaemon daemon(m_socket, m_store, {"--max-payload", "4M", "--max-queued", "3M", "--max-held", "8M"});
     daemon.start();
-    RawClient greedy(socketPath());
-    RawClient modest(socketPath());
+    RawClient modest(m_socket);
     const HANDLE key = modest.create("K");
     modest.set(key, "v", std::string(60000, 'x'));
-    const auto ask = [&](int times) {
-        for (int i = 0; i < times; ++i)
-            greedy.send(packet(1, encoded(QueryValueReqMsg(key, "v"))));
-        EXPECT_EQ(modest.query(key, "v").size(), 60000u);
-    };
-    ask(20); // within the limit: they wait until they are taken
-    for (int i = 0; i < 20; ++i)
-        greedy.receive();
-    EXPECT_EQ(daemon.log().find("does not take its replies"), std::string::npos) << daemon.log();
-    ask(200);
-    EXPECT_TRUE(daemon.logs("does not take its replies"));
-    EXPECT_THROW(for (;;) greedy.receive(), std::runtime_error);
-}
-
-TEST_F(DaemonTest, WhoHoldsMostIsCutOffWhenAllHoldTooMuch)
-{
-    RunningDaemon daemon = daemonWith({"--max-payload", "4M", "--max-held", "8M"});
-    daemon.start();
-    RawClient modest(socketPath());
-    const HANDLE key = modest.create("K");
+    {
+        RawClient greedy(m_socket);
+        const auto ask = [&](int times) {
+            for (int i = 0; i < times; ++i)
+                greedy.send(packet(1, encoded(QueryValueReqMsg(key, "v"))));
+            EXPECT_EQ(modest.query(key, "v").size(), 60000u);
+        };
+        ask(20); // within the limit: they wait until they are taken
+        for (int i = 0; i < 20; ++i)
+            greedy.receive();
+        ask(200);
+        EXPECT_TRUE(daemon.logs("does not take its replies"));
+        EXPECT_THROW(for (;;) greedy.receive(), std::runtime_error);
+    }
     const std::string begun = packet(1, setText(key, "v", std::string(3 * MiB, 'x'))).substr(0, 2 * MiB);
     std::list<RawClient> clients;
     try {
         while (clients.size() < 8)
-            clients.emplace_back(socketPath()).send(begun);
+            clients.emplace_back(m_socket).send(begun);
     } catch (const std::runtime_error&) { // cut off while it was sending
     }
     EXPECT_EQ(modest.set(key, "v", "small"), 0u);
@@ -121,38 +119,42 @@ TEST_F(DaemonTest, WhoHoldsMostIsCutOffWhenAllHoldTooMuch)
 TEST_F(DaemonTest, StartsOnlyWhereNoOtherLives)
 {
     m_daemon.start();
-    struct stat found;
-    ASSERT_EQ(stat(socketPath().c_str(), &found), 0);
-    EXPECT_EQ(found.st_mode & 07777, 0666u);
-    ASSERT_EQ(stat(storePath().c_str(), &found), 0);
-    EXPECT_EQ(found.st_mode & 07777, 0600u);
-    const auto refusal = [](RunningDaemon&& daemon) -> std::string {
-        try {
-            daemon.start();
-        } catch (const std::runtime_error& error) {
-            return error.what();
-        }
-        return "";
+    for (const auto& [path, rights] : {std::pair(m_socket, 0666), {m_store, 0600}})
+        EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms(rights)) << path;
+    std::filesystem::create_symlink(m_store, m_folder / "symbolic");
+    std::filesystem::create_hard_link(m_store, m_folder / "hard");
+    const std::string other = m_folder / "other";
+    const struct {
+        std::string socket, store, words;
+    } refused[] = {
+        {m_socket, other, m_socket + ": another obregd"},
+        {other, m_store, m_store + ": another obregd"},
+        {other, m_folder / "symbolic", "another name of a store"},
+        {other, m_folder / "hard", "another name of a store"},
+        {m_folder / "", other, "is not a socket"},
+        {other, "/dev/null", "/dev/null"},
     };
-    const std::string other = m_folder + "/run/other";
-    EXPECT_NE(refusal({socketPath(), m_folder + "/other"}).find(socketPath() + ": another obregd"), std::string::npos);
-    EXPECT_NE(refusal({other, storePath()}).find(storePath() + ": another obregd"), std::string::npos);
-    EXPECT_NE(refusal({m_folder + "/run", other}).find("is not a socket"), std::string::npos);
-    EXPECT_NE(refusal({other, "/dev/null"}).find("/dev/null"), std::string::npos);
+    for (const auto& row : refused)
+        try {
+            RunningDaemon(row.socket, row.store).start();
+            ADD_FAILURE() << row.socket << " and " << row.store;
+        } catch (const std::runtime_error& error) {
+            EXPECT_NE(std::string(error.what()).find(row.words), std::string::npos) << error.what();
+        }
 
     m_daemon.stop(SIGKILL);
-    ASSERT_EQ(access(socketPath().c_str(), F_OK), 0) << "a dead daemon's socket stays";
+    ASSERT_TRUE(std::filesystem::exists(m_socket)) << "a dead daemon's socket stays";
     m_daemon.start();
-    RawClient(socketPath()).create("K");
+    RawClient(m_socket).create("K");
     EXPECT_EQ(m_daemon.stop(SIGTERM), 0);
-    EXPECT_NE(access(socketPath().c_str(), F_OK), 0) << "a stopped daemon's does not";
+    EXPECT_FALSE(std::filesystem::exists(m_socket)) << "a stopped daemon's does not";
 }
 
 TEST_F(DaemonTest, StopsInGoodOrder)
 {
     m_daemon.start();
-    RawClient client(socketPath());
-    const RawClient idle(socketPath());
+    RawClient client(m_socket);
+    const RawClient idle(m_socket);
     const HANDLE key = client.create("K");
     std::string bytes; // short and long requests mixed
     for (uint32_t id = 0; id < 500; ++id)
@@ -166,7 +168,7 @@ TEST_F(DaemonTest, StopsInGoodOrder)
     } catch (const std::runtime_error&) {
     }
     m_daemon.start();
-    RawClient after(socketPath());
+    RawClient after(m_socket);
     for (const uint32_t id : answered)
         EXPECT_EQ(after.query(key, std::to_string(id)).size(), id % 7 == 0 ? 5000u : 10u) << id;
     after.send(packet(9, encoded(CloseKeyReqMsg(key))));
@@ -178,13 +180,13 @@ TEST_F(DaemonTest, StopsInGoodOrder)
 TEST_F(DaemonTest, RunsOutOfDescriptorsAndRecovers)
 {
     m_daemon.start();
-    RawClient first(socketPath());
-    RawClient(socketPath()).create("K"); // a sanitizer sees one end first: it needs descriptors for its own checks
+    RawClient first(m_socket);
+    RawClient(m_socket).create("K"); // a sanitizer sees one end first: it needs descriptors for its own checks
     const rlimit few{48, 48};
     ASSERT_EQ(prlimit(m_daemon.pid(), RLIMIT_NOFILE, &few, nullptr), 0);
     std::list<RawClient> clients;
     while (clients.size() < 60)
-        clients.emplace_back(socketPath()); // the last ones wait in the backlog
+        clients.emplace_back(m_socket); // the last ones wait in the backlog
     usleep(300000);
     EXPECT_EQ(first.call<CloseKeyRespMsg>(CloseKeyReqMsg(HKEY_USERS))->m_status, 0u);
     const std::string log = m_daemon.log();

@@ -38,11 +38,12 @@ RunningDaemon::RunningDaemon(std::string socketPath, std::string storePath, std:
 
 RunningDaemon::~RunningDaemon() { stop(SIGKILL); }
 
-void RunningDaemon::start()
+void RunningDaemon::start(const std::string& before)
 {
     if (m_pid != -1)
         throw std::logic_error("the daemon runs already");
-    std::string command = "exec \"$OBREGD\" 2>" + m_logPath + " --socket " + m_socketPath + " --store " + m_storePath;
+    std::string command =
+        before + "; exec \"$OBREGD\" 2>" + m_logPath + " --socket " + m_socketPath + " --store " + m_storePath;
     for (const std::string& option : m_moreOptions)
         command += ' ' + option;
     std::filesystem::remove(m_logPath); // it would say that the daemon before is listening
