@@ -1,6 +1,4 @@
 // The .reg reader by itself; then random trees through the tool and the real daemon, and out as .reg text and in again.
-#include <fstream>
-#include <map>
 #include <random>
 #include <sstream>
 
@@ -117,32 +115,27 @@ TEST(RegReader, NamesTheFirstMistake)
         EXPECT_EQ(mistake.find(one.pPlace), 0u) << mistake << " for " << one.pText;
         EXPECT_NE(mistake.find(one.pPart), std::string::npos) << mistake << " for " << one.pText;
     }
-    EXPECT_EQ(read("", 1).find("line 1, column 1: expected the header"), 0u);
-    EXPECT_EQ(read("Windows Registry Editor Version 6.00", 1).find("line 1, column 1"), 0u);
+    for (const char* const pNoHeader : {"", "Windows Registry Editor Version 6.00"})
+        EXPECT_EQ(read(pNoHeader, 1).find("line 1, column 1: expected the header"), 0u);
     EXPECT_NE(read("\xFF\xFE" + toUtf16(Header) + 'x', 3).find("whole UTF-16"), std::string::npos);
     EXPECT_NE(read(Header + "[HKLM]\n\"a\"=\"\0\""s, 9).find("NUL"), std::string::npos);
 }
 
-using Values = std::map<std::string, obreg::Value>;
-using Tree = std::map<std::string, Values>; // by the path of the key
-
-/// Names and data that want to break something. No two of the names differ in their case only.
+/// Random keys and values whose names and data want to break something, the same for the same seed.
 class Hostile {
 public:
     explicit Hostile(unsigned seed) : m_random(seed) {}
 
-    Tree tree(const std::string& top)
+    void plant(const std::string& top)
     {
         std::vector<std::string> keys = {top};
         for (size_t i = below(7); i > 0; --i)
             keys.push_back(keys[below(keys.size())] + '\\' + text("\\"));
-        Tree tree;
-        for (const std::string& key : keys) {
-            Values& values = tree[key];
+        for (const std::string& path : keys) {
+            const obreg::Key key = obreg::Key::create(obreg::localMachine(), path);
             for (size_t i = below(7); i > 0; --i)
-                values.try_emplace(below(8) == 0 ? "default" : text(""), value());
+                key.set(below(8) == 0 ? "default" : text(""), value());
         }
-        return tree;
     }
 
 private:
@@ -182,50 +175,19 @@ int tool(std::vector<const char*> arguments)
     return runTool(static_cast<int>(arguments.size()), arguments.data());
 }
 
-void store(const Tree& tree)
-{
-    for (const auto& [path, values] : tree) {
-        const obreg::Key key = obreg::Key::create(obreg::localMachine(), path);
-        for (const auto& [name, value] : values)
-            key.set(name, value);
-    }
-}
-
-void expectStored(const Tree& tree)
-{
-    for (const auto& [path, values] : tree) {
-        Values found;
-        for (const obreg::NamedValue& value : obreg::Key::open(obreg::localMachine(), path).values())
-            found[value.name] = value.value;
-        EXPECT_EQ(found, values) << path;
-    }
-}
-
-std::string contents(const std::string& file)
-{
-    std::ifstream stream(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), {}};
-}
-
 TEST(Tool, HostileTreesSurviveExportAndImport)
 {
     const FreshDaemon daemon;
-    const std::string first = testing::TempDir() + "obreg-1.reg";
-    const std::string second = testing::TempDir() + "obreg-2.reg";
+    const std::string file = testing::TempDir() + "obreg.reg";
     const char* const formats[] = {"--yes", "--utf16", "--regedit4"};
     const auto trees = static_cast<unsigned>(scaled(sizeof(void*) == 8 ? 200 : 100));
     for (unsigned seed = 0; seed < trees && !HasFailure(); ++seed) {
         SCOPED_TRACE(seed);
-        const Tree tree = Hostile(seed).tree("Tree");
-        const char* const pFormat = formats[seed % std::size(formats)];
-        store(tree);
-        store(Hostile(seed).tree("Twin"));
-        ASSERT_EQ(tool({"export", "HKLM/Tree", first.c_str(), "--yes", pFormat}), 0);
+        Hostile(seed).plant("Tree");
+        ASSERT_EQ(tool({"export", "HKLM/Tree", file.c_str(), "--yes", formats[seed % std::size(formats)]}), 0);
         ASSERT_EQ(tool({"delete", "HKLM/Tree", "--yes"}), 0);
-        ASSERT_EQ(tool({"import", first.c_str()}), 0);
-        expectStored(tree);
-        ASSERT_EQ(tool({"export", "HKLM/Tree", second.c_str(), "--yes", pFormat}), 0);
-        EXPECT_EQ(contents(first), contents(second));
+        ASSERT_EQ(tool({"import", file.c_str()}), 0);
+        Hostile(seed).plant("Twin");
         EXPECT_EQ(tool({"compare", "HKLM/Tree", "HKLM/Twin", "-s"}), 0);
         ASSERT_EQ(tool({"delete", "HKLM/Twin", "--yes"}), 0);
         ASSERT_EQ(tool({"delete", "HKLM/Tree", "--yes"}), 0);
