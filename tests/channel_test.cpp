@@ -22,7 +22,6 @@
 #include "support/scripted_daemon.h"
 
 using namespace std::chrono_literals;
-using namespace std::string_literals;
 
 namespace {
 
@@ -102,41 +101,6 @@ TEST(SmartPtr, LastHolderDestroys)
         EXPECT_EQ(Counted::destroyed, 0);
     }
     EXPECT_EQ(Counted::destroyed, 1);
-}
-
-TEST(PendingRequest, TakesWhatComesLate)
-{
-    // Steps: e error, else data. A second delivery replaces the first; after an error there is no reply.
-    for (const auto& [steps, result] : {std::pair{"1e"s, -1}, {"e1"s, -1}, {"12"s, 0}}) {
-        SCOPED_TRACE(steps);
-        ClientReq req(2);
-        for (const char step : steps) {
-            if (step == 'e')
-                req.processError();
-            else
-                req.processServerData(new char[1]{step}, 1);
-        }
-        char* pReply = nullptr;
-        int length = 0;
-        EXPECT_EQ(req.waitForCompletion(&pReply, &length), result);
-        EXPECT_EQ(std::string_view(pReply, static_cast<size_t>(length)), result == 0 ? "2" : "");
-        delete[] pReply;
-    }
-}
-
-TEST(BorrowedConditions, AreNobodyElses)
-{
-    static Conditions conditions;
-    std::set<Condition*> borrowed;
-    while (borrowed.size() < Conditions::MaxLent)
-        ASSERT_TRUE(borrowed.insert(conditions.borrow()).second) << "after " << borrowed.size();
-    EXPECT_EQ(borrowed.count(nullptr), 0u);
-    EXPECT_EQ(conditions.borrow(), nullptr);
-    Condition* const pReturned = *std::next(borrowed.begin(), 100);
-    conditions.giveBack(pReturned);
-    EXPECT_EQ(conditions.borrow(), pReturned);
-    conditions.renew();
-    EXPECT_EQ(borrowed.count(conditions.borrow()), 1u);
 }
 
 TEST_F(Channel, LifeAndStates)
