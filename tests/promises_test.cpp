@@ -88,23 +88,18 @@ int exitWhileBusy()
 
 TEST(Load, ReadsItsEnvironment)
 {
-    const struct {
-        const char *pSetupTime, *pBypass;
-        int attempts;
-    } cases[] = {{"", nullptr, 1},    {"10", "0", 16},     {"12abc", "", 0x12ABC},
-                 {"xyz", nullptr, 0}, {"-1", nullptr, -1}, {"FFFFFFFFFF", nullptr, INT32_MAX}};
-    for (const auto& test : cases) {
-        SCOPED_TRACE(test.pSetupTime);
-        setenv("OMBREL_MAX_REGIPC_SETUP_TIME", test.pSetupTime, 1);
-        if (test.pBypass != nullptr)
-            setenv("OMBREL_DO_NOT_BYPASS_REG_DAEMON", test.pBypass, 1);
-        Library library;
-        unsetenv("OMBREL_DO_NOT_BYPASS_REG_DAEMON");
-        EXPECT_EQ(library.value<int>("MaxIpcSetupTime"), test.attempts);
-        EXPECT_EQ(library.value<bool>("DoNotBypassRegDaemon"), test.pBypass != nullptr);
+    const std::pair<const char*, int> cases[] = {
+        {"", 1}, {"12abc", 0x12ABC}, {"xyz", 0}, {"-1", -1}, {"FFFFFFFFFF", INT32_MAX}};
+    for (const auto& [setupTime, attempts] : cases) {
+        setenv("OMBREL_MAX_REGIPC_SETUP_TIME", setupTime, 1);
+        EXPECT_EQ(Library().value<int>("MaxIpcSetupTime"), attempts) << setupTime;
     }
     unsetenv("OMBREL_MAX_REGIPC_SETUP_TIME");
     EXPECT_EQ(Library().value<int>("MaxIpcSetupTime"), 1);
+    EXPECT_FALSE(Library().value<bool>("DoNotBypassRegDaemon"));
+    setenv("OMBREL_DO_NOT_BYPASS_REG_DAEMON", "0", 1);
+    EXPECT_TRUE(Library().value<bool>("DoNotBypassRegDaemon"));
+    unsetenv("OMBREL_DO_NOT_BYPASS_REG_DAEMON");
 }
 
 TEST(Unload, EveryCycleReallyUnloads)
