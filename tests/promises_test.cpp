@@ -128,12 +128,11 @@ TEST(Fork, ChildrenAndParentGoOn)
     Library library;
     const auto call = [&] { return library.closeKey(key) == 0; };
     std::atomic<bool> stop{false};
-    std::atomic<int> done[16] = {};
     std::vector<std::thread> threads;
-    for (std::atomic<int>& count : done)
+    for (int i = 0; i < 16; ++i)
         threads.emplace_back([&] {
             while (!stop)
-                count += call();
+                EXPECT_TRUE(call());
         });
     const auto live = [&](bool withChild) {
         bool good = library.value<int>("ipcInitAttempts") == 0 && call();
@@ -157,10 +156,6 @@ TEST(Fork, ChildrenAndParentGoOn)
             EXPECT_EQ(outcomeOf(child), 0) << "fork " << i;
     }
     std::printf("FIGURE forks: %d, and one in ten again in the child\n", 2 * scaled(100));
-    for (auto& count : done) { // every thread goes on
-        const int before = count;
-        EXPECT_TRUE(eventually([&] { return count > before; }));
-    }
     stop = true;
     for (std::thread& thread : threads)
         thread.join();
@@ -205,27 +200,21 @@ TEST(Exit, WithCallsInFlight)
 TEST(Cancellation, NeverInsideACall)
 {
     const ScriptedDaemon daemon(answering());
-    struct {
-        Library library;
-        std::atomic<int> wrong{0};
-    } shared;
-    const auto endless = [](void* p) -> void* {
-        for (auto& all = *static_cast<decltype(shared)*>(p);;) {
-            all.wrong += all.library.closeKey(key) != 0;
-            pthread_testcancel();
-        }
+    Library library;
+    const auto endless = [](void* pLibrary) -> void* {
+        for (;; pthread_testcancel())
+            EXPECT_EQ(static_cast<Library*>(pLibrary)->closeKey(key), 0u);
     };
     for (int i = 0; i < scaled(200); ++i) {
         pthread_t thread;
-        ASSERT_EQ(pthread_create(&thread, nullptr, endless, &shared), 0);
+        ASSERT_EQ(pthread_create(&thread, nullptr, endless, &library), 0);
         std::this_thread::sleep_for(std::chrono::microseconds(i * 37 % 1000));
         pthread_cancel(thread);
         void* pResult = nullptr;
         ASSERT_EQ(pthread_join(thread, &pResult), 0);
         ASSERT_EQ(pResult, PTHREAD_CANCELED);
-        ASSERT_EQ(shared.library.closeKey(key), 0u);
+        ASSERT_EQ(library.closeKey(key), 0u);
     }
-    EXPECT_EQ(shared.wrong, 0);
     std::printf("FIGURE cancellations: %d\n", scaled(200));
 }
 
