@@ -246,6 +246,7 @@ TEST_F(Functions, FirstSetupWaitsForTheDaemon)
 {
     EXPECT_NEAR(secondsFor(OBREG_STATUS_REQUEST_FAILED), 1, 0.5); // one attempt, and a second's wait
     EXPECT_EQ(ipcInitAttempts, 1);
+    EXPECT_TRUE(logcapture::contains("14 CChannel::init- Connection creation failed, error = 2\n"));
     EXPECT_NEAR(secondsFor(OBREG_STATUS_REQUEST_FAILED), 0, 0.5); // one attempt
     EXPECT_EQ(ipcInitAttempts, 2);
 
