@@ -15,8 +15,6 @@ namespace {
 
 bool failArrays = false; // makes the codec's own array allocations fail
 
-using Lines = std::vector<std::string>;
-
 HANDLE handle(uintptr_t value) { return reinterpret_cast<HANDLE>(value); }
 
 /// Reads from a block of exactly the text's length, so that AddressSanitizer sees a byte too many.
@@ -180,18 +178,6 @@ TEST(Codec, ReaderIsGenerous)
     ASSERT_TRUE(cut);
     EXPECT_EQ(cut->m_valueName, "ab");
     logcapture::take();
-}
-
-TEST(Codec, UnknownTypesAreLogged)
-{
-    for (const std::string line : {"Type0B\r", "Type0a\r", "Type01 \r", "type01\r", "\r", "Type0\r"}) {
-        SCOPED_TRACE(line);
-        const fuzz::Block block(line);
-        EXPECT_EQ(ReqMessage::getReqMsgType(*block.data()), ReqMessage::UnknownReqMsgType);
-        EXPECT_EQ(ChannelProto::getPktType(*block.data()), ChannelProto::UnknownPacketType);
-        EXPECT_EQ(logcapture::take(), (Lines{"14 ReqMessage::getReqMsgType- No match found\n",
-                                             "14 ChannelProto::getPktType- No match found\n"}));
-    }
 }
 
 TEST(Carrier, HeadersHaveTheirBytes)
