@@ -154,7 +154,6 @@ class WithDaemon(unittest.TestCase):
         status, shown = on_terminal("query", KEY)
         self.assertEqual((status, "\33[36m@\33" in shown, "\\x1b" in shown), (0, True, True))
         self.assertNotIn("\33", on_terminal("query", KEY, color=False)[1])
-        self.assertNotIn("\33", on_terminal("query", KEY, "--color", "never")[1])
 
     def test_import_checks_first_and_says_where_it_failed(self):
         header = "REGEDIT4\n[HKLM\\Software\\Acme\\In]\n"
@@ -178,7 +177,8 @@ class WithDaemon(unittest.TestCase):
         os.symlink("private", FOLDER + "link")
         os.mkfifo(FOLDER + "pipe")
         self.expect(0, "export", KEY, FOLDER + "link", "--yes")
-        self.assertEqual((os.readlink(FOLDER + "link"), os.stat(FOLDER + "private").st_mode & 0o7777), ("private", 0o600))
+        self.assertEqual(os.readlink(FOLDER + "link"), "private")
+        self.assertEqual(os.stat(FOLDER + "private").st_mode & 0o7777, 0o600)
         self.assertEqual(run("import", "--check", FOLDER + "private")[0], 0)
         with subprocess.Popen(["cat", FOLDER + "pipe"], stdout=subprocess.PIPE) as reader:
             self.expect(0, "export", KEY, FOLDER + "pipe", "--yes")
