@@ -2,7 +2,8 @@
 """The manual against what it describes: man_test.py PAGES INCLUDES PROGRAM...
 
 PAGES is the folder of the rendered pages and of the joined sources beside them, INCLUDES that of the headers. Every
-function's page must have its declaration and its parameters, every option of the programs and of their verbs have its line, and the examples compile.
+function's page must have its declaration and its parameters, every option of the programs and of their verbs have its
+line, and the examples compile.
 (That there is a page for each function, and a line for each status, is code_test.py's affair.)
 """
 
