@@ -2,40 +2,27 @@
 #include <cstdlib>
 #include <memory>
 #include <new>
+#include <regex>
 
 #include <gtest/gtest.h>
 
 #include "common/channelproto.h"
 #include "common/msgproto.h"
+#include "fuzz/fuzz.h"
 #include "support/log_capture.h"
 
 namespace {
 
 bool failArrays = false; // makes the codec's own array allocations fail
 
-using Lines = std::vector<std::string>;
-
 HANDLE handle(uintptr_t value) { return reinterpret_cast<HANDLE>(value); }
-
-template <class Msg>
-std::string encoded(const Msg& msg)
-{
-    char* pText = nullptr;
-    int length = -1;
-    msg.serialize(&pText, &length);
-    const std::unique_ptr<char[]> owner(pText);
-    return pText == nullptr ? "null " + std::to_string(length) : std::string(pText, static_cast<size_t>(length));
-}
 
 /// Reads from a block of exactly the text's length, so that AddressSanitizer sees a byte too many.
 template <class Msg>
 std::unique_ptr<Msg> decoded(const std::string& text)
 {
-    const std::unique_ptr<char[]> block(new char[text.size()]);
-    std::copy(text.begin(), text.end(), block.get());
-    std::unique_ptr<Msg> msg(Msg::deserialize(block.get(), static_cast<int>(text.size())));
-    EXPECT_EQ(std::string(block.get(), text.size()), text) << "the input was changed";
-    return msg;
+    const fuzz::Block block(text);
+    return std::unique_ptr<Msg>(Msg::deserialize(block.data(), block.size()));
 }
 
 /// What holds for every message: its bytes, that it reads back what it writes, and what it logs: when it lives, when
@@ -58,25 +45,22 @@ void expectMessage(const std::string& name, const Msg& msg, const std::string& t
     EXPECT_EQ(encoded(*back), bytes);
     back.reset();
     logcapture::setDebugLevel(0);
-    std::string life;
-    for (const std::string& line : logcapture::take())
-        life += line.substr(0, 3) + line.substr(3 + name.size());
-    EXPECT_EQ(life, "15 ::deserialize- Start\n15 ::" + name + "- Start\n15 ::" + name +
-                        "- End\n15 ::deserialize- End, retObj = " + address +
-                        "\n15 ::serialize- Start\n15 ::serialize- End\n15 ::~" + name + "- Start\n15 ::~" + name +
-                        "- End\n");
 
     failArrays = true;
-    EXPECT_EQ(encoded(msg), "null 0");
+    EXPECT_EQ(encoded(msg), "");
     failArrays = false;
     EXPECT_EQ(decoded<Msg>(bytes.substr(0, shortest - 1)), nullptr);
     EXPECT_EQ(decoded<Msg>("Type01\r\n" + std::string(std::max(shortest, bytes.size()), '#')), nullptr);
-    Lines expected = {"14 " + (noBufferName.empty() ? name : noBufferName) + "::serialize- Unable to allocate buffer\n",
-                      "14 " + name + "::deserialize- Serialized object lenght is too short\n",
-                      "14 " + name + "::deserialize- Not all parameters obtained\n"};
-    if (name == "SetValueRespMsg")
-        expected.pop_back();
-    EXPECT_EQ(logcapture::take(), expected);
+    std::string log;
+    for (const std::string& line : logcapture::take())
+        log += line;
+    const std::string expected =
+        "15 N::deserialize- Start\n15 N::N- Start\n15 N::N- End\n15 N::deserialize- End, retObj = " +
+        std::string(address) + "\n15 N::serialize- Start\n15 N::serialize- End\n15 N::~N- Start\n15 N::~N- End\n14 " +
+        (noBufferName.empty() ? "N" : noBufferName) +
+        "::serialize- Unable to allocate buffer\n14 N::deserialize- Serialized object lenght is too short\n" +
+        (name == "SetValueRespMsg" ? "" : "14 N::deserialize- Not all parameters obtained\n");
+    EXPECT_EQ(log, std::regex_replace(expected, std::regex("\\bN\\b"), name));
 }
 
 } // namespace
@@ -152,83 +136,78 @@ TEST(Codec, EveryMessage)
     EXPECT_EQ(numOpenKeyReqMsgObjs + numSetValueReqMsgObjs + numEnumValueRespMsgObjs + numQueryInfoKeyRespMsgObjs, 0u);
 }
 
-TEST(Codec, ValueDataNeedsMemory)
+TEST(Codec, LengthsStayWithinAnInt)
 {
-    failArrays = true;
-    EXPECT_THROW(EnumValueRespMsg(0, "a long name that needs a block of its own", 1, "x", 1), std::bad_alloc);
-    failArrays = false;
-    EXPECT_EQ(logcapture::take(), Lines{"14 EnumValueRespMsg::EnumValueRespMsg- Unable to allocate buffer\n"});
-    EXPECT_EQ(numEnumValueRespMsgObjs, 0u);
-
     QueryValueRespMsg tooLong(0, 1, nullptr, 0);
     tooLong.m_valueDataLen = INT32_MAX; // with the text, more than an int can report
-    EXPECT_EQ(encoded(tooLong), "null 0");
+    EXPECT_EQ(encoded(tooLong), "");
     tooLong.m_valueDataLen = 0;
     logcapture::take();
 }
 
 TEST(Codec, ReaderIsGenerous)
 {
-    const struct {
-        const char* text;
-        bool understood;
-    } cases[] = {
+    const std::pair<std::string, bool> cases[] = {
+        // text, understood
         {"Disposition =3\r\nJunk\r\n\rKeyHandle =9\r\nKeyHandle =2\r\nStatus =1\r\n\r\n", true},
         {"Status =1\r\nStatus =8\r\nKeyHandle =2\r\nDisposition =3\r\nStatus =9\r\n", true}, // the first counts
         {"Status =\r1\r\nKeyHandle =2\n5\r\nDisposition =3\r\n", true}, // a lone CR or LF is an ordinary byte
         {"status =1\r\nKeyHandle =2\r\nDisposition =3\r\n\r\n", false},
         {"Status =1\r\nKeyHandle =2\r\n\r\nDisposition =3\r\n", false}, // after the empty line
     };
-    for (const auto& test : cases) {
-        SCOPED_TRACE(test.text);
-        const auto msg = decoded<CreateKeyRespMsg>(test.text + std::string(100, '.'));
-        ASSERT_EQ(msg != nullptr, test.understood);
-        if (msg) {
-            EXPECT_EQ(encoded(*msg), encoded(CreateKeyRespMsg(1, handle(2), 3)));
-        }
+    const std::string same = encoded(CreateKeyRespMsg(1, handle(2), 3));
+    for (const auto& [text, understood] : cases) {
+        const auto msg = decoded<CreateKeyRespMsg>(text + std::string(100, '.'));
+        EXPECT_EQ(msg != nullptr ? encoded(*msg) : "", understood ? same : "") << text;
     }
 
     // Data is what follows the empty line, or what the walk left over when there is none.
-    const struct {
-        std::string text;
-        std::string data;
-    } dataCases[] = {
+    const std::pair<std::string, std::string> dataCases[] = {
         {"Status =00000000\r\nValueType =00000001\r\n\r\n\r", "\r"},
         {"Status =00000000\r\nValueType =00000000001\r\n", ""},
-        {"Status =00000000\r\nValueType =00000000001\r\nx", "x"},
         {"Status =00000000\r\nValueType =00000000001\r\nxyz", "z"},
     };
-    for (const auto& test : dataCases) {
-        const auto msg = decoded<QueryValueRespMsg>(test.text);
+    for (const auto& [text, data] : dataCases) {
+        const auto msg = decoded<QueryValueRespMsg>(text);
         ASSERT_TRUE(msg);
-        EXPECT_EQ(std::string(msg->m_pValueData ? msg->m_pValueData : "", msg->m_valueDataLen), test.data) << test.text;
+        EXPECT_EQ(std::string(msg->m_pValueData ? msg->m_pValueData : "", msg->m_valueDataLen), data) << text;
     }
 
     const auto cut =
-        decoded<OpenKeyReqMsg>("anything\r\nKeyName =ab" + std::string(1, '\0') +
-                               "c\r\nAccess =1\r\nFlags =2\r\nParentKeyHandle =3\r\n" + std::string(60, ' '));
+        decoded<DeleteValueReqMsg>("anything\r\nKeyHandle =1\r\nValueName =ab" + std::string(40, '\0') + "c\r\n");
     ASSERT_TRUE(cut);
-    EXPECT_EQ(cut->m_keyName, "ab");
+    EXPECT_EQ(cut->m_valueName, "ab");
     logcapture::take();
 }
 
-TEST(Codec, UnknownTypesAreLogged)
-{
-    for (const std::string line : {"Type0B\r", "Type0a\r", "Type01 \r", "type01\r", "\r", "Type0\r"}) {
-        SCOPED_TRACE(line);
-        const std::vector<char> block(line.begin(), line.end());
-        EXPECT_EQ(ReqMessage::getReqMsgType(block[0]), ReqMessage::UnknownReqMsgType);
-        EXPECT_EQ(ChannelProto::getPktType(block[0]), ChannelProto::UnknownPacketType);
-        EXPECT_EQ(logcapture::take(), (Lines{"14 ReqMessage::getReqMsgType- No match found\n",
-                                             "14 ChannelProto::getPktType- No match found\n"}));
-    }
-}
-
-TEST(Carrier, HeadersHaveTheirBytes) // how they are read: fuzz/carrier_fuzz.cpp
+TEST(Carrier, HeadersHaveTheirBytes)
 {
     char header[56] = {};
     EXPECT_EQ(ChannelProto::buildReqDataPktHdr(0x1F, 0x67, header), 0);
     EXPECT_STREQ(header, "Type01\r\nReqIdHdr =0000001F\r\nPayloadLength =00000067\r\n\r\n");
     EXPECT_EQ(ChannelProto::buildReqErrorPktHdr(0xFFFFFFFF, -1, header), 0);
     EXPECT_STREQ(header, "Type02\r\nReqIdHdr =FFFFFFFF\r\nPayloadLength =FFFFFFFF\r\n\r\n");
+}
+
+TEST(Carrier, FieldsAreFoundWhereTheyMayBe) // how numbers are read: fuzz/carrier_fuzz.cpp
+{
+    const struct {
+        std::string text;
+        bool found;
+        uint32_t id;
+        int length;
+    } cases[] = {
+        {"x\r\nReqIdHdr =1f\r\n\rnoise\r\nPayloadLength =-2\r\nReqIdHdr =3\r\n", true, 0x1F, -2},
+        {"\r\nPayloadLength =1\r\nPayloadLength =2\r\nReqIdHdr =3\r\nPayloadLength =5\r\n", true, 3, 2},
+        {"ReqIdHdr =1\r\nPayloadLength =2\r\n", false, 77, 2}, // the first line is the type, whatever it says
+        {"x\r\nReqIdHdr =1\r\nReqIdHdr =2\r\n\r\nPayloadLength =2\r\n", false, 1, 77},
+        {"x\r\nReqIdHdr =1\r\nPayloadLength =2\r", false, 1, 77},
+    };
+    for (const auto& test : cases) {
+        uint32_t id = 77;
+        int length = 77;
+        const fuzz::Block block(test.text);
+        EXPECT_EQ(ChannelProto::getReqIdAndPayloadLength(block.data(), block.size(), &id, &length), test.found);
+        EXPECT_EQ(std::pair(id, length), std::pair(test.id, test.length)) << test.text;
+    }
 }

@@ -31,18 +31,7 @@ inside obreg set HKLM/Software/Packages Works yes
 for page in man1/obreg.1 man3/OBRegOpenKeyExA.3 man7/obreg.7 man8/obregd.8; do
     [ -s "/mnt/root/usr/share/man/$page.gz" ] || fail "there is no manual page $page"
 done
-cat >/mnt/root/app.c <<'END'
-#include <obreg/obreg.h>
-#include <obreg/roots.h>
-int main(void)
-{
-    char data[4];
-    UINT32 length = sizeof(data);
-    HANDLE key;
-    return OBRegOpenKeyExA(HKEY_LOCAL_MACHINE, "Software\\Packages", 0, KEY_READ, &key) != 0 ||
-           OBRegQueryValueExA(key, "Works", 0, 0, data, &length) != 0 || length != 4;
-}
-END
+cp "$(dirname "$0")/../examples/example.c" /mnt/root/app.c
 for libraries in lib/x86_64-linux-gnu lib32; do
     case $libraries in lib32) flags=-m32 ;; *) flags=-m64 ;; esac
     inside env "PKG_CONFIG_PATH=/usr/$libraries/pkgconfig" sh -ec \

@@ -3,17 +3,13 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <thread>
 #include <vector>
 
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -38,46 +34,34 @@ public:
     {
         if (m_handle == nullptr)
             throw std::runtime_error(dlerror());
-        closeKey = function<decltype(closeKey)>("OBRegCloseKey");
-        setValue = function<decltype(setValue)>("OBRegSetValueExA");
-        queryValue = function<decltype(queryValue)>("OBRegQueryValueExA");
+        find(closeKey, "OBRegCloseKey");
+        find(setValue, "OBRegSetValueExA");
     }
     ~Library() { dlclose(m_handle); }
 
-    template <class Function>
-    Function function(const char* name)
-    {
-        return reinterpret_cast<Function>(dlsym(m_handle, name));
-    }
     template <class Value>
-    Value value(const char* name)
+    Value value(const char* name) const
     {
         return *static_cast<Value*>(dlsym(m_handle, name));
     }
 
     decltype(&OBRegCloseKey) closeKey;
     decltype(&OBRegSetValueExA) setValue;
-    decltype(&OBRegQueryValueExA) queryValue;
 
 private:
+    template <class Function>
+    void find(Function& function, const char* name) const
+    {
+        function = reinterpret_cast<Function>(dlsym(m_handle, name));
+    }
+
     void* const m_handle;
 };
 
-bool isMapped()
-{
-    std::ifstream maps("/proc/self/maps");
-    for (std::string line; std::getline(maps, line);)
-        if (line.find("/libobreg.so") != std::string::npos)
-            return true;
-    return false;
-}
-
 ScriptedDaemon::Script answering()
 {
-    const std::string closed = encoded(CloseKeyRespMsg(0));
-    const std::string value = encoded(QueryValueRespMsg(0, 3, std::string(3 << 20, 'v').data(), 3 << 20));
-    return ScriptedDaemon::answering(
-        [=](const std::string& request) { return request.compare(0, 6, "Type01") == 0 ? closed : value; });
+    const std::string reply = encoded(CloseKeyRespMsg(0));
+    return ScriptedDaemon::answering([reply](const std::string&) { return reply; });
 }
 
 /// Waits for a child to exit by itself: its exit status, 1000 + its signal, or 2000 when it hung.
@@ -104,23 +88,18 @@ int exitWhileBusy()
 
 TEST(Load, ReadsItsEnvironment)
 {
-    const struct {
-        const char *pSetupTime, *pBypass;
-        int attempts;
-    } cases[] = {{"", nullptr, 1},    {"10", "0", 16},     {"12abc", "", 0x12ABC},
-                 {"xyz", nullptr, 0}, {"-1", nullptr, -1}, {"FFFFFFFFFF", nullptr, INT32_MAX}};
-    for (const auto& test : cases) {
-        SCOPED_TRACE(test.pSetupTime);
-        setenv("OMBREL_MAX_REGIPC_SETUP_TIME", test.pSetupTime, 1);
-        if (test.pBypass != nullptr)
-            setenv("OMBREL_DO_NOT_BYPASS_REG_DAEMON", test.pBypass, 1);
-        Library library;
-        unsetenv("OMBREL_DO_NOT_BYPASS_REG_DAEMON");
-        EXPECT_EQ(library.value<int>("MaxIpcSetupTime"), test.attempts);
-        EXPECT_EQ(library.value<bool>("DoNotBypassRegDaemon"), test.pBypass != nullptr);
+    const std::pair<const char*, int> cases[] = {
+        {"", 1}, {"12abc", 0x12ABC}, {"xyz", 0}, {"-1", -1}, {"FFFFFFFFFF", INT32_MAX}};
+    for (const auto& [setupTime, attempts] : cases) {
+        setenv("OMBREL_MAX_REGIPC_SETUP_TIME", setupTime, 1);
+        EXPECT_EQ(Library().value<int>("MaxIpcSetupTime"), attempts) << setupTime;
     }
     unsetenv("OMBREL_MAX_REGIPC_SETUP_TIME");
     EXPECT_EQ(Library().value<int>("MaxIpcSetupTime"), 1);
+    EXPECT_FALSE(Library().value<bool>("DoNotBypassRegDaemon"));
+    setenv("OMBREL_DO_NOT_BYPASS_REG_DAEMON", "0", 1);
+    EXPECT_TRUE(Library().value<bool>("DoNotBypassRegDaemon"));
+    unsetenv("OMBREL_DO_NOT_BYPASS_REG_DAEMON");
 }
 
 TEST(Unload, EveryCycleReallyUnloads)
@@ -132,7 +111,7 @@ TEST(Unload, EveryCycleReallyUnloads)
             Library library;
             ASSERT_EQ(library.closeKey(key), 0u);
         }
-        ASSERT_FALSE(isMapped()) << "cycle " << i;
+        ASSERT_EQ(dlopen(getenv("OBREG_LIBRARY"), RTLD_NOW | RTLD_NOLOAD), nullptr) << "cycle " << i;
         ASSERT_LT(std::chrono::steady_clock::now() - begin, 3s) << "the reader's end was not seen, cycle " << i;
     }
     std::printf("FIGURE unloads: %d\n", scaled(500));
@@ -149,12 +128,11 @@ TEST(Fork, ChildrenAndParentGoOn)
     Library library;
     const auto call = [&] { return library.closeKey(key) == 0; };
     std::atomic<bool> stop{false};
-    std::atomic<int> done[16] = {};
     std::vector<std::thread> threads;
-    for (std::atomic<int>& count : done)
+    for (int i = 0; i < 16; ++i)
         threads.emplace_back([&] {
             while (!stop)
-                count += call();
+                call();
         });
     const auto live = [&](bool withChild) {
         bool good = library.value<int>("ipcInitAttempts") == 0 && call();
@@ -178,13 +156,10 @@ TEST(Fork, ChildrenAndParentGoOn)
             EXPECT_EQ(outcomeOf(child), 0) << "fork " << i;
     }
     std::printf("FIGURE forks: %d, and one in ten again in the child\n", 2 * scaled(100));
-    for (auto& count : done) { // every thread goes on
-        const int before = count;
-        EXPECT_TRUE(eventually([&] { return count > before; }));
-    }
     stop = true;
     for (std::thread& thread : threads)
         thread.join();
+    EXPECT_TRUE(call());
 }
 
 // Exits with eight threads in the middle of calls. The first calls are long: a daemon that does not read holds them up.
@@ -209,6 +184,11 @@ TEST(Exit, WithCallsInFlight)
             ASSERT_EQ(exitWhileBusy(), 0) << "exit " << i;
         std::printf("FIGURE exits: %d\n", scaled(50));
     }
+    setenv("OMBREL_MAX_REGIPC_SETUP_TIME", "A", 1); // ten seconds' wait for a daemon: nobody waits for its end
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(exitWhileBusy(), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s * Slower);
+    unsetenv("OMBREL_MAX_REGIPC_SETUP_TIME");
     std::atomic<bool> ended{false};
     const ScriptedDaemon deaf([&](ScriptedDaemon::Peer&) { // accepts, and never reads nor answers
         while (!ended)
@@ -218,88 +198,44 @@ TEST(Exit, WithCallsInFlight)
     ended = true;
 }
 
-TEST(Exit, WhileWaitingForADaemon)
-{
-    setenv("OMBREL_MAX_REGIPC_SETUP_TIME", "A", 1);
-    const auto begin = std::chrono::steady_clock::now();
-    EXPECT_EQ(exitWhileBusy(), 0);
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s * Slower);
-    unsetenv("OMBREL_MAX_REGIPC_SETUP_TIME");
-}
-
 TEST(Cancellation, NeverInsideACall)
 {
     const ScriptedDaemon daemon(answering());
-    struct {
-        Library library;
-        std::atomic<int> wrong{0};
-    } shared;
-    const auto endless = [](void* p) -> void* {
-        for (auto& all = *static_cast<decltype(shared)*>(p);;) {
-            all.wrong += all.library.closeKey(key) != 0;
-            pthread_testcancel();
-        }
+    Library library;
+    const auto endless = [](void* pLibrary) -> void* {
+        for (;; pthread_testcancel())
+            EXPECT_EQ(static_cast<Library*>(pLibrary)->closeKey(key), 0u);
     };
     for (int i = 0; i < scaled(200); ++i) {
         pthread_t thread;
-        ASSERT_EQ(pthread_create(&thread, nullptr, endless, &shared), 0);
+        ASSERT_EQ(pthread_create(&thread, nullptr, endless, &library), 0);
         std::this_thread::sleep_for(std::chrono::microseconds(i * 37 % 1000));
         pthread_cancel(thread);
         void* pResult = nullptr;
         ASSERT_EQ(pthread_join(thread, &pResult), 0);
         ASSERT_EQ(pResult, PTHREAD_CANCELED);
-        ASSERT_EQ(shared.library.closeKey(key), 0u);
+        ASSERT_EQ(library.closeKey(key), 0u);
     }
-    EXPECT_EQ(shared.wrong, 0);
     std::printf("FIGURE cancellations: %d\n", scaled(200));
 }
 
-namespace {
-
-std::atomic<int> signalsSeen{0};
-std::atomic<bool> signalOnReader{false};
-
-void onSignal(int)
-{
-    const int savedErrno = errno;
-    char name[16] = {};
-    prctl(PR_GET_NAME, name);
-    signalOnReader = signalOnReader || strcmp(name, "obreg-reader") == 0;
-    ++signalsSeen;
-    errno = savedErrno;
-}
-
-} // namespace
-
-TEST(Signals, DoNotBreakAnExchange)
+TEST(Signals, AreNotForTheReader) // what they do to a caller's transfers: failures/library_failures_test.cpp
 {
     const ScriptedDaemon daemon(answering());
     Library library;
-    struct sigaction action = {};
-    action.sa_handler = onSignal;
-    struct sigaction before;
-    sigaction(SIGALRM, &action, &before);
-    itimerval everyMillisecond = {{0, 1000}, {0, 1000}};
-    setitimer(ITIMER_REAL, &everyMillisecond, nullptr);
-    // First with the signal blocked on this thread, so that any other thread that takes it gets it; then here.
-    sigset_t alarmOnly;
-    sigemptyset(&alarmOnly);
-    sigaddset(&alarmOnly, SIGALRM);
     ASSERT_EQ(library.closeKey(key), 0u);
-    std::vector<char> data(3 << 20);
-    for (const int how : {SIG_BLOCK, SIG_UNBLOCK}) {
-        pthread_sigmask(how, &alarmOnly, nullptr);
-        for (int i = 0; i < scaled(50) || (how == SIG_UNBLOCK && signalsSeen < 20); ++i) {
-            auto length = static_cast<UINT32>(data.size());
-            ASSERT_EQ(library.queryValue(key, "v", nullptr, nullptr, data.data(), &length), 0u);
-        }
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    for (int i = 0; i < 100; ++i) {
+        kill(getpid(), SIGUSR1); // ends the process if the reader takes it
+        const timespec patience{10, 0};
+        ASSERT_EQ(sigtimedwait(&set, nullptr, &patience), SIGUSR1);
     }
-    everyMillisecond = {};
-    setitimer(ITIMER_REAL, &everyMillisecond, nullptr);
-    sigaction(SIGALRM, &before, nullptr);
-    EXPECT_FALSE(signalOnReader);
-    std::printf("FIGURE signals: %d\n", signalsSeen.load());
-    EXPECT_EQ(daemon.connections(), 1); // no connection was lost
+    ASSERT_EQ(library.closeKey(key), 0u);
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+    EXPECT_EQ(daemon.connections(), 1);
 }
 
 TEST(Exec, NoDescriptorSurvives)

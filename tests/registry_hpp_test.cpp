@@ -1,6 +1,7 @@
 // The C++ face: what it stores and reads through the real daemon; and, against a scripted one, what it does when a
 // value grows between two calls, when a range breaks off, and when a key closes.
 #include <atomic>
+#include <functional>
 #include <map>
 
 #include <gtest/gtest.h>
@@ -43,9 +44,15 @@ TEST_F(WithDaemon, StoresEveryTypeAsItsKindOfValue)
     expectStored(Value{77, "\0"s}, {77, "\0"s});
     m_key.set("v", "a literal");
     EXPECT_EQ(m_key.get<std::string>("v"), "a literal");
+    m_key.removeValue("v");
+    for (const char* const pUnnamed : {"", "@", "default"}) {
+        m_key.set("", 1u);
+        m_key.removeValue(pUnnamed);
+        EXPECT_EQ(m_key.info().values, 0u) << pUnnamed;
+    }
 }
 
-TEST_F(WithDaemon, ReadsWhatOthersStoreWithoutTerminators)
+TEST(Values, AreReadAsOthersStoreThem)
 {
     const struct {
         Value stored;
@@ -54,43 +61,26 @@ TEST_F(WithDaemon, ReadsWhatOthersStoreWithoutTerminators)
         {{REG_SZ, "a"}, {"a"}},       {{REG_EXPAND_SZ, "$A\0"s}, {"$A"}},    {{REG_LINK, "\\x"}, {"\\x"}},
         {{REG_MULTI_SZ, "a"}, {"a"}}, {{REG_MULTI_SZ, "a\0b"s}, {"a", "b"}}, {{REG_MULTI_SZ, "a\0\0b"s}, {"a"}},
     };
-    for (const auto& one : cases) {
-        m_key.set("v", one.stored);
-        if (one.stored.type == REG_MULTI_SZ)
-            EXPECT_EQ(m_key.get<StringList>("v"), one.read);
-        else
-            EXPECT_EQ(m_key.get<std::string>("v"), one.read[0]);
-    }
-    m_key.set("v", Value{REG_DWORD_BIG_ENDIAN, "\1\2\3\4"});
-    EXPECT_EQ(m_key.get<UINT32>("v"), 0x01020304u);
-    EXPECT_EQ(m_key.get<UINT64>("v"), 0x01020304u);
-    m_key.set("v", Value{REG_DWORD, "\1\2\3"});
-    std::error_code error;
-    EXPECT_EQ(m_key.get<UINT32>("v", error), 0u);
-    EXPECT_EQ(error, Status::invalidParameter);
-}
-
-TEST_F(WithDaemon, TheUnnamedValueHasManyNames)
-{
-    for (const char* const pName : {"", "@", "default"}) {
-        m_key.set("", "x");
-        EXPECT_EQ(m_key.get<std::string>(pName), "x");
-        m_key.removeValue(pName);
-        EXPECT_EQ(m_key.info().values, 0u) << pName;
-    }
+    for (const auto& [stored, read] : cases)
+        EXPECT_EQ(
+            ValueOf<StringList>::decode(stored).value_or(StringList{ValueOf<std::string>::decode(stored).value_or("")}),
+            read);
+    const Value bigEndian{REG_DWORD_BIG_ENDIAN, "\1\2\3\4"};
+    EXPECT_EQ(ValueOf<UINT32>::decode(bigEndian), 0x01020304u);
+    EXPECT_EQ(ValueOf<UINT64>::decode(bigEndian), 0x01020304u);
 }
 
 TEST_F(WithDaemon, RangesGiveEveryEntry)
 {
-    const std::string longName(255, 'n');
-    m_key.set(longName, std::string(3000, 'd'));
-    m_key.set("b", UINT32{1});
+    const std::map<std::string, Value> stored = {{std::string(255, 'n'), {REG_SZ, std::string(3000, 'd')}},
+                                                 {"b", {REG_DWORD, "\1\0\0\0"s}}};
+    for (const auto& [name, value] : stored)
+        m_key.set(name, value);
     Key::create(m_key, "sub\\below");
     std::map<std::string, Value> values;
     for (const auto& [name, value] : m_key.values())
         values[name] = value;
-    EXPECT_EQ(values, (std::map<std::string, Value>{{longName, ValueOf<std::string>::encode(std::string(3000, 'd'))},
-                                                    {"b", ValueOf<UINT32>::encode(1)}}));
+    EXPECT_EQ(values, stored);
     std::error_code error = Status::notFound;
     for (const SubKey& subKey : m_key.subKeys(error)) {
         EXPECT_EQ(subKey.name, "sub");
@@ -109,93 +99,74 @@ TEST_F(WithDaemon, ReportsFailuresByNameEitherWay)
         EXPECT_EQ(error.code(), Status::notFound);
         EXPECT_EQ(error.what(), "Missing\\Key: there is no such key or value (NOT_FOUND, C7F20002)"s);
     }
-    bool created = false;
     std::error_code error = Status::notFound;
-    const Key made = Key::create(m_key, "new", KEY_ALL_ACCESS, &created, error);
-    EXPECT_TRUE(made && created && !error);
-    Key::create(m_key, "new", KEY_ALL_ACCESS, &created, error);
-    EXPECT_FALSE(created || error);
+    Key made;
+    for (const bool isNew : {true, false}) {
+        bool created = !isNew;
+        made = Key::create(m_key, "new", KEY_ALL_ACCESS, &created, error);
+        EXPECT_TRUE(made && created == isNew && !error);
+    }
+    m_key.set("short", Value{REG_DWORD, "\1\2\3"});
     m_key.remove("new", error);
     EXPECT_FALSE(error);
-    EXPECT_EQ(made.info(error).subKeys, 0u);
-    EXPECT_EQ(error, Status::keyDeleted);
-    EXPECT_FALSE(Key::open(m_key, "new", KEY_READ, error));
-    EXPECT_EQ(error, Status::notFound);
-    m_key.set("v", Bytes{}, error);
-    EXPECT_EQ(error, Status::invalidParameter);
+    EXPECT_THROW(made.subKeys().begin(), std::system_error);
     const std::string cut("na\0me", 5); // the functions below would take it for "na"
-    m_key.set(cut, 1u, error);
-    EXPECT_EQ(error, Status::badName);
-    m_key.remove(cut, error);
-    EXPECT_EQ(error, Status::badName);
-    EXPECT_FALSE(Key::create(m_key, cut, KEY_ALL_ACCESS, &created, error));
+    const std::pair<std::function<void()>, Status> cases[] = {
+        {[&] { EXPECT_EQ(made.info(error).subKeys, 0u); }, Status::keyDeleted},
+        {[&] { EXPECT_EQ(std::distance(made.values(error).begin(), made.values(error).end()), 0); },
+         Status::keyDeleted},
+        {[&] { EXPECT_FALSE(Key::open(m_key, "new", KEY_READ, error)); }, Status::notFound},
+        {[&] { m_key.set("v", Bytes{}, error); }, Status::invalidParameter},
+        {[&] { EXPECT_EQ(m_key.get<UINT32>("short", error), 0u); }, Status::invalidParameter},
+        {[&] { m_key.set(cut, 1u, error); }, Status::badName},
+        {[&] { m_key.remove(cut, error); }, Status::badName},
+        {[&] { EXPECT_FALSE(Key::create(m_key, cut, KEY_ALL_ACCESS, nullptr, error)); }, Status::badName},
+    };
+    for (const auto& [fail, status] : cases) {
+        fail();
+        EXPECT_EQ(error, status);
+    }
     EXPECT_NE(errorCode(0xC7F2FFFF).message().find("C7F2FFFF"), std::string::npos); // one that nobody knows
-}
-
-/// Answers each request of a type with the next of the replies, the last of them again and again.
-ScriptedDaemon::Script inTurn(std::map<std::string, std::vector<std::string>> replies)
-{
-    return ScriptedDaemon::answering([replies](const std::string& request) mutable { // asked over one connection
-        std::vector<std::string>& left = replies.at(request.substr(4, 2));
-        const std::string reply = left.front();
-        if (left.size() > 1)
-            left.erase(left.begin());
-        return reply;
-    });
 }
 
 TEST(RegistryHpp, AsksAgainUntilAValueStopsGrowing)
 {
-    std::vector<std::string> queries;
-    std::vector<std::string> entries;
-    for (const UINT32 length : {300u, 1000u, 5000u, 4000u}) { // shrinking fits
+    std::map<std::string, std::vector<std::string>> replies; // by the request's type; the last one first
+    replies["06"] = {encoded(EnumValueRespMsg(OBREG_STATUS_NO_MORE_ENTRIES, "", 0, nullptr, 0))};
+    for (const UINT32 length : {4000u, 5000u, 1000u, 300u}) { // shrinking fits
         const std::string data(length, 'x');
-        queries.push_back(encoded(QueryValueRespMsg(0, REG_BINARY, data.data(), length)));
-        entries.push_back(encoded(EnumValueRespMsg(0, data.c_str(), REG_BINARY, data.data(), length)));
+        replies["08"].push_back(encoded(QueryValueRespMsg(0, REG_BINARY, data.data(), length)));
+        replies["06"].push_back(encoded(EnumValueRespMsg(0, data.c_str(), REG_BINARY, data.data(), length)));
     }
-    entries.push_back(encoded(EnumValueRespMsg(OBREG_STATUS_NO_MORE_ENTRIES, "", 0, nullptr, 0)));
-    const ScriptedDaemon daemon(inTurn({{"08", queries}, {"06", entries}}));
+    const ScriptedDaemon daemon(ScriptedDaemon::answering([&replies](const std::string& request) {
+        std::vector<std::string>& left = replies.at(request.substr(4, 2));
+        const std::string reply = left.back();
+        left.pop_back();
+        return reply;
+    }));
     const std::string last(4000, 'x');
     EXPECT_EQ(localMachine().get<Value>("v").data, last);
-    size_t count = 0;
-    for (const auto& [name, value] : localMachine().values()) {
-        EXPECT_EQ(name, last);
-        EXPECT_EQ(value.data, last);
-        ++count;
-    }
-    EXPECT_EQ(count, 1u);
-}
-
-TEST(RegistryHpp, ARangeSaysHowItBrokeOff)
-{
-    const std::string entry = encoded(EnumKeyRespMsg(0, "a", 1));
-    const std::string end = encoded(EnumKeyRespMsg(OBREG_STATUS_KEY_DELETED, "", 0));
-    const ScriptedDaemon daemon(inTurn({{"05", {entry, end, entry, end}}}));
-    const auto count = [](const Entries<SubKey>& range) { return std::distance(range.begin(), range.end()); };
-    std::error_code error;
-    EXPECT_EQ(count(localMachine().subKeys(error)), 1);
-    EXPECT_EQ(error, Status::keyDeleted);
-    EXPECT_THROW(count(localMachine().subKeys()), std::system_error);
+    std::map<std::string, std::string> found;
+    for (const auto& [name, value] : localMachine().values())
+        found[name] = value.data;
+    EXPECT_EQ(found, (std::map<std::string, std::string>{{last, last}}));
 }
 
 TEST(RegistryHpp, AKeyClosesItselfOnce)
 {
     std::atomic<int> closed{0};
     const ScriptedDaemon daemon(ScriptedDaemon::answering([&closed](const std::string& request) {
-        if (request.compare(4, 2, "01") == 0) {
-            ++closed;
-            return encoded(CloseKeyRespMsg(0));
-        }
+        const bool closes = request.compare(4, 2, "01") == 0;
+        closed += closes;
         const bool missing = request.find("missing") != std::string::npos;
-        return encoded(OpenKeyRespMsg(missing ? OBREG_STATUS_NOT_FOUND : 0, reinterpret_cast<HANDLE>(0x2A)));
+        return closes ? encoded(CloseKeyRespMsg(0))
+                      : encoded(OpenKeyRespMsg(missing ? OBREG_STATUS_NOT_FOUND : 0, reinterpret_cast<HANDLE>(0x2A)));
     }));
     {
         Key key = Key::open(localMachine(), "a");
         Key moved = std::move(key);
-        EXPECT_FALSE(key); // NOLINT: empty by contract
         key = std::move(moved);
-        EXPECT_FALSE(moved); // NOLINT
-        EXPECT_EQ(closed, 0);
+        EXPECT_FALSE(moved); // NOLINT: empty by contract
         std::error_code error;
         EXPECT_FALSE(Key::open(localMachine(), "missing", KEY_READ, error)); // a handle that came with an error
         const Key root = localMachine();

@@ -1,7 +1,5 @@
-// The .reg reader by itself; then random trees through the tool and the real daemon, and out as .reg text and in again.
-#include <fstream>
-#include <map>
-#include <random>
+// The .reg reader by itself; then a hostile tree through the tool and the real daemon, and out as .reg text and in
+// again.
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -9,7 +7,6 @@
 #include "app.h"
 #include "support/read_reg.h"
 #include "support/running_daemon.h"
-#include "support/scale.h"
 #include "text.h"
 
 using namespace obregtool;
@@ -91,90 +88,49 @@ TEST(RegReader, NamesTheFirstMistake)
         {"@=\"x\"", "line 2, column 1", "[key] before"},
         {"[HKLM\\a]\n[-HKLM\\a]\n@=\"x\"", "line 4, column 1", "[key] before"},
         {"[HKLM\\a", "line 2, column 8", "]"},
-        {"[HKLM\\a]]x", "line 2, column 10", "end of the line"},
         {"[Software\\a]", "line 2, column 2", "HKLM"},
         {"[-HKLM]", "line 2, column 3", "root cannot be deleted"},
-        {"[HKLM\\a\\\\b]", "line 2, column 9", "not empty"},
-        {"[HKLM\\a\tb]", "line 2, column 8", "control"},
         {"junk", "line 2, column 1", "found 'j'"},
-        {"[HKLM]\n\"a\"x", "line 3, column 4", "="},
-        {"[HKLM]\n\"\xC3\xA4\xC3\xA4", "line 3, column 4", "closes"},
         {"[HKLM]\n\"a\"=\"c:\\dir\"", "line 3, column 9", "twice"},
         {"[HKLM]\n\"a\"=\"b\" c", "line 3, column 9", "end of the line"},
         {"[HKLM]\n\"@\"=\"b\"", "line 3, column 1", "another name"},
-        {"[HKLM]\n\"a\"=dword:", "line 3, column 11", "digits"},
         {"[HKLM]\n\"a\"=dword:123456789", "line 3, column 19", "digits"},
-        {"[HKLM]\n\"a\"=qword:1", "line 3, column 5", "dword:"},
         {"[HKLM]\n\"a\"=hex:", "line 3, column 9", "empty value"},
         {"[HKLM]\n\"a\"=hex(:00", "line 3, column 9", "type"},
-        {"[HKLM]\n\"a\"=hex:00 11", "line 3, column 12", "comma"},
         {"[HKLM]\n\"a\"=hex:00,\\\n  11,xx", "line 4, column 6", "digits"},
         {"[HKLM]\n\"a\"=hex:00,\\", "line 4, column 1", "more bytes"},
-        {"[HKLM]\n\"a\"=hex:00,", "line 3, column 12", "after the comma"},
     };
     for (const auto& one : cases) {
         const std::string mistake = readEveryWay(Header + one.pText);
         EXPECT_EQ(mistake.find(one.pPlace), 0u) << mistake << " for " << one.pText;
         EXPECT_NE(mistake.find(one.pPart), std::string::npos) << mistake << " for " << one.pText;
     }
-    EXPECT_EQ(read("", 1).find("line 1, column 1: expected the header"), 0u);
-    EXPECT_EQ(read("Windows Registry Editor Version 6.00", 1).find("line 1, column 1"), 0u);
+    for (const char* const pNoHeader : {"", "Windows Registry Editor Version 6.00"})
+        EXPECT_EQ(read(pNoHeader, 1).find("line 1, column 1: expected the header"), 0u);
     EXPECT_NE(read("\xFF\xFE" + toUtf16(Header) + 'x', 3).find("whole UTF-16"), std::string::npos);
     EXPECT_NE(read(Header + "[HKLM]\n\"a\"=\"\0\""s, 9).find("NUL"), std::string::npos);
 }
 
-using Values = std::map<std::string, obreg::Value>;
-using Tree = std::map<std::string, Values>; // by the path of the key
-
-/// Names and data that want to break something. No two of the names differ in their case only.
-class Hostile {
-public:
-    explicit Hostile(unsigned seed) : m_random(seed) {}
-
-    Tree tree(const std::string& top)
-    {
-        std::vector<std::string> keys = {top};
-        for (size_t i = below(7); i > 0; --i)
-            keys.push_back(keys[below(keys.size())] + '\\' + text("\\"));
-        Tree tree;
-        for (const std::string& key : keys) {
-            Values& values = tree[key];
-            for (size_t i = below(7); i > 0; --i)
-                values.try_emplace(below(8) == 0 ? "default" : text(""), value());
-        }
-        return tree;
+/// Plants keys and values whose names and data want to break something: every pair of the pieces.
+void plant(const std::string& top)
+{
+    static const std::string pieces[] = {
+        // clang-format off
+        "a", "B", "]", "[-", "\"", "\\", "=", ";", "@", ",", " ", "/", "-", "\xC3\xA4", "\xFF", "\x80", "%s", "\x7F",
+        "\xC3", "\xED\xB2\x80", "'", "\xF0\x9F\x98\x80", "default", "hex:"
+        // clang-format on
+    };
+    std::string everyByte;
+    for (int i = 0; i < 3000; ++i)
+        everyByte += static_cast<char>(i);
+    UINT32 type = 0;
+    for (const std::string& piece : pieces) {
+        const obreg::Key key = obreg::Key::create(obreg::localMachine(), piece == "\\" ? top : top + '\\' + piece);
+        key.set("", obreg::Value{~type, everyByte});
+        for (const std::string& other : pieces)
+            key.set(piece + other, obreg::Value{++type % 14, other + piece + std::string(type % 3, '\0')});
     }
-
-private:
-    size_t below(size_t limit) { return std::uniform_int_distribution<size_t>(0, limit - 1)(m_random); }
-
-    std::string text(const std::string& forbidden)
-    {
-        static const std::string pieces[] = {
-            // clang-format off
-            "a", "B", "]", "[-", "\"", "\\", "=", ";", "@", ",", " ", "/", "-", "\xC3\xA4", "\xFF", "\x80", "%s", "\x7F",
-            "\xC3", "\xED\xB2\x80", "'", "\xF0\x9F\x98\x80", "default", "hex:"
-            // clang-format on
-        };
-        std::string result;
-        for (size_t i = 1 + below(6); i > 0; --i)
-            if (const std::string& piece = pieces[below(std::size(pieces))]; piece != forbidden)
-                result += piece;
-        return result.empty() || result == "@" ? "n" : result;
-    }
-
-    obreg::Value value()
-    {
-        if (below(3) == 0)
-            return {REG_SZ, text("") + (below(4) == 0 ? "" : "\0"s) + (below(6) == 0 ? "\0"s : "")};
-        obreg::Value value{static_cast<UINT32>(below(8) == 0 ? m_random() : below(14)), {}};
-        for (size_t i = 1 + below(below(20) == 0 ? 3000 : 12); i > 0; --i)
-            value.data += static_cast<char>(below(256));
-        return value;
-    }
-
-    std::mt19937 m_random;
-};
+}
 
 int tool(std::vector<const char*> arguments)
 {
@@ -182,53 +138,18 @@ int tool(std::vector<const char*> arguments)
     return runTool(static_cast<int>(arguments.size()), arguments.data());
 }
 
-void store(const Tree& tree)
-{
-    for (const auto& [path, values] : tree) {
-        const obreg::Key key = obreg::Key::create(obreg::localMachine(), path);
-        for (const auto& [name, value] : values)
-            key.set(name, value);
-    }
-}
-
-void expectStored(const Tree& tree)
-{
-    for (const auto& [path, values] : tree) {
-        Values found;
-        for (const obreg::NamedValue& value : obreg::Key::open(obreg::localMachine(), path).values())
-            found[value.name] = value.value;
-        EXPECT_EQ(found, values) << path;
-    }
-}
-
-std::string contents(const std::string& file)
-{
-    std::ifstream stream(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), {}};
-}
-
-TEST(Tool, HostileTreesSurviveExportAndImport)
+TEST(Tool, AHostileTreeSurvivesExportAndImport)
 {
     const FreshDaemon daemon;
-    const std::string first = testing::TempDir() + "obreg-1.reg";
-    const std::string second = testing::TempDir() + "obreg-2.reg";
-    const char* const formats[] = {"--yes", "--utf16", "--regedit4"};
-    const auto trees = static_cast<unsigned>(scaled(sizeof(void*) == 8 ? 200 : 100));
-    for (unsigned seed = 0; seed < trees && !HasFailure(); ++seed) {
-        SCOPED_TRACE(seed);
-        const Tree tree = Hostile(seed).tree("Tree");
-        const char* const pFormat = formats[seed % std::size(formats)];
-        store(tree);
-        store(Hostile(seed).tree("Twin"));
-        ASSERT_EQ(tool({"export", "HKLM/Tree", first.c_str(), "--yes", pFormat}), 0);
+    const std::string file = testing::TempDir() + "obreg.reg";
+    plant("Twin");
+    for (const char* const pFormat : {"--yes", "--utf16", "--regedit4"}) {
+        SCOPED_TRACE(pFormat);
+        plant("Tree");
+        ASSERT_EQ(tool({"export", "HKLM/Tree", file.c_str(), "--yes", pFormat}), 0);
         ASSERT_EQ(tool({"delete", "HKLM/Tree", "--yes"}), 0);
-        ASSERT_EQ(tool({"import", first.c_str()}), 0);
-        expectStored(tree);
-        ASSERT_EQ(tool({"export", "HKLM/Tree", second.c_str(), "--yes", pFormat}), 0);
-        EXPECT_EQ(contents(first), contents(second));
+        ASSERT_EQ(tool({"import", file.c_str()}), 0);
         EXPECT_EQ(tool({"compare", "HKLM/Tree", "HKLM/Twin", "-s"}), 0);
-        ASSERT_EQ(tool({"delete", "HKLM/Twin", "--yes"}), 0);
-        ASSERT_EQ(tool({"delete", "HKLM/Tree", "--yes"}), 0);
     }
 }
 

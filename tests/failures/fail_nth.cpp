@@ -1,5 +1,6 @@
 #include "failures/fail_nth.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
@@ -133,12 +134,7 @@ WRAP(void*, malloc, (size_t size), (size), Allocation, nullptr)
 WRAP(void*, realloc, (void* p, size_t size), (p, size), Allocation, nullptr)
 WRAP(void*, aligned_alloc, (size_t alignment, size_t size), (alignment, size), Allocation, nullptr)
 
-int __real_fcntl(int fd, int command, ...);
-int __wrap_fcntl(int fd, int command, long argument);
-int __wrap_fcntl(int fd, int command, long argument)
-{
-    return failnth::fails(failnth::Call::Fcntl) ? -1 : __real_fcntl(fd, command, argument);
-}
+WRAP(int, fcntl, (int fd, int command, long argument), (fd, command, argument), Fcntl, -1)
 
 // Only what takes memory in the kernel can fail there.
 int __real_epoll_ctl(int epoll, int operation, int fd, epoll_event* event);
@@ -155,21 +151,6 @@ int __wrap_epoll_ctl(int epoll, int operation, int fd, epoll_event* event)
 
 namespace {
 
-/// A message of the first byte only.
-struct OneByte {
-    explicit OneByte(const msghdr& whole) : message(whole)
-    {
-        size_t i = 0;
-        while (i + 1 < whole.msg_iovlen && whole.msg_iov[i].iov_len == 0)
-            ++i;
-        byte = {whole.msg_iov[i].iov_base, whole.msg_iov[i].iov_len != 0 ? size_t{1} : 0};
-        message.msg_iov = &byte;
-        message.msg_iovlen = 1;
-    }
-    iovec byte;
-    msghdr message;
-};
-
 template <class Message>
 ssize_t transfer(failnth::Call call, ssize_t (*real)(int, Message*, int), int fd, Message* message, int flags)
 {
@@ -177,8 +158,14 @@ ssize_t transfer(failnth::Call call, ssize_t (*real)(int, Message*, int), int fd
     if (how == 0)
         return real(fd, message, flags);
     if (how == failnth::Short) {
-        OneByte part(*message);
-        return real(fd, &part.message, flags);
+        const iovec* part = message->msg_iov;
+        while (part->iov_len == 0 && part + 1 < message->msg_iov + message->msg_iovlen)
+            ++part;
+        iovec byte{part->iov_base, std::min<size_t>(part->iov_len, 1)};
+        msghdr shortened = *message;
+        shortened.msg_iov = &byte;
+        shortened.msg_iovlen = 1;
+        return real(fd, &shortened, flags);
     }
     errno = how;
     return how == failnth::Ended ? 0 : -1;

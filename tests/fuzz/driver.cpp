@@ -21,30 +21,25 @@ std::mt19937 randomBits(20261123); // NOLINT: the same inputs every time
 
 size_t below(size_t limit) { return randomBits() % limit; }
 
-/// Changes a few places: bytes flipped, inserted or removed, a piece of another seed put in.
+/// Changes a few places: bytes replaced, inserted or removed, a piece of another seed put in.
 std::string changed(std::string text, const std::vector<std::string>& seeds)
 {
     for (size_t i = 1 + below(4); i > 0; --i) {
         const size_t at = below(text.size() + 1);
         const std::string& other = seeds[below(seeds.size())];
         const size_t from = below(other.size() + 1);
-        switch (below(5)) {
+        switch (below(4)) {
         case 0:
-            if (at < text.size())
-                text[at] = static_cast<char>(text[at] ^ (1 << below(8)));
+            text.replace(at, below(2), 1, below(2) != 0 ? static_cast<char>(below(256)) : "\r\n\0\\ =0xF-"[below(10)]);
             break;
         case 1:
-            text.insert(at, 1, "\r\n\0\\ =0xF-"[below(10)]);
-            break;
-        case 2:
             text.erase(at, 1 + below(8));
             break;
-        case 3:
+        case 2:
             text.insert(at, other, from, 1 + below(40));
             break;
         default:
-            text.resize(at);
-            text.append(other, from);
+            text.replace(at, text.size(), other, from);
         }
     }
     return text;

@@ -1,5 +1,5 @@
 // The twenty readers, every one on every input: the input stays as it is, and what a reader understood is written and
-// read back the same.
+// read back the same. A type is known by its exact line.
 #include "common/msgproto.h"
 #include "fuzz/fuzz.h"
 
@@ -38,8 +38,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t size)
              DeleteValueReqMsg, DeleteValueRespMsg, EnumKeyReqMsg, EnumKeyRespMsg, EnumValueReqMsg, EnumValueRespMsg,
              QueryInfoKeyReqMsg, QueryInfoKeyRespMsg>(input);
     if (!input.empty()) {
-        const fuzz::Block line(std::string(input.substr(0, input.find('\r'))) + '\r');
-        ReqMessage::getReqMsgType(*line.data());
+        const std::string line(input.substr(0, input.find('\r')));
+        const bool known = ReqMessage::getReqMsgType(*fuzz::Block(line + '\r').data()) != ReqMessage::UnknownReqMsgType;
+        HOLDS(known == (line.size() == 6 && line.substr(0, 5) == "Type0" &&
+                        std::string_view("123456789A").find(line[5]) != std::string_view::npos));
     }
     return 0;
 }

@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "support/eventually.h"
 #include "support/scripted_daemon.h"
 
 extern char** environ;
@@ -17,8 +18,6 @@ extern char** environ;
 namespace {
 
 constexpr char FixedStorePath[] = "/var/opt/quorlin/ombrel/obregd/registry.db";
-constexpr int WaitSeconds = 10;
-constexpr int PollsPerSecond = 500;
 
 } // namespace
 
@@ -49,17 +48,15 @@ void RunningDaemon::start(const std::string& before)
     std::filesystem::remove(m_logPath); // it would say that the daemon before is listening
     m_pid = startInShell(command);
 
-    for (int i = 0; i < WaitSeconds * PollsPerSecond; ++i) {
-        if (log().find("listening on") != std::string::npos)
-            return;
-        if (waitpid(m_pid, nullptr, WNOHANG) == m_pid) {
-            m_pid = -1;
-            throw std::runtime_error("the daemon ended: " + log());
-        }
-        usleep(1000000 / PollsPerSecond);
+    bool listens = false;
+    eventually([&] {
+        listens = log().find("listening on") != std::string::npos;
+        return listens || waitpid(m_pid, nullptr, WNOHANG) == m_pid;
+    });
+    if (!listens) {
+        stop(SIGKILL);
+        throw std::runtime_error("the daemon does not come up: " + log());
     }
-    stop(SIGKILL);
-    throw std::runtime_error("the daemon does not come up: " + log());
 }
 
 int RunningDaemon::stop(int signal)
@@ -82,12 +79,7 @@ std::string RunningDaemon::log() const
 
 bool RunningDaemon::logs(const std::string& text) const
 {
-    for (int i = 0; i < WaitSeconds * PollsPerSecond; ++i) {
-        if (log().find(text) != std::string::npos)
-            return true;
-        usleep(1000000 / PollsPerSecond);
-    }
-    return false;
+    return eventually([&] { return log().find(text) != std::string::npos; });
 }
 
 FreshDaemon::FreshDaemon() : RunningDaemon(FixedSocketPath, FixedStorePath)

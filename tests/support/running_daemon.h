@@ -22,7 +22,7 @@ public:
     RunningDaemon& operator=(const RunningDaemon&) = delete;
 
     /// Starts it and returns when it listens. Throws std::runtime_error with the daemon's own words when it ends
-    /// instead, or does not listen within ten seconds. The shell does `before` first; `$$` is the daemon's process.
+    /// instead, or does not listen within twenty seconds. The shell does `before` first; `$$` is the daemon's process.
     void start(const std::string& before = ":");
 
     /// Sends a signal and waits for the end. Returns the status as waitpid gives it; -1 when it was not running.

@@ -26,14 +26,14 @@ void ScriptedDaemon::Peer::error(uint32_t id)
 
 void ScriptedDaemon::Peer::hangUp() { shutdown(m_fd, SHUT_RDWR); }
 
-ScriptedDaemon::ScriptedDaemon(Script script, const char* pPath)
-    : m_path(pPath), m_script(std::move(script)), m_listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+ScriptedDaemon::ScriptedDaemon(Script script)
+    : m_script(std::move(script)), m_listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
 {
-    const sockaddr_un address = addressOf(pPath);
-    unlink(pPath);
+    const sockaddr_un address = addressOf(FixedSocketPath);
+    unlink(FixedSocketPath);
     if (bind(m_listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
         listen(m_listener, 64) != 0)
-        throw std::runtime_error(m_path + ": " + strerror(errno));
+        throw std::runtime_error(strerror(errno));
     // The process's signals are not for the daemon's threads: they would cut its receives short.
     sigset_t all;
     sigset_t before;
@@ -70,7 +70,7 @@ ScriptedDaemon::~ScriptedDaemon()
     shutdown(m_listener, SHUT_RDWR); // ends accept once what waits there is taken
     m_acceptor.join();
     close(m_listener);
-    unlink(m_path.c_str());
+    unlink(FixedSocketPath);
     for (Connection& connection : m_open) {
         connection.peer.hangUp();
         connection.thread.join();

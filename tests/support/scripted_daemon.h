@@ -46,7 +46,7 @@ public:
     using Answer = std::function<std::string(const std::string&)>;
 
     /// Listens at once.
-    explicit ScriptedDaemon(Script script, const char* pPath = FixedSocketPath);
+    explicit ScriptedDaemon(Script script);
     /// Cuts every connection and removes the socket.
     ~ScriptedDaemon();
 
@@ -64,7 +64,6 @@ private:
 
     void acceptAll();
 
-    const std::string m_path;
     const Script m_script;
     const int m_listener;
     std::atomic<int> m_connections{0};

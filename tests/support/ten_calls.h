@@ -5,6 +5,7 @@
 #include <cstring>
 #include <map>
 #include <string>
+#include <type_traits>
 
 #include "common/msgproto.h"
 #include "obreg/obreg.h"
@@ -24,6 +25,12 @@ struct Results {
     UINT64 time = 0;
     char name[64] = {}, data[64] = {};
 };
+
+inline bool same(const Results& a, const Results& b)
+{
+    static_assert(std::has_unique_object_representations_v<Results>);
+    return memcmp(&a, &b, sizeof(a)) == 0;
+}
 
 struct Function {
     const char* pName; ///< as the log has it
