@@ -276,7 +276,7 @@ TEST_F(Functions, LostConnectionsAreReplaced)
 {
     // Cuts every connection at its second request: the request is sent again over the next one.
     const std::string reply = encoded(CloseKeyRespMsg(0));
-    m_daemon.emplace([&](ScriptedDaemon::Peer& peer) {
+    m_daemon.emplace([reply](ScriptedDaemon::Peer& peer) { // which may outlive this test's body
         ScriptedDaemon::Request request;
         peer.receive(request);
         peer.reply(request.id, reply);

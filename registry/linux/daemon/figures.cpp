@@ -63,9 +63,9 @@ public:
     {
         const std::lock_guard lock(m_mutex);
         std::weak_ptr<UserCounts>& pKnown = m_users[uid];
-        if (const auto pCounts = pKnown.lock())
+        if (auto pCounts = pKnown.lock())
             return pCounts;
-        const auto pCounts = std::make_shared<UserCounts>();
+        auto pCounts = std::make_shared<UserCounts>();
         pKnown = pCounts;
         return pCounts;
     }

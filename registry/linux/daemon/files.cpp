@@ -199,7 +199,7 @@ bool StoreIdentity::isKept()
     return m_kept;
 }
 
-ListeningSocket::ListeningSocket(const std::string& path) : m_path(path), m_own(true) { listenHere(); }
+ListeningSocket::ListeningSocket(std::string path) : m_path(std::move(path)), m_own(true) { listenHere(); }
 
 ListeningSocket::ListeningSocket(Descriptor handedOver)
     : m_path(pathOf(handedOver)), m_own(false), m_socket(std::move(handedOver)),

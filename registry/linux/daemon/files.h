@@ -111,7 +111,7 @@ private:
 class ListeningSocket {
 public:
     /// Makes it (0666); removes a dead daemon's first, and its own in the end.
-    explicit ListeningSocket(const std::string& path);
+    explicit ListeningSocket(std::string path);
     /// One that systemd has made; its file stays systemd's, and is neither made nor removed here.
     explicit ListeningSocket(Descriptor handedOver);
     ~ListeningSocket();

@@ -81,7 +81,7 @@ JobList Committer::runBatch(JobPtr pFirst)
 /// Tells the queue. Others' writes come before the next long one of the same user.
 void Committer::done(const JobList& batch, Clock::duration taken)
 {
-    const double cost = static_cast<double>(batch.cost());
+    const auto cost = static_cast<double>(batch.cost());
     for (const Job* pJob = batch.first(); pJob != nullptr; pJob = pJob->pNext.get()) {
         const auto own =
             std::chrono::duration_cast<Clock::duration>(taken * (static_cast<double>(pJob->cost()) / cost));

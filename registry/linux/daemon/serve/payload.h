@@ -36,7 +36,7 @@ public:
     std::span<char> room()
     {
         if (m_arrived == m_capacity) {
-            const auto step = std::upper_bound(Steps.begin(), Steps.end(), m_capacity);
+            const auto* const step = std::upper_bound(Steps.begin(), Steps.end(), m_capacity);
             grow(std::min(m_length, step == Steps.end() ? 2 * m_capacity : *step));
         }
         return {m_pBytes.get() + m_arrived, m_capacity - m_arrived};

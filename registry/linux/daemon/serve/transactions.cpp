@@ -105,12 +105,11 @@ void Transactions::runAgain(JobList& jobs, const Failure& failure)
 {
     if (jobs.size() == 1 || failure.atOnce)
         return forEach(jobs, [&](Job& job) { refuse(job, failure.status); });
-    JobList halves[2];
-    halves[0].append(jobs.split(jobs.size() / 2));
-    halves[1].append(std::move(jobs));
-    for (JobList& half : halves) {
-        runPart(half);
-        jobs.append(std::move(half));
+    JobList first = jobs.split(jobs.size() / 2);
+    JobList second = jobs.split(jobs.size());
+    for (JobList* const pHalf : {&first, &second}) {
+        runPart(*pHalf);
+        jobs.append(std::move(*pHalf));
     }
 }
 

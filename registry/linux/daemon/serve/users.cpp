@@ -12,7 +12,7 @@ bool Rate::take(size_t perSecond, Clock::time_point now)
 {
     if (perSecond == 0)
         return true;
-    const double most = static_cast<double>(perSecond);
+    const auto most = static_cast<double>(perSecond);
     const std::chrono::duration<double> passed = now - m_seen;
     m_left = std::min(most, m_left + passed.count() * most);
     m_seen = now;
@@ -36,7 +36,7 @@ std::shared_ptr<User> Users::of(uid_t uid)
     std::shared_ptr<User>& pUser = m_users[uid];
     if (pUser != nullptr)
         return pUser;
-    const auto pNew = std::make_shared<User>(uid);
+    auto pNew = std::make_shared<User>(uid);
     pUser = pNew;
     if (m_users.size() > Kept)
         std::erase_if(m_users, [](const auto& entry) { return entry.second.use_count() == 1; });
