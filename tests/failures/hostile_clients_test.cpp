@@ -227,14 +227,10 @@ void HostileClients::meet(const Hostility* pFirst, size_t count, Clock::duration
 
 } // namespace
 
-TEST_F(HostileClients, EachHurtsNobodyElse)
+TEST_F(HostileClients, HurtNobodyElse)
 {
     for (const Hostility& hostility : hostilities)
         meet(&hostility, 1, 300ms * (1 + scaled(1)));
-}
-
-TEST_F(HostileClients, AllTogetherHurtNobodyElse)
-{
     meet(hostilities, std::size(hostilities), 1s * (1 + scaled(2)));
     for (const Hostility& hostility : hostilities) {
         if (hostility.pLogged != nullptr) {
