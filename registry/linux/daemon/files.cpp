@@ -9,6 +9,7 @@
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -49,13 +50,14 @@ sockaddr_un addressOf(const std::string& path)
     return address;
 }
 
-/// Nothing, and errno, when there is nothing to be seen. flags: fstatat's.
+/// Nothing, and errno, when there is nothing to be seen. flags: statx's. Does not ask for the times: a file whose times
+/// have been looked at gets finer ones with its next write, which makes each commit a fifth slower.
 std::optional<FileId> fileAt(const std::string& path, int flags)
 {
-    struct stat found;
-    if (fstatat(AT_FDCWD, path.c_str(), &found, flags) != 0)
+    struct statx found;
+    if (statx(AT_FDCWD, path.c_str(), flags, STATX_INO, &found) != 0)
         return std::nullopt;
-    return FileId{found.st_dev, found.st_ino};
+    return FileId{makedev(found.stx_dev_major, found.stx_dev_minor), found.stx_ino};
 }
 
 /// The path that a socket is bound to.
