@@ -60,9 +60,6 @@ public:
         return std::exchange(m_leftOut, 0);
     }
 
-    /// Whether a new one would do as well: nothing was left out, and all the burst may come.
-    bool isFresh(Time now) const { return m_leftOut == 0 && m_full <= now; }
-
 private:
     static constexpr int Burst = 10;
     static constexpr std::chrono::seconds Pause{10};
