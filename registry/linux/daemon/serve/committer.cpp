@@ -60,15 +60,19 @@ bool Committer::clear(int rows)
     return done && more;
 }
 
-/// Runs a job, and those whose turn is next.
+/// Runs a job and as many more as wait now. What comes later is left to the next batch: while this one is written to the
+/// disk, the others' requests are read, and neither waits for the other.
 JobList Committer::runBatch(JobPtr pFirst)
 {
     const Clock::time_point begun = Clock::now();
     size_t bytes = 0;
+    size_t more = m_queue.size();
     const auto next = [&] {
         JobPtr pJob = std::move(pFirst);
-        if (pJob == nullptr && bytes < BatchBytes && Clock::now() - begun < BatchTime)
+        if (pJob == nullptr && more != 0 && bytes < BatchBytes && Clock::now() - begun < BatchTime) {
             pJob = m_queue.tryPop(INT_MAX);
+            --more;
+        }
         if (pJob != nullptr)
             bytes += pJob->cost() + PagesOfOne;
         return pJob;

@@ -32,6 +32,7 @@ void JobQueue::push(JobLane& lane, JobPtr pJob)
         pJob->pLane = &lane;
         lane.jobs.append(std::move(pJob));
         m_turns.enter(lane.place);
+        ++m_size;
     }
     m_wakeUp.notify_one(); // now that it can take the lock
 }
@@ -40,6 +41,7 @@ JobList JobQueue::takeBack(JobLane& lane)
 {
     const std::lock_guard lock(m_mutex);
     m_turns.leave(lane.place);
+    m_size -= lane.jobs.size();
     return std::move(lane.jobs);
 }
 
@@ -53,6 +55,7 @@ JobPtr JobQueue::take(int mostOfOneUser, Clock::time_point now)
     JobPtr pJob = pLane->jobs.pop();
     m_turns.passOn(pLane->place, !pLane->jobs.empty());
     ++pLane->user.running;
+    --m_size;
     return pJob;
 }
 
@@ -102,6 +105,12 @@ bool JobQueue::isIdle() const
 {
     const std::lock_guard lock(m_mutex);
     return m_turns.empty() && !m_finishing;
+}
+
+size_t JobQueue::size() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_size;
 }
 
 void JobQueue::finish()

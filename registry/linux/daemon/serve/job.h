@@ -147,6 +147,9 @@ public:
     /// Whether pop() would have to wait.
     bool isIdle() const;
 
+    /// The jobs that no worker has taken yet.
+    size_t size() const;
+
     /// Lets pop() end.
     void finish();
 
@@ -156,6 +159,7 @@ private:
     mutable std::mutex m_mutex; // guards what follows, and all lanes
     std::condition_variable m_wakeUp;
     Turns<JobLane> m_turns;
+    size_t m_size = 0;
     const User* m_pLast = nullptr; // who pushed last
     Clock::time_point m_changed;   // when that was last another than before
     bool m_finishing = false;

@@ -8,7 +8,7 @@ namespace {
 
 constexpr uint64_t PageSize = 4096;
 constexpr uint64_t PagesOfOne = 3;             // that a small write changes, when it comes with others
-constexpr uint64_t Step = uint64_t{64} * 1024; // what the first one may take; so much is asked for at a time
+constexpr uint64_t Least = uint64_t{64} * 1024; // what the first one may take
 
 uint64_t toWrite(const Job& job) { return job.cost() + PagesOfOne * PageSize; }
 
@@ -17,7 +17,7 @@ uint64_t toWrite(const Job& job) { return job.cost() + PagesOfOne * PageSize; }
 bool StoreGuard::look(const Job& first)
 {
     m_kept = m_identity.isKept();
-    m_wanted = Step;
+    m_wanted = Least;
     m_granted = 0;
     m_inLog = static_cast<uint64_t>(m_store.logPages()) * PageSize;
     return !m_kept || first.pOperation->frees || grants(m_wanted + toWrite(first)) || m_inLog == 0;
@@ -37,13 +37,9 @@ REGSTATUS StoreGuard::judge(const Job& job)
 
 bool StoreGuard::grants(uint64_t bytes)
 {
-    if (bytes > m_granted) {
-        const uint64_t more = (bytes + Step - 1) / Step * Step;
-        if (!m_space.mayGrow({more, m_inLog, m_store.freePages() * PageSize}))
-            return false;
-        m_granted = more;
-    }
-    return true;
+    if (bytes > m_granted)
+        m_granted = m_space.grant({bytes, m_inLog, m_store.freePages() * PageSize});
+    return bytes <= m_granted;
 }
 
 void StoreGuard::giveReserve()

@@ -21,6 +21,7 @@ constexpr uint64_t KiB = 1024;
 constexpr uint64_t MiB = 1024 * KiB;
 constexpr uint64_t PageSize = 4096;
 constexpr uint64_t MostLogPages = 4000;
+constexpr uint64_t LogOverhead = 128; // so many times less than the pages themselves is what the log writes about them
 constexpr uint64_t Margin = 64 * KiB;     // for what the file system writes about files
 constexpr uint64_t StartRoom = 256 * KiB; // to open a store: its index of the log, and a page here and there
 constexpr auto Pause = std::chrono::seconds(1);
@@ -69,17 +70,17 @@ DiskSpace::DiskSpace(const std::string& storePath)
 
 int DiskSpace::logPages() const { return static_cast<int>(std::min(m_size / PageSize * 3 / 4, MostLogPages)); }
 
-bool DiskSpace::mayGrow(const Demand& demand)
+uint64_t DiskSpace::grant(const Demand& demand)
 {
     const std::lock_guard lock(m_mutex);
     if (!m_isThere && std::chrono::steady_clock::now() >= m_nextTry)
         makeReserve();
     const uint64_t most = capacity(demand);
-    const uint64_t needed = demand.toWrite + demand.toWrite / 128; // what the log writes about its pages
+    const uint64_t needed = demand.toWrite + demand.toWrite / LogOverhead;
     if (needed > most && demand.inLog > 0)
-        return false; // tidying may give room: not yet worth a line
+        return 0; // tidying may give room: not yet worth a line
     judge(needed, most);
-    return needed <= most;
+    return needed > most ? 0 : std::max(demand.toWrite, std::min(most - most / LogOverhead, MiB));
 }
 
 /// What of the disk is not needed to tidy up what the log holds.

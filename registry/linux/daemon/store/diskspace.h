@@ -24,15 +24,15 @@ public:
 
     /// A batch of writes, and what the store has room for by itself. In bytes.
     struct Demand {
-        uint64_t toWrite;    ///< at most, in the log and again in the file; 0 for deletions
+        uint64_t toWrite;    ///< at most, in the log and again in the file
         uint64_t inLog;      ///< in the log since it last began anew
         uint64_t freeInFile; ///< in pages that the file has and does not use
     };
 
-    /// Whether the batch may be done: for deletions always, for others as long as they leave tidying its room. Logs
-    /// once that room gets short, once that writes are refused and once that all is well again. Two looks at the file
-    /// system; makes the reserve anew when it is missing and there is room for it.
-    bool mayGrow(const Demand& demand);
+    /// How much the batch may write: what it demands or more, up to a megabyte, as long as that leaves tidying its
+    /// room; otherwise nothing. Logs once that room gets short, once that writes are refused and once that all is well
+    /// again. Two looks at the file system; makes the reserve anew when it is missing and there is room for it.
+    uint64_t grant(const Demand& demand);
 
     /// Gives the reserve up when a deletion or tidying has failed for want of room. Then tidy, which makes the log
     /// begin anew, and try again. Returns whether there was a reserve.
