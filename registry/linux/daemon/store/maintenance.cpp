@@ -13,6 +13,7 @@
 
 #include "daemon/files.h"
 #include "daemon/store/facts.h"
+#include "daemon/store/pacing.h"
 #include "daemon/store/schema.h"
 
 namespace obregd {
@@ -207,6 +208,7 @@ StoreReport backUpStore(const std::string& storePath, const std::string& backupP
         StoreReport report;
         {
             SQLite::Database copy(file.path(), SQLite::OPEN_READWRITE);
+            const Pacing pacing(copy.getHandle());
             if (SQLite::Backup(copy, store).executeStep(WholeStore) != SQLITE_DONE)
                 throw std::runtime_error(storePath + ": another program holds it locked; try again later");
             report = examine(copy);

@@ -19,6 +19,7 @@
 #include <string>
 #include <thread>
 
+#include "daemon/store/pacing.h"
 #include "daemon/store/store.h"
 
 namespace obregd {
@@ -49,9 +50,10 @@ private:
     WritableStore& m_store; // the committing thread's
     const std::function<void(bool)> m_tidying;
     SQLite::Database m_database; // the thread's own
-    bool m_failing = false;      // the thread's own
-    int m_attempts = 0;          // the committing thread's
-    int m_pages = 0;             // the committing thread's: in the log after its last commit
+    Pacing m_pacing{m_database.getHandle()};
+    bool m_failing = false; // the thread's own
+    int m_attempts = 0;     // the committing thread's
+    int m_pages = 0;        // the committing thread's: in the log after its last commit
 
     std::mutex m_mutex; // guards what follows
     std::condition_variable m_wakeUp;
