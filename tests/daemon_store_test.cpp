@@ -237,25 +237,96 @@ TEST_F(StoreTest, DamageIsAFailureThatNamesTheKey)
     }
 }
 
-TEST_F(StoreTest, FormatOneIsCopiedAndUpgraded)
+TEST_F(StoreTest, AnEarlierFormatIsCopiedAndUpgraded)
 {
     commit([&](WritableStore& store) { store.addKey(UsersId, "40001", Ann); });
     const KeyId key = makeKey(50, "data", Ann);
     commit([&](WritableStore& store) { store.removeValue(key, "v1"); });
     const Usage usage = m_pWriter->usage(Ann);
-    for (const char* pCopy : {"store.format-1", "store.format-1.2"}) {
+    std::string toFormat1 = "DROP TABLE usage; DROP TABLE leftover;";
+    for (const std::string column : {"subkey_name", "value_name", "value_data"})
+        for (const char* pEnd : {"_max;", "_ties;"})
+            toFormat1 += "ALTER TABLE regkey DROP COLUMN " + column + pEnd;
+    const struct {
+        const char *pCopy, *pFormat;
+        std::string down;
+    } rows[] = {{"store.format-1", "1", toFormat1}, {"store.format-1.2", "1", toFormat1}, {"store.format-2", "2", ""}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.pCopy);
         m_pWriter.reset();
-        std::string sql = "DROP TABLE usage; DROP TABLE leftover; PRAGMA user_version = 1;";
-        for (const std::string column : {"subkey_name", "value_name", "value_data"})
-            for (const char* pEnd : {"_max;", "_ties;"})
-                sql += "ALTER TABLE regkey DROP COLUMN " + column + pEnd;
-        fromOutside(sql);
+        fromOutside(row.down + "DROP TABLE change; PRAGMA user_version = " + row.pFormat);
         EXPECT_EQ(checkStore(m_path).values, 49);
         m_pWriter.emplace(m_path);
-        EXPECT_EQ(checkStore(m_folder / pCopy).summary(), checkStore(m_path).summary());
+        EXPECT_EQ(checkStore(m_folder / row.pCopy).summary(), checkStore(m_path).summary());
         expectSound();
         EXPECT_EQ(m_pWriter->usage(Ann), usage);
     }
+}
+
+/// A change as text: who, what, and what was there before.
+std::string told(const Change& change)
+{
+    constexpr const char* Kinds[] = {"", "made", "deleted", "set", "unset"};
+    std::string text = std::to_string(change.author.uid) + ' ' + Kinds[static_cast<int>(change.kind)] + ' ' +
+                       std::to_string(change.key) + '/' + std::to_string(change.parent) + ' ' + change.name;
+    if (change.former)
+        text += " was " + std::to_string(change.former->type) + ' ' + std::to_string(change.former->length) + ' ' +
+                change.former->data.value_or("?");
+    return text;
+}
+
+TEST_F(StoreTest, TheJournalTellsEachChangeOnceWithWhatWasThere)
+{
+    const auto journal = [&](int64_t after) {
+        SQLite::Database database(m_path);
+        std::vector<std::string> lines;
+        JournalReader(database).since(after, [&](const Change& change) {
+            EXPECT_EQ(change.number, after + static_cast<int64_t>(lines.size()) + 1);
+            lines.push_back(told(change));
+            return true;
+        });
+        return lines;
+    };
+    m_pWriter->journal().setSize(64 << 20);
+    KeyId key = 0;
+    commit([&](WritableStore& store) {
+        store.journal().setAuthor({Ann, 1});
+        key = store.addKey(MachineId, "K", MachineOwner);
+        store.setValue(key, "v", REG_SZ, "one", 3);
+        store.setValue(key, "v", REG_BINARY, "", 0);
+        store.setValue(key, "w", REG_SZ, "two", 3);
+        store.removeValue(key, "V");
+    });
+    m_pWriter->begin();
+    m_pWriter->setValue(key, "undone", REG_SZ, "", 0);
+    m_pWriter->rollback();
+    commit([&](WritableStore& store) { store.removeKey(*store.key(key)); });
+    const std::string id = std::to_string(key);
+    const std::vector<std::string> expected = {"40001 made " + id + "/2 K",
+                                               "40001 set " + id + "/0 v",
+                                               "40001 set " + id + "/0 v was 1 3 one",
+                                               "40001 set " + id + "/0 w",
+                                               "40001 unset " + id + "/0 v was 3 0 ",
+                                               "40001 unset " + id + "/0 w was 1 3 two",
+                                               "40001 deleted " + id + "/2 K"};
+    EXPECT_EQ(journal(0), expected);
+
+    m_pWriter->journal().setSize(0); // no data, and only so many
+    const KeyId other = makeKey(1, "data");
+    commit([&](WritableStore& store) {
+        for (int i = 0; i < 30000; ++i)
+            store.setValue(other, "v0", REG_SZ, "new", 3);
+    });
+    while (m_pWriter->hasToClear())
+        commit([&](WritableStore& store) { store.clearSome(2000); });
+    SQLite::Database database(m_path);
+    JournalReader reader(database);
+    EXPECT_EQ(reader.last(), 30000 + static_cast<int64_t>(expected.size()) + 2);
+    EXPECT_NEAR(static_cast<double>(reader.last() - reader.first()), (1 << 20) / 50.0, 2000);
+    EXPECT_EQ(journal(reader.last() - 1).at(0), "40001 set " + std::to_string(other) + "/0 v0 was 1 3 ?");
+    const int64_t last = reader.last();
+    m_pWriter.emplace(m_path);
+    EXPECT_EQ(m_pWriter->journal().last(), last) << "numbers go on";
 }
 
 TEST_F(StoreTest, QuotasRefuseGrowthOfAUsersTree)

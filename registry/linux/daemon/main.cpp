@@ -123,6 +123,7 @@ void serve(const Options& options)
     DiskSpace diskSpace(options.storePath);
     WritableStore writableStore(options.storePath);
     writableStore.setQuota(options.quota);
+    writableStore.journal().setSize(options.history);
     writableStore.setMaxLogPages(diskSpace.logPages());
     Store store(options.storePath);
     StoreIdentity storeIdentity(options.storePath);

@@ -49,6 +49,11 @@ std::optional<Options> parseOptions(int argc, const char* const* argv, int* pExi
     app.add_option("--quota-requests", limits.maxRequests, "Requests of one user in a second; 0: any number")
         ->type_name("NUMBER")
         ->capture_default_str();
+    app.add_option("--history", options.history,
+                   "What the store may keep of changes and of what was there before; 0: hardly any")
+        ->transform(asSize)
+        ->type_name("SIZE")
+        ->default_str("64M");
     app.add_option("--max-per-user", limits.maxPerUser, "Connections of one user [half of the descriptors]")
         ->check(CLI::PositiveNumber.description(""))
         ->type_name("NUMBER");

@@ -40,6 +40,7 @@ struct Options {
     std::optional<std::string> backupPath; ///< copy the store there instead of serving
     Limits limits;
     Quota quota;
+    uint64_t history = 64 * MiB; ///< bytes of the journal; 0: what watchers need
     int verbosity = 0;
 };
 

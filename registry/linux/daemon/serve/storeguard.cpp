@@ -17,6 +17,7 @@ uint64_t toWrite(const Job& job) { return job.cost() + PagesOfOne * PageSize; }
 bool StoreGuard::look(const Job& first)
 {
     m_kept = m_identity.isKept();
+    m_store.journal().keepData(!m_space.isShort());
     m_wanted = Least;
     m_granted = 0;
     m_inLog = static_cast<uint64_t>(m_store.logPages()) * PageSize;
@@ -45,6 +46,7 @@ bool StoreGuard::grants(uint64_t bytes)
 void StoreGuard::giveReserve()
 {
     m_space.release();
+    m_store.journal().keepData(false);
     m_granted = 0;
 }
 

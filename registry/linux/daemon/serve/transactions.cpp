@@ -116,6 +116,7 @@ void Transactions::runAgain(JobList& jobs, const Failure& failure)
 void Transactions::serve(Job& job)
 {
     const REGSTATUS refusal = m_pGuard == nullptr ? OBREG_STATUS_SUCCESS : m_pGuard->judge(job);
+    m_store.journal().setAuthor({job.peer.uid, job.peer.pid});
     job.reply = refusal == OBREG_STATUS_SUCCESS
                     ? job.pOperation->serve({m_store, &m_store, job.peer}, job.request.text())
                     : job.pOperation->refuse(refusal);

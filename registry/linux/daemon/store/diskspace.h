@@ -34,6 +34,9 @@ public:
     /// again. Two looks at the file system; makes the reserve anew when it is missing and there is room for it.
     uint64_t grant(const Demand& demand);
 
+    /// Whether what need not be written had better not be.
+    bool isShort();
+
     /// Gives the reserve up when a deletion or tidying has failed for want of room. Then tidy, which makes the log
     /// begin anew, and try again. Returns whether there was a reserve.
     bool release();

@@ -61,6 +61,24 @@ constexpr const char* Format2 = R"(
     ) STRICT;
 )";
 
+constexpr const char* Format3 = R"(
+    CREATE TABLE change (
+        number INTEGER PRIMARY KEY,
+        position INTEGER NOT NULL,
+        time INTEGER NOT NULL,
+        uid INTEGER NOT NULL,
+        pid INTEGER NOT NULL,
+        kind INTEGER NOT NULL,
+        key INTEGER NOT NULL,
+        parent INTEGER NOT NULL,
+        name TEXT NOT NULL COLLATE NOCASE,
+        type INTEGER,
+        length INTEGER,
+        data BLOB
+    ) STRICT;
+    CREATE INDEX change_deleted ON change (key) WHERE kind = 2;
+)";
+
 void setFormat(SQLite::Database& database) { database.exec("PRAGMA user_version = " + std::to_string(StoreFormat)); }
 
 void makeTables(SQLite::Database& database)
@@ -68,6 +86,7 @@ void makeTables(SQLite::Database& database)
     database.exec("BEGIN"); // whoever fails before the end closes the database, which undoes it
     database.exec(Format1);
     database.exec(Format2);
+    database.exec(Format3);
     SQLite::Statement addRoot(database, "INSERT INTO regkey (id, parent, name, owner, written) VALUES (?, 0, ?, ?, ?)");
     const struct {
         KeyId id;
@@ -87,22 +106,18 @@ void makeTables(SQLite::Database& database)
     database.exec("COMMIT");
 }
 
-/// A name beside the store that nothing has.
-std::string freeName(const std::string& path)
+/// A name for a copy of the store that nothing has.
+std::string freeName(const std::string& path, int format)
 {
-    std::string name = path + ".format-1";
-    for (int i = 2; std::filesystem::exists(name); ++i)
-        name = path + ".format-1." + std::to_string(i);
-    return name;
+    const std::string name = path + ".format-" + std::to_string(format);
+    std::string free = name;
+    for (int i = 2; std::filesystem::exists(free); ++i)
+        free = name + "." + std::to_string(i);
+    return free;
 }
 
-void upgrade(SQLite::Database& database, const std::string& path)
+void upgradeTo2(SQLite::Database& database)
 {
-    const std::string backup = freeName(path);
-    backUpStore(path, backup);
-    logLine(LOG_NOTICE, "%s: is of format 1 and becomes format %d; a copy of it as it was is %s", path.c_str(),
-            StoreFormat, backup.c_str());
-    database.exec("BEGIN IMMEDIATE"); // whoever fails before the end closes the database, which undoes it
     database.exec(Format2);
     SQLite::Statement setLengths(database, std::string("UPDATE regkey SET (") + LengthColumns +
                                                ") = (?2, ?3, ?4, ?5, ?6, ?7) WHERE id = ?1");
@@ -115,6 +130,18 @@ void upgrade(SQLite::Database& database, const std::string& path)
     SQLite::Statement addUsage(database, "INSERT INTO usage (owner, keys, bytes, numbers) VALUES (?, ?, ?, ?)");
     for (const auto& [owner, taken] : usage)
         run(addUsage, owner, taken.keys, taken.bytes, taken.numbers);
+}
+
+void upgrade(SQLite::Database& database, const std::string& path, int format)
+{
+    const std::string backup = freeName(path, format);
+    backUpStore(path, backup);
+    logLine(LOG_NOTICE, "%s: is of format %d and becomes format %d; a copy of it as it was is %s", path.c_str(), format,
+            StoreFormat, backup.c_str());
+    database.exec("BEGIN IMMEDIATE"); // whoever fails before the end closes the database, which undoes it
+    if (format < 2)
+        upgradeTo2(database);
+    database.exec(Format3);
     setFormat(database);
     database.exec("COMMIT");
 }
@@ -133,8 +160,8 @@ const std::string& prepareStoreFile(const std::string& path)
             makeTables(database);
         } else if (id != ApplicationId) {
             throw std::runtime_error(path + ": is not a registry store; give another path with --store");
-        } else if (version == 1) {
-            upgrade(database, path);
+        } else if (version > 0 && version < StoreFormat) {
+            upgrade(database, path, version);
         } else if (version != StoreFormat) {
             throw std::runtime_error(path + ": was written by another version of obregd (format " +
                                      std::to_string(version) + ", this one knows " + std::to_string(StoreFormat) +

@@ -2,7 +2,8 @@
 //
 // Format 1 had the two tables of keys and values. Format 2 keeps the greatest lengths with each key and has two tables
 // more: usage, what the trees of each owner take, and leftover, keys that are deleted but whose values are still to be
-// cleared away. A file of format 1 is copied beside itself and upgraded where it is; one of a later format is refused.
+// cleared away. Format 3 has the journal (journal.h). A file of an earlier format is copied beside itself and upgraded
+// where it is; one of a later format is refused.
 #ifndef OBREG_DAEMON_STORE_SCHEMA_H
 #define OBREG_DAEMON_STORE_SCHEMA_H
 
@@ -10,7 +11,7 @@
 
 namespace obregd {
 
-inline constexpr int StoreFormat = 2;
+inline constexpr int StoreFormat = 3;
 
 /// Makes the file with its tables and roots when there is none, else makes sure that it is one of ours and of this
 /// format. Throws std::runtime_error with a message for the operator. Returns path.

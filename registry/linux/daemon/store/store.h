@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "daemon/govern/quota.h"
+#include "daemon/store/journal.h"
 #include "daemon/store/lengths.h"
 #include "daemon/store/shared.h"
 #include "daemon/tree.h"
@@ -145,8 +146,11 @@ public:
     /// False when there is no such value.
     bool removeValue(KeyId key, const std::string& name);
 
-    /// Whether there are values of deleted keys to be cleared away.
-    bool hasToClear() const { return m_hasToClear; }
+    /// Where each change is noted.
+    JournalWriter& journal() { return m_journal; }
+
+    /// Whether there are values of deleted keys, or changes that the journal has no room for, to be cleared away.
+    bool hasToClear() const { return m_hasToClear || m_journal.isTooLong(); }
     /// Clears away up to that many of them, and not too many bytes. True when more is left.
     bool clearSome(int maxRows);
 
@@ -180,19 +184,24 @@ private:
         int64_t row, nameLength, dataLength;
     };
 
+    Row changing(KeyId id);
     void writeRow(KeyId id, Row& row);
     std::optional<FoundValue> findValue(KeyId key, const std::string& name);
     Account& accountOf(Owner owner);
     Usage& change(Owner owner);
     void giveBack(Owner owner, int64_t bytes);
     void storeUsage();
-    int64_t removeRow(const Key& key);
-    void removeValues(const Key& key);
+    std::string removeRow(const Key& key);
+    bool isLarge(const Key& key);
+    void leaveValues(const Key& key);
+    void removeValues(const Key& key, uint64_t time);
+    bool clearLeftovers(int maxRows);
     void distrust() override;
 
-    SQLite::Statement m_beginWrite, m_commit, m_rollback, m_addKey, m_setRow, m_removeKey, m_valueBytes, m_removeValues,
-        m_findValue, m_replaceValue, m_addValue, m_removeValue, m_lastValueRow, m_usage, m_setUsage, m_addLeftover,
-        m_firstLeftover, m_leftValues, m_clearValues, m_removeLeftover, m_lastNumber, m_freePages;
+    SQLite::Statement m_beginWrite, m_commit, m_rollback, m_addKey, m_setRow, m_removeKey, m_removeValues, m_findValue,
+        m_replaceValue, m_addValue, m_removeValue, m_lastValueRow, m_usage, m_setUsage, m_addLeftover, m_firstLeftover,
+        m_leftValues, m_clearValues, m_removeLeftover, m_lastNumber, m_freePages, m_valuesOf;
+    JournalWriter m_journal;
     Quota m_quota;
     std::unordered_map<Owner, Account> m_accounts; // of those who were met
     std::vector<Owner> m_changedAccounts;          // since begin()

@@ -18,8 +18,8 @@ constexpr int64_t PieceBytes = int64_t{4} << 20;                 // that clearSo
 constexpr const char* SetRow =
     "UPDATE regkey SET (written, subkey_count, value_count, subkey_name_max, subkey_name_ties, value_name_max, "
     "value_name_ties, value_data_max, value_data_ties) = (?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10) WHERE id = ?1";
-constexpr const char* ValueBytes =
-    "SELECT ifnull(sum(length(CAST(name AS BLOB)) + length(data)), 0) FROM regvalue WHERE key = ?";
+constexpr const char* ValuesOf = "SELECT id, length(CAST(name AS BLOB)), length(data) FROM regvalue "
+                                 "INDEXED BY regvalue_order WHERE key = ? ORDER BY id";
 constexpr const char* FindValue = "SELECT id, length(CAST(name AS BLOB)), length(data) FROM regvalue "
                                   "WHERE key = ? AND name = ?";
 constexpr const char* LeftValues = "SELECT id, length(CAST(name AS BLOB)) + length(data) FROM regvalue "
@@ -33,10 +33,8 @@ WritableStore::WritableStore(const std::string& path)
     : Store(prepareStoreFile(path), SQLite::OPEN_READWRITE), m_beginWrite(m_database, "BEGIN IMMEDIATE"),
       m_commit(m_database, "COMMIT"), m_rollback(m_database, "ROLLBACK"),
       m_addKey(m_database, "INSERT INTO regkey (parent, name, owner, written) VALUES (?, ?, ?, ?)"),
-      m_setRow(m_database, SetRow),
-      m_removeKey(m_database, "DELETE FROM regkey WHERE id = ? RETURNING length(CAST(name AS BLOB))"),
-      m_valueBytes(m_database, ValueBytes), m_removeValues(m_database, "DELETE FROM regvalue WHERE key = ?"),
-      m_findValue(m_database, FindValue),
+      m_setRow(m_database, SetRow), m_removeKey(m_database, "DELETE FROM regkey WHERE id = ? RETURNING name"),
+      m_removeValues(m_database, "DELETE FROM regvalue WHERE key = ?"), m_findValue(m_database, FindValue),
       m_replaceValue(m_database, "UPDATE regvalue SET type = ?2, data = ?3 WHERE id = ?1"),
       m_addValue(m_database, "INSERT INTO regvalue (id, type, data, key, name) VALUES (?, ?, ?, ?, ?)"),
       m_removeValue(m_database, "DELETE FROM regvalue WHERE id = ?"),
@@ -48,7 +46,7 @@ WritableStore::WritableStore(const std::string& path)
       m_clearValues(m_database, "DELETE FROM regvalue INDEXED BY regvalue_order WHERE key = ? AND id <= ?"),
       m_removeLeftover(m_database, "DELETE FROM leftover WHERE key = ?"),
       m_lastNumber(m_database, "SELECT seq FROM sqlite_sequence WHERE name = 'regkey'"),
-      m_freePages(m_database, "PRAGMA freelist_count")
+      m_freePages(m_database, "PRAGMA freelist_count"), m_valuesOf(m_database, ValuesOf), m_journal(m_database)
 {
     m_database.exec(WriterCache);
     m_database.exec("PRAGMA synchronous = FULL");
@@ -81,6 +79,7 @@ void WritableStore::commit()
     for (const Owner owner : m_changedAccounts)
         m_accounts[owner].stored = m_accounts[owner].now;
     m_changedAccounts.clear();
+    m_journal.committed();
     if (m_cleared) {
         m_pShared->leftovers.gone();
         m_hasToClear = m_cleared = false;
@@ -100,6 +99,7 @@ void WritableStore::rollback()
     for (const Owner owner : m_changedAccounts)
         m_accounts[owner].now = m_accounts[owner].stored;
     m_changedAccounts.clear();
+    m_journal.rolledBack();
     m_cleared = false;
 }
 
@@ -109,6 +109,7 @@ void WritableStore::distrust()
     Store::distrust();
     m_accounts.clear();
     m_changedAccounts.clear();
+    m_journal.distrust();
     m_lastValueRowUsed = std::max(m_lastValueRowUsed, [this] {
         const Use use(m_lastValueRow);
         m_lastValueRow.executeStep();
@@ -145,10 +146,17 @@ int WritableStore::finishTidying()
     return pages - moved;
 }
 
-/// Writes a key's row, which has changed, with a new time.
+/// A key's row, to be changed, with the new time.
+Store::Row WritableStore::changing(KeyId id)
+{
+    Row row = this->row(id);
+    row.written = std::max(timeNow(), row.written + 1);
+    return row;
+}
+
+/// Writes a key's row, which has changed.
 void WritableStore::writeRow(KeyId id, Row& row)
 {
-    row.written = std::max(timeNow(), row.written + 1);
     auto& [subKeyName, valueName, valueData] = row.lengths;
     if (row.subKeys == 0)
         subKeyName = {};
@@ -160,12 +168,13 @@ void WritableStore::writeRow(KeyId id, Row& row)
 
 KeyId WritableStore::addKey(KeyId parent, const std::string& name, Owner owner)
 {
-    Row above = row(parent);
+    Row above = changing(parent);
     ++above.subKeys;
     above.lengths.subKeyName.add(size(name));
     writeRow(parent, above);
     run(m_addKey, parent, name, owner, above.written); // no older than its parent, also when the clock was set back
     const KeyId id = m_database.getLastInsertRowid();
+    m_journal.keyMade(id, parent, name, above.written);
     if (id > LastKeyId)
         throw SQLite::Exception("all key numbers have been given out", SQLITE_FULL);
     Usage& taken = change(owner);
@@ -177,50 +186,73 @@ KeyId WritableStore::addKey(KeyId parent, const std::string& name, Owner owner)
 
 void WritableStore::removeKey(const Key& key)
 {
-    Row above = row(key.parent);
-    const int64_t nameLength = removeRow(key);
-    if (--above.subKeys < 0 || !above.lengths.subKeyName.remove(nameLength))
+    Row above = changing(key.parent);
+    const bool large = isLarge(key);
+    if (large)
+        leaveValues(key);
+    else if (key.values != 0)
+        removeValues(key, above.written);
+    const std::string name = removeRow(key);
+    m_journal.keyDeleted(key.id, key.parent, name, large ? key.values : 0, above.written);
+    if (--above.subKeys < 0 || !above.lengths.subKeyName.remove(size(name)))
         throwDamaged(key.parent, "it had not the sub-key that is being deleted");
     writeRow(key.parent, above);
     m_pShared->positions.removing(key.parent, Entries::SubKeys, above.written, key.id);
 }
 
-/// Removes a key's row and values. Returns the length of its name.
-int64_t WritableStore::removeRow(const Key& key)
+/// Removes a key's row. Returns its name.
+std::string WritableStore::removeRow(const Key& key)
 {
-    if (key.values != 0)
-        removeValues(key);
     const Use use(m_removeKey);
     bindAll(m_removeKey, key.id);
     if (!m_removeKey.executeStep())
         throwDamaged(key.id, "its row is missing");
-    const int64_t nameLength = m_removeKey.getColumn(0).getInt64();
+    std::string name = m_removeKey.getColumn(0).getString();
     m_removeKey.executeStep(); // to its end
-    giveBack(key.owner, nameLength);
+    giveBack(key.owner, size(name));
     Usage& taken = change(key.owner);
     taken.keys -= std::min<uint64_t>(taken.keys, 1);
-    return nameLength;
+    return name;
 }
 
-void WritableStore::removeValues(const Key& key)
+/// Whether a key has more values than can be removed at once.
+bool WritableStore::isLarge(const Key& key)
 {
-    if (key.values > FewValues || row(key.id).lengths.valueData.length * key.values > FewBytes) {
-        m_pShared->leftovers.coming();
-        m_hasToClear = true;
-        m_cleared = false;
-        run(m_addLeftover, key.id, key.owner);
-        return;
-    }
+    return key.values > FewValues || (key.values != 0 && row(key.id).lengths.valueData.length * key.values > FewBytes);
+}
+
+/// Leaves a key's values for clearSome().
+void WritableStore::leaveValues(const Key& key)
+{
+    m_pShared->leftovers.coming();
+    m_hasToClear = true;
+    m_cleared = false;
+    run(m_addLeftover, key.id, key.owner);
+}
+
+void WritableStore::removeValues(const Key& key, uint64_t time)
+{
+    int64_t bytes = 0;
     {
-        const Use use(m_valueBytes);
-        bindAll(m_valueBytes, key.id);
-        m_valueBytes.executeStep();
-        giveBack(key.owner, m_valueBytes.getColumn(0).getInt64());
+        const Use use(m_valuesOf);
+        for (bindAll(m_valuesOf, key.id); m_valuesOf.executeStep();) {
+            const auto at = [&](int column) { return m_valuesOf.getColumn(column).getInt64(); };
+            m_journal.valueChanges(ChangeKind::ValueDeleted, at(0), at(1), at(2), time);
+            bytes += at(1) + at(2);
+        }
     }
+    giveBack(key.owner, bytes);
     run(m_removeValues, key.id);
 }
 
 bool WritableStore::clearSome(int maxRows)
+{
+    if (m_journal.isTooLong())
+        m_journal.dropSome(maxRows);
+    return (m_hasToClear && clearLeftovers(maxRows)) || m_journal.isTooLong();
+}
+
+bool WritableStore::clearLeftovers(int maxRows)
 {
     const auto first = [this]() -> std::optional<std::pair<KeyId, Owner>> {
         const Use use(m_firstLeftover);
@@ -274,8 +306,9 @@ void WritableStore::setValue(KeyId key, const std::string& name, UINT32 type, co
         }
         statement.exec();
     };
-    Row row = this->row(key);
+    Row row = changing(key);
     if (const auto old = findValue(key, name)) {
+        m_journal.valueChanges(ChangeKind::ValueSet, old->row, old->nameLength, old->dataLength, row.written);
         store(m_replaceValue, old->row);
         if (!row.lengths.valueData.remove(old->dataLength))
             throwDamaged(key, "a value is longer than its longest");
@@ -284,6 +317,7 @@ void WritableStore::setValue(KeyId key, const std::string& name, UINT32 type, co
             change(row.owner).bytes += length;
         }
     } else {
+        m_journal.valueMade(key, name, row.written);
         store(m_addValue, ++m_lastValueRowUsed);
         ++row.values;
         row.lengths.valueName.add(size(name));
@@ -298,7 +332,8 @@ bool WritableStore::removeValue(KeyId key, const std::string& name)
     const auto old = findValue(key, name);
     if (!old)
         return false;
-    Row row = this->row(key);
+    Row row = changing(key);
+    m_journal.valueChanges(ChangeKind::ValueDeleted, old->row, old->nameLength, old->dataLength, row.written);
     run(m_removeValue, old->row);
     if (--row.values < 0 || !row.lengths.valueName.remove(old->nameLength) ||
         !row.lengths.valueData.remove(old->dataLength))

@@ -1,0 +1,151 @@
+#include "daemon/store/journal.h"
+
+#include <algorithm>
+
+#include "daemon/store/statements.h"
+
+namespace obregd {
+
+namespace {
+
+constexpr int64_t RowBytes = 48;                    // what a change takes beside name and data, about
+constexpr int64_t LeastSize = int64_t{1024} * 1024; // what watchers need
+constexpr int64_t MaxDataShare = 64;                // data that takes more of the journal than such a part is not kept
+
+constexpr const char* Add = "INSERT INTO change (number, position, time, uid, pid, kind, key, parent, name, length) "
+                            "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, nullif(?10, 0))";
+constexpr const char* AddFormer =
+    "INSERT INTO change (number, position, time, uid, pid, kind, key, parent, name, type, length, data) "
+    "SELECT ?1, ?2, ?3, ?4, ?5, ?6, key, 0, name, type, length(data), CASE WHEN length(data) <= ?8 THEN data END "
+    "FROM regvalue WHERE id = ?7";
+constexpr const char* BothEnds = "SELECT ifnull(max(number), 0), ifnull(max(position), 0), "
+                             "ifnull((SELECT position FROM change ORDER BY number LIMIT 1), 0) FROM "
+                             "(SELECT number, position FROM change ORDER BY number DESC LIMIT 1)";
+constexpr const char* Oldest = "SELECT number, position FROM change ORDER BY number LIMIT ?";
+constexpr const char* Since = "SELECT number, time, uid, pid, kind, key, parent, name, type, length, data FROM change "
+                              "WHERE number > ? ORDER BY number";
+
+} // namespace
+
+JournalWriter::JournalWriter(SQLite::Database& database)
+    : m_add(database, Add), m_addFormer(database, AddFormer), m_ends(database, BothEnds), m_oldest(database, Oldest),
+      m_drop(database, "DELETE FROM change WHERE number <= ?")
+{
+    setSize(0);
+    distrust();
+}
+
+void JournalWriter::setSize(uint64_t size)
+{
+    m_size = std::max(static_cast<int64_t>(std::min<uint64_t>(size, INT64_MAX / 2)), LeastSize);
+    m_maxData = size == 0 ? -1 : m_size / MaxDataShare;
+}
+
+void JournalWriter::distrust()
+{
+    const Use use(m_ends);
+    m_ends.executeStep();
+    const auto at = [&](int column) { return m_ends.getColumn(column).getInt64(); };
+    m_stored = m_now = {at(0), at(1), at(2)};
+}
+
+/// The next change takes so many bytes.
+void JournalWriter::next(int64_t bytes)
+{
+    ++m_now.number;
+    m_now.position += RowBytes + bytes;
+}
+
+void JournalWriter::keyMade(KeyId key, KeyId parent, const std::string& name, uint64_t time)
+{
+    next(static_cast<int64_t>(name.size()));
+    run(m_add, m_now.number, m_now.position, time, m_author.uid, m_author.pid, static_cast<int>(ChangeKind::KeyMade),
+        key, parent, name, 0);
+}
+
+void JournalWriter::keyDeleted(KeyId key, KeyId parent, const std::string& name, uint64_t valuesLost, uint64_t time)
+{
+    next(static_cast<int64_t>(name.size()));
+    run(m_add, m_now.number, m_now.position, time, m_author.uid, m_author.pid, static_cast<int>(ChangeKind::KeyDeleted),
+        key, parent, name, valuesLost);
+}
+
+void JournalWriter::valueMade(KeyId key, const std::string& name, uint64_t time)
+{
+    next(static_cast<int64_t>(name.size()));
+    run(m_add, m_now.number, m_now.position, time, m_author.uid, m_author.pid, static_cast<int>(ChangeKind::ValueSet),
+        key, 0, name, 0);
+}
+
+void JournalWriter::valueChanges(ChangeKind kind, int64_t row, int64_t nameLength, int64_t dataLength, uint64_t time)
+{
+    const int64_t maxData = m_keepData ? m_maxData : -1;
+    next(nameLength + (dataLength <= maxData ? dataLength : 0));
+    run(m_addFormer, m_now.number, m_now.position, time, m_author.uid, m_author.pid, static_cast<int>(kind), row,
+        maxData);
+}
+
+void JournalWriter::dropSome(int rows)
+{
+    int64_t upTo = 0;
+    {
+        const Use use(m_oldest);
+        for (bindAll(m_oldest, rows); m_oldest.executeStep();) {
+            const int64_t number = m_oldest.getColumn(0).getInt64();
+            if (number == m_now.number || m_now.position - m_now.first <= m_size)
+                break;
+            upTo = number;
+            m_now.first = m_oldest.getColumn(1).getInt64();
+        }
+    }
+    run(m_drop, upTo);
+}
+
+JournalReader::JournalReader(SQLite::Database& database)
+    : m_last(database, "SELECT ifnull(max(number), 0) FROM change"),
+      m_first(database, "SELECT number FROM change ORDER BY number LIMIT 1"), m_since(database, Since)
+{}
+
+int64_t JournalReader::last()
+{
+    const Use use(m_last);
+    m_last.executeStep();
+    return m_last.getColumn(0).getInt64();
+}
+
+int64_t JournalReader::first()
+{
+    const Use use(m_first);
+    return m_first.executeStep() ? m_first.getColumn(0).getInt64() : last() + 1;
+}
+
+void JournalReader::begin(int64_t number)
+{
+    m_since.tryReset();
+    bindAll(m_since, number);
+}
+
+void JournalReader::end() { m_since.tryReset(); }
+
+std::optional<Change> JournalReader::next()
+{
+    if (!m_since.executeStep())
+        return std::nullopt;
+    const auto number = [&](int column) { return m_since.getColumn(column).getInt64(); };
+    Change change{number(0),
+                  static_cast<uint64_t>(number(1)),
+                  {static_cast<uid_t>(number(2)), static_cast<pid_t>(number(3))},
+                  static_cast<ChangeKind>(number(4)),
+                  number(5),
+                  number(6),
+                  m_since.getColumn(7).getString(),
+                  std::nullopt};
+    if (!m_since.isColumnNull(9)) {
+        change.former.emplace(Former{static_cast<UINT32>(number(8)), static_cast<uint64_t>(number(9)), std::nullopt});
+        if (!m_since.isColumnNull(10))
+            change.former->data = m_since.getColumn(10).getString();
+    }
+    return change;
+}
+
+} // namespace obregd

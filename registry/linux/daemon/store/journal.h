@@ -1,0 +1,121 @@
+// The journal: what was changed in the store, when and by whom, and what was there before.
+//
+// One row for each change, written in the transaction of the change, so that the two are there together or not at all.
+// Numbers grow by one and are never used again. The journal is bounded: its oldest rows are dropped when it has grown
+// beyond its size, but never the last one, which knows the last number. `position` counts the bytes of all changes up
+// to a row since the store was made; so the journal's size is known without reading it.
+//
+// A Journal belongs to the connection that it is made with, and to its thread. Whatever fails throws SQLite::Exception.
+#ifndef OBREG_DAEMON_STORE_JOURNAL_H
+#define OBREG_DAEMON_STORE_JOURNAL_H
+
+#include <SQLiteCpp/SQLiteCpp.h>
+#include <optional>
+#include <string>
+
+#include "daemon/tree.h"
+
+namespace obregd {
+
+enum class ChangeKind : int { KeyMade = 1, KeyDeleted, ValueSet, ValueDeleted };
+
+/// Who makes a change.
+struct Author {
+    uid_t uid;
+    pid_t pid;
+};
+
+/// What was there before. Its data is not there when it was not kept.
+struct Former {
+    UINT32 type;
+    uint64_t length;
+    std::optional<std::string> data;
+};
+
+struct Change {
+    int64_t number;
+    uint64_t time; ///< 100 ns units since 1601-01-01 UTC; of changes made at once the same
+    Author author;
+    ChangeKind kind;
+    KeyId key;
+    KeyId parent;                 ///< of a key that was made or deleted, else 0
+    std::string name;             ///< of that key or of the value
+    std::optional<Former> former; ///< none when there was no such value; of a deleted key the number of values lost
+};
+
+/// Where a new row goes.
+class JournalWriter {
+public:
+    explicit JournalWriter(SQLite::Database& database);
+
+    /// The most that the journal may take, in bytes; 0: as much as watchers need, without what was there before.
+    void setSize(uint64_t size);
+    /// Data is kept from now on, or not, as long as it is not too long.
+    void keepData(bool keep) { m_keepData = keep; }
+    void setAuthor(Author author) { m_author = author; }
+
+    void keyMade(KeyId key, KeyId parent, const std::string& name, uint64_t time);
+    /// valuesLost: of its values, so many were not noted before.
+    void keyDeleted(KeyId key, KeyId parent, const std::string& name, uint64_t valuesLost, uint64_t time);
+    void valueMade(KeyId key, const std::string& name, uint64_t time);
+    /// The value in a row of the table of values is about to be replaced or deleted. Lengths in bytes.
+    void valueChanges(ChangeKind kind, int64_t row, int64_t nameLength, int64_t dataLength, uint64_t time);
+
+    /// The number of the last change, committed or not.
+    int64_t last() const { return m_now.number; }
+    void committed() { m_stored = m_now; }
+    void rolledBack() { m_now = m_stored; }
+    /// What is known of the file is not to be relied on any more.
+    void distrust();
+
+    bool isTooLong() const { return m_now.position - m_now.first > m_size + m_size / 16; }
+    /// Drops up to so many of the oldest changes, as far as it is too long. Inside a transaction.
+    void dropSome(int rows);
+
+private:
+    struct Ends {
+        int64_t number = 0;
+        int64_t position = 0;
+        int64_t first = 0; // position of the oldest
+    };
+    void next(int64_t bytes);
+
+    SQLite::Statement m_add, m_addFormer, m_ends, m_oldest, m_drop;
+    int64_t m_size = 0;
+    int64_t m_maxData = 0;
+    bool m_keepData = true;
+    Author m_author{};
+    Ends m_stored{}, m_now{};
+};
+
+/// Reads the journal.
+class JournalReader {
+public:
+    explicit JournalReader(SQLite::Database& database);
+
+    /// The number of the last change; 0 when there was none.
+    int64_t last();
+    /// The number of the first change that is still there; last() + 1 when there is none.
+    int64_t first();
+
+    /// Calls see(change) for the changes after that number in their order, until it returns false.
+    template <class See>
+    void since(int64_t number, See see)
+    {
+        for (begin(number); const std::optional<Change> change = next();)
+            if (!see(*change))
+                break;
+        end();
+    }
+
+private:
+    void begin(int64_t number);
+    std::optional<Change> next();
+    void end();
+
+    SQLite::Statement m_last, m_first, m_since;
+};
+
+} // namespace obregd
+
+#endif
