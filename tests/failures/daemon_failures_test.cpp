@@ -19,6 +19,8 @@
 
 #include "daemon/files.h"
 #include "daemon/serve/server.h"
+#include "daemon/serve/storeguard.h"
+#include "daemon/store/diskspace.h"
 #include "daemon/store/maintenance.h"
 #include "failures/sweep.h"
 #include "support/raw_client.h"
@@ -135,13 +137,18 @@ protected:
     /// The daemon, all but its main function.
     struct Daemon {
         explicit Daemon(const std::string& folder)
-            : lock(folder + "/store", "--store"), writer(folder + "/store"), store(folder + "/store"),
-              socket(folder + "/socket"), server(socket.releaseDescriptor(), store, writer, obregd::Limits())
+            : lock(folder + "/store", "--store"), space(folder + "/store"), writer(folder + "/store"),
+              store(folder + "/store"), identity(folder + "/store"), socket(folder + "/socket"),
+              guard(writer, identity, space),
+              server(socket.releaseDescriptor(), store, writer, obregd::Limits(), &guard)
         {}
         obregd::Lock lock;
+        obregd::DiskSpace space;
         obregd::WritableStore writer;
         obregd::Store store;
+        obregd::StoreIdentity identity;
         obregd::ListeningSocket socket;
+        obregd::StoreGuard guard;
         obregd::Server server;
     };
 

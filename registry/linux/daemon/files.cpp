@@ -85,6 +85,8 @@ void clearPath(const std::string& path, const sockaddr_un& address)
     const int result = connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
     if (result == 0 || errno == EAGAIN)
         fail(path, "another program is listening there; stop it or give another path with --socket");
+    if (errno != ECONNREFUSED)
+        failErrno(path, "whether another program is listening there cannot be found out");
     if (unlink(path.c_str()) != 0)
         failErrno(path, "a socket left over from before cannot be removed");
 }

@@ -69,8 +69,10 @@ public:
     void operator()()
     {
         const uint64_t commits = figureValues[static_cast<size_t>(Figure::Commits)].load(std::memory_order_relaxed);
-        if (std::exchange(m_commits, commits) == commits)
+        const auto now = std::chrono::steady_clock::now();
+        if (m_commits == commits || now < m_notBefore)
             return;
+        m_commits = commits;
         for (const auto& [owner, usage] : m_store.usages()) {
             if (owner < 0)
                 continue;
@@ -80,6 +82,8 @@ public:
             set(*pCounts, UserFigure::Keys, usage.keys);
             set(*pCounts, UserFigure::Bytes, usage.bytes);
         }
+        const auto end = std::chrono::steady_clock::now();
+        m_notBefore = end + (end - now) * RestFactor;
     }
 
 private:
@@ -88,7 +92,9 @@ private:
         counts[static_cast<size_t>(figure)].store(number, std::memory_order_relaxed);
     }
 
+    static constexpr int RestFactor = 1000; // where there are many users: it is done on the thread that serves
     Store& m_store;
+    std::chrono::steady_clock::time_point m_notBefore;
     uint64_t m_commits = ~uint64_t{0};
     std::map<Owner, std::shared_ptr<UserCounts>> m_counts;
 };
@@ -98,7 +104,7 @@ void addChores(Server& server, ListeningSocket& socket, Store& store, std::optio
 {
     server.every(std::chrono::seconds(1), UsageFigures(store));
     server.every(std::chrono::seconds(1), [&] {
-        if (socket.restore())
+        if (!server.isStopping() && socket.restore())
             server.listenOn(socket.releaseDescriptor());
     });
     server.every(std::chrono::seconds(1), MemoryReturn());

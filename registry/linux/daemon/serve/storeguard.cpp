@@ -7,7 +7,7 @@ namespace obregd {
 namespace {
 
 constexpr uint64_t PageSize = 4096;
-constexpr uint64_t PagesOfOne = 3;             // that a small write changes, when it comes with others
+constexpr uint64_t PagesOfOne = 3;              // that a small write changes, when it comes with others
 constexpr uint64_t Least = uint64_t{64} * 1024; // what the first one may take
 
 uint64_t toWrite(const Job& job) { return job.cost() + PagesOfOne * PageSize; }

@@ -22,7 +22,7 @@ constexpr uint64_t MiB = 1024 * KiB;
 constexpr uint64_t PageSize = 4096;
 constexpr uint64_t MostLogPages = 4000;
 constexpr uint64_t LogOverhead = 128; // so many times less than the pages themselves is what the log writes about them
-constexpr uint64_t Margin = 64 * KiB;     // for what the file system writes about files
+constexpr uint64_t Margin = 64 * KiB; // for what the file system writes about files
 constexpr uint64_t StartRoom = 256 * KiB; // to open a store: its index of the log, and a page here and there
 constexpr auto Pause = std::chrono::seconds(1);
 
