@@ -40,25 +40,41 @@ RegWriter::RegWriter(RegFormat format, std::function<void(std::string_view)> wri
     endLine();
 }
 
-void RegWriter::key(const std::string& key)
+void RegWriter::key(const std::string& key) { keyLine("[", key); }
+
+void RegWriter::removeKey(const std::string& key) { keyLine("[-", key); }
+
+void RegWriter::keyLine(const char* pOpen, const std::string& key)
 {
     checkName(key);
     endLine();
-    put("[");
+    put(pOpen);
     put(key);
     put("]");
     endLine();
 }
 
-void RegWriter::value(const std::string& name, const obreg::Value& value)
+void RegWriter::removeValue(const std::string& name)
+{
+    nameAndEquals(name);
+    put("-");
+    endLine();
+}
+
+void RegWriter::nameAndEquals(const std::string& name)
 {
     checkName(name);
-    const size_t begin = m_text.size();
     if (name == "default")
         put("@");
     else
         quoted(name);
     put("=");
+}
+
+void RegWriter::value(const std::string& name, const obreg::Value& value)
+{
+    const size_t begin = m_text.size();
+    nameAndEquals(name);
     if (isCleanString(value)) {
         quoted(std::string_view(value.data).substr(0, value.data.size() - 1));
     } else if (value.type == REG_DWORD && value.data.size() == sizeof(UINT32)) {
