@@ -130,7 +130,9 @@ Words plainWords(int argc, const char* const* argv)
     if (const auto mark = std::find_if(words.begin(), verb(), isMark); mark != verb())
         words.erase(mark);
     if (const auto help = verb(); help != words.end() && strcmp(*help, HelpVerb) == 0) {
-        const auto next = words.erase(help);
+        auto next = words.erase(help);
+        while (next != words.end() && strcmp(*next, HelpVerb) == 0)
+            next = words.erase(next);
         words.insert(next == words.end() ? next : next + 1, "--help");
     }
     return words;

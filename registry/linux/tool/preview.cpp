@@ -84,7 +84,7 @@ void Preview::removeValue(std::string&& name, const Place& place)
     m_states[stateOf(m_key, name)] = {false, std::nullopt};
 }
 
-void Preview::finish() { m_output.summary({"dry-run", {{"changes", m_changes}}, "", Style::Normal, true}); }
+void Preview::finish() { m_output.summary({"dry-run", {{"changes", m_changes}}, "nothing was written; changes: "}); }
 
 void Preview::found(const Fact& fact)
 {

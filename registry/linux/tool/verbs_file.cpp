@@ -135,6 +135,9 @@ bool prepareImport(RereadableFile& file, const FileOptions& options, Output& out
         }
     } catch (const WriteFailure& failure) {
         throw inFile(failure, file.name() + ", line " + std::to_string(failure.line) + ": ", "; nothing was written");
+    } catch (const RegSyntaxError& error) {
+        throw Failure(ExitFailed, file.name() + ", " + error.what(),
+                      "the file has changed while it was read; nothing was written");
     }
     return !options.checkOnly;
 }
