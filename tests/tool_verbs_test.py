@@ -200,9 +200,9 @@ class WithDaemon(unittest.TestCase):
         self.expect(0, "copy", KEY, "HKLM/Other", "-s")
         before = self.expect(0, "export", "HKLM")
         changes = "REGEDIT4\n[HKLM\\New\\A]\n\"n\"=\"1\"\n[HKLM\\Other]\n\"N\"=\"2\"\n\"m\"=\"3\"\n\"m\"=-\n" \
-            "[-HKLM\\Other\\Sub]\n[HKLM\\Other\\Sub]\n@=\"x\"\n\"y\"=\"z\"\n[-HKLM\\Software]\n[HKLM\\Software]\n"
+            "[-HKLM\\Other\\Sub]\n[HKLM\\Other\\Sub]\n@=\"x\"\n\"y\"=\"z\"\n[-HKLM\\Software]\n[HKLM\\Software\\Acme]\n\"n\"=\"1\"\n"
         for words, facts in [
-                (["import", "-"], "+k +k +v ~v +v -v -k +k +v +v -k +k"), (["rm", KEY, "-y"], "-k"),
+                (["import", "-"], "+k +k +v ~v +v -v -k +k +v +v -k +k +k +v"), (["rm", KEY, "-y"], "-k"),
                 (["rm", KEY, "n"], "-v"), (["delete", KEY, "--all-values"], "-v"),
                 (["copy", KEY + r"\Sub", KEY], "+v"), (["copy", KEY, "HKLM/New", "-s"], "+k +v +k +v"),
                 (["copy", KEY, "HKLM/Other", "-s"], "")]:

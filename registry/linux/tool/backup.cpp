@@ -51,10 +51,8 @@ void Backup::key(const KeyPath& key, const Place& /*place*/)
 void Backup::removeKey(const KeyPath& key, const Place& /*place*/)
 {
     m_key = obreg::Key();
-    if (!m_probe.exists(key))
-        return;
-    m_writer.removeKey(key.text()); // the changes may put something else there
-    writeTree(key, m_writer);
+    if (m_probe.exists(key))
+        writeTree(key, m_writer); // what the changes put there instead is deleted by itself
 }
 
 void Backup::value(std::string&& name, obreg::Value&& /*value*/, const Place& /*place*/) { saveValue(name); }

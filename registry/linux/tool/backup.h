@@ -1,8 +1,8 @@
 // A .reg file of what changes are about to replace: importing it brings that back.
 //
 // A backup gets the changes before they are made. It writes the old data of each value that they store or delete, each
-// key that they delete with all below it, and a deletion for what is not there yet. So its statements can be carried
-// out in any order of the changes, and twice. What others change meanwhile is not in it.
+// key that they delete with all below it, and a deletion for what is not there yet. All of that is as it was before the
+// first change, so whatever the changes touch twice is brought back as well. What others change meanwhile is not in it.
 //
 // Owned and called by one thread.
 #ifndef OBREG_TOOL_BACKUP_H
