@@ -40,28 +40,21 @@ RegWriter::RegWriter(RegFormat format, std::function<void(std::string_view)> wri
     endLine();
 }
 
-void RegWriter::key(const std::string& key) { keyLine("[", key); }
+void RegWriter::key(const std::string& key) { section("[", key); }
 
-void RegWriter::removeKey(const std::string& key) { keyLine("[-", key); }
+void RegWriter::removeKey(const std::string& key) { section("[-", key); }
 
-void RegWriter::keyLine(const char* pOpen, const std::string& key)
+void RegWriter::section(const char* pBracket, const std::string& key)
 {
     checkName(key);
     endLine();
-    put(pOpen);
+    put(pBracket);
     put(key);
     put("]");
     endLine();
 }
 
-void RegWriter::removeValue(const std::string& name)
-{
-    nameAndEquals(name);
-    put("-");
-    endLine();
-}
-
-void RegWriter::nameAndEquals(const std::string& name)
+void RegWriter::valueName(const std::string& name)
 {
     checkName(name);
     if (name == "default")
@@ -71,10 +64,17 @@ void RegWriter::nameAndEquals(const std::string& name)
     put("=");
 }
 
+void RegWriter::removeValue(const std::string& name)
+{
+    valueName(name);
+    put("-");
+    endLine();
+}
+
 void RegWriter::value(const std::string& name, const obreg::Value& value)
 {
     const size_t begin = m_text.size();
-    nameAndEquals(name);
+    valueName(name);
     if (isCleanString(value)) {
         quoted(std::string_view(value.data).substr(0, value.data.size() - 1));
     } else if (value.type == REG_DWORD && value.data.size() == sizeof(UINT32)) {

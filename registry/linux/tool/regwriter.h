@@ -23,11 +23,11 @@ class RegWriter {
 public:
     RegWriter(RegFormat format, std::function<void(std::string_view)> write);
 
-    /// First a key, then its values. Throws std::invalid_argument, as the deletions do, for a name with control
+    /// The names that follow: first a key, then its values. Throws std::invalid_argument for a name with control
     /// characters, which the text cannot hold.
     void key(const std::string& key);
     void value(const std::string& name, const obreg::Value& value);
-    /// Deletions: of a key with all below it, and of a value of the last key.
+    /// The same, deleted: a key with all below it, a value of the key that was named last.
     void removeKey(const std::string& key);
     void removeValue(const std::string& name);
     /// Hands over what is still held.
@@ -35,9 +35,9 @@ public:
 
 private:
     void put(std::string_view text);
-    void keyLine(const char* pOpen, const std::string& key);
-    void nameAndEquals(const std::string& name);
     void endLine() { put(m_format == RegFormat::Utf8 ? "\n" : "\r\n"); }
+    void section(const char* pBracket, const std::string& key);
+    void valueName(const std::string& name);
     void quoted(std::string_view text);
     void hex(const obreg::Value& value, size_t column);
 
