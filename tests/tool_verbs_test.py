@@ -82,15 +82,19 @@ class WithDaemon(unittest.TestCase):
             self.expect(0, "get", "HKLM/software/acme", "GET", out=printed.encode())
             self.expect(0, "rm", KEY, "get", out=b"")
             words = [word for one in data for word in ("-d", one)]
-            self.expect(0, "add", KEY, "-v", "@", "-t", kind, *words)
+            self.expect(0, "add", KEY, "-v", "@", "-t", kind, "--force-type", *words)
             self.expect(0, "get", KEY, "--raw", out=stored)
         for data in ["-"], ["-", "-t", "dword"], ["-t", "multi_sz", "--separator", ",", "-"]:
-            self.expect(0, "set", KEY, "x", *data, stdin=b"5\n")
+            self.expect(0, "set", KEY, "x", *data, "--force-type", stdin=b"5\n")
             self.expect(0, "get", KEY, "x", out=b"5\n")
-        self.expect(0, "set", KEY, "x", "--data-file", "-", stdin=b"\0\1\xfe")
-        self.expect(0, "query", KEY, "-v", "x", out=f"value\t{KEY}\tx\tREG_BINARY\t0001fe\n".encode())
-        self.expect(0, "set", KEY, "x", "a:b", "--separator", ":", "--type", "multi_sz")
-        self.expect(0, "query", KEY, "-v", "x", out=f"value\t{KEY}\tx\tREG_MULTI_SZ\ta\\0b\n".encode())
+        self.expect(0, "set", KEY, "x", "a:b", "--separator", ":")
+        for status, words, stored in [  # over a REG_MULTI_SZ: what it is then
+                (0, ["one"], "REG_MULTI_SZ\tone"), (4, ["7", "-t", "dword"], "REG_MULTI_SZ\tone"),
+                (0, ["7", "-t", "dword", "--force-type"], "REG_DWORD\t7"), (0, ["8"], "REG_DWORD\t8"),
+                (2, ["text"], "REG_DWORD\t8"), (2, ["1", "2"], "REG_DWORD\t8"), (2, ["--data-file", "-"], "REG_DWORD\t8"),
+                (0, ["--data-file", "-", "--force-type"], "REG_BINARY\t0001fe")]:
+            self.expect(status, "set", KEY, "x", *words, stdin=b"\0\1\xfe", err="--force-type" if status else None)
+            self.expect(0, "query", KEY, "-v", "x", out=f"value\t{KEY}\tx\t{stored}\n".encode())
 
     def test_exit_statuses(self):
         self.expect(1, "get", KEY, "none", err="NOT_FOUND")
@@ -100,7 +104,15 @@ class WithDaemon(unittest.TestCase):
             status, out, err = run(*words)
             self.assertEqual((status, out, json.loads(err)["exit"]), (2, b"", 2))
         self.expect(4, "set", "HKPD", "x", "y", err="can only be read")
-        for words in (["bogus"], ["get"], ["ls", "Software"], ["query", KEY, "-v", "a", "-s"], ["delete", "HKLM", "-y"],
+        for words, said in [(["qurey"], "did you mean query?"), (["query", "--recursiv"], "did you mean --recursive?"),
+                            (["ls", "HKML"], "did you mean HKLM?"), (["ls", KEY, "b", "--c", "d"], '"b", "--c", "d"'),
+                            (["set", KEY, "", "x"], "unset"), (["rm", KEY, ""], "unset"), (["add", KEY, "-v", ""], "unset")]:
+            self.expect(2, *words, err=said)
+        self.expect(0, "--", "set", KEY, "--", "-x", "--", out=b"")
+        self.expect(0, "get", KEY, "--", "-x", out=b"--\n")
+        self.assertEqual(run("help", "rm"), run("rm", "--help"))
+        self.assertEqual(run("help"), run("--help"))
+        for words in (["get"], ["query", KEY, "-v", "a", "-s"], ["delete", "HKLM", "-y"],
                       ["set", KEY, "x", "1e5", "-t", "dword"], ["set", KEY, "x", "4294967296", "-t", "dword"],
                       ["set", KEY, "x", "abc", "-t", "binary"], ["set", KEY, "x", "y", "-t", "REG_NONSENSE"],
                       ["set", KEY, "x", "--data-file", "-"], ["set", KEY, "x", "--separator", ",", "--data-file", TOOL],
@@ -132,6 +144,9 @@ class WithDaemon(unittest.TestCase):
                     out=f"key\tHKEY_LOCAL_MACHINE\\Software\nkey\t{KEY}\n".encode())
         self.assertEqual(on_terminal("rm", "HKLM/Software", answer=b"y\n")[0], 0)
         self.expect(0, "ls", "HKLM", out=b"")
+        self.import_many(r"HKLM\Many", 11)
+        self.expect(2, "rm", "HKLM/Many", err="11 values")
+        self.expect(0, "rm", "HKLM/Many", "-y")
 
     def test_lists_in_a_pipe_as_json_and_on_a_terminal(self):
         self.expect(0, "add", b"HKLM\\Software\\Acme\\\xff/")
@@ -157,11 +172,19 @@ class WithDaemon(unittest.TestCase):
 
     def test_import_checks_first_and_says_where_it_failed(self):
         header = "REGEDIT4\n[HKLM\\Software\\Acme\\In]\n"
-        self.expect(4, "import", "-", stdin=(header + '"a"="1"\n"b"=oops\n').encode(), err="line 4, column 5")
-        self.expect(0, "import", "--check", "-", stdin=(header + '"a"="1"\n').encode())
+        too_big = "x" * (65 << 20)  # the daemon takes 64 MiB
+        for status, lines, said in [
+                (5, '"b"=oops', "line 4, column 5"), (4, f"[HKLM\\{'n' * 300}]", "line 4: HKEY_LOCAL_MACHINE"),
+                (4, "[HKLM" + "\\k" * 513 + "]", "BAD_NAME"), (4, f'"{"n" * 16384}"="1"', "BAD_NAME"),
+                (4, f'"b"="{too_big}"', "max-payload"), (4, "[-HKPD\\Requests]", "ACCESS_DENIED"),
+                (4, '[HKPD]\n"b"="1"', "line 5: HKEY_PERFORMANCE"), (4, "[HKPD\\New]", "can only be read")]:
+            for word in [[], ["--check"], ["--dry-run"]]:
+                out = run("import", "-", *word, stdin=(header + '"a"="1"\n' + lines).encode())
+                self.assertEqual((out[0], said in out[2], "nothing was written" in out[2]), (status, True, True), out[2][-300:])
+        fits = header + "[HKPD]\n[-HKLM\\None]\n[HKLM" + "\\k" * 512 + "]\n" + f'"{"n" * 16383}"="1"\n'
+        self.expect(0, "import", "--check", "-", stdin=fits.encode(), out=b"")
         self.expect(1, "ls", KEY + r"\In", err="NOT_FOUND")
-        long = header + '"a"="1"\n[HKLM\\' + "n" * 300 + ']\n"b"="2"\n'
-        self.expect(4, "import", "-", stdin=long.encode(), err="line 4: HKEY_LOCAL_MACHINE")
+        self.expect(0, "import", "-", stdin=fits.encode())
         order = header + '"a"="1"\n"a"="2"\n"b"="1"\n"b"=-\n[-HKLM\\Software\\Acme\\In]\n' + header[9:] + \
             "".join(f'"c"="{i}"\n' for i in range(200)) + '[hklm\\software\\acme\\in]\n"C"="end"\n"none"=-\n'
         self.expect(0, "import", "-", stdin=order.encode())
@@ -170,6 +193,32 @@ class WithDaemon(unittest.TestCase):
                     KEY.encode() + b'\\In]\n"c"="end"\n')
         self.expect(2, "export", KEY, FOLDER + "registry.db", err="--yes")
         self.expect(4, "export", KEY, FOLDER + "none/file", err="No such file")
+
+    def test_changes_are_shown_first_and_can_be_taken_back(self):
+        self.expect(0, "set", KEY, "n", "1")
+        self.expect(0, "add", KEY + r"\Sub", "-v", "@", "-d", "a", "b")
+        self.expect(0, "copy", KEY, "HKLM/Other", "-s")
+        before = self.expect(0, "export", "HKLM")
+        changes = "REGEDIT4\n[HKLM\\New\\A]\n\"n\"=\"1\"\n[HKLM\\Other]\n\"N\"=\"2\"\n\"m\"=\"3\"\n\"m\"=-\n" \
+            "[-HKLM\\Other\\Sub]\n[HKLM\\Other\\Sub]\n@=\"x\"\n\"y\"=\"z\"\n[-HKLM\\Software]\n[HKLM\\Software\\Acme]\n\"n\"=\"1\"\n"
+        for words, facts in [
+                (["import", "-"], "+k +k +v ~v +v -v -k +k +v +v -k +k +k +v"), (["rm", KEY, "-y"], "-k"),
+                (["rm", KEY, "n"], "-v"), (["delete", KEY, "--all-values"], "-v"),
+                (["copy", KEY + r"\Sub", KEY], "+v"), (["copy", KEY, "HKLM/New", "-s"], "+k +v +k +v"),
+                (["copy", KEY, "HKLM/Other", "-s"], "")]:
+            shown = self.expect(0, *words, "--dry-run", stdin=changes.encode()).decode().splitlines()
+            short = {"added": "+", "changed": "~", "removed": "-"}
+            kinds = [line.split("\t")[0].split("-") for line in shown]
+            self.assertEqual(" ".join(short[change] + what[0] for change, what in kinds), facts, words)
+            self.assertEqual(self.expect(0, "export", "HKLM"), before, words)
+            self.expect(0, *words, "--backup", FOLDER + "undo", "--force", stdin=changes.encode())
+            self.assertEqual(self.expect(0, "export", "HKLM") != before, facts != "", words)
+            self.expect(0, "import", FOLDER + "undo")
+            self.assertEqual(self.expect(0, "export", "HKLM"), before, words)
+        self.expect(4, "rm", KEY, "-y", "--backup", FOLDER + "undo", err="--force")
+        self.expect(4, "set", "HKPD", "x", "y", "--dry-run", err="can only be read")
+        self.expect(1, "rm", KEY, "none", "--dry-run", err="NOT_FOUND")
+        self.assertEqual(self.expect(0, "export", "HKLM"), before)
 
     def test_export_keeps_what_a_file_is(self):
         with open(FOLDER + "private", "wb"):
@@ -245,7 +294,7 @@ class WithDaemon(unittest.TestCase):
         for words, expected in [(["que"], "query"), (["ls", "hkl"], "HKLM/"), (["ls", "HKLM/so"], "HKLM/Software/"),
                                 (["ls", "HKLM\\Software\\"], "HKLM\\Software\\Acme\\"), (["get", KEY, "so"], "Some name"),
                                 (["query", KEY, "-v", ""], "Some name"), (["--json", "ls", "HKLM/so"], "HKLM/Software/"),
-                                (["--timeout", "3", "--color", "al"], "always"), (["set", "-t", "reg_q"], "REG_QWORD\nREG_QWORD_LITTLE_ENDIAN"), (["set", "--ty"], "--type"), (["import", ""], "")]:
+                                (["--timeout", "3", "--color", "al"], "always"), (["set", "-t", "reg_q"], "REG_QWORD\nREG_QWORD_LITTLE_ENDIAN"), (["set", "--ty"], "--type"), (["import", ""], ""), (["help", "se"], "set")]:
             self.expect(0, "__complete", *words, out=(expected + "\n").encode() if expected else b"")
         self.expect(0, "add", "HKLM/Software/With space")
         script = os.path.join(os.path.dirname(__file__), "../packaging/completions/obreg.bash")

@@ -10,6 +10,7 @@
 #include "alarm.h"
 #include "complete.h"
 #include "json.h"
+#include "nearmiss.h"
 #include "text.h"
 #include "verbs.h"
 
@@ -41,6 +42,7 @@ const struct Verb {
 };
 
 constexpr const char* CompleteVerb = "__complete"; // for the shells, see packaging/completions
+constexpr const char* HelpVerb = "help";
 constexpr double CompletionSeconds = 2;
 
 struct Common {
@@ -76,11 +78,11 @@ std::string errorText(const Common& common, const Failure& failure)
     return jsonOf(failure) + '\n';
 }
 
-int runVerb(const Common& common, const Verb& verb, const Run& run)
+int runVerb(const Common& common, const Verb& verb, Shape shape, const Run& run)
 {
     std::optional<Failure> failure;
     try {
-        Output output = makeOutput(common, verb.shape);
+        Output output = makeOutput(common, shape);
         setTimeout(common.timeout,
                    errorText(common, {ExitNoDaemon, "not done in time (--timeout)",
                                       "is obregd running, and not under heavy load? What was written stays"}));
@@ -108,19 +110,46 @@ int wrongUsage(const Common& common, const std::string& what, const char* pVerb)
     return ExitUsage;
 }
 
-/// The first word that is no option: where the verb belongs.
-const char* verbGiven(int argc, const char* const* argv)
+using Words = std::vector<const char*>;
+
+/// The number of the first word that is no option, where the verb belongs; the number of words when there is none.
+size_t placeOfVerb(const Words& words)
 {
-    int i = 1;
-    while (i < argc && argv[i][0] == '-')
-        i += strcmp(argv[i], "--color") == 0 || strcmp(argv[i], "--timeout") == 0 ? 2 : 1;
-    return i < argc ? argv[i] : nullptr;
+    size_t i = 1;
+    while (i < words.size() && words[i][0] == '-')
+        i += strcmp(words[i], "--color") == 0 || strcmp(words[i], "--timeout") == 0 ? 2 : 1;
+    return std::min(i, words.size());
+}
+
+/// The words as the grammar has them: no -- in front of the verb, and "help" as the option.
+Words plainWords(int argc, const char* const* argv)
+{
+    Words words(argv, argv + argc);
+    const auto isMark = [](const char* pWord) { return strcmp(pWord, "--") == 0; };
+    const auto verb = [&words] { return words.begin() + static_cast<std::ptrdiff_t>(placeOfVerb(words)); };
+    if (const auto mark = std::find_if(words.begin(), verb(), isMark); mark != verb())
+        words.erase(mark);
+    if (const auto help = verb(); help != words.end() && strcmp(*help, HelpVerb) == 0) {
+        auto next = words.erase(help);
+        while (next != words.end() && strcmp(*next, HelpVerb) == 0)
+            next = words.erase(next);
+        words.insert(next == words.end() ? next : next + 1, "--help");
+    }
+    return words;
 }
 
 bool isVerb(const char* pName)
 {
     return std::any_of(std::begin(Verbs), std::end(Verbs),
                        [pName](const Verb& verb) { return strcmp(verb.pName, pName) == 0; });
+}
+
+std::string noSuchVerb(const char* pName)
+{
+    std::vector<std::string> names = {HelpVerb};
+    for (const Verb& verb : Verbs)
+        names.emplace_back(verb.pName);
+    return "there is no verb \"" + escaped(pName, Escape::Name) + '"' + didYouMean(pName, names);
 }
 
 constexpr const char* Footer =
@@ -131,7 +160,8 @@ constexpr const char* Footer =
     "as \\xHH; in data \\\\ \\t \\n \\r \\0 and \\xHH stand for the bytes that would not be text, numbers are decimal, "
     "and\n"
     "other bytes are pairs of hexadecimal digits.\n"
-    "Exit status: 0 done, 1 not found or different, 2 usage, 3 no daemon, 4 refused or failed.";
+    "\"obreg help VERB\" tells about a verb. Behind -- no word is an option.\n"
+    "Exit status: 0 done, 1 not found or different, 2 usage, 3 no daemon, 4 refused or failed, 5 a malformed file.";
 
 } // namespace
 
@@ -154,12 +184,17 @@ int runTool(int argc, const char* const* argv)
             puts(word.c_str());
         return ExitDone;
     }
-    const char* const pVerb = verbGiven(argc, argv);
+    const Words words = plainWords(argc, argv);
+    const size_t place = placeOfVerb(words);
+    const char* const pVerb = place < words.size() ? words[place] : nullptr;
     try {
         if (pVerb != nullptr && !isVerb(pVerb))
-            throw UsageError("there is no verb \"" + escaped(pVerb, Escape::Name) + '"');
-        const std::optional<size_t> chosen = commandLine.parse(argc, argv);
-        return chosen ? runVerb(common, Verbs[*chosen], runs[*chosen]) : ExitDone;
+            throw UsageError(noSuchVerb(pVerb));
+        const std::optional<size_t> chosen = commandLine.parse(static_cast<int>(words.size()), words.data());
+        if (!chosen)
+            return ExitDone;
+        const bool preview = verbWords[*chosen].pArguments->given("--dry-run");
+        return runVerb(common, Verbs[*chosen], preview ? Shape::List : Verbs[*chosen].shape, runs[*chosen]);
     } catch (const UsageError& error) {
         const auto isJson = [](const char* pWord) { return strcmp(pWord, "--json") == 0; };
         common.json = std::any_of(argv, argv + argc, isJson); // parsing did not come that far

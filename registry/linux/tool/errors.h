@@ -19,6 +19,7 @@ enum Exit : int {
     ExitUsage = 2,    ///< the command line, or a question that could not be asked
     ExitNoDaemon = 3, ///< no daemon, or no answer in time
     ExitFailed = 4,   ///< refused or failed
+    ExitBadFile = 5,  ///< a file is not what it should be; nothing was done
     ExitDifferent = ExitNotFound,
 };
 

@@ -1,4 +1,5 @@
 // copy and compare: two keys and what is below them.
+#include "caution.h"
 #include "changes.h"
 #include "readtree.h"
 #include "verbs.h"
@@ -12,7 +13,48 @@ struct TwoKeys {
     std::string from;
     std::string to;
     bool recursive = false;
+    Caution caution;
 };
+
+/// Writes what a copy changes.
+class CopyWriter : public RegSink {
+public:
+    void key(const KeyPath& key, const Place& /*place*/) override
+    {
+        m_pTarget = std::make_shared<Target>(key);
+        m_queue.createKey(m_pTarget);
+        ++keys;
+    }
+    void value(std::string&& name, obreg::Value&& value, const Place& /*place*/) override
+    {
+        m_queue.set(m_pTarget, std::move(name), std::move(value));
+        ++values;
+        m_progress.update(m_queue.done());
+    }
+    void removeKey(const KeyPath& /*key*/, const Place& /*place*/) override {}
+    void removeValue(std::string&& /*name*/, const Place& /*place*/) override {}
+    void wait() { m_queue.wait(); }
+
+    uint64_t keys = 0;
+    uint64_t values = 0;
+
+private:
+    WriteQueue m_queue;
+    std::shared_ptr<Target> m_pTarget;
+    Progress m_progress{"copied", 0};
+};
+
+/// Tells what a copy changes.
+void copyTo(RegSink& sink, const KeyPath& from, const KeyPath& to, bool recursive)
+{
+    walk(from, recursive, [&](const KeyPath& path, const obreg::Key& key, KeyContent& content, size_t depth) {
+        sink.key(depth == 0 ? to : to.child(path.path.substr(from.isRoot() ? 0 : from.path.size() + 1)), {});
+        for (ValueEntry& entry : content.values)
+            if (std::optional<obreg::NamedValue> value = takeValue(key, path, std::move(entry)))
+                sink.value(std::move(value->name), std::move(value->value), {});
+        return true;
+    });
+}
 
 int copy(const TwoKeys& options, Output& output)
 {
@@ -20,26 +62,16 @@ int copy(const TwoKeys& options, Output& output)
     const KeyPath to = keyArgument(options.to);
     if (to.isWithin(from))
         throw UsageError("a key cannot be copied to itself or below itself; choose another place");
-    uint64_t keys = 0;
-    uint64_t values = 0;
-    WriteQueue queue;
-    Progress progress("copied", 0);
-    walk(from, options.recursive, [&](const KeyPath& path, const obreg::Key& key, KeyContent& content, size_t depth) {
-        const KeyPath place = depth == 0 ? to : to.child(path.path.substr(from.isRoot() ? 0 : from.path.size() + 1));
-        const auto pTarget = std::make_shared<Target>(place);
-        queue.createKey(pTarget);
-        ++keys;
-        for (ValueEntry& entry : content.values)
-            if (std::optional<obreg::NamedValue> value = takeValue(key, path, std::move(entry))) {
-                queue.set(pTarget, std::move(value->name), std::move(value->value));
-                ++values;
-                progress.update(queue.done());
-            }
-        return true;
+    const Changes changes = [&](RegSink& sink) { copyTo(sink, from, to, options.recursive); };
+    if (!prepare(options.caution, Rehearsal::Missing::Passes, changes, output))
+        return ExitDone;
+    CopyWriter writer;
+    carryOut(options.caution, [&] {
+        changes(writer);
+        writer.wait();
     });
-    queue.wait();
     output.summary({"copied",
-                    {{"from", from.text()}, {"to", to.text()}, {"keys", keys}, {"values", values}},
+                    {{"from", from.text()}, {"to", to.text()}, {"keys", writer.keys}, {"values", writer.values}},
                     "",
                     Style::Normal,
                     true});
@@ -120,6 +152,7 @@ Run declareCopy(Arguments& arguments)
 {
     const auto pOptions =
         withTwoKeys(arguments, "Key to copy", "Key to copy to; what it has of the same name is replaced");
+    addDryRunAndBackup(arguments, pOptions->caution);
     return [=](Output& output) { return copy(*pOptions, output); };
 }
 
