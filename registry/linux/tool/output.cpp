@@ -83,7 +83,7 @@ void Output::terminal(const Fact& fact)
     painted(fact.lead, fact.leadStyle);
     painted(kind, fact.leadStyle);
     size_t column = columns(fact.lead) + columns(kind);
-    size_t values = 0; // still to come
+    size_t values = 0;
     for (const Field& field : fact.fields)
         values += std::holds_alternative<obreg::Value>(field.data) ? 1 : 0;
     const auto put = [&](const std::string& text, Style style, size_t width) {
@@ -103,26 +103,22 @@ void Output::terminal(const Fact& fact)
             put(typeName(pValue->type) + "  ", Style::Type, std::max(field.width, LeastTypeWidth) + 2);
         const std::string text = shown(field, column, values);
         put(text, field.style, last || pValue != nullptr || m_shape == Shape::Record ? 0 : field.width);
-        values -= pValue != nullptr ? 1 : 0;
         if (!last)
             put(m_shape == Shape::Record ? "\n" : "  ", Style::Normal, 0);
     }
     bytes("\n");
 }
 
-/// A field as it stands from that column on, where so many values share the rest of the line.
+/// A field as it stands from that column on. Of two values all is shown: they may differ at their ends only.
 std::string Output::shown(const Field& field, size_t column, size_t values) const
 {
-    const bool all = m_width == Unlimited;
+    const bool all = m_width == Unlimited || values > 1;
     const FieldText textOf{Escape::Name, all ? [](const obreg::Value& value) { return shownData(value, SIZE_MAX); }
                                              : [](const obreg::Value& value) { return shownData(value, ShownBytes); }};
-    const auto* const pValue = std::get_if<obreg::Value>(&field.data);
-    std::string text = std::visit(textOf, field.data);
-    if (pValue == nullptr || m_shape == Shape::Record || m_width == 0 || all)
+    const std::string text = std::visit(textOf, field.data);
+    if (!std::holds_alternative<obreg::Value>(field.data) || m_shape == Shape::Record || m_width == 0 || all)
         return text;
-    const size_t others = (values - 1) * (LeastTypeWidth + 4);
-    const size_t left = m_width > column + others ? (m_width - column - others) / values : 0;
-    return cutToFit(text, std::max(left, LeastDataWidth));
+    return cutToFit(text, std::max(m_width > column ? m_width - column : 0, LeastDataWidth));
 }
 
 void Output::plain(const Fact& fact)

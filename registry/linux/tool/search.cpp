@@ -1,5 +1,7 @@
 #include "search.h"
 
+#include <algorithm>
+
 #include "errors.h"
 #include "terminal.h"
 #include "text.h"
@@ -8,6 +10,9 @@
 namespace obregtool {
 
 namespace {
+
+/// A regular expression can take time by the square of what it is given.
+constexpr size_t MostForRegex = size_t{16} * 1024;
 
 void freeRegex(regex_t* pRegex)
 {
@@ -37,7 +42,7 @@ bool Search::matches(std::string_view text) const
     if (!m_pRegex)
         return lowerCaseText(text).find(m_text) != std::string::npos;
     const UnicodeLocale locale;
-    regmatch_t range{0, static_cast<regoff_t>(text.size())};
+    regmatch_t range{0, static_cast<regoff_t>(std::min(text.size(), MostForRegex))};
     return regexec(m_pRegex.get(), text.data(), 0, &range, REG_STARTEND) == 0;
 }
 

@@ -13,7 +13,8 @@ namespace obregtool {
 
 class Search {
 public:
-    /// A regular expression is an extended one of POSIX. Throws UsageError when it is none.
+    /// A regular expression is an extended one of POSIX, and sees the first 16 KiB of each text. Throws UsageError when
+    /// it is none.
     Search(const std::string& text, bool regex);
 
     bool matches(std::string_view text) const;

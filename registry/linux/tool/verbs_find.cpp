@@ -108,7 +108,8 @@ Run declareFind(Arguments& arguments)
                    "What to look for, whatever its case: in names, in texts, in the decimal digits of numbers, and in "
                    "other bytes as pairs of hexadecimal digits (00ff)",
                    Arguments::Required);
-    arguments.flag("--regex", pOptions->regex, "TEXT is an extended regular expression, for each string by itself");
+    arguments.flag("--regex", pOptions->regex,
+                   "TEXT is an extended regular expression, for the first 16 KiB of each string");
     arguments.text("-t,--type", pOptions->type, "Values of this type only, by name or number");
     arguments.number("--depth", pOptions->depth, "Levels to look at; 0: the key's own values");
     arguments.flag("--names", pOptions->names, "Look at names; with neither this nor --data at both");
