@@ -8,6 +8,7 @@ import os
 import pty
 import signal
 import subprocess
+import termios
 import time
 import unittest
 
@@ -22,10 +23,11 @@ def run(*words, stdin=b""):
     return done.returncode, done.stdout, done.stderr.decode(errors="replace")
 
 
-def on_terminal(*words, answer=b"", color=True):
+def on_terminal(*words, answer=b"", color=True, columns=0):
     """Exit status and what a terminal shows."""
     terminal, side = pty.openpty()
-    environment = {**os.environ, "TERM": "xterm", **({} if color else {"NO_COLOR": "1"})}
+    termios.tcsetwinsize(side, (24, columns))
+    environment = {**os.environ, "TERM": "xterm", "LC_ALL": "C.UTF-8", **({} if color else {"NO_COLOR": "1"})}
     with subprocess.Popen([TOOL, *words], stdin=side, stdout=side, stderr=side, env=environment) as process:
         os.close(side)
         os.write(terminal, answer)
@@ -277,8 +279,50 @@ class WithDaemon(unittest.TestCase):
             self.assertEqual(rest, ["added-key", "added-value"])
         self.assertEqual(watch.returncode, 0)
         self.expect(1, "compare", KEY, "HKLM/Twin", "-s", out=(
-            f"changed-value\t{KEY}\tn\tREG_SZ\t1\tREG_SZ\t2\nadded-key\tHKEY_LOCAL_MACHINE\\Twin\\More\n"
-            f"removed-key\t{KEY}\\Sub\n").encode())
+            f"value-differs\t{KEY}\tn\tREG_SZ\t1\tREG_SZ\t2\nkey-missing-left\tHKEY_LOCAL_MACHINE\\Twin\\More\n"
+            f"key-missing-right\t{KEY}\\Sub\n").encode())
+        self.expect(0, "set", KEY, "only here", "1")
+        patch = run("compare", KEY, "HKLM/Twin", "-s", "--reg")[1]
+        self.expect(0, "import", "-", stdin=patch)
+        self.expect(0, "compare", KEY, "HKLM/Twin", "-s", out=b"")
+        self.expect(4, "compare", KEY, "HKLM/None", err="NOT_FOUND")
+
+    def test_find_looks_at_names_and_data(self):
+        for key, name, *data in [("a", "n", "1421", "-t", "dword"), ("a", "B", "00ff12", "-t", "binary"),
+                                 ("a", "T", "GRÜN"), ("grün/x", "list", "y", "grüner z")]:
+            self.expect(0, "set", f"HKLM/Find/{key}", name, *data)
+        for words, found in [(["grün"], ["T", "grün", "list"]), (["grün", "--names"], ["grün"]), (["42"], ["n"]),
+                             (["f1"], []), (["FF12", "--data"], ["B"]), (["^grün.?$", "--regex"], ["T", "grün"]),
+                             (["", "-t", "dword"], ["n"]), (["z", "--depth", "1"], [])]:
+            status, out, _ = run("find", "HKLM/Find", *words)
+            names = [line.split("\t")[2] if line.startswith("value") else line.rpartition("\\")[2]
+                     for line in out.decode().splitlines()]
+            self.assertEqual((status, names), (0 if found else 1, found), words)
+
+    def test_move_and_rename_leave_nothing_behind(self):
+        self.import_many(KEY + r"\Deep\er", 300)
+        for i in "zya":
+            self.expect(0, "set", KEY, i, i)
+        before = run("export", KEY)[1]
+        self.expect(4, "move", KEY, "HKLM/Software", err="already")
+        for words in ["rename", KEY, "ACME"], ["move", KEY, KEY + r"\Deep"], ["rename", KEY, "a\\b"], ["move", "HKLM", "HKU/x"]:
+            self.expect(2, *words, err="")
+        self.expect(0, "move", KEY, "HKLM/New/Place")
+        self.expect(0, "rename", "HKLM/New/Place", "Acme")
+        self.expect(0, "rename", "HKLM/New/Acme", "-v", "z", "q")
+        self.expect(1, "get", "HKLM/New/Acme", "q", "z", "a", out=b"z\na\n", err='"z"')
+        self.expect(0, "rename", "HKLM/New/Acme", "-v", "q", "z")
+        self.expect(0, "move", "HKLM/New/Acme", KEY)
+        self.assertEqual(run("export", KEY)[1], before)
+        self.expect(0, "tree", "HKLM/New", out=b"key\tHKEY_LOCAL_MACHINE\\New\n")
+
+    def test_lines_fit_the_terminal(self):
+        self.expect(0, "set", KEY, "long", "é漢" * 60)
+        self.expect(0, "set", KEY, "r", "00", "-t", "REG_RESOURCE_REQUIREMENTS_LIST")
+        for words, width in (["ls", KEY], 60), (["ls", KEY, "--wide"], 60 + 158):
+            shown = on_terminal(*words, color=False, columns=60)[1].splitlines()
+            self.assertEqual(len(shown[0]) + shown[0].count("漢"), width)
+            self.assertEqual(shown[0].index("é"), shown[1].index("00"))
 
     def test_a_reader_that_leaves_ends_it_quietly(self):
         self.import_many(r"HKLM\Many", 3000, "x" * 200)

@@ -9,8 +9,8 @@
 
 #include "alarm.h"
 #include "complete.h"
-#include "json.h"
 #include "nearmiss.h"
+#include "terminal.h"
 #include "text.h"
 #include "verbs.h"
 
@@ -31,11 +31,14 @@ const struct Verb {
     {"import", "Carry out what .reg text says", Shape::Record, declareImport},
     {"copy", "Copy a key's values", Shape::Record, declareCopy},
     {"compare", "Show how the values of two keys differ", Shape::List, declareCompare},
+    {"find", "Find text in names and data", Shape::List, declareFind},
+    {"rename", "Give a key, or a value, another name", Shape::Record, declareRename},
+    {"move", "Move a key with all below it, or a value", Shape::Record, declareMove},
     {"tree", "Draw the keys below a key", Shape::List, declareTree},
     {"info", "Show a key's figures", Shape::Record, declareInfo},
     {"watch", "Show what changes, while it changes", Shape::Stream, declareWatch},
     {"ping", "Measure how fast the daemon answers", Shape::Record, declarePing},
-    {"get", "Print the data of one value", Shape::Record, declareGet},
+    {"get", "Print the data of values", Shape::Record, declareGet},
     {"set", "Store one value", Shape::Record, declareSet},
     {"ls", "List the sub-keys and values of a key", Shape::List, declareLs},
     {"rm", "Delete a key with all below it, or one value: short for delete", Shape::Record, declareRm},
@@ -49,6 +52,7 @@ struct Common {
     bool json = false;
     std::string colour = "auto";
     double timeout = 0;
+    bool wide = false;
 };
 
 void addCommon(Arguments& arguments, Common& common)
@@ -56,6 +60,7 @@ void addCommon(Arguments& arguments, Common& common)
     arguments.flag("--json", common.json, "JSON on standard output; errors as JSON on standard error");
     arguments.choice("--color", common.colour, "WHEN", {"auto", "always", "never"},
                      "auto; never; always: as on a terminal, even in a pipe");
+    arguments.flag("--wide", common.wide, "On a terminal: data in full, however wide the lines become");
     arguments.seconds("--timeout", common.timeout, 0,
                       "Give up after that many seconds; watch, ping: without an answer; 0: never");
 }
@@ -68,14 +73,8 @@ Output makeOutput(const Common& common, Shape shape)
     const bool wanted = (pNoColor == nullptr || *pNoColor == '\0') && (pTerm == nullptr || strcmp(pTerm, "dumb") != 0);
     const bool always = common.colour == "always";
     const Form form = common.json ? Form::Json : terminal || always ? Form::Terminal : Form::Plain;
-    return {form, always || (common.colour == "auto" && terminal && wanted), shape};
-}
-
-std::string errorText(const Common& common, const Failure& failure)
-{
-    if (!common.json)
-        return "obreg: " + std::string(failure.what()) + (failure.advice.empty() ? "" : "\n  " + failure.advice) + '\n';
-    return jsonOf(failure) + '\n';
+    return {form, always || (common.colour == "auto" && terminal && wanted), shape,
+            common.wide ? Output::Unlimited : terminalWidth()};
 }
 
 int runVerb(const Common& common, const Verb& verb, Shape shape, const Run& run)
@@ -84,8 +83,8 @@ int runVerb(const Common& common, const Verb& verb, Shape shape, const Run& run)
     try {
         Output output = makeOutput(common, shape);
         setTimeout(common.timeout,
-                   errorText(common, {ExitNoDaemon, "not done in time (--timeout)",
-                                      "is obregd running, and not under heavy load? What was written stays"}));
+                   failureText(common.json, {ExitNoDaemon, "not done in time (--timeout)",
+                                             "is obregd running, and not under heavy load? What was written stays"}));
         const int status = run(output);
         output.finish();
         return status;
@@ -97,7 +96,7 @@ int runVerb(const Common& common, const Verb& verb, Shape shape, const Run& run)
         failure.emplace(ExitFailed, caught.what());
     }
     fflush(stdout);
-    fputs(errorText(common, *failure).c_str(), stderr);
+    fputs(failureText(common.json, *failure).c_str(), stderr);
     return failure->exit;
 }
 
@@ -106,7 +105,7 @@ int wrongUsage(const Common& common, const std::string& what, const char* pVerb)
 {
     const std::string help = pVerb != nullptr ? "\"obreg " + std::string(pVerb) + " --help\" tells more"
                                               : "\"obreg --help\" lists the verbs";
-    fputs(errorText(common, {ExitUsage, what, help}).c_str(), stderr);
+    fputs(failureText(common.json, {ExitUsage, what, help}).c_str(), stderr);
     return ExitUsage;
 }
 

@@ -95,7 +95,10 @@ void Arguments::choice(const char* pNames, std::string& text, const char* pType,
 
 void Arguments::number(const char* pNames, uint64_t& number, const char* pHelp)
 {
-    add(m_app.add_option(pNames, number, pHelp), true);
+    const auto negative = [](const std::string& text) { // which would be taken as one near the greatest
+        return text.find('-') == std::string::npos ? "" : text + " is no number of 0 or more";
+    };
+    add(m_app.add_option(pNames, number, pHelp), true).check(negative, "");
 }
 
 void Arguments::seconds(const char* pNames, double& seconds, double least, const char* pHelp)
