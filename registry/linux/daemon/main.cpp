@@ -18,6 +18,7 @@
 #include "daemon/store/diskspace.h"
 #include "daemon/store/maintenance.h"
 #include "daemon/systemd.h"
+#include "standardstreams.h"
 
 using namespace obregd;
 
@@ -158,6 +159,7 @@ int maintain(const Options& options)
 
 int main(int argc, char** argv)
 {
+    fillStandardStreams();
     int exitCode = 0;
     const std::optional<Options> options = parseOptions(argc, argv, &exitCode);
     if (!options)
