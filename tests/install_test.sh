@@ -28,7 +28,7 @@ fi
 expected=(include/obreg/{obreg.h,roots.h,registry.hpp,status.hpp,value.hpp} share/cmake/obreg/obreg-config.cmake)
 if grep -q ELF64 <<<"$class"; then
     expected+=(bin/obreg sbin/obregd lib/systemd/system/obregd.{service,socket} lib/{sysusers,tmpfiles}.d/obregd.conf
-               share/zsh/vendor-completions/_obreg)
+               libexec/obregd-own-files share/zsh/vendor-completions/_obreg)
     # The manual is there, or scdoc was not.
     [ "$(value_of OBREG_SCDOC)" = OBREG_SCDOC-NOTFOUND ] ||
         expected+=(share/man/man{3/OBRegCloseKey.3,7/obreg.7,8/obregd.8})
