@@ -3,6 +3,8 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
+#include <functional>
 #include <list>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -148,6 +150,37 @@ TEST_F(DaemonTest, StartsOnlyWhereNoOtherLives)
     RawClient(m_socket).create("K");
     EXPECT_EQ(m_daemon.stop(SIGTERM), 0);
     EXPECT_FALSE(std::filesystem::exists(m_socket)) << "a stopped daemon's does not";
+}
+
+TEST_F(DaemonTest, SaysAtTheStartWhatItFinds)
+{
+    const auto damage = [&] {
+        std::fstream file(m_store, std::ios::in | std::ios::out);
+        file.seekp(static_cast<std::streamoff>(std::filesystem::file_size(m_store) / 2 & ~size_t{4095}));
+        file << std::string(4096, '\xff');
+    };
+    const struct {
+        std::function<void()> before;
+        const char* pLogged;
+        const char* pNotLogged = "is missing";
+    } starts[] = {
+        {[] {}, "made a new, empty registry at"},
+        {[] {}, "listening on", "made a new"},
+        {damage, "is damaged: "},
+        {[&] { std::filesystem::resize_file(m_store, 0); }, "made a new, empty registry at", "is damaged"},
+        {[&] { std::filesystem::rename(m_store, m_folder / "away"); }, "its log is kept as", "is damaged"},
+    };
+    for (const auto& row : starts) {
+        SCOPED_TRACE(row.pLogged);
+        row.before();
+        m_daemon.start();
+        EXPECT_TRUE(m_daemon.logs(row.pLogged)) << m_daemon.log();
+        EXPECT_EQ(m_daemon.log().find(row.pNotLogged), std::string::npos) << m_daemon.log();
+        RawClient client(m_socket);
+        for (int i = 0; i < 20; ++i)
+            client.set(client.create("K"), std::to_string(i), std::string(20000, 'x'));
+        m_daemon.stop(&row == &starts[3] ? SIGKILL : SIGTERM); // which leaves the log
+    }
 }
 
 TEST_F(DaemonTest, StopsInGoodOrder)

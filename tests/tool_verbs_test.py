@@ -330,8 +330,20 @@ class WithDaemon(unittest.TestCase):
             done = subprocess.run(["bash", "-c", '"$0" "$1" HKLM/Many | head -n 1', TOOL, verb],
                                   capture_output=True, timeout=60, check=False)
             self.assertEqual((done.stdout.count(b"\n"), done.stderr), (1, b""))
-        full = subprocess.run(f"'{TOOL}' query HKLM/Many > /dev/full", shell=True, capture_output=True, check=False)
-        self.assertEqual((full.returncode, b"No space" in full.stderr), (4, True))
+
+    def test_what_cannot_be_written_is_an_error(self):
+        self.tearDown()
+        self.daemon = subprocess.Popen(["sh", "-c", 'sleep 0.3; exec "$OBREGD" <&- >&- 2>&-'], stderr=subprocess.PIPE)
+        self.expect(3, "get", KEY, err="run this again")  # the daemon was not there yet
+        self.assertEqual([os.readlink(f"/proc/{self.daemon.pid}/fd/{fd}") for fd in range(3)], ["/dev/null"] * 3)
+        self.expect(0, "set", KEY, "v", "x" * 100)
+        for verb in f"get '{KEY}' v --raw", "--help", "--version", "__complete ge":
+            for streams, fails in [("<&-", False), ("<&- 2>&-", False), ("2>&-", False), (">/dev/full", True), (">&-", True),
+                                   ("<&- >&-", True), ("2>&- >&-", True), ("<&- >&- 2>&-", True)]:
+                done = subprocess.run(f"'{TOOL}' {verb} {streams}", shell=True, capture_output=True, check=False)
+                self.assertEqual(done.returncode, 4 if fails else 0, (verb, streams))
+                self.assertEqual(b"standard output: " in done.stderr, fails and "2>" not in streams, (verb, streams))
+                self.assertEqual(bool(done.stdout), not fails, (verb, streams))
 
     def test_completions_come_from_the_registry(self):
         self.expect(0, "set", KEY, "Some name", "1")

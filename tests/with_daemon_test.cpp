@@ -7,6 +7,10 @@
 #include <thread>
 #include <vector>
 
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include "obreg/registry.hpp"
@@ -105,6 +109,39 @@ TEST_F(WithDaemon, ValuesMayBeLargeUpToALimit)
     key.set("v", obreg::Value{REG_BINARY, std::string(65 << 20, 'L')}, error);
     EXPECT_EQ(error, obreg::Status::requestFailed);
     EXPECT_EQ(key.info().values, 1u);
+}
+
+TEST_F(WithDaemon, ItsDescriptorsAreNoStandardStreams)
+{
+    const auto openStreams = [] {
+        int open = 0; // a bit for each
+        for (int fd = 0; fd < 3; ++fd)
+            open |= (fcntl(fd, F_GETFD) != -1 ? 1 : 0) << fd;
+        return open;
+    };
+    const auto works = [&](int streams) { return OBRegCloseKey(HKEY_USERS) == 0 && openStreams() == streams; };
+    for (int streams = 0; streams < 7; ++streams) {
+        m_daemon.stop(SIGKILL); // so that the call connects anew
+        m_daemon.start();
+        int saved[3];
+        for (int& fd : saved)
+            fd = fcntl(static_cast<int>(&fd - saved), F_DUPFD_CLOEXEC, 10);
+        for (int fd = 0; fd < 3; ++fd)
+            if ((streams >> fd & 1) == 0)
+                close(fd);
+        const bool parent = works(streams);
+        const pid_t child = fork();
+        if (child == 0)
+            _exit(works(streams) ? 0 : 1);
+        int status = -1;
+        waitpid(child, &status, 0);
+        const bool after = works(streams);
+        for (int fd = 0; fd < 3; ++fd) {
+            dup2(saved[fd], fd);
+            close(saved[fd]);
+        }
+        EXPECT_TRUE(parent && status == 0 && after) << streams;
+    }
 }
 
 TEST_F(WithDaemon, TraceIsSwitchedByTheExecutable)

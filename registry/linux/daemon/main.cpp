@@ -17,7 +17,9 @@
 #include "daemon/serve/storeguard.h"
 #include "daemon/store/diskspace.h"
 #include "daemon/store/maintenance.h"
+#include "daemon/store/quickcheck.h"
 #include "daemon/systemd.h"
+#include "standardstreams.h"
 
 using namespace obregd;
 
@@ -100,8 +102,10 @@ private:
 };
 
 /// What the serving thread does from time to time beside serving.
-void addChores(Server& server, ListeningSocket& socket, Store& store, std::optional<std::chrono::microseconds> watchdog)
+void addChores(Server& server, ListeningSocket& socket, Store& store, QuickCheck& check,
+               std::optional<std::chrono::microseconds> watchdog)
 {
+    server.every(std::chrono::seconds(1), [&] { check.limit(); });
     server.every(std::chrono::seconds(1), UsageFigures(store));
     server.every(std::chrono::seconds(1), [&] {
         if (!server.isStopping() && socket.restore())
@@ -134,9 +138,10 @@ void serve(const Options& options)
     StoreIdentity storeIdentity(options.storePath);
     ListeningSocket socket =
         activated.get() < 0 ? ListeningSocket(options.socketPath) : ListeningSocket(std::move(activated));
-    StoreGuard guard(writableStore, storeIdentity, diskSpace);
+    QuickCheck check(options.storePath);
+    StoreGuard guard(writableStore, storeIdentity, diskSpace, check);
     Server server(socket.releaseDescriptor(), store, writableStore, options.limits, &guard);
-    addChores(server, socket, store, watchdog);
+    addChores(server, socket, store, check, watchdog);
     logLine(LOG_NOTICE, "listening on %s, storing in %s", socket.path().c_str(), options.storePath.c_str());
     systemd::notify("READY=1");
     server.run();
@@ -164,6 +169,7 @@ int maintain(const Options& options)
 
 int main(int argc, char** argv)
 {
+    fillStandardStreams();
     int exitCode = 0;
     const std::optional<Options> options = parseOptions(argc, argv, &exitCode);
     if (!options)

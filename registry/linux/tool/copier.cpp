@@ -61,7 +61,7 @@ void Copier::writeKey(const Key& key)
         if (m_failed)
             return;
         target.set(value.name, value.value, error);
-        check(error, key.target, &value.name);
+        check(error, key.target, &value.name, value.value.data.size());
         ++m_values;
     }
 }

@@ -105,7 +105,7 @@ void Rehearsal::checkLength(const std::string& name, const obreg::Value& value)
     if (error == obreg::Status::accessDenied) // or it might be stored there
         figures.set(name, value, error);
     if (error != obreg::Status::accessDenied)
-        check(error, m_key, &name);
+        check(error, m_key, &name, value.data.size());
     m_taken = length;
 }
 

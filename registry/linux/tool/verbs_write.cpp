@@ -128,7 +128,7 @@ int store(const WriteOptions& options, Output& output)
     const obreg::Key key = path.create(nullptr, error);
     check(error, path);
     key.set(options.name, value, error);
-    check(error, path, &options.name);
+    check(error, path, &options.name, value.data.size());
     Fact fact = valueFact(path, {options.name, value}, "set");
     fact.showKind = true;
     output.summary(fact);

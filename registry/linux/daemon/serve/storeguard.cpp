@@ -51,6 +51,7 @@ void StoreGuard::giveReserve()
 /// What the log holds is moved now, so that it needs no room for that later.
 bool StoreGuard::tidy()
 {
+    m_check.stop(); // it keeps the log from beginning anew
     const bool restarted = m_store.restartLog();
     m_inLog = restarted ? 0 : static_cast<uint64_t>(m_store.finishTidying()) * PageSize;
     return restarted;

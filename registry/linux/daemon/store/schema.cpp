@@ -1,9 +1,10 @@
 #include "daemon/store/schema.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>
-#include <filesystem>
 #include <stdexcept>
+#include <unistd.h>
 
+#include "daemon/files.h"
 #include "daemon/log.h"
 #include "daemon/store/clock.h"
 #include "daemon/store/facts.h"
@@ -87,18 +88,19 @@ void makeTables(SQLite::Database& database)
     database.exec("COMMIT");
 }
 
-/// A name beside the store that nothing has.
-std::string freeName(const std::string& path)
+/// Which of the store's files cannot be used for want of rights, and what helps; empty when that is not what is wrong.
+std::string missingRights(const std::string& path)
 {
-    std::string name = path + ".format-1";
-    for (int i = 2; std::filesystem::exists(name); ++i)
-        name = path + ".format-1." + std::to_string(i);
-    return name;
+    for (const char* const pSuffix : {"", "-wal", "-shm"})
+        if (const std::string file = path + pSuffix; access(file.c_str(), R_OK | W_OK) != 0)
+            if (const std::string advice = rightsAdvice(file); !advice.empty())
+                return advice;
+    return {};
 }
 
 void upgrade(SQLite::Database& database, const std::string& path)
 {
-    const std::string backup = freeName(path);
+    const std::string backup = freeName(path + ".format-1");
     backUpStore(path, backup);
     logLine(LOG_NOTICE, "%s: is of format 1 and becomes format %d; a copy of it as it was is %s", path.c_str(),
             StoreFormat, backup.c_str());
@@ -131,6 +133,7 @@ const std::string& prepareStoreFile(const std::string& path)
         if (id == 0 && version == 0 && tables == 0) {
             database.exec("PRAGMA journal_mode = WAL");
             makeTables(database);
+            logLine(LOG_WARNING, "made a new, empty registry at %s", path.c_str());
         } else if (id != ApplicationId) {
             throw std::runtime_error(path + ": is not a registry store; give another path with --store");
         } else if (version == 1) {
@@ -141,7 +144,7 @@ const std::string& prepareStoreFile(const std::string& path)
                                      "); run that version or give another path with --store");
         }
     } catch (const SQLite::Exception& failure) {
-        throw std::runtime_error(path + ": cannot be used as a store: " + failure.what() +
+        throw std::runtime_error(path + ": cannot be used as a store: " + failure.what() + missingRights(path) +
                                  "; make it accessible, restore it from a copy, or give another path with --store");
     }
     return path;
