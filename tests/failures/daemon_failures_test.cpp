@@ -22,6 +22,7 @@
 #include "daemon/serve/storeguard.h"
 #include "daemon/store/diskspace.h"
 #include "daemon/store/maintenance.h"
+#include "daemon/store/quickcheck.h"
 #include "failures/sweep.h"
 #include "support/raw_client.h"
 #include "support/scale.h"
@@ -139,7 +140,7 @@ protected:
         explicit Daemon(const std::string& folder)
             : lock(folder + "/store", "--store"), space(folder + "/store"), writer(folder + "/store"),
               store(folder + "/store"), identity(folder + "/store"), socket(folder + "/socket"),
-              guard(writer, identity, space),
+              check(folder + "/store"), guard(writer, identity, space, check),
               server(socket.releaseDescriptor(), store, writer, obregd::Limits(), &guard)
         {}
         obregd::Lock lock;
@@ -148,6 +149,7 @@ protected:
         obregd::Store store;
         obregd::StoreIdentity identity;
         obregd::ListeningSocket socket;
+        obregd::QuickCheck check;
         obregd::StoreGuard guard;
         obregd::Server server;
     };
