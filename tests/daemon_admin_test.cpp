@@ -4,8 +4,6 @@
 #include <csignal>
 #include <filesystem>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -37,15 +35,6 @@ protected:
 
     const TemporaryFolder m_folder;
 };
-
-/// Not close-on-exec: it is to be handed over.
-int boundSocket(int type, const std::string& path)
-{
-    const int fd = socket(AF_UNIX, type, 0);
-    const sockaddr_un address = addressOf(path);
-    EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0) << path;
-    return fd;
-}
 
 /// What systemd sets for one who takes its sockets; the first is descriptor 3.
 std::string handingOver(const Descriptor& socket, const std::string& count)

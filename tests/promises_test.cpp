@@ -221,12 +221,14 @@ TEST(Cancellation, NeverInsideACall)
 
 TEST(Signals, AreNotForTheReader) // what they do to a caller's transfers: failures/library_failures_test.cpp
 {
-    const ScriptedDaemon daemon(answering());
-    Library library;
-    ASSERT_EQ(library.closeKey(key), 0u);
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr); // for the daemon's threads
+    const ScriptedDaemon daemon(answering());
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+    Library library;
+    ASSERT_EQ(library.closeKey(key), 0u);
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     for (int i = 0; i < 100; ++i) {
         kill(getpid(), SIGUSR1); // ends the process if the reader takes it

@@ -40,7 +40,8 @@ public:
     {
         switch (below(6)) {
         case 0:
-            return m_peer.send(noise(below(5000)));
+            m_peer.send(noise(below(5000)));
+            return;
         case 1: // what nobody asked for
             for (size_t i = below(100); i > 0; --i)
                 m_peer.send(anyPacket(static_cast<uint32_t>(below(40))));
@@ -95,7 +96,7 @@ private:
             if (below(3) == 0 && m_peer.hasMore(1))
                 continue;
             std::shuffle(requests.begin(), requests.end(), m_random);
-            for (const auto& [id, text] : requests)
+            for (const auto& [id, text, isError] : requests)
                 m_peer.send(below(5) == 0 ? anyPacket(id) + anyPacket(id) : packet(id, m_replies[text.substr(4, 2)]));
             requests.clear();
         }
