@@ -9,9 +9,6 @@
 #include <sys/types.h>
 #include <vector>
 
-/// Starts a command; one that begins with `exec "$OBREGD"` becomes the daemon itself.
-pid_t startInShell(const std::string& command);
-
 class RunningDaemon {
 public:
     /// Does not start it yet. moreOptions go to the command line as they are.
@@ -35,9 +32,11 @@ public:
     /// Whether it writes that text, now or within seconds: its log comes a moment after the fact.
     bool logs(const std::string& text) const;
 
-private:
+protected:
     const std::string m_socketPath;
     const std::string m_storePath;
+
+private:
     const std::string m_logPath;
     const std::vector<std::string> m_moreOptions;
     pid_t m_pid = -1;
