@@ -65,19 +65,10 @@ void expectMessage(const std::string& name, const Msg& msg, const std::string& t
 
 } // namespace
 
-// Arrays come from malloc throughout, so that the nothrow form can be made to fail.
-[[gnu::noinline]] void* operator new[](size_t size)
-{
-    if (void* const p = std::malloc(size))
-        return p;
-    throw std::bad_alloc();
-}
 [[gnu::noinline]] void* operator new[](size_t size, const std::nothrow_t&) noexcept
 {
-    return failArrays ? nullptr : std::malloc(size);
+    return failArrays ? nullptr : operator new[](size);
 }
-[[gnu::noinline]] void operator delete[](void* p) noexcept { std::free(p); }
-[[gnu::noinline]] void operator delete[](void* p, size_t) noexcept { std::free(p); }
 
 TEST(Codec, EveryMessage)
 {

@@ -23,11 +23,13 @@
 #include "failures/sweep.h"
 #include "support/raw_client.h"
 #include "support/scale.h"
+#include "support/temporary_folder.h"
 
 using failnth::Attempt;
 using failnth::Call;
 using failnth::Effect;
 using failnth::FromThereOn;
+using failnth::Victims;
 
 // The store's calls: what SQLite, a shared library, calls is taken from the program first.
 #define STORE_CALL(kind, type, name, parameters, number, ...)                                                          \
@@ -70,7 +72,7 @@ void takeOverMemory()
     sqlite3_config(SQLITE_CONFIG_MALLOC, &methods);
 }
 
-constexpr auto Others = failnth::Victims::OtherThreads; // the daemon's
+constexpr auto Others = Victims::OtherThreads; // the daemon's
 
 // Harmless: the client notices nothing.
 const failnth::Failure failures[] = {
@@ -96,6 +98,7 @@ const failnth::Failure failures[] = {
 constexpr char Name[] = "a name that needs a block of its own";
 constexpr char Doomed[] = "another name that needs a block of its own";
 
+constexpr char Folder[] = "/var/opt/quorlin/ombrel/obregd"; // in memory
 const std::string Data(20000, 'd'); // more than a page of the store
 
 const struct Request {
@@ -123,20 +126,18 @@ class DaemonFailures : public testing::Test {
 protected:
     DaemonFailures()
     {
-        takeOverMemory(); // before the store's first use
-        // Thousands of lines that are meant to be there.
-        m_made = std::freopen("/dev/null", "w", stderr) != nullptr && mkdtemp(m_folder.data()) != nullptr;
+        takeOverMemory();                                      // before the store's first use
+        EXPECT_NE(freopen("/dev/null", "w", stderr), nullptr); // thousands of lines that are meant to be there
     }
-    ~DaemonFailures() override { std::filesystem::remove_all(m_folder); }
 
     using RawClientPtr = std::unique_ptr<RawClient>;
-    RawClientPtr connect() const { return std::make_unique<RawClient>(m_folder + "/socket"); }
+    RawClientPtr connect() const { return std::make_unique<RawClient>(m_folder / "socket"); }
 
     /// The daemon, all but its main function.
     struct Daemon {
-        explicit Daemon(const std::string& folder)
-            : lock(folder + "/store", "--store"), writer(folder + "/store"), store(folder + "/store"),
-              socket(folder + "/socket"), server(socket.releaseDescriptor(), store, writer, obregd::Limits())
+        explicit Daemon(const TemporaryFolder& folder)
+            : lock(folder / "store", "--store"), writer(folder / "store"), store(folder / "store"),
+              socket(folder / "socket"), server(socket.releaseDescriptor(), store, writer, obregd::Limits())
         {}
         obregd::Lock lock;
         obregd::WritableStore writer;
@@ -148,8 +149,7 @@ protected:
     Outcome send(RawClient& client, const std::string& text, bool lasting) const;
     bool run(const Request& request, const Attempt& attempt);
 
-    std::string m_folder = "/var/opt/quorlin/ombrel/obregd/XXXXXX";
-    bool m_made = false;
+    const TemporaryFolder m_folder{Folder};
     RawClientPtr m_pIdle;
     HANDLE m_key = nullptr;
     int m_round = 0;
@@ -239,39 +239,40 @@ TEST_F(DaemonFailures, AtEveryPoint)
     kill(getpid(), SIGTERM);
     thread.join();
     EXPECT_EQ(ended, "");
-    const obregd::StoreReport report = obregd::checkStore(m_folder + "/store");
+    const obregd::StoreReport report = obregd::checkStore(m_folder / "store");
     EXPECT_TRUE(report.problems.empty());
 }
 
 // A start that fails says so and spoils nothing for the next one.
 TEST_F(DaemonFailures, WhileItStarts)
 {
-    const unsigned stride = static_cast<unsigned>(scaled(10)); // a start allocates thousands of times
+    const auto stride = static_cast<unsigned>(scaled(10)); // a start allocates thousands of times
+    const failnth::Failure starting[] = {
+        {"an allocation", Call::Allocation, ENOMEM, Victims::ThisThread, Effect::MayFail, FromThereOn, stride},
+        {"the store's disk full", Call::StoreWrite, ENOSPC, Victims::ThisThread, Effect::MayFail, FromThereOn, stride},
+        {"a write of the store", Call::StoreWrite, EIO, Victims::ThisThread, Effect::MayFail, FromThereOn, stride},
+        {"a read of the store", Call::StoreRead, EIO, Victims::ThisThread, Effect::MayFail, FromThereOn, stride},
+        {"socket", Call::Socket, EMFILE, Victims::ThisThread, Effect::MayFail},
+        {"fcntl", Call::Fcntl, EMFILE, Victims::ThisThread, Effect::MayFail},
+        {"watching a descriptor", Call::Poll, ENOMEM, Victims::ThisThread, Effect::MayFail},
+    };
+    const auto start = [](const Request&, const Attempt& attempt) {
+        if (attempt.connected)
+            return false;
+        const TemporaryFolder folder(Folder);
+        attempt.arm();
+        try {
+            const Daemon daemon(folder);
+        } catch (const std::exception&) { // how it says so
+        }
+        const bool reached = attempt.disarm();
+        EXPECT_NO_THROW(Daemon again(folder));
+        EXPECT_TRUE(obregd::checkStore(folder / "store").problems.empty());
+        return reached;
+    };
     unsigned points = 0;
-    for (const auto& [call, how] : {std::pair(Call::Allocation, ENOMEM),
-                                    {Call::StoreWrite, ENOSPC},
-                                    {Call::StoreWrite, EIO},
-                                    {Call::StoreRead, EIO},
-                                    {Call::Socket, EMFILE},
-                                    {Call::Fcntl, EMFILE},
-                                    {Call::Poll, ENOMEM}})
-        for (const unsigned times : {1u, FromThereOn})
-            for (unsigned first = 1;; first += 1 + first / stride, ++points) {
-                const std::string folder = m_folder + "/" + std::to_string(points);
-                std::filesystem::create_directory(folder);
-                failnth::arm({call, how, failnth::Victims::ThisThread, first, times});
-                try {
-                    const Daemon daemon(folder);
-                } catch (const std::exception&) { // how it says so
-                }
-                const bool reached = failnth::disarm() >= first;
-                EXPECT_NO_THROW(Daemon again(folder)) << int(call) << ", " << first;
-                EXPECT_TRUE(obregd::checkStore(folder + "/store").problems.empty());
-                ASSERT_LT(first, 20000u) << "no end";
-                std::filesystem::remove_all(folder);
-                if (!reached)
-                    break;
-            }
+    for (const failnth::Failure& failure : starting)
+        points += failnth::sweep(failure, std::span(requests, 1), start);
     std::printf("FIGURE daemon: failures at %u points of its start\n", points);
 }
 
