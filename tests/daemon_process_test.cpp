@@ -86,25 +86,10 @@ TEST_F(DaemonTest, TheStoresLogStaysShortUnderReading)
 
 TEST_F(DaemonTest, WhoMakesItHoldTooMuchIsCutOff)
 {
-    RunningDaemon daemon(m_socket, m_store, {"--max-payload", "4M", "--max-queued", "3M", "--max-held", "8M"});
+    RunningDaemon daemon(m_socket, m_store, {"--max-payload", "4M", "--max-held", "8M"});
     daemon.start();
     RawClient modest(m_socket);
     const HANDLE key = modest.create("K");
-    modest.set(key, "v", std::string(60000, 'x'));
-    {
-        RawClient greedy(m_socket);
-        const auto ask = [&](int times) {
-            for (int i = 0; i < times; ++i)
-                greedy.send(packet(1, encoded(QueryValueReqMsg(key, "v"))));
-            EXPECT_EQ(modest.query(key, "v").size(), 60000u);
-        };
-        ask(20); // within the limit: they wait until they are taken
-        for (int i = 0; i < 20; ++i)
-            greedy.receive();
-        ask(200);
-        EXPECT_TRUE(daemon.logs("does not take its replies"));
-        EXPECT_THROW(for (;;) greedy.receive(), std::runtime_error);
-    }
     const std::string begun = packet(1, setText(key, "v", std::string(3 * MiB, 'x'))).substr(0, 2 * MiB);
     std::list<RawClient> clients;
     try {
