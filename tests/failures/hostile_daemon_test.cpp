@@ -114,7 +114,6 @@ TEST(HostileDaemon, EndsNoCallWithoutAnAnswerAndLosesNothing)
     const long blocks = failnth::liveBlocks();
     std::atomic<long> calls{0};
     std::atomic<long> succeeded{0};
-    std::atomic<int> running{Threads};
     int connections = 0;
     {
         std::atomic<unsigned> seed{20261124};
@@ -132,13 +131,7 @@ TEST(HostileDaemon, EndsNoCallWithoutAnAnswerAndLosesNothing)
                     EXPECT_LT(Clock::now() - begin, 10s);
                     ++calls;
                 }
-                --running;
             });
-        std::this_thread::sleep_until(end);
-        if (!eventually([&] { return running == 0; })) {
-            std::printf("%d threads are still inside calls\n", running.load());
-            std::abort();
-        }
         for (std::thread& thread : threads)
             thread.join();
         connections = daemon.connections();

@@ -63,9 +63,9 @@ public:
         return std::unique_ptr<Response>(Response::deserialize(text.data(), static_cast<int>(text.size())));
     }
 
-    HANDLE create(const char* pPath)
+    HANDLE create(const char* pPath, HANDLE parent = HKEY_LOCAL_MACHINE)
     {
-        return call<CreateKeyRespMsg>(CreateKeyReqMsg(HKEY_LOCAL_MACHINE, pPath, 0, 0))->m_keyHandle;
+        return call<CreateKeyRespMsg>(CreateKeyReqMsg(parent, pPath, 0, 0))->m_keyHandle;
     }
     REGSTATUS set(HANDLE key, const std::string& name, const std::string& data)
     {
