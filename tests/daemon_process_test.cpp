@@ -15,14 +15,6 @@ namespace {
 
 constexpr size_t MiB = size_t{1024} * 1024;
 
-class DaemonTest : public testing::Test {
-protected:
-    const TemporaryFolder m_folder;
-    const std::string m_socket = m_folder / "socket";
-    const std::string m_store = m_folder / "store";
-    RunningDaemon m_daemon{m_socket, m_store};
-};
-
 TEST_F(DaemonTest, BadInputHurtsOnlyItsSender)
 {
     const std::string close = encoded(CloseKeyReqMsg(HKEY_USERS));
@@ -37,9 +29,8 @@ TEST_F(DaemonTest, BadInputHurtsOnlyItsSender)
         {"no length", "Type01\r\nReqIdHdr =00000005\r\n\r\n" + std::string(PktHdrLength, ' '),
          "header that cannot be read"},
         {"unknown packet", "Type03" + packet(5, close).substr(6), "no request"},
-        {"negative length", "Type01\r\nReqIdHdr =00000005\r\nPayloadLength =FFFFFFFF\r\n\r\n", "of -1 bytes"},
-        {"over the limit", "Type01\r\nReqIdHdr =00000005\r\nPayloadLength =04000001\r\n\r\n",
-         "limit (--max-payload) is"},
+        {"negative length", packetHeader(5, -1), "of -1 bytes"},
+        {"over the limit", packetHeader(5, (64 << 20) + 1), "limit (--max-payload) is"},
     };
     m_daemon.start();
     RawClient bystander(m_socket);

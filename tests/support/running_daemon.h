@@ -9,6 +9,10 @@
 #include <sys/types.h>
 #include <vector>
 
+#include <gtest/gtest.h>
+
+#include "support/temporary_folder.h"
+
 class RunningDaemon {
 public:
     /// Does not start it yet. moreOptions go to the command line as they are.
@@ -46,6 +50,15 @@ private:
 class FreshDaemon : public RunningDaemon {
 public:
     FreshDaemon();
+};
+
+/// A test's own daemon, not started yet, in a folder of its own.
+class DaemonTest : public testing::Test {
+protected:
+    const TemporaryFolder m_folder;
+    const std::string m_socket = m_folder / "socket";
+    const std::string m_store = m_folder / "store";
+    RunningDaemon m_daemon{m_socket, m_store};
 };
 
 #endif
