@@ -30,12 +30,6 @@ std::string contents(const std::string& path)
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-void setContents(const std::string& path, const std::string& bytes)
-{
-    std::ofstream(path, std::ios::binary | std::ios::trunc)
-        .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-}
-
 /// A value that shows when a piece of it is another's. Its length goes up and down.
 std::string valueOf(int number)
 {
@@ -145,7 +139,7 @@ void Durability::losePower(const std::map<File, std::string>& before)
     });
     std::filesystem::remove(m_store + "-shm");
     for (const auto& [file, bytes] : files)
-        setContents(pathOf(file), bytes);
+        std::ofstream(pathOf(file), std::ios::binary) << bytes;
 }
 
 } // namespace
