@@ -319,12 +319,6 @@ TEST_F(RegistryTest, EnumerationAndInfoFollowChanges)
     const HANDLE key = make("K");
     std::vector<std::string> keys, values; // in the order in which they were made
     std::mt19937 random(7);
-    const auto takeOne = [&](std::vector<std::string>& names) {
-        const auto victim = names.begin() + static_cast<ptrdiff_t>(random() % names.size());
-        const std::string name = *victim;
-        names.erase(victim);
-        return name;
-    };
     const auto lengthOf = [](const std::string& name) { return name.size(); };
     const auto lengthOfData = [](const std::string& name) { return static_cast<size_t>(name.back() - '0'); };
     const auto greatest = [](const std::vector<std::string>& names, auto length) {
@@ -335,18 +329,17 @@ TEST_F(RegistryTest, EnumerationAndInfoFollowChanges)
     };
     size_t at = 0;
     for (int step = 0; step < 3000; ++step) {
-        const std::string name = "\xC3\xA4" + std::string(random() % 9, 'n') + std::to_string(step);
-        const auto choice = random() % 24;
+        const bool isKey = random() % 2 == 0;
+        std::vector<std::string>& names = isKey ? keys : values;
+        const auto choice = random() % 12;
         if (choice < 2) {
-            create(key, name);
-            keys.push_back(name);
-        } else if (choice < 4) {
-            set(key, name, std::string(lengthOfData(name), 'd'));
-            values.push_back(name);
-        } else if (choice == 4 && !keys.empty()) {
-            EXPECT_EQ(removeKey(key, takeOne(keys)), 0u);
-        } else if (choice == 5 && !values.empty()) {
-            EXPECT_EQ(removeValue(key, takeOne(values)), 0u);
+            names.push_back("\xC3\xA4" + std::string(random() % 9, 'n') + std::to_string(step));
+            const std::string data(lengthOfData(names.back()), 'd');
+            EXPECT_EQ(isKey ? create(key, names.back())->m_status : set(key, names.back(), data), 0u);
+        } else if (choice == 2 && !names.empty()) {
+            const auto victim = names.begin() + static_cast<ptrdiff_t>(random() % names.size());
+            EXPECT_EQ(isKey ? removeKey(key, *victim) : removeValue(key, *victim), 0u);
+            names.erase(victim);
         } else { // mostly steps, up and down, now and then a leap
             at = random() % 8 == 0 ? random() % 200 : at + (random() % 3 == 0 ? size_t(-1) : 1);
             at = std::min(at, std::max(keys.size(), values.size()));
