@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# What ./demo and ./check share; sourced by both, with the working directory at the top of the tree.
+# What ./demo, ./check and packaging/build-packages share; sourced by them, with the working directory at the top of the tree.
 #
 # Long commands run through run_job: in the background, as a process group of their own. So a signal to the script is
 # answered at once and takes everything with it that the script has started.
@@ -7,6 +7,8 @@
 # shellcheck disable=SC2034 # used by those who source this
 build_packages=(g++ g++-multilib cmake ninja-build googletest libasio-dev libsqlite3-dev libsqlitecpp-dev libcli11-dev
     nlohmann-json3-dev)
+# shellcheck disable=SC2034
+packaging_packages=(dpkg-dev file scdoc)
 jobs=$(nproc)
 job=
 

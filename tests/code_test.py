@@ -9,10 +9,11 @@ from fnmatch import fnmatch
 library = os.path.abspath(sys.argv[1])
 os.chdir(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 SHARED = "obreg/ platform.h common/"
+STREAMS = "standardstreams.h"
 TOP = " ".join(f"daemon/{name}.h" for name in ("figures", "files", "log", "options", "tree"))
 ROOMS = {  # each folder of the product, and all that it may include of ours: folders and files
-    "obreg": "obreg/", "": "none", "common": SHARED, "client": f"{SHARED} client/", "tool": "obreg/ tool/",
-    "daemon": f"{SHARED} daemon/", "daemon/serve": f"{SHARED} daemon/",
+    "obreg": "obreg/", "": "none", "common": SHARED, "client": f"{SHARED} client/", "tool": f"obreg/ tool/ {STREAMS}",
+    "daemon": f"{SHARED} daemon/ {STREAMS}", "daemon/serve": f"{SHARED} daemon/",
     "daemon/store": f"{SHARED} {TOP} daemon/store/ daemon/govern/", "daemon/govern": f"{SHARED} {TOP} daemon/govern/",
 }
 INSIDE = {"IpcInit", "IpcShutdown", "OBRegForkHandler", "ReqReply", "getCChannel"}  # visible, but nobody's to call

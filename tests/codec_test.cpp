@@ -3,6 +3,7 @@
 #include <memory>
 #include <new>
 #include <regex>
+#include <typeinfo>
 
 #include <gtest/gtest.h>
 
@@ -28,9 +29,10 @@ std::unique_ptr<Msg> decoded(const std::string& text)
 /// What holds for every message: its bytes, that it reads back what it writes, and what it logs: when it lives, when
 /// memory is short, when a text is too short and when one lacks its fields.
 template <class Msg>
-void expectMessage(const std::string& name, const Msg& msg, const std::string& text, size_t padding, size_t shortest,
+void expectMessage(const Msg& msg, size_t padding, size_t shortest, const std::string& text,
                    const std::string& noBufferName = {})
 {
+    const std::string name = std::string(typeid(Msg).name()).substr(2); // behind its length
     SCOPED_TRACE(name);
     const std::string bytes = encoded(msg);
     EXPECT_EQ(bytes, text + std::string(padding, '\0'));
@@ -65,19 +67,10 @@ void expectMessage(const std::string& name, const Msg& msg, const std::string& t
 
 } // namespace
 
-// Arrays come from malloc throughout, so that the nothrow form can be made to fail.
-[[gnu::noinline]] void* operator new[](size_t size)
-{
-    if (void* const p = std::malloc(size))
-        return p;
-    throw std::bad_alloc();
-}
 [[gnu::noinline]] void* operator new[](size_t size, const std::nothrow_t&) noexcept
 {
-    return failArrays ? nullptr : std::malloc(size);
+    return failArrays ? nullptr : operator new[](size);
 }
-[[gnu::noinline]] void operator delete[](void* p) noexcept { std::free(p); }
-[[gnu::noinline]] void operator delete[](void* p, size_t) noexcept { std::free(p); }
 
 TEST(Codec, EveryMessage)
 {
@@ -87,52 +80,44 @@ TEST(Codec, EveryMessage)
     const HANDLE h = handle(0x1F);
     const HANDLE wide = handle(0xFEDCBA98);
 
-    expectMessage("OpenKeyReqMsg", OpenKeyReqMsg(h, "Software", 1, 0xF003F),
-                  "Type07\r\nParentKeyHandle =0x1f\r\nFlags =00000001\r\nAccess =000F003F\r\nKeyName =Software\r\n\r\n",
-                  16, 95);
-    expectMessage("OpenKeyRespMsg", OpenKeyRespMsg(0xC7F10001, nullptr), "Status =C7F10001\r\nKeyHandle =(nil)\r\n\r\n",
-                  13, 51);
-    expectMessage("CreateKeyReqMsg", CreateKeyReqMsg(wide, nullptr, 0, 0),
-                  "Type02\r\nParentKeyHandle =0xfedcba98\r\nFlags =00000000\r\nAccess =00000000\r\nKeyName =\r\n\r\n",
-                  10, 95);
-    expectMessage("CreateKeyRespMsg", CreateKeyRespMsg(0, h, 2),
-                  "Status =00000000\r\nKeyHandle =0x1f\r\nDisposition =00000002\r\n\r\n", 14, 74);
-    expectMessage("CloseKeyReqMsg", CloseKeyReqMsg(h), "Type01\r\nKeyHandle =0x1f\r\n\r\n", 14, 41);
-    expectMessage("CloseKeyRespMsg", CloseKeyRespMsg(7), "Status =00000007\r\n\r\n", 0, 20);
-    expectMessage("DeleteKeyReqMsg", DeleteKeyReqMsg(nullptr, "a\\b"),
-                  "Type03\r\nParentKeyHandle =(nil)\r\nKeyName =a\\b\r\n\r\n", 13, 58);
-    expectMessage("DeleteKeyRespMsg", DeleteKeyRespMsg(7), "Status =00000007\r\n\r\n", 0, 20, "DeleteKeyMsg");
-    expectMessage("SetValueReqMsg", SetValueReqMsg(handle(1), "", 3, nullptr, 0),
-                  "Type09\r\nKeyHandle =0x1\r\nValueType =00000003\r\nValueName =\r\n\r\n", 0, 60);
-    expectMessage("SetValueReqMsg", SetValueReqMsg(h, "v", 3, data.data(), n),
-                  "Type09\r\nKeyHandle =0x1f\r\nValueType =00000003\r\nValueName =v\r\n\r\n" + data, 0, 60);
-    expectMessage("SetValueRespMsg", SetValueRespMsg(0), "Status =00000000\r\n\r\n", 0, 20);
-    expectMessage("QueryValueReqMsg", QueryValueReqMsg(h, "v"), "Type08\r\nKeyHandle =0x1f\r\nValueName =v\r\n\r\n", 14,
-                  54, "Msg");
-    expectMessage("QueryValueRespMsg", QueryValueRespMsg(0, 1, data.data(), n),
-                  "Status =00000000\r\nValueType =00000001\r\n\r\n" + data, 0, 41);
-    expectMessage("DeleteValueReqMsg", DeleteValueReqMsg(h, "v"), "Type04\r\nKeyHandle =0x1f\r\nValueName =v\r\n\r\n",
-                  14, 54);
-    expectMessage("DeleteValueRespMsg", DeleteValueRespMsg(0), "Status =00000000\r\n\r\n", 0, 20);
-    expectMessage("EnumKeyReqMsg", EnumKeyReqMsg(h, 0xFFFFFFFF), "Type05\r\nKeyHandle =0x1f\r\nIndex =FFFFFFFF\r\n\r\n",
-                  14, 58);
-    expectMessage("EnumKeyRespMsg", EnumKeyRespMsg(0, "sub", time),
-                  "Status =00000000\r\nLastWriteTime =01D2C3B4A5968778\r\nSubKeyName =sub\r\n\r\n", 0, 67);
-    expectMessage("EnumValueReqMsg", EnumValueReqMsg(h, 3), "Type06\r\nKeyHandle =0x1f\r\nIndex =00000003\r\n\r\n", 14,
-                  58);
-    expectMessage("EnumValueRespMsg", EnumValueRespMsg(0, "name", 4, data.data(), n),
-                  "Status =00000000\r\nValueType =00000004\r\nValueName =name\r\n\r\n" + data, 0, 54,
-                  "EnumValueRespMsgMsg");
-    expectMessage("QueryInfoKeyReqMsg", QueryInfoKeyReqMsg(h), "Type0A\r\nKeyHandle =0x1f\r\n\r\n", 14, 41, "Msg");
     expectMessage(
-        "QueryInfoKeyRespMsg", QueryInfoKeyRespMsg(0, 1, 2, 3, 4, 5, 6, time),
+        OpenKeyReqMsg(h, "Software", 1, 0xF003F), 16, 95,
+        "Type07\r\nParentKeyHandle =0x1f\r\nFlags =00000001\r\nAccess =000F003F\r\nKeyName =Software\r\n\r\n");
+    expectMessage(OpenKeyRespMsg(0xC7F10001, nullptr), 13, 51, "Status =C7F10001\r\nKeyHandle =(nil)\r\n\r\n");
+    expectMessage(CreateKeyReqMsg(wide, nullptr, 0, 0), 10, 95,
+                  "Type02\r\nParentKeyHandle =0xfedcba98\r\nFlags =00000000\r\nAccess =00000000\r\nKeyName =\r\n\r\n");
+    expectMessage(CreateKeyRespMsg(0, h, 2), 14, 74,
+                  "Status =00000000\r\nKeyHandle =0x1f\r\nDisposition =00000002\r\n\r\n");
+    expectMessage(CloseKeyReqMsg(h), 14, 41, "Type01\r\nKeyHandle =0x1f\r\n\r\n");
+    expectMessage(CloseKeyRespMsg(7), 0, 20, "Status =00000007\r\n\r\n");
+    expectMessage(DeleteKeyReqMsg(nullptr, "a\\b"), 13, 58,
+                  "Type03\r\nParentKeyHandle =(nil)\r\nKeyName =a\\b\r\n\r\n");
+    expectMessage(DeleteKeyRespMsg(7), 0, 20, "Status =00000007\r\n\r\n", "DeleteKeyMsg");
+    expectMessage(SetValueReqMsg(handle(1), "", 3, nullptr, 0), 0, 60,
+                  "Type09\r\nKeyHandle =0x1\r\nValueType =00000003\r\nValueName =\r\n\r\n");
+    expectMessage(SetValueReqMsg(h, "v", 3, data.data(), n), 0, 60,
+                  "Type09\r\nKeyHandle =0x1f\r\nValueType =00000003\r\nValueName =v\r\n\r\n" + data);
+    expectMessage(SetValueRespMsg(0), 0, 20, "Status =00000000\r\n\r\n");
+    expectMessage(QueryValueReqMsg(h, "v"), 14, 54, "Type08\r\nKeyHandle =0x1f\r\nValueName =v\r\n\r\n", "Msg");
+    expectMessage(QueryValueRespMsg(0, 1, data.data(), n), 0, 41,
+                  "Status =00000000\r\nValueType =00000001\r\n\r\n" + data);
+    expectMessage(DeleteValueReqMsg(h, "v"), 14, 54, "Type04\r\nKeyHandle =0x1f\r\nValueName =v\r\n\r\n");
+    expectMessage(DeleteValueRespMsg(0), 0, 20, "Status =00000000\r\n\r\n");
+    expectMessage(EnumKeyReqMsg(h, 0xFFFFFFFF), 14, 58, "Type05\r\nKeyHandle =0x1f\r\nIndex =FFFFFFFF\r\n\r\n");
+    expectMessage(EnumKeyRespMsg(0, "sub", time), 0, 67,
+                  "Status =00000000\r\nLastWriteTime =01D2C3B4A5968778\r\nSubKeyName =sub\r\n\r\n");
+    expectMessage(EnumValueReqMsg(h, 3), 14, 58, "Type06\r\nKeyHandle =0x1f\r\nIndex =00000003\r\n\r\n");
+    expectMessage(EnumValueRespMsg(0, "name", 4, data.data(), n), 0, 54,
+                  "Status =00000000\r\nValueType =00000004\r\nValueName =name\r\n\r\n" + data, "EnumValueRespMsgMsg");
+    expectMessage(QueryInfoKeyReqMsg(h), 14, 41, "Type0A\r\nKeyHandle =0x1f\r\n\r\n", "Msg");
+    expectMessage(
+        QueryInfoKeyRespMsg(0, 1, 2, 3, 4, 5, 6, time), 0, 207,
         "Status =00000000\r\nSubKeyCount =00000001\r\nMaxSubKeyLength =00000002\r\nMaxClassLength =00000003\r\n"
         "ValueCount =00000004\r\nMaxValueNameLength =00000005\r\nMaxValueLength =00000006\r\n"
-        "LastWriteTime =01D2C3B4A5968778\r\n\r\n",
-        0, 207);
+        "LastWriteTime =01D2C3B4A5968778\r\n\r\n");
     if (sizeof(HANDLE) == 8)
-        expectMessage("CloseKeyReqMsg", CloseKeyReqMsg(handle(static_cast<uintptr_t>(0xFEDCBA9876543210))),
-                      "Type01\r\nKeyHandle =0xfedcba9876543210\r\n\r\n", 0, 41);
+        expectMessage(CloseKeyReqMsg(handle(static_cast<uintptr_t>(0xFEDCBA9876543210))), 0, 41,
+                      "Type01\r\nKeyHandle =0xfedcba9876543210\r\n\r\n");
     EXPECT_EQ(numOpenKeyReqMsgObjs + numSetValueReqMsgObjs + numEnumValueRespMsgObjs + numQueryInfoKeyRespMsgObjs, 0u);
 }
 

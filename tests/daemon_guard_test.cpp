@@ -51,12 +51,7 @@ TEST(Log, NeverWaitsAndTellsWhatItLeftOut)
     dup2(standardError.get(), STDERR_FILENO);
 }
 
-class Guard : public testing::Test {
-protected:
-    const TemporaryFolder m_folder;
-    const std::string m_store = m_folder / "store";
-    const std::string m_socket = m_folder / "socket";
-};
+using Guard = DaemonTest;
 
 TEST_F(Guard, TheStoresFilesAreWatched)
 {
@@ -121,19 +116,18 @@ TEST_F(Guard, AFullDiskIsCuredByDeletions)
 
 TEST_F(Guard, ARemovedSocketIsMadeAgain)
 {
-    RunningDaemon daemon(m_socket, m_store);
-    daemon.start();
+    m_daemon.start();
     RawClient old(m_socket);
     std::filesystem::remove(m_socket);
-    EXPECT_TRUE(daemon.logs("listening on a new one"));
+    EXPECT_TRUE(m_daemon.logs("listening on a new one"));
     RawClient(m_socket).create("K");
 
     std::filesystem::remove(m_socket);
     std::ofstream(m_socket) << "a stranger's";
-    EXPECT_TRUE(daemon.logs("something else has been put in the socket's place"));
+    EXPECT_TRUE(m_daemon.logs("something else has been put in the socket's place"));
     EXPECT_EQ(std::filesystem::file_size(m_socket), 12u);
     EXPECT_EQ(old.call<CloseKeyRespMsg>(CloseKeyReqMsg(HKEY_USERS))->m_status, 0u);
-    EXPECT_EQ(daemon.stop(SIGTERM), 0);
+    EXPECT_EQ(m_daemon.stop(SIGTERM), 0);
     EXPECT_EQ(std::filesystem::file_size(m_socket), 12u) << "left alone at the end, too";
 }
 

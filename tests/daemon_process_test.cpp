@@ -3,6 +3,8 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
+#include <functional>
 #include <list>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -14,14 +16,6 @@
 namespace {
 
 constexpr size_t MiB = size_t{1024} * 1024;
-
-class DaemonTest : public testing::Test {
-protected:
-    const TemporaryFolder m_folder;
-    const std::string m_socket = m_folder / "socket";
-    const std::string m_store = m_folder / "store";
-    RunningDaemon m_daemon{m_socket, m_store};
-};
 
 TEST_F(DaemonTest, BadInputHurtsOnlyItsSender)
 {
@@ -37,9 +31,8 @@ TEST_F(DaemonTest, BadInputHurtsOnlyItsSender)
         {"no length", "Type01\r\nReqIdHdr =00000005\r\n\r\n" + std::string(PktHdrLength, ' '),
          "header that cannot be read"},
         {"unknown packet", "Type03" + packet(5, close).substr(6), "no request"},
-        {"negative length", "Type01\r\nReqIdHdr =00000005\r\nPayloadLength =FFFFFFFF\r\n\r\n", "of -1 bytes"},
-        {"over the limit", "Type01\r\nReqIdHdr =00000005\r\nPayloadLength =04000001\r\n\r\n",
-         "limit (--max-payload) is"},
+        {"negative length", packetHeader(5, -1), "of -1 bytes"},
+        {"over the limit", packetHeader(5, (64 << 20) + 1), "limit (--max-payload) is"},
     };
     m_daemon.start();
     RawClient bystander(m_socket);
@@ -86,25 +79,10 @@ TEST_F(DaemonTest, TheStoresLogStaysShortUnderReading)
 
 TEST_F(DaemonTest, WhoMakesItHoldTooMuchIsCutOff)
 {
-    RunningDaemon daemon(m_socket, m_store, {"--max-payload", "4M", "--max-queued", "3M", "--max-held", "8M"});
+    RunningDaemon daemon(m_socket, m_store, {"--max-payload", "4M", "--max-held", "8M"});
     daemon.start();
     RawClient modest(m_socket);
     const HANDLE key = modest.create("K");
-    modest.set(key, "v", std::string(60000, 'x'));
-    {
-        RawClient greedy(m_socket);
-        const auto ask = [&](int times) {
-            for (int i = 0; i < times; ++i)
-                greedy.send(packet(1, encoded(QueryValueReqMsg(key, "v"))));
-            EXPECT_EQ(modest.query(key, "v").size(), 60000u);
-        };
-        ask(20); // within the limit: they wait until they are taken
-        for (int i = 0; i < 20; ++i)
-            greedy.receive();
-        ask(200);
-        EXPECT_TRUE(daemon.logs("does not take its replies"));
-        EXPECT_THROW(for (;;) greedy.receive(), std::runtime_error);
-    }
     const std::string begun = packet(1, setText(key, "v", std::string(3 * MiB, 'x'))).substr(0, 2 * MiB);
     std::list<RawClient> clients;
     try {
@@ -148,6 +126,37 @@ TEST_F(DaemonTest, StartsOnlyWhereNoOtherLives)
     RawClient(m_socket).create("K");
     EXPECT_EQ(m_daemon.stop(SIGTERM), 0);
     EXPECT_FALSE(std::filesystem::exists(m_socket)) << "a stopped daemon's does not";
+}
+
+TEST_F(DaemonTest, SaysAtTheStartWhatItFinds)
+{
+    const auto damage = [&] {
+        std::fstream file(m_store, std::ios::in | std::ios::out);
+        file.seekp(static_cast<std::streamoff>(std::filesystem::file_size(m_store) / 2 & ~size_t{4095}));
+        file << std::string(4096, '\xff');
+    };
+    const struct {
+        std::function<void()> before;
+        const char* pLogged;
+        const char* pNotLogged = "is missing";
+    } starts[] = {
+        {[] {}, "made a new, empty registry at"},
+        {[] {}, "listening on", "made a new"},
+        {damage, "is damaged: "},
+        {[&] { std::filesystem::resize_file(m_store, 0); }, "made a new, empty registry at", "is damaged"},
+        {[&] { std::filesystem::rename(m_store, m_folder / "away"); }, "its log is kept as", "is damaged"},
+    };
+    for (const auto& row : starts) {
+        SCOPED_TRACE(row.pLogged);
+        row.before();
+        m_daemon.start();
+        EXPECT_TRUE(m_daemon.logs(row.pLogged)) << m_daemon.log();
+        EXPECT_EQ(m_daemon.log().find(row.pNotLogged), std::string::npos) << m_daemon.log();
+        RawClient client(m_socket);
+        for (int i = 0; i < 20; ++i)
+            client.set(client.create("K"), std::to_string(i), std::string(20000, 'x'));
+        m_daemon.stop(&row == &starts[3] ? SIGKILL : SIGTERM); // which leaves the log
+    }
 }
 
 TEST_F(DaemonTest, StopsInGoodOrder)

@@ -11,26 +11,14 @@
 #include "daemon/store/clock.h"
 #include "obreg/roots.h"
 #include "support/encoded.h"
-#include "support/temporary_folder.h"
+#include "support/with_store.h"
 
 using namespace obregd;
 
 namespace {
 
-class RegistryTest : public testing::Test {
+class RegistryTest : public WithStore {
 protected:
-    RegistryTest() { reopen(); }
-
-    void reopen()
-    {
-        m_pReader.reset();
-        m_pWriter.reset();
-        m_pWriter = std::make_unique<WritableStore>(m_store);
-        m_pReader = std::make_unique<Store>(m_store);
-    }
-
-    void fromOutside(const std::string& sql) { SQLite::Database(m_store, SQLite::OPEN_READWRITE).exec(sql); }
-
     template <class Request>
     static JobPtr job(uid_t uid, const Request& request)
     {
@@ -62,7 +50,7 @@ protected:
         const Job& job = work.front();
         try {
             if (!job.pOperation->writes)
-                return response<Response>(job.pOperation->serve({*m_pReader, nullptr, job.peer}, job.request.text()));
+                return response<Response>(job.pOperation->serve({m_reader, nullptr, job.peer}, job.request.text()));
         } catch (const NeedsWriter&) {
         }
         return response<Response>(commit(std::move(work)).front().reply);
@@ -106,10 +94,7 @@ protected:
         return call<EnumValueRespMsg>(EnumValueReqMsg(key, static_cast<UINT32>(index)));
     }
 
-    const TemporaryFolder m_folder;
-    const std::string m_store = m_folder / "store";
-    std::unique_ptr<WritableStore> m_pWriter;
-    std::unique_ptr<Store> m_pReader;
+    Store m_reader{m_path};
 };
 
 std::string levels(size_t count)
@@ -183,7 +168,7 @@ TEST_F(RegistryTest, HandlesAreNeverReused)
     EXPECT_NE(again, child);
     EXPECT_EQ(query(again, "v")->m_status, OBREG_STATUS_NOT_FOUND);
     EXPECT_EQ(removeKey(HKEY_LOCAL_MACHINE, "P\\C"), 0u);
-    reopen();
+    m_pWriter.emplace(m_path); // a restart
     EXPECT_NE(make("P\\C"), again);
 
     const struct {
@@ -257,6 +242,44 @@ TEST_F(RegistryTest, EachTreeIsWrittenByItsOwner)
         }
 }
 
+TEST_F(RegistryTest, QuotasRefuseGrowthOfAUsersTree)
+{
+    constexpr uid_t ann = 40001;
+    constexpr int aKey = -1;
+    const HANDLE tree = open(HKEY_CURRENT_USER, "", KEY_READ, ann)->m_keyHandle;
+    m_pWriter->setQuota({.bytes = 5 + 5 + 100, .keys = 4});
+    const struct {
+        const char* pName;
+        int length; ///< of a value
+        uid_t uid;
+        REGSTATUS status;
+    } steps[] = {
+        {"a\\b\\c\\d", aKey, ann, OBREG_STATUS_QUOTA_EXCEEDED},
+        {"a\\bcde", aKey, ann, 0},
+        {"a\\b\\c", aKey, ann, OBREG_STATUS_QUOTA_EXCEEDED},
+        {"v", 100, ann, OBREG_STATUS_QUOTA_EXCEEDED},
+        {"v", 99, ann, 0},
+        {"v", 99, ann, 0}, // keeps the size
+        {"w", 0, ann, OBREG_STATUS_QUOTA_EXCEEDED},
+        {"w", 10, 0, 0},   // root is not refused
+        {"v", 98, ann, 0}, // shrinks, though root's value counts
+        {"v", 99, ann, OBREG_STATUS_QUOTA_EXCEEDED},
+        {"r\\o\\o\\t", aKey, 0, 0},
+    };
+    for (const auto& [pName, length, uid, status] : steps) {
+        const bool isKey = length == aKey;
+        const REGSTATUS found = isKey ? create(tree, pName, KEY_READ, uid)->m_status
+                                      : set(tree, pName, std::string(static_cast<size_t>(length), 'x'), REG_SZ, uid);
+        EXPECT_EQ(found, status) << pName << ' ' << length << ' ' << uid;
+    }
+    EXPECT_EQ(m_pWriter->usage(ann), (Usage{7, 5 + 5 + 99 + 11 + 4, 7}));
+    expectSound();
+
+    // A third of the numbers for one user, the next has a third of the rest.
+    EXPECT_TRUE(leavesNumbers({0, 0, 29}, 1, 61));
+    EXPECT_FALSE(leavesNumbers({0, 0, 30}, 1, 60));
+}
+
 TEST_F(RegistryTest, TimesMoveWithTheKeysOwnContent)
 {
     const HANDLE top = make("Top");
@@ -296,12 +319,6 @@ TEST_F(RegistryTest, EnumerationAndInfoFollowChanges)
     const HANDLE key = make("K");
     std::vector<std::string> keys, values; // in the order in which they were made
     std::mt19937 random(7);
-    const auto takeOne = [&](std::vector<std::string>& names) {
-        const auto victim = names.begin() + static_cast<ptrdiff_t>(random() % names.size());
-        const std::string name = *victim;
-        names.erase(victim);
-        return name;
-    };
     const auto lengthOf = [](const std::string& name) { return name.size(); };
     const auto lengthOfData = [](const std::string& name) { return static_cast<size_t>(name.back() - '0'); };
     const auto greatest = [](const std::vector<std::string>& names, auto length) {
@@ -312,18 +329,17 @@ TEST_F(RegistryTest, EnumerationAndInfoFollowChanges)
     };
     size_t at = 0;
     for (int step = 0; step < 3000; ++step) {
-        const std::string name = "\xC3\xA4" + std::string(random() % 9, 'n') + std::to_string(step);
-        const auto choice = random() % 24;
+        const bool isKey = random() % 2 == 0;
+        std::vector<std::string>& names = isKey ? keys : values;
+        const auto choice = random() % 12;
         if (choice < 2) {
-            create(key, name);
-            keys.push_back(name);
-        } else if (choice < 4) {
-            set(key, name, std::string(lengthOfData(name), 'd'));
-            values.push_back(name);
-        } else if (choice == 4 && !keys.empty()) {
-            EXPECT_EQ(removeKey(key, takeOne(keys)), 0u);
-        } else if (choice == 5 && !values.empty()) {
-            EXPECT_EQ(removeValue(key, takeOne(values)), 0u);
+            names.push_back("\xC3\xA4" + std::string(random() % 9, 'n') + std::to_string(step));
+            const std::string data(lengthOfData(names.back()), 'd');
+            EXPECT_EQ(isKey ? create(key, names.back())->m_status : set(key, names.back(), data), 0u);
+        } else if (choice == 2 && !names.empty()) {
+            const auto victim = names.begin() + static_cast<ptrdiff_t>(random() % names.size());
+            EXPECT_EQ(isKey ? removeKey(key, *victim) : removeValue(key, *victim), 0u);
+            names.erase(victim);
         } else { // mostly steps, up and down, now and then a leap
             at = random() % 8 == 0 ? random() % 200 : at + (random() % 3 == 0 ? size_t(-1) : 1);
             at = std::min(at, std::max(keys.size(), values.size()));
@@ -366,7 +382,7 @@ TEST_F(RegistryTest, ForeignFilesAreRefused)
     SQLite::Database(path, SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE).exec("CREATE TABLE t (x)");
     EXPECT_THROW(WritableStore{path}, std::runtime_error);
     fromOutside("PRAGMA user_version = 99");
-    EXPECT_THROW(WritableStore{m_store}, std::runtime_error);
+    EXPECT_THROW(WritableStore{m_path}, std::runtime_error);
 }
 
 } // namespace

@@ -1,5 +1,5 @@
 // The daemon's store: places in enumerations against what SQLite counts, what is too long for a brief store, damage,
-// upgrade, quotas, and what is cleared away in pieces.
+// backups, upgrade, and what is cleared away in pieces.
 #include <atomic>
 #include <deque>
 #include <filesystem>
@@ -10,11 +10,10 @@
 #include <thread>
 
 #include "daemon/handlers.h"
-#include "daemon/store/maintenance.h"
 #include "obreg/roots.h"
 #include "support/encoded.h"
 #include "support/scale.h"
-#include "support/temporary_folder.h"
+#include "support/with_store.h"
 
 using namespace obregd;
 
@@ -52,43 +51,7 @@ private:
     UINT32 m_at = 0;
 };
 
-class StoreTest : public testing::Test {
-protected:
-    StoreTest() { m_pWriter.emplace(m_path); }
-
-    template <class Work>
-    void commit(Work work)
-    {
-        m_pWriter->begin();
-        work(*m_pWriter);
-        m_pWriter->commit();
-    }
-
-    /// A key of the machine's with values v0, v1, ...; the first one is number 16.
-    KeyId makeKey(int values, const std::string& data = "data", Owner owner = MachineOwner)
-    {
-        KeyId key = 0;
-        commit([&](WritableStore& store) {
-            key = store.addKey(MachineId, "key" + std::to_string(++m_keys), owner);
-            for (int i = 0; i < values; ++i)
-                set(key, "v" + std::to_string(i), data);
-        });
-        return key;
-    }
-
-    void set(KeyId key, const std::string& name, const std::string& data)
-    {
-        m_pWriter->setValue(key, name, 1, data.data(), static_cast<UINT32>(data.size()));
-    }
-
-    void fromOutside(const std::string& sql) { SQLite::Database(m_path, SQLite::OPEN_READWRITE).exec(sql); }
-    void expectSound() { EXPECT_EQ(checkStore(m_path).problems, std::vector<std::string>()); }
-
-    const TemporaryFolder m_folder;
-    const std::string m_path = m_folder / "store";
-    std::optional<WritableStore> m_pWriter;
-    int m_keys = 0;
-};
+using StoreTest = WithStore;
 
 TEST_F(StoreTest, PositionsAreRightInStatesOfEveryAge)
 {
@@ -191,25 +154,38 @@ TEST_F(StoreTest, AKeyOfManyValuesGoesAtOnceAndIsClearedInPieces)
     EXPECT_EQ(m_pWriter->usage(Ann), (Usage{before.keys, before.bytes, before.numbers + 1}));
 }
 
-TEST_F(StoreTest, DamageIsAFailureThatNamesTheKey)
+// What a check, and whoever reads, find of damage.
+TEST_F(StoreTest, EachKindOfDamageIsFound)
 {
     const KeyId key = makeKey(3);
     commit([&](WritableStore& store) { store.addKey(key, "sub", MachineOwner); });
     m_pWriter.reset();
     const std::string sound = m_folder / "sound";
+    const std::string backup = m_folder / "backup";
     std::filesystem::copy(m_path, sound);
     const std::string schema = "PRAGMA writable_schema = 1; UPDATE sqlite_schema SET ";
     const std::string loose = schema + "sql = replace(sql, 'STRICT', '') WHERE name IN ('regkey', 'regvalue')";
     const struct {
         std::string first, then;
-        const char* pNamed;
+        const char* pProblem;           ///< that a check finds; null: none
+        const char* pFailure = nullptr; ///< that a reader meets; null: not asked
     } damages[] = {
+        {"", "UPDATE regkey SET value_count = 9 WHERE id = 16", "key 16 says that it has 9 values, but has 3",
+         "key 16"},
+        {"", "UPDATE regkey SET value_count = -1 WHERE id = 16", "key 16", "key 16"},
+        {loose, "UPDATE regkey SET subkey_count = 'x' WHERE id = 16", "", "key 16"},
+        {loose, "UPDATE regvalue SET data = 'text', type = -1", nullptr, "key 16"},
         {"CREATE TABLE t AS SELECT id FROM regkey",
-         schema + "rootpage = (SELECT rootpage FROM sqlite_schema WHERE name = 't') WHERE name = 'regkey'", ""},
-        {"", "UPDATE regkey SET value_count = 9 WHERE id = 16", "key 16"},
-        {"", "UPDATE regkey SET value_count = -1 WHERE id = 16", "key 16"},
-        {loose, "UPDATE regkey SET subkey_count = 'x' WHERE id = 16", "key 16"},
-        {loose, "UPDATE regvalue SET data = 'text', type = -1", "key 16"},
+         schema + "rootpage = (SELECT rootpage FROM sqlite_schema WHERE name = 't') WHERE name = 'regkey'", "", ""},
+        {"", schema + "rootpage = 2 WHERE name = 'regvalue_name'", ""},
+        {"", "UPDATE regkey SET subkey_count = 9 WHERE id = 2", "key 2 says that it has 9 sub-keys, but has 1"},
+        {"", "UPDATE regkey SET value_data_max = 5 WHERE id = 16",
+         "key 16 says that its longest value has 5 bytes (3 times), but that has 4 (3 times)"},
+        {"", "UPDATE usage SET bytes = bytes + 1", "owner -1 is said to take 2 keys of 2 made and 26 bytes, but takes"},
+        {"", "INSERT INTO leftover VALUES (16, 0)", "key 16 is to be cleared away, but is there"},
+        {"", "UPDATE regkey SET parent = 16 WHERE id = 16", "key 16 hangs on no root"},
+        {"", "UPDATE regvalue SET key = 77 WHERE key = 16", "belongs to key 77, which is not there"},
+        {"", "UPDATE sqlite_sequence SET seq = 16", "key number 17 could be given out twice"},
     };
     const HANDLE handle = reinterpret_cast<HANDLE>(static_cast<uintptr_t>(key));
     const std::string requests[] = {
@@ -221,8 +197,24 @@ TEST_F(StoreTest, DamageIsAFailureThatNamesTheKey)
     for (const auto& damage : damages) {
         SCOPED_TRACE(damage.then);
         std::filesystem::copy(sound, m_path, std::filesystem::copy_options::overwrite_existing);
+        expectSound();
         fromOutside(damage.first);
         fromOutside(damage.then);
+        std::string problems;
+        try {
+            for (const std::string& problem : checkStore(m_path).problems)
+                problems += problem + '\n';
+        } catch (const std::runtime_error& failure) {
+            problems = failure.what(); // too broken to be asked
+        }
+        EXPECT_EQ(problems.empty(), damage.pProblem == nullptr) << problems;
+        if (damage.pProblem != nullptr) {
+            EXPECT_NE(problems.find(damage.pProblem), std::string::npos) << problems;
+            EXPECT_THROW(backUpStore(m_path, backup), std::runtime_error);
+            EXPECT_FALSE(std::filesystem::exists(backup));
+        }
+        if (damage.pFailure == nullptr)
+            continue;
         Store store(m_path);
         int failures = 0;
         for (const std::string& request : requests)
@@ -230,11 +222,37 @@ TEST_F(StoreTest, DamageIsAFailureThatNamesTheKey)
                 findOperation(request)->serve({store, nullptr, {0, 1}}, request);
             } catch (const SQLite::Exception& failure) {
                 EXPECT_EQ(statusOf(failure), OBREG_STATUS_STORE_FAILED);
-                EXPECT_NE(std::string(failure.what()).find(damage.pNamed), std::string::npos) << failure.what();
+                EXPECT_NE(std::string(failure.what()).find(damage.pFailure), std::string::npos) << failure.what();
                 ++failures;
             }
         EXPECT_GT(failures, 0);
     }
+    EXPECT_THROW(checkStore(m_folder / "nothing"), std::runtime_error);
+    EXPECT_FALSE(std::filesystem::exists(m_folder / "nothing")) << "a check makes no store";
+}
+
+TEST_F(StoreTest, ABackupIsOneStateOfAStoreThatIsBeingWritten)
+{
+    makeKey(10);
+    std::atomic<bool> over = false;
+    std::thread writer([&] {
+        while (!over)
+            makeKey(10);
+    });
+    for (int i = 0; i < 10; ++i) {
+        const std::string backup = m_folder / "backup" + std::to_string(i);
+        const StoreReport report = backUpStore(m_path, backup);
+        EXPECT_EQ(report.values, 10 * (report.keys - 3)) << "a transaction was cut in two";
+        const StoreReport again = checkStore(backup);
+        EXPECT_EQ(again.problems, std::vector<std::string>());
+        EXPECT_EQ(again.summary(), report.summary());
+        EXPECT_EQ(std::filesystem::status(backup).permissions(), std::filesystem::perms(0600));
+    }
+    over = true;
+    writer.join();
+    EXPECT_THROW(backUpStore(m_path, m_folder / "backup0"), std::runtime_error) << "there is one already";
+    for (const auto& entry : std::filesystem::directory_iterator(m_folder / ""))
+        EXPECT_EQ(entry.path().extension(), "") << "left over";
 }
 
 TEST_F(StoreTest, AnEarlierFormatIsCopiedAndUpgraded)
@@ -327,41 +345,6 @@ TEST_F(StoreTest, TheJournalTellsEachChangeOnceWithWhatWasThere)
     const int64_t last = reader.last();
     m_pWriter.emplace(m_path);
     EXPECT_EQ(m_pWriter->journal().last(), last) << "numbers go on";
-}
-
-TEST_F(StoreTest, QuotasRefuseGrowthOfAUsersTree)
-{
-    HANDLE tree;
-    m_pWriter->begin();
-    const auto session = [&](uid_t uid) { return Session{*m_pWriter, &*m_pWriter, {uid, 1}}; };
-    ASSERT_EQ(openKey(session(Ann), OpenKeyReqMsg(HKEY_CURRENT_USER, "", 0, 0), tree), 0u);
-    m_pWriter->setQuota({.bytes = 5 + 5 + 100, .keys = 4});
-    const auto make = [&](const char* pPath, uid_t uid) {
-        HANDLE made;
-        UINT32 disposition;
-        return createKey(session(uid), CreateKeyReqMsg(tree, pPath, 0, 0), made, disposition);
-    };
-    const auto set = [&](const char* pName, UINT32 length, uid_t uid) {
-        return setValue(session(uid), SetValueReqMsg(tree, pName, REG_BINARY, std::string(length, 'x').data(), length));
-    };
-    EXPECT_EQ(make("a\\b\\c\\d", Ann), OBREG_STATUS_QUOTA_EXCEEDED);
-    EXPECT_EQ(make("a\\bcde", Ann), 0u);
-    EXPECT_EQ(make("a\\b\\c", Ann), OBREG_STATUS_QUOTA_EXCEEDED);
-    EXPECT_EQ(set("v", 100, Ann), OBREG_STATUS_QUOTA_EXCEEDED);
-    EXPECT_EQ(set("v", 99, Ann), 0u);
-    EXPECT_EQ(set("v", 99, Ann), 0u) << "keeps the size";
-    EXPECT_EQ(set("w", 0, Ann), OBREG_STATUS_QUOTA_EXCEEDED);
-    EXPECT_EQ(set("w", 10, 0), 0u) << "root is not refused";
-    EXPECT_EQ(set("v", 98, Ann), 0u) << "shrinks, though root's value counts";
-    EXPECT_EQ(set("v", 99, Ann), OBREG_STATUS_QUOTA_EXCEEDED);
-    EXPECT_EQ(make("r\\o\\o\\t", 0), 0u);
-    EXPECT_EQ(m_pWriter->usage(Ann), (Usage{7, 5 + 5 + 99 + 11 + 4, 7}));
-    m_pWriter->commit();
-    expectSound();
-
-    // A third of the numbers for one user, the next has a third of the rest.
-    EXPECT_TRUE(leavesNumbers({0, 0, 29}, 1, 61));
-    EXPECT_FALSE(leavesNumbers({0, 0, 30}, 1, 60));
 }
 
 } // namespace

@@ -28,7 +28,7 @@ fi
 expected=(include/obreg/{obreg.h,roots.h,registry.hpp,status.hpp,value.hpp} share/cmake/obreg/obreg-config.cmake)
 if grep -q ELF64 <<<"$class"; then
     expected+=(bin/obreg sbin/obregd lib/systemd/system/obregd.{service,socket} lib/{sysusers,tmpfiles}.d/obregd.conf
-               share/zsh/vendor-completions/_obreg)
+               libexec/obregd-own-files share/zsh/vendor-completions/_obreg)
     # The manual is there, or scdoc was not.
     [ "$(value_of OBREG_SCDOC)" = OBREG_SCDOC-NOTFOUND ] ||
         expected+=(share/man/man{3/OBRegCloseKey.3,7/obreg.7,8/obregd.8})
@@ -85,7 +85,9 @@ cp example.c part
 sed "s|^find_package.*|add_subdirectory($sources libobreg)|" user/CMakeLists.txt >part/CMakeLists.txt
 configure part "${cflags[@]}" || { cat part.log; fail "it cannot be a part of another project"; }
 cmake --build part/out >build.log || { cat build.log; fail "as a part of another project it does not build"; }
-[ -z "$(find part/out -name 'obregd*' -o -name '*_test')" ] || fail "as a part of another project it builds more than the library"
+cmake --install part/out --prefix "$work/part" >build.log
+more=$(find part/out "$work/part" -name 'obregd*' -o -name '*_test' -o -name 'OBReg*.3' -o -path '*/bin/*')
+[ -z "$more" ] || fail "as a part of another project it builds or installs more than the library: $more"
 library=$(find "$PWD/part/out" -name libobreg.so)
 check "$work/app/part/out/c"
 

@@ -39,6 +39,18 @@ for libraries in lib/x86_64-linux-gnu lib32; do
 done
 kill "$daemon"
 wait "$daemon" || fail "the daemon ends with $?"
+
+# It was root's. Its own user is told so, and then gets its files back, but not what they have been replaced by.
+folder=/var/opt/quorlin/ombrel/obregd
+as_itself() { inside timeout 9 setpriv --reuid obregd --regid obregd --clear-groups obregd "$@" 2>&1; }
+! said=$(as_itself --socket /tmp/trial --store "$folder/registry.db") && grep -F "chown -h obregd $folder/registry.db" <<<"$said" ||
+    fail "no remedy is given"
+inside ln /etc/shadow "$folder/registry.db-old"
+inside ln -s /etc/passwd "$folder/registry.db.link"
+inside /usr/libexec/obregd-own-files
+[ "$(inside stat -c %U /etc/shadow /etc/passwd | uniq)" = root ] || fail "the daemon has got what is not its own"
+inside rm "$folder/registry.db-old" "$folder/registry.db.link"
+as_itself --check | grep -F "sound" || fail "its own user cannot use what root's daemon has left"
 # shellcheck disable=SC2086 # a list
 inside dpkg --purge $names >>/mnt/dpkg.log 2>&1 || { cat /mnt/dpkg.log; fail "they cannot be purged"; }
 

@@ -29,33 +29,23 @@ namespace {
 HANDLE const key = reinterpret_cast<HANDLE>(uintptr_t{1});
 
 class Library {
+    void* const m_handle = dlopen(getenv("OBREG_LIBRARY"), RTLD_NOW | RTLD_LOCAL);
+
 public:
-    Library() : m_handle(dlopen(getenv("OBREG_LIBRARY"), RTLD_NOW | RTLD_LOCAL))
-    {
-        if (m_handle == nullptr)
-            throw std::runtime_error(dlerror());
-        find(closeKey, "OBRegCloseKey");
-        find(setValue, "OBRegSetValueExA");
-    }
+    Library() { EXPECT_NE(m_handle, nullptr) << dlerror(); }
     ~Library() { dlclose(m_handle); }
+    Library(const Library&) = delete;
+    Library& operator=(const Library&) = delete;
 
-    template <class Value>
-    Value value(const char* name) const
+    /// A function or a variable that it exports.
+    template <class Symbol>
+    Symbol& symbol(const char* name) const
     {
-        return *static_cast<Value*>(dlsym(m_handle, name));
+        return *reinterpret_cast<Symbol*>(dlsym(m_handle, name));
     }
 
-    decltype(&OBRegCloseKey) closeKey;
-    decltype(&OBRegSetValueExA) setValue;
-
-private:
-    template <class Function>
-    void find(Function& function, const char* name) const
-    {
-        function = reinterpret_cast<Function>(dlsym(m_handle, name));
-    }
-
-    void* const m_handle;
+    decltype(OBRegCloseKey)& closeKey = symbol<decltype(OBRegCloseKey)>("OBRegCloseKey");
+    decltype(OBRegSetValueExA)& setValue = symbol<decltype(OBRegSetValueExA)>("OBRegSetValueExA");
 };
 
 ScriptedDaemon::Script answering()
@@ -92,13 +82,13 @@ TEST(Load, ReadsItsEnvironment)
         {"", 1}, {"12abc", 0x12ABC}, {"xyz", 0}, {"-1", -1}, {"FFFFFFFFFF", INT32_MAX}};
     for (const auto& [setupTime, attempts] : cases) {
         setenv("OMBREL_MAX_REGIPC_SETUP_TIME", setupTime, 1);
-        EXPECT_EQ(Library().value<int>("MaxIpcSetupTime"), attempts) << setupTime;
+        EXPECT_EQ(Library().symbol<int>("MaxIpcSetupTime"), attempts) << setupTime;
     }
     unsetenv("OMBREL_MAX_REGIPC_SETUP_TIME");
-    EXPECT_EQ(Library().value<int>("MaxIpcSetupTime"), 1);
-    EXPECT_FALSE(Library().value<bool>("DoNotBypassRegDaemon"));
+    EXPECT_EQ(Library().symbol<int>("MaxIpcSetupTime"), 1);
+    EXPECT_FALSE(Library().symbol<bool>("DoNotBypassRegDaemon"));
     setenv("OMBREL_DO_NOT_BYPASS_REG_DAEMON", "0", 1);
-    EXPECT_TRUE(Library().value<bool>("DoNotBypassRegDaemon"));
+    EXPECT_TRUE(Library().symbol<bool>("DoNotBypassRegDaemon"));
     unsetenv("OMBREL_DO_NOT_BYPASS_REG_DAEMON");
 }
 
@@ -135,7 +125,7 @@ TEST(Fork, ChildrenAndParentGoOn)
                 call();
         });
     const auto live = [&](bool withChild) {
-        bool good = library.value<int>("ipcInitAttempts") == 0 && call();
+        bool good = library.symbol<int>("ipcInitAttempts") == 0 && call();
         if (withChild) {
             const pid_t grandchild = fork();
             if (grandchild == 0)
@@ -221,12 +211,14 @@ TEST(Cancellation, NeverInsideACall)
 
 TEST(Signals, AreNotForTheReader) // what they do to a caller's transfers: failures/library_failures_test.cpp
 {
-    const ScriptedDaemon daemon(answering());
-    Library library;
-    ASSERT_EQ(library.closeKey(key), 0u);
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr); // for the daemon's threads
+    const ScriptedDaemon daemon(answering());
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+    Library library;
+    ASSERT_EQ(library.closeKey(key), 0u);
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     for (int i = 0; i < 100; ++i) {
         kill(getpid(), SIGUSR1); // ends the process if the reader takes it

@@ -5,7 +5,7 @@ units=$(realpath "$1")
 command -v systemd-analyze >/dev/null || { echo "there is no systemd-analyze"; exit 77; }
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-sed "s|^ExecStart=/usr/sbin/obregd|ExecStart=$2|" "$units/obregd.service" >"$work/obregd.service"
+sed "s|^ExecStart=/usr/sbin/obregd|ExecStart=$2|; s|/usr/libexec|$units|" "$units/obregd.service" >"$work/obregd.service"
 cp "$units/obregd.socket" "$work"
 systemd-analyze verify --man=no "$work/obregd.service" "$work/obregd.socket" 2>&1 | tee "$work/complaints"
 ! grep -F obregd "$work/complaints" || exit 1

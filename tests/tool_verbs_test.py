@@ -8,6 +8,7 @@ import os
 import pty
 import signal
 import subprocess
+import termios
 import time
 import unittest
 
@@ -22,10 +23,11 @@ def run(*words, stdin=b""):
     return done.returncode, done.stdout, done.stderr.decode(errors="replace")
 
 
-def on_terminal(*words, answer=b"", color=True):
+def on_terminal(*words, answer=b"", color=True, columns=0):
     """Exit status and what a terminal shows."""
     terminal, side = pty.openpty()
-    environment = {**os.environ, "TERM": "xterm", **({} if color else {"NO_COLOR": "1"})}
+    termios.tcsetwinsize(side, (24, columns))
+    environment = {**os.environ, "TERM": "xterm", "LC_ALL": "C.UTF-8", **({} if color else {"NO_COLOR": "1"})}
     with subprocess.Popen([TOOL, *words], stdin=side, stdout=side, stderr=side, env=environment) as process:
         os.close(side)
         os.write(terminal, answer)
@@ -82,15 +84,19 @@ class WithDaemon(unittest.TestCase):
             self.expect(0, "get", "HKLM/software/acme", "GET", out=printed.encode())
             self.expect(0, "rm", KEY, "get", out=b"")
             words = [word for one in data for word in ("-d", one)]
-            self.expect(0, "add", KEY, "-v", "@", "-t", kind, *words)
+            self.expect(0, "add", KEY, "-v", "@", "-t", kind, "--force-type", *words)
             self.expect(0, "get", KEY, "--raw", out=stored)
         for data in ["-"], ["-", "-t", "dword"], ["-t", "multi_sz", "--separator", ",", "-"]:
-            self.expect(0, "set", KEY, "x", *data, stdin=b"5\n")
+            self.expect(0, "set", KEY, "x", *data, "--force-type", stdin=b"5\n")
             self.expect(0, "get", KEY, "x", out=b"5\n")
-        self.expect(0, "set", KEY, "x", "--data-file", "-", stdin=b"\0\1\xfe")
-        self.expect(0, "query", KEY, "-v", "x", out=f"value\t{KEY}\tx\tREG_BINARY\t0001fe\n".encode())
-        self.expect(0, "set", KEY, "x", "a:b", "--separator", ":", "--type", "multi_sz")
-        self.expect(0, "query", KEY, "-v", "x", out=f"value\t{KEY}\tx\tREG_MULTI_SZ\ta\\0b\n".encode())
+        self.expect(0, "set", KEY, "x", "a:b", "--separator", ":")
+        for status, words, stored in [  # over a REG_MULTI_SZ: what it is then
+                (0, ["one"], "REG_MULTI_SZ\tone"), (4, ["7", "-t", "dword"], "REG_MULTI_SZ\tone"),
+                (0, ["7", "-t", "dword", "--force-type"], "REG_DWORD\t7"), (0, ["8"], "REG_DWORD\t8"),
+                (2, ["text"], "REG_DWORD\t8"), (2, ["1", "2"], "REG_DWORD\t8"), (2, ["--data-file", "-"], "REG_DWORD\t8"),
+                (0, ["--data-file", "-", "--force-type"], "REG_BINARY\t0001fe")]:
+            self.expect(status, "set", KEY, "x", *words, stdin=b"\0\1\xfe", err="--force-type" if status else None)
+            self.expect(0, "query", KEY, "-v", "x", out=f"value\t{KEY}\tx\t{stored}\n".encode())
 
     def test_exit_statuses(self):
         self.expect(1, "get", KEY, "none", err="NOT_FOUND")
@@ -100,7 +106,15 @@ class WithDaemon(unittest.TestCase):
             status, out, err = run(*words)
             self.assertEqual((status, out, json.loads(err)["exit"]), (2, b"", 2))
         self.expect(4, "set", "HKPD", "x", "y", err="can only be read")
-        for words in (["bogus"], ["get"], ["ls", "Software"], ["query", KEY, "-v", "a", "-s"], ["delete", "HKLM", "-y"],
+        for words, said in [(["qurey"], "did you mean query?"), (["query", "--recursiv"], "did you mean --recursive?"),
+                            (["ls", "HKML"], "did you mean HKLM?"), (["ls", KEY, "b", "--c", "d"], '"b", "--c", "d"'),
+                            (["set", KEY, "", "x"], "unset"), (["rm", KEY, ""], "unset"), (["add", KEY, "-v", ""], "unset")]:
+            self.expect(2, *words, err=said)
+        self.expect(0, "--", "set", KEY, "--", "-x", "--", out=b"")
+        self.expect(0, "get", KEY, "--", "-x", out=b"--\n")
+        self.assertEqual(run("help", "rm"), run("rm", "--help"))
+        self.assertEqual(run("help"), run("--help"))
+        for words in (["get"], ["query", KEY, "-v", "a", "-s"], ["delete", "HKLM", "-y"],
                       ["set", KEY, "x", "1e5", "-t", "dword"], ["set", KEY, "x", "4294967296", "-t", "dword"],
                       ["set", KEY, "x", "abc", "-t", "binary"], ["set", KEY, "x", "y", "-t", "REG_NONSENSE"],
                       ["set", KEY, "x", "--data-file", "-"], ["set", KEY, "x", "--separator", ",", "--data-file", TOOL],
@@ -132,6 +146,9 @@ class WithDaemon(unittest.TestCase):
                     out=f"key\tHKEY_LOCAL_MACHINE\\Software\nkey\t{KEY}\n".encode())
         self.assertEqual(on_terminal("rm", "HKLM/Software", answer=b"y\n")[0], 0)
         self.expect(0, "ls", "HKLM", out=b"")
+        self.import_many(r"HKLM\Many", 11)
+        self.expect(2, "rm", "HKLM/Many", err="11 values")
+        self.expect(0, "rm", "HKLM/Many", "-y")
 
     def test_lists_in_a_pipe_as_json_and_on_a_terminal(self):
         self.expect(0, "add", b"HKLM\\Software\\Acme\\\xff/")
@@ -157,11 +174,19 @@ class WithDaemon(unittest.TestCase):
 
     def test_import_checks_first_and_says_where_it_failed(self):
         header = "REGEDIT4\n[HKLM\\Software\\Acme\\In]\n"
-        self.expect(4, "import", "-", stdin=(header + '"a"="1"\n"b"=oops\n').encode(), err="line 4, column 5")
-        self.expect(0, "import", "--check", "-", stdin=(header + '"a"="1"\n').encode())
+        too_big = "x" * (65 << 20)  # the daemon takes 64 MiB
+        for status, lines, said in [
+                (5, '"b"=oops', "line 4, column 5"), (4, f"[HKLM\\{'n' * 300}]", "line 4: HKEY_LOCAL_MACHINE"),
+                (4, "[HKLM" + "\\k" * 513 + "]", "BAD_NAME"), (4, f'"{"n" * 16384}"="1"', "BAD_NAME"),
+                (4, f'"b"="{too_big}"', "max-payload"), (4, "[-HKPD\\Requests]", "ACCESS_DENIED"),
+                (4, '[HKPD]\n"b"="1"', "line 5: HKEY_PERFORMANCE"), (4, "[HKPD\\New]", "can only be read")]:
+            for word in [[], ["--check"], ["--dry-run"]]:
+                out = run("import", "-", *word, stdin=(header + '"a"="1"\n' + lines).encode())
+                self.assertEqual((out[0], said in out[2], "nothing was written" in out[2]), (status, True, True), out[2][-300:])
+        fits = header + "[HKPD]\n[-HKLM\\None]\n[HKLM" + "\\k" * 512 + "]\n" + f'"{"n" * 16383}"="1"\n'
+        self.expect(0, "import", "--check", "-", stdin=fits.encode(), out=b"")
         self.expect(1, "ls", KEY + r"\In", err="NOT_FOUND")
-        long = header + '"a"="1"\n[HKLM\\' + "n" * 300 + ']\n"b"="2"\n'
-        self.expect(4, "import", "-", stdin=long.encode(), err="line 4: HKEY_LOCAL_MACHINE")
+        self.expect(0, "import", "-", stdin=fits.encode())
         order = header + '"a"="1"\n"a"="2"\n"b"="1"\n"b"=-\n[-HKLM\\Software\\Acme\\In]\n' + header[9:] + \
             "".join(f'"c"="{i}"\n' for i in range(200)) + '[hklm\\software\\acme\\in]\n"C"="end"\n"none"=-\n'
         self.expect(0, "import", "-", stdin=order.encode())
@@ -170,6 +195,32 @@ class WithDaemon(unittest.TestCase):
                     KEY.encode() + b'\\In]\n"c"="end"\n')
         self.expect(2, "export", KEY, FOLDER + "registry.db", err="--yes")
         self.expect(4, "export", KEY, FOLDER + "none/file", err="No such file")
+
+    def test_changes_are_shown_first_and_can_be_taken_back(self):
+        self.expect(0, "set", KEY, "n", "1")
+        self.expect(0, "add", KEY + r"\Sub", "-v", "@", "-d", "a", "b")
+        self.expect(0, "copy", KEY, "HKLM/Other", "-s")
+        before = self.expect(0, "export", "HKLM")
+        changes = "REGEDIT4\n[HKLM\\New\\A]\n\"n\"=\"1\"\n[HKLM\\Other]\n\"N\"=\"2\"\n\"m\"=\"3\"\n\"m\"=-\n" \
+            "[-HKLM\\Other\\Sub]\n[HKLM\\Other\\Sub]\n@=\"x\"\n\"y\"=\"z\"\n[-HKLM\\Software]\n[HKLM\\Software\\Acme]\n\"n\"=\"1\"\n"
+        for words, facts in [
+                (["import", "-"], "+k +k +v ~v +v -v -k +k +v +v -k +k +k +v"), (["rm", KEY, "-y"], "-k"),
+                (["rm", KEY, "n"], "-v"), (["delete", KEY, "--all-values"], "-v"),
+                (["copy", KEY + r"\Sub", KEY], "+v"), (["copy", KEY, "HKLM/New", "-s"], "+k +v +k +v"),
+                (["copy", KEY, "HKLM/Other", "-s"], "")]:
+            shown = self.expect(0, *words, "--dry-run", stdin=changes.encode()).decode().splitlines()
+            short = {"added": "+", "changed": "~", "removed": "-"}
+            kinds = [line.split("\t")[0].split("-") for line in shown]
+            self.assertEqual(" ".join(short[change] + what[0] for change, what in kinds), facts, words)
+            self.assertEqual(self.expect(0, "export", "HKLM"), before, words)
+            self.expect(0, *words, "--backup", FOLDER + "undo", "--force", stdin=changes.encode())
+            self.assertEqual(self.expect(0, "export", "HKLM") != before, facts != "", words)
+            self.expect(0, "import", FOLDER + "undo")
+            self.assertEqual(self.expect(0, "export", "HKLM"), before, words)
+        self.expect(4, "rm", KEY, "-y", "--backup", FOLDER + "undo", err="--force")
+        self.expect(4, "set", "HKPD", "x", "y", "--dry-run", err="can only be read")
+        self.expect(1, "rm", KEY, "none", "--dry-run", err="NOT_FOUND")
+        self.assertEqual(self.expect(0, "export", "HKLM"), before)
 
     def test_export_keeps_what_a_file_is(self):
         with open(FOLDER + "private", "wb"):
@@ -228,8 +279,50 @@ class WithDaemon(unittest.TestCase):
             self.assertEqual(rest, ["added-key", "added-value"])
         self.assertEqual(watch.returncode, 0)
         self.expect(1, "compare", KEY, "HKLM/Twin", "-s", out=(
-            f"changed-value\t{KEY}\tn\tREG_SZ\t1\tREG_SZ\t2\nadded-key\tHKEY_LOCAL_MACHINE\\Twin\\More\n"
-            f"removed-key\t{KEY}\\Sub\n").encode())
+            f"value-differs\t{KEY}\tn\tREG_SZ\t1\tREG_SZ\t2\nkey-missing-left\tHKEY_LOCAL_MACHINE\\Twin\\More\n"
+            f"key-missing-right\t{KEY}\\Sub\n").encode())
+        self.expect(0, "set", KEY, "only here", "1")
+        patch = run("compare", KEY, "HKLM/Twin", "-s", "--reg")[1]
+        self.expect(0, "import", "-", stdin=patch)
+        self.expect(0, "compare", KEY, "HKLM/Twin", "-s", out=b"")
+        self.expect(4, "compare", KEY, "HKLM/None", err="NOT_FOUND")
+
+    def test_find_looks_at_names_and_data(self):
+        for key, name, *data in [("a", "n", "1421", "-t", "dword"), ("a", "B", "00ff12", "-t", "binary"),
+                                 ("a", "T", "GRÜN"), ("grün/x", "list", "y", "grüner z")]:
+            self.expect(0, "set", f"HKLM/Find/{key}", name, *data)
+        for words, found in [(["grün"], ["T", "grün", "list"]), (["grün", "--names"], ["grün"]), (["42"], ["n"]),
+                             (["f1"], []), (["FF12", "--data"], ["B"]), (["^grün.?$", "--regex"], ["T", "grün"]),
+                             (["", "-t", "dword"], ["n"]), (["z", "--depth", "1"], [])]:
+            status, out, _ = run("find", "HKLM/Find", *words)
+            names = [line.split("\t")[2] if line.startswith("value") else line.rpartition("\\")[2]
+                     for line in out.decode().splitlines()]
+            self.assertEqual((status, names), (0 if found else 1, found), words)
+
+    def test_move_and_rename_leave_nothing_behind(self):
+        self.import_many(KEY + r"\Deep\er", 300)
+        for i in "zya":
+            self.expect(0, "set", KEY, i, i)
+        before = run("export", KEY)[1]
+        self.expect(4, "move", KEY, "HKLM/Software", err="already")
+        for words in ["rename", KEY, "ACME"], ["move", KEY, KEY + r"\Deep"], ["rename", KEY, "a\\b"], ["move", "HKLM", "HKU/x"]:
+            self.expect(2, *words, err="")
+        self.expect(0, "move", KEY, "HKLM/New/Place")
+        self.expect(0, "rename", "HKLM/New/Place", "Acme")
+        self.expect(0, "rename", "HKLM/New/Acme", "-v", "z", "q")
+        self.expect(1, "get", "HKLM/New/Acme", "q", "z", "a", out=b"z\na\n", err='"z"')
+        self.expect(0, "rename", "HKLM/New/Acme", "-v", "q", "z")
+        self.expect(0, "move", "HKLM/New/Acme", KEY)
+        self.assertEqual(run("export", KEY)[1], before)
+        self.expect(0, "tree", "HKLM/New", out=b"key\tHKEY_LOCAL_MACHINE\\New\n")
+
+    def test_lines_fit_the_terminal(self):
+        self.expect(0, "set", KEY, "long", "é漢" * 60)
+        self.expect(0, "set", KEY, "r", "00", "-t", "REG_RESOURCE_REQUIREMENTS_LIST")
+        for words, width in (["ls", KEY], 60), (["ls", KEY, "--wide"], 60 + 158):
+            shown = on_terminal(*words, color=False, columns=60)[1].splitlines()
+            self.assertEqual(len(shown[0]) + shown[0].count("漢"), width)
+            self.assertEqual(shown[0].index("é"), shown[1].index("00"))
 
     def test_a_reader_that_leaves_ends_it_quietly(self):
         self.import_many(r"HKLM\Many", 3000, "x" * 200)
@@ -237,15 +330,27 @@ class WithDaemon(unittest.TestCase):
             done = subprocess.run(["bash", "-c", '"$0" "$1" HKLM/Many | head -n 1', TOOL, verb],
                                   capture_output=True, timeout=60, check=False)
             self.assertEqual((done.stdout.count(b"\n"), done.stderr), (1, b""))
-        full = subprocess.run(f"'{TOOL}' query HKLM/Many > /dev/full", shell=True, capture_output=True, check=False)
-        self.assertEqual((full.returncode, b"No space" in full.stderr), (4, True))
+
+    def test_what_cannot_be_written_is_an_error(self):
+        self.tearDown()
+        self.daemon = subprocess.Popen(["sh", "-c", 'sleep 0.3; exec "$OBREGD" <&- >&- 2>&-'], stderr=subprocess.PIPE)
+        self.expect(3, "get", KEY, err="run this again")  # the daemon was not there yet
+        self.assertEqual([os.readlink(f"/proc/{self.daemon.pid}/fd/{fd}") for fd in range(3)], ["/dev/null"] * 3)
+        self.expect(0, "set", KEY, "v", "x" * 100)
+        for verb in f"get '{KEY}' v --raw", "--help", "--version", "__complete ge":
+            for streams, fails in [("<&-", False), ("<&- 2>&-", False), ("2>&-", False), (">/dev/full", True), (">&-", True),
+                                   ("<&- >&-", True), ("2>&- >&-", True), ("<&- >&- 2>&-", True)]:
+                done = subprocess.run(f"'{TOOL}' {verb} {streams}", shell=True, capture_output=True, check=False)
+                self.assertEqual(done.returncode, 4 if fails else 0, (verb, streams))
+                self.assertEqual(b"standard output: " in done.stderr, fails and "2>" not in streams, (verb, streams))
+                self.assertEqual(bool(done.stdout), not fails, (verb, streams))
 
     def test_completions_come_from_the_registry(self):
         self.expect(0, "set", KEY, "Some name", "1")
         for words, expected in [(["que"], "query"), (["ls", "hkl"], "HKLM/"), (["ls", "HKLM/so"], "HKLM/Software/"),
                                 (["ls", "HKLM\\Software\\"], "HKLM\\Software\\Acme\\"), (["get", KEY, "so"], "Some name"),
                                 (["query", KEY, "-v", ""], "Some name"), (["--json", "ls", "HKLM/so"], "HKLM/Software/"),
-                                (["--timeout", "3", "--color", "al"], "always"), (["set", "-t", "reg_q"], "REG_QWORD\nREG_QWORD_LITTLE_ENDIAN"), (["set", "--ty"], "--type"), (["import", ""], "")]:
+                                (["--timeout", "3", "--color", "al"], "always"), (["set", "-t", "reg_q"], "REG_QWORD\nREG_QWORD_LITTLE_ENDIAN"), (["set", "--ty"], "--type"), (["import", ""], ""), (["help", "se"], "set")]:
             self.expect(0, "__complete", *words, out=(expected + "\n").encode() if expected else b"")
         self.expect(0, "add", "HKLM/Software/With space")
         script = os.path.join(os.path.dirname(__file__), "../packaging/completions/obreg.bash")

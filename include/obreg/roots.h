@@ -70,6 +70,11 @@
 #define KEY_WRITE 0x20006u
 #define KEY_ALL_ACCESS 0xF003Fu
 
+/* The longest names, in bytes, and how many keys a path may name. Longer ones are OBREG_STATUS_BAD_NAME. */
+#define OBREG_MAX_KEY_NAME 255u
+#define OBREG_MAX_VALUE_NAME 16383u
+#define OBREG_MAX_PATH_KEYS 512u
+
 /* What a create did. */
 #define REG_CREATED_NEW_KEY 1u
 #define REG_OPENED_EXISTING_KEY 2u

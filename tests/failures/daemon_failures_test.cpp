@@ -19,15 +19,20 @@
 
 #include "daemon/files.h"
 #include "daemon/serve/server.h"
+#include "daemon/serve/storeguard.h"
+#include "daemon/store/diskspace.h"
 #include "daemon/store/maintenance.h"
+#include "daemon/store/quickcheck.h"
 #include "failures/sweep.h"
 #include "support/raw_client.h"
 #include "support/scale.h"
+#include "support/temporary_folder.h"
 
 using failnth::Attempt;
 using failnth::Call;
 using failnth::Effect;
 using failnth::FromThereOn;
+using failnth::Victims;
 
 // The store's calls: what SQLite, a shared library, calls is taken from the program first.
 #define STORE_CALL(kind, type, name, parameters, number, ...)                                                          \
@@ -70,7 +75,7 @@ void takeOverMemory()
     sqlite3_config(SQLITE_CONFIG_MALLOC, &methods);
 }
 
-constexpr auto Others = failnth::Victims::OtherThreads; // the daemon's
+constexpr auto Others = Victims::OtherThreads; // the daemon's
 
 // Harmless: the client notices nothing.
 const failnth::Failure failures[] = {
@@ -96,7 +101,8 @@ const failnth::Failure failures[] = {
 constexpr char Name[] = "a name that needs a block of its own";
 constexpr char Doomed[] = "another name that needs a block of its own";
 
-const std::string Data(20000, 'd'); // more than a page of the store
+constexpr char Folder[] = "/var/opt/quorlin/ombrel/obregd"; // in memory
+const std::string Data(20000, 'd');                         // more than a page of the store
 
 const struct Request {
     const char* pName;
@@ -117,61 +123,60 @@ const struct Request {
 /// How long a lasting failure lasts when the client hears nothing meanwhile.
 constexpr int LastingMilliseconds = 5;
 
-enum class Outcome { Answered, Refused, ErrorPacket, ConnectionEnded };
-
 class DaemonFailures : public testing::Test {
 protected:
     DaemonFailures()
     {
-        takeOverMemory(); // before the store's first use
-        // Thousands of lines that are meant to be there.
-        m_made = std::freopen("/dev/null", "w", stderr) != nullptr && mkdtemp(m_folder.data()) != nullptr;
+        takeOverMemory();                                      // before the store's first use
+        EXPECT_NE(freopen("/dev/null", "w", stderr), nullptr); // thousands of lines that are meant to be there
     }
-    ~DaemonFailures() override { std::filesystem::remove_all(m_folder); }
 
     using RawClientPtr = std::unique_ptr<RawClient>;
-    RawClientPtr connect() const { return std::make_unique<RawClient>(m_folder + "/socket"); }
+    RawClientPtr connect() const { return std::make_unique<RawClient>(m_folder / "socket"); }
 
     /// The daemon, all but its main function.
     struct Daemon {
-        explicit Daemon(const std::string& folder)
-            : lock(folder + "/store", "--store"), writer(folder + "/store"), store(folder + "/store"),
-              socket(folder + "/socket"), server(socket.releaseDescriptor(), store, writer, obregd::Limits())
+        explicit Daemon(const TemporaryFolder& folder)
+            : lock(folder / "store", "--store"), space(folder / "store"), writer(folder / "store"),
+              store(folder / "store"), identity(folder / "store"), socket(folder / "socket"), check(folder / "store"),
+              guard(writer, identity, space, check),
+              server(socket.releaseDescriptor(), store, writer, obregd::Limits(), &guard)
         {}
         obregd::Lock lock;
+        obregd::DiskSpace space;
         obregd::WritableStore writer;
         obregd::Store store;
+        obregd::StoreIdentity identity;
         obregd::ListeningSocket socket;
+        obregd::QuickCheck check;
+        obregd::StoreGuard guard;
         obregd::Server server;
     };
 
-    Outcome send(RawClient& client, const std::string& text, bool lasting) const;
+    std::optional<REGSTATUS> send(RawClient& client, const std::string& text, const Attempt& attempt) const;
     bool run(const Request& request, const Attempt& attempt);
 
-    std::string m_folder = "/var/opt/quorlin/ombrel/obregd/XXXXXX";
-    bool m_made = false;
+    const TemporaryFolder m_folder{Folder};
     RawClientPtr m_pIdle;
     HANDLE m_key = nullptr;
     int m_round = 0;
 };
 
-/// Sends a request and tells what came of it. A lasting failure ends when nothing comes of it for a while.
-Outcome DaemonFailures::send(RawClient& client, const std::string& text, bool lasting) const
+/// Sends a request and gives its reply's status; none for an error packet or the connection's end. A lasting failure
+/// ends when nothing comes of it for a while.
+std::optional<REGSTATUS> DaemonFailures::send(RawClient& client, const std::string& text, const Attempt& attempt) const
 {
     try {
         client.send(packet(1, text));
-        if (lasting && !client.hasMore(LastingMilliseconds))
+        if (attempt.lasting && !client.hasMore(LastingMilliseconds))
             failnth::disarm();
         const auto reply = client.receive();
-        if (!reply.second)
-            return Outcome::ErrorPacket;
-        const auto status = static_cast<REGSTATUS>(std::stoul(reply.second->substr(8, 8), nullptr, 16));
-        EXPECT_TRUE(status == 0 || status == OBREG_STATUS_STORE_FULL || status == OBREG_STATUS_STORE_FAILED)
-            << std::hex << status;
-        return status == 0 ? Outcome::Answered : Outcome::Refused;
+        EXPECT_TRUE(reply.second || attempt.failure.call == Call::Allocation) << "an error packet";
+        if (reply.second)
+            return static_cast<REGSTATUS>(std::stoul(reply.second->substr(8, 8), nullptr, 16));
     } catch (const std::runtime_error&) {
-        return Outcome::ConnectionEnded;
     }
+    return std::nullopt;
 }
 
 /// One request with one failure planned. Returns whether the failure took place.
@@ -182,7 +187,7 @@ bool DaemonFailures::run(const Request& request, const Attempt& attempt)
     EXPECT_EQ(pOther->set(m_key, "changing", before), 0u);
     pOther->call<DeleteKeyRespMsg>(DeleteKeyReqMsg(m_key, "a\\key\\that is not there"));
     EXPECT_EQ(pOther->set(m_key, Doomed, "x"), 0u);
-    EXPECT_EQ(pOther->call<CreateKeyRespMsg>(CreateKeyReqMsg(m_key, Doomed, 0, 0))->m_status, 0u);
+    EXPECT_NE(pOther->create(Doomed, m_key), nullptr);
     RawClientPtr pClient = attempt.connected ? connect() : nullptr;
     if (attempt.connected) // the daemon has accepted it
         pClient->call<CloseKeyRespMsg>(CloseKeyReqMsg(m_key));
@@ -190,19 +195,17 @@ bool DaemonFailures::run(const Request& request, const Attempt& attempt)
     attempt.arm();
     if (!attempt.connected)
         pClient = connect();
-    const Outcome outcome = send(*pClient, request.text(m_key), attempt.lasting);
+    const std::optional<REGSTATUS> status = send(*pClient, request.text(m_key), attempt);
     const bool reached = attempt.disarm();
 
-    EXPECT_TRUE(outcome == Outcome::Answered || (reached && attempt.mayFail())) << "outcome " << int(outcome);
-    if (outcome == Outcome::ErrorPacket) {
-        EXPECT_EQ(attempt.failure.call, Call::Allocation);
-    }
+    EXPECT_TRUE(status == 0u || (reached && attempt.mayFail()));
     pOther = connect(); // what the daemon did last for the old one may have met the failure
     const std::string now = pOther->query(m_key, "changing");
-    if (std::strcmp(request.pName, "set") == 0 && outcome == Outcome::Answered) {
-        EXPECT_EQ(now, Data) << "an answered write";
-    } else if (outcome != Outcome::ConnectionEnded && outcome != Outcome::ErrorPacket) {
-        EXPECT_EQ(now, before) << "a refused write";
+    if (status) {
+        EXPECT_TRUE(*status == 0 || *status == OBREG_STATUS_STORE_FULL || *status == OBREG_STATUS_STORE_FAILED)
+            << std::hex << *status;
+        const bool isSet = *status == 0 && std::strcmp(request.pName, "set") == 0;
+        EXPECT_EQ(now, isSet ? Data : before) << "of a write, as it was answered";
     }
     return reached;
 }
@@ -210,18 +213,11 @@ bool DaemonFailures::run(const Request& request, const Attempt& attempt)
 TEST_F(DaemonFailures, AtEveryPoint)
 {
     Daemon daemon(m_folder);
-    std::string ended;
-    std::thread thread([&] {
-        try {
-            daemon.server.run();
-        } catch (const std::exception& failure) {
-            ended = failure.what();
-        }
-    });
+    std::thread thread([&] { EXPECT_NO_THROW(daemon.server.run()); });
     m_pIdle = connect();
     m_key = m_pIdle->create("K");
     m_pIdle->set(m_key, Name, "data");
-    m_pIdle->call<CreateKeyRespMsg>(CreateKeyReqMsg(m_key, Name, 0, 0));
+    m_pIdle->create(Name, m_key);
     unsigned points = 0;
     for (const failnth::Failure& failure : failures) {
         const bool anyRequestWillDo = failure.call == Call::Accept || failure.call == Call::SocketOption;
@@ -238,40 +234,39 @@ TEST_F(DaemonFailures, AtEveryPoint)
     std::printf("FIGURE daemon: %zu kinds of failure, at %u points of the ten requests\n", std::size(failures), points);
     kill(getpid(), SIGTERM);
     thread.join();
-    EXPECT_EQ(ended, "");
-    const obregd::StoreReport report = obregd::checkStore(m_folder + "/store");
-    EXPECT_TRUE(report.problems.empty());
+    EXPECT_TRUE(obregd::checkStore(m_folder / "store").problems.empty());
 }
 
 // A start that fails says so and spoils nothing for the next one.
 TEST_F(DaemonFailures, WhileItStarts)
 {
-    const unsigned stride = static_cast<unsigned>(scaled(10)); // a start allocates thousands of times
+    const auto stride = static_cast<unsigned>(scaled(10)); // a start allocates thousands of times
+    const failnth::Failure starting[] = {
+        {"an allocation", Call::Allocation, ENOMEM, Victims::ThisThread, Effect::MayFail, FromThereOn, stride},
+        {"the store's disk full", Call::StoreWrite, ENOSPC, Victims::ThisThread, Effect::MayFail, FromThereOn, stride},
+        {"a write of the store", Call::StoreWrite, EIO, Victims::ThisThread, Effect::MayFail, FromThereOn, stride},
+        {"a read of the store", Call::StoreRead, EIO, Victims::ThisThread, Effect::MayFail, FromThereOn, stride},
+        {"socket", Call::Socket, EMFILE, Victims::ThisThread, Effect::MayFail},
+        {"fcntl", Call::Fcntl, EMFILE, Victims::ThisThread, Effect::MayFail},
+        {"watching a descriptor", Call::Poll, ENOMEM, Victims::ThisThread, Effect::MayFail},
+    };
+    const auto start = [](const Request&, const Attempt& attempt) {
+        if (attempt.connected)
+            return false;
+        const TemporaryFolder folder(Folder);
+        attempt.arm();
+        try {
+            const Daemon daemon(folder);
+        } catch (const std::exception&) { // how it says so
+        }
+        const bool reached = attempt.disarm();
+        EXPECT_NO_THROW(Daemon again(folder));
+        EXPECT_TRUE(obregd::checkStore(folder / "store").problems.empty());
+        return reached;
+    };
     unsigned points = 0;
-    for (const auto& [call, how] : {std::pair(Call::Allocation, ENOMEM),
-                                    {Call::StoreWrite, ENOSPC},
-                                    {Call::StoreWrite, EIO},
-                                    {Call::StoreRead, EIO},
-                                    {Call::Socket, EMFILE},
-                                    {Call::Fcntl, EMFILE},
-                                    {Call::Poll, ENOMEM}})
-        for (const unsigned times : {1u, FromThereOn})
-            for (unsigned first = 1;; first += 1 + first / stride, ++points) {
-                const std::string folder = m_folder + "/" + std::to_string(points);
-                std::filesystem::create_directory(folder);
-                failnth::arm({call, how, failnth::Victims::ThisThread, first, times});
-                try {
-                    const Daemon daemon(folder);
-                } catch (const std::exception&) { // how it says so
-                }
-                const bool reached = failnth::disarm() >= first;
-                EXPECT_NO_THROW(Daemon again(folder)) << int(call) << ", " << first;
-                EXPECT_TRUE(obregd::checkStore(folder + "/store").problems.empty());
-                ASSERT_LT(first, 20000u) << "no end";
-                std::filesystem::remove_all(folder);
-                if (!reached)
-                    break;
-            }
+    for (const failnth::Failure& failure : starting)
+        points += failnth::sweep(failure, std::span(requests, 1), start);
     std::printf("FIGURE daemon: failures at %u points of its start\n", points);
 }
 

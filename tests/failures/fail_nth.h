@@ -54,9 +54,6 @@ int next(Call call);
 /// Blocks from operator new that have not been given back, in the whole program.
 long liveBlocks();
 
-/// What this thread last gave to syslog, which is taken over as well: the real one allocates.
-const char* lastLogLine();
-
 } // namespace failnth
 
 #endif

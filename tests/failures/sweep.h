@@ -22,7 +22,8 @@ struct Failure {
     int how;
     Victims victims;
     Effect effect;
-    unsigned lasts = FromThereOn; ///< calls in a row, when it lasts
+    unsigned lasts = FromThereOn;  ///< calls in a row, when it lasts
+    unsigned stride = FromThereOn; ///< goes on with every call up to this one, then leaves out more and more
 };
 
 /// One of the runs of a sweep.
@@ -54,9 +55,10 @@ unsigned sweep(const Failure& failure, const Operations& operations, Run run)
     for (const auto& operation : operations)
         for (const bool connected : {true, false})
             for (const bool lasting : {false, true})
-                for (Attempt attempt{failure, connected, lasting, 1};; ++attempt.first, ++points) {
+                for (Attempt attempt{failure, connected, lasting, 1};;
+                     attempt.first += 1 + attempt.first / failure.stride, ++points) {
                     const bool reached = run(operation, attempt);
-                    EXPECT_LT(attempt.first, 2000u) << "no end";
+                    EXPECT_LT(attempt.first, 20000u) << "no end";
                     if (testing::Test::HasFailure()) {
                         ADD_FAILURE() << operation.pName << (connected ? ", connected" : ", not connected")
                                       << (lasting ? ", from number " : ", number ") << attempt.first;

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 #include <optional>
 #include <string>
 
@@ -16,16 +17,11 @@ namespace {
 
 std::optional<File> fileOf(int fd)
 {
-    char path[500];
-    const std::string link = "/proc/self/fd/" + std::to_string(fd);
-    const ssize_t length = readlink(link.c_str(), path, sizeof path);
-    const std::string name(path, length > 0 ? static_cast<size_t>(length) : 0);
-    const auto endsIn = [&](const std::string& end) {
-        return name.size() >= end.size() && name.compare(name.size() - end.size(), end.size(), end) == 0;
-    };
-    if (endsIn(".db"))
+    std::error_code error;
+    const auto end = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd), error).extension();
+    if (end == ".db")
         return File::Store;
-    return endsIn(".db-wal") ? std::optional(File::Log) : std::nullopt;
+    return end == ".db-wal" ? std::optional(File::Log) : std::nullopt;
 }
 
 void note(Kind kind, int fd, int64_t offset, const void* bytes, size_t length)

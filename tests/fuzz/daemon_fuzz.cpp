@@ -1,13 +1,10 @@
 // The daemon's way from a stream of packets to its replies, on a real store that each input finds the same: every reply
 // begins as a reply does, and requests stay as they are.
-#include <cerrno>
-#include <optional>
-#include <unistd.h>
-
 #include "common/channelproto.h"
 #include "daemon/operations.h"
 #include "fuzz/fuzz.h"
 #include "obreg/roots.h"
+#include "support/temporary_folder.h"
 
 using namespace obregd;
 
@@ -19,23 +16,14 @@ const Peer Root{0, 1};
 struct Registry {
     Registry()
     {
-        if (mkdtemp(folder) == nullptr)
-            fuzz::broken("a temporary folder", folder, errno);
-        pStore.emplace(std::string(folder) + "/store");
-        pStore->begin();
-        const KeyId key = pStore->addKey(MachineId, "Key", MachineOwner);
-        pStore->addKey(key, "Sub", MachineOwner);
-        pStore->setValue(key, "value", REG_SZ, "data", 4);
-        pStore->commit();
+        store.begin();
+        const KeyId key = store.addKey(MachineId, "Key", MachineOwner);
+        store.addKey(key, "Sub", MachineOwner);
+        store.setValue(key, "value", REG_SZ, "data", 4);
+        store.commit();
     }
-    ~Registry()
-    {
-        pStore.reset();
-        for (const char* pFile : {"/store", "/store-wal", "/store-shm", ""})
-            std::remove((std::string(folder) + pFile).c_str());
-    }
-    char folder[32] = "/tmp/obreg-fuzz-XXXXXX";
-    std::optional<WritableStore> pStore;
+    const TemporaryFolder folder;
+    WritableStore store{folder / "store"};
 };
 
 std::string_view encoded(const Reply& reply) { return {reply.pText.get(), static_cast<size_t>(reply.length)}; }
@@ -60,7 +48,7 @@ void serve(WritableStore& store, const Peer& peer, std::string_view payload)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t size)
 {
     static Registry registry;
-    WritableStore& store = *registry.pStore;
+    WritableStore& store = registry.store;
     std::string_view stream(reinterpret_cast<const char*>(pData), size);
     store.begin();
     for (bool odd = true; stream.size() >= static_cast<size_t>(PktHdrLength); odd = !odd) {

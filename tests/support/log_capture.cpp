@@ -1,5 +1,6 @@
 #include "support/log_capture.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
@@ -12,12 +13,8 @@
 namespace {
 
 std::mutex mutex;
-std::vector<std::string>& lines()
-{
-    static auto* const pLines =
-        new std::vector<std::string>; // never destroyed: the library logs while the process exits
-    return *pLines;
-}
+// Never destroyed: the library logs while the process exits.
+std::vector<std::string>& lines = *new std::vector<std::string>;
 
 } // namespace
 
@@ -29,22 +26,20 @@ extern "C" void syslog(int priority, const char* format, ...) // NOLINT
     vsnprintf(text, sizeof(text), format, args);
     va_end(args);
     const std::lock_guard<std::mutex> lock(mutex);
-    lines().push_back(std::to_string(priority) + " " + text);
+    lines.push_back(std::to_string(priority) + " " + text);
 }
 
 std::vector<std::string> logcapture::take()
 {
     const std::lock_guard<std::mutex> lock(mutex);
-    return std::exchange(lines(), {});
+    return std::exchange(lines, {});
 }
 
 bool logcapture::contains(const std::string& text)
 {
     const std::lock_guard<std::mutex> lock(mutex);
-    for (const std::string& line : lines())
-        if (line.find(text) != std::string::npos)
-            return true;
-    return false;
+    return std::any_of(lines.begin(), lines.end(),
+                       [&](const std::string& line) { return line.find(text) != std::string::npos; });
 }
 
 void logcapture::setDebugLevel(int level) { __atomic_store_n(&CDebugLevel, level, __ATOMIC_RELAXED); }

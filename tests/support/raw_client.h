@@ -2,17 +2,13 @@
 #ifndef OBREG_TESTS_RAW_CLIENT_H
 #define OBREG_TESTS_RAW_CLIENT_H
 
-#include <cerrno>
-#include <cstring>
 #include <memory>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <utility>
 
 #include <gtest/gtest.h>
 #include <sys/time.h>
-#include <unistd.h>
 
 #include "common/msgproto.h"
 #include "obreg/roots.h"
@@ -30,61 +26,46 @@ inline std::string setText(HANDLE key, const std::string& name, const std::strin
 }
 
 /// Its calls throw std::runtime_error when the daemon has ended the connection.
-class RawClient {
+class RawClient : private PacketSocket {
 public:
-    explicit RawClient(const std::string& path) : m_fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    explicit RawClient(const std::string& path) : PacketSocket(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
     {
         const sockaddr_un address = addressOf(path);
-        if (connect(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-            const int error = errno;
-            close(m_fd);
-            throw std::runtime_error("cannot connect: " + std::string(std::strerror(error)));
-        }
+        if (connect(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+            throw std::runtime_error("cannot connect: " + std::string(std::strerror(errno)));
         const timeval patience{10, 0};
         setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     }
-    ~RawClient() { close(m_fd); }
-    RawClient(const RawClient&) = delete;
-    RawClient& operator=(const RawClient&) = delete;
+
+    using PacketSocket::hasMore;
+    void endSending() const { shutdown(m_fd, SHUT_WR); }
 
     void send(const std::string& bytes) const
     {
-        if (!sendAll(m_fd, bytes))
+        if (!PacketSocket::send(bytes))
             throw std::runtime_error("the connection ended in a send");
     }
 
-    bool hasMore(int milliseconds) const { return ::hasMore(m_fd, milliseconds); }
-    void endSending() const { shutdown(m_fd, SHUT_WR); }
-
     /// The next packet's id and payload; no payload for an error packet.
-    std::pair<uint32_t, std::optional<std::string>> receive()
+    std::pair<uint32_t, std::optional<std::string>> receive() const
     {
-        const std::string header = receiveBytes(PktHdrLength);
-        uint32_t reqId = 0;
-        int length = 0;
-        EXPECT_TRUE(ChannelProto::getReqIdAndPayloadLength(header.data(), PktHdrLength, &reqId, &length));
-        if (ChannelProto::getPktType(header.front()) == ChannelProto::ReqErrorCarrierPacketType)
-            return {reqId, std::nullopt};
-        return {reqId, receiveBytes(static_cast<size_t>(length))};
+        Packet packet;
+        if (!PacketSocket::receive(packet))
+            throw std::runtime_error("the connection ended in a receive");
+        return {packet.id, packet.isError ? std::nullopt : std::optional(packet.payload)};
     }
 
     template <class Response, class Request>
     std::unique_ptr<Response> call(const Request& request)
     {
         send(packet(7, encoded(request)));
-        return decode<Response>(receive());
-    }
-
-    template <class Response>
-    static std::unique_ptr<Response> decode(const std::pair<uint32_t, std::optional<std::string>>& reply)
-    {
-        const std::string& text = reply.second.value();
+        const std::string text = receive().second.value();
         return std::unique_ptr<Response>(Response::deserialize(text.data(), static_cast<int>(text.size())));
     }
 
-    HANDLE create(const char* pPath)
+    HANDLE create(const char* pPath, HANDLE parent = HKEY_LOCAL_MACHINE)
     {
-        return call<CreateKeyRespMsg>(CreateKeyReqMsg(HKEY_LOCAL_MACHINE, pPath, 0, 0))->m_keyHandle;
+        return call<CreateKeyRespMsg>(CreateKeyReqMsg(parent, pPath, 0, 0))->m_keyHandle;
     }
     REGSTATUS set(HANDLE key, const std::string& name, const std::string& data)
     {
@@ -95,17 +76,6 @@ public:
         const auto value = call<QueryValueRespMsg>(QueryValueReqMsg(key, name.c_str()));
         return value->m_status == 0 ? std::string(value->m_pValueData, value->m_valueDataLen) : "(none)";
     }
-
-private:
-    std::string receiveBytes(size_t length) const
-    {
-        std::string bytes(length, '\0');
-        if (!receiveAll(m_fd, bytes))
-            throw std::runtime_error("the connection ended in a receive");
-        return bytes;
-    }
-
-    int m_fd;
 };
 
 #endif

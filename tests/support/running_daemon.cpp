@@ -15,21 +15,6 @@
 
 extern char** environ;
 
-namespace {
-
-constexpr char FixedStorePath[] = "/var/opt/quorlin/ombrel/obregd/registry.db";
-
-} // namespace
-
-pid_t startInShell(const std::string& command)
-{
-    const char* const arguments[] = {"sh", "-c", command.c_str(), nullptr};
-    pid_t pid = -1;
-    if (posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(arguments), environ) != 0)
-        throw std::runtime_error("there is no shell");
-    return pid;
-}
-
 RunningDaemon::RunningDaemon(std::string socketPath, std::string storePath, std::vector<std::string> moreOptions)
     : m_socketPath(std::move(socketPath)), m_storePath(std::move(storePath)), m_logPath(m_socketPath + ".stderr"),
       m_moreOptions(std::move(moreOptions))
@@ -46,7 +31,9 @@ void RunningDaemon::start(const std::string& before)
     for (const std::string& option : m_moreOptions)
         command += ' ' + option;
     std::filesystem::remove(m_logPath); // it would say that the daemon before is listening
-    m_pid = startInShell(command);
+    const char* const arguments[] = {"sh", "-c", command.c_str(), nullptr};
+    if (posix_spawn(&m_pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(arguments), environ) != 0)
+        throw std::runtime_error("there is no shell");
 
     bool listens = false;
     eventually([&] {
@@ -82,8 +69,8 @@ bool RunningDaemon::logs(const std::string& text) const
     return eventually([&] { return log().find(text) != std::string::npos; });
 }
 
-FreshDaemon::FreshDaemon() : RunningDaemon(FixedSocketPath, FixedStorePath)
+FreshDaemon::FreshDaemon() : RunningDaemon(FixedSocketPath, "/var/opt/quorlin/ombrel/obregd/registry.db")
 {
-    std::filesystem::remove(FixedStorePath);
+    std::filesystem::remove(m_storePath);
     start();
 }

@@ -9,8 +9,9 @@
 #include <sys/types.h>
 #include <vector>
 
-/// Starts a command; one that begins with `exec "$OBREGD"` becomes the daemon itself.
-pid_t startInShell(const std::string& command);
+#include <gtest/gtest.h>
+
+#include "support/temporary_folder.h"
 
 class RunningDaemon {
 public:
@@ -35,9 +36,11 @@ public:
     /// Whether it writes that text, now or within seconds: its log comes a moment after the fact.
     bool logs(const std::string& text) const;
 
-private:
+protected:
     const std::string m_socketPath;
     const std::string m_storePath;
+
+private:
     const std::string m_logPath;
     const std::vector<std::string> m_moreOptions;
     pid_t m_pid = -1;
@@ -47,6 +50,15 @@ private:
 class FreshDaemon : public RunningDaemon {
 public:
     FreshDaemon();
+};
+
+/// A test's own daemon, not started yet, in a folder of its own.
+class DaemonTest : public testing::Test {
+protected:
+    const TemporaryFolder m_folder;
+    const std::string m_socket = m_folder / "socket";
+    const std::string m_store = m_folder / "store";
+    RunningDaemon m_daemon{m_socket, m_store};
 };
 
 #endif

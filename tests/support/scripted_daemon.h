@@ -17,30 +17,8 @@ inline constexpr char FixedSocketPath[] = "/var/opt/quorlin/ombrel/obregd/reg-so
 
 class ScriptedDaemon {
 public:
-    struct Request {
-        uint32_t id = 0;
-        std::string payload;
-    };
-
-    /// One client's connection, as a script sees it.
-    class Peer {
-    public:
-        explicit Peer(int fd) : m_fd(fd) {}
-        ~Peer();
-        Peer(const Peer&) = delete;
-        Peer& operator=(const Peer&) = delete;
-
-        bool receive(Request& request); // false at the stream's end
-        bool hasMore(int milliseconds) const { return ::hasMore(m_fd, milliseconds); }
-        void send(const std::string& bytes) { sendAll(m_fd, bytes); }
-        void reply(uint32_t id, const std::string& payload) { send(packet(id, payload)); }
-        void error(uint32_t id);
-        void hangUp(); // any thread
-
-    private:
-        const int m_fd;
-    };
-
+    using Peer = PacketSocket; ///< one client's connection, as a script sees it
+    using Request = Peer::Packet;
     using Script = std::function<void(Peer&)>;
     /// Gives the reply to a request's payload.
     using Answer = std::function<std::string(const std::string&)>;

@@ -4,13 +4,13 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <stdexcept>
 #include <string>
-
-#include <gtest/gtest.h>
 
 class TemporaryFolder {
 public:
-    explicit TemporaryFolder(const std::string& where = testing::TempDir()) : m_path(where + "/obregd-XXXXXX")
+    explicit TemporaryFolder(const std::string& where = std::filesystem::temp_directory_path())
+        : m_path(where + "/obregd-XXXXXX")
     {
         if (mkdtemp(m_path.data()) == nullptr)
             throw std::runtime_error("no folder can be made in " + where);

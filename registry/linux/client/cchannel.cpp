@@ -23,12 +23,27 @@ namespace {
 constexpr std::chrono::microseconds MaxWatch{50};
 constexpr int PausesPerLook = 16;
 
+constexpr int FirstOwnDescriptor = STDERR_FILENO + 1;
+
 void initChannelLock(pthread_mutex_t& mutex)
 {
     if (pthread_mutex_init(&mutex, nullptr) != 0) {
         IPC_ERROR("CChannel::CChannel- Mutex initialization failed\n");
         throw std::bad_alloc();
     }
+}
+
+/// The descriptor, or another one in its place, closed on exec, when it is one of 0 to 2: the program that was started
+/// without these prints there. -1 with errno when there is none to be had.
+int aboveStandardStreams(int fd)
+{
+    if (fd == -1 || fd > STDERR_FILENO)
+        return fd;
+    const int moved = fcntl(fd, F_DUPFD_CLOEXEC, FirstOwnDescriptor);
+    const int error = errno;
+    close(fd);
+    errno = error;
+    return moved;
 }
 
 } // namespace
@@ -68,10 +83,11 @@ CChannel::~CChannel()
 void CChannel::openSocket()
 {
     IPC_TRACE("CChannel::openSocket- Start\n");
-    m_socket = m_useTcpSocket ? socket(AF_INET, SOCK_STREAM, IPPROTO_TCP) : socket(AF_UNIX, SOCK_STREAM, 0);
+    m_socket = aboveStandardStreams(m_useTcpSocket ? socket(AF_INET, SOCK_STREAM, IPPROTO_TCP)
+                                                   : socket(AF_UNIX, SOCK_STREAM, 0));
     if (m_socket != -1) {
         fcntl(m_socket, F_SETFD, FD_CLOEXEC);
-        m_recvSocket = fcntl(m_socket, F_DUPFD_CLOEXEC, 0);
+        m_recvSocket = fcntl(m_socket, F_DUPFD_CLOEXEC, FirstOwnDescriptor);
     }
     const int error = errno;
     IPC_TRACE("CChannel::openSocket- End\n");

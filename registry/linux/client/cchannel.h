@@ -29,7 +29,8 @@
 // reader cannot use it: between reading the number and entering recv, another thread may close it and the application
 // get the same number for a file of its own. The reader receives on a duplicate, m_recvSocket, which lives as long as
 // the channel. Since that number cannot belong to anybody else meanwhile, closeChannel can also shut it down without
-// the lock, when the lock is held by a send that the daemon does not take. Both are close-on-exec.
+// the lock, when the lock is held by a send that the daemon does not take. Both are close-on-exec, and neither is ever
+// one of 0 to 2, not even in a program that was started without these: it would print to the daemon.
 //
 // THE READER is born with every signal blocked: a signal would cut a MSG_WAITALL receive short, and the application's
 // handlers do not belong on this thread. It is detached; LiveChannels knows how to wait for its end.

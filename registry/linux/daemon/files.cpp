@@ -5,6 +5,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
+#include <pwd.h>
 #include <stdexcept>
 #include <sys/file.h>
 #include <sys/socket.h>
@@ -28,7 +29,14 @@ constexpr char FromSystemd[] = "; systemd must make the socket again: systemctl 
 
 [[noreturn]] void failErrno(const std::string& path, const std::string& what)
 {
-    fail(path, what + ": " + std::strerror(errno));
+    const std::string advice = rightsAdvice(path);
+    fail(path, what + ": " + std::strerror(errno) + advice);
+}
+
+std::string userName(uid_t uid)
+{
+    const passwd* const pUser = getpwuid(uid);
+    return pUser != nullptr ? pUser->pw_name : std::to_string(uid);
 }
 
 /// The process id that a lock's holder wrote into it, for the message.
@@ -85,6 +93,8 @@ void clearPath(const std::string& path, const sockaddr_un& address)
     const int result = connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
     if (result == 0 || errno == EAGAIN)
         fail(path, "another program is listening there; stop it or give another path with --socket");
+    if (errno != ECONNREFUSED)
+        failErrno(path, "whether another program is listening there cannot be found out");
     if (unlink(path.c_str()) != 0)
         failErrno(path, "a socket left over from before cannot be removed");
 }
@@ -103,6 +113,38 @@ std::string realPath(const std::string& path)
 {
     const std::unique_ptr<char, decltype(&std::free)> pReal(realpath(path.c_str(), nullptr), &std::free);
     return pReal ? pReal.get() : path;
+}
+
+std::string rightsAdvice(const std::string& path)
+{
+    const int error = errno;
+    if (error != EACCES && error != EPERM)
+        return {};
+    std::string place = path;
+    struct stat found;
+    while (lstat(place.c_str(), &found) != 0 && place != "/" && place != ".")
+        place = folderOf(place);
+    const std::string user = userName(geteuid());
+    std::string text = "; obregd runs as user " + user + ", and " + place + " belongs to " +
+                       (found.st_uid == geteuid() ? "it" : userName(found.st_uid));
+    if (!S_ISREG(found.st_mode)) {
+        text += "; run obregd as that user, or give it paths in a folder of its own with --socket and --store";
+    } else if (found.st_uid == geteuid()) {
+        text += "; chmod u+rw " + place + " gives it access";
+    } else {
+        text += "; if it is the daemon's own, as after a run by hand as root, chown -h " + user + " " + place +
+                " as root gives it back; so with the files beside it";
+    }
+    errno = error;
+    return text;
+}
+
+std::string freeName(const std::string& wanted)
+{
+    std::string name = wanted;
+    for (int i = 2; access(name.c_str(), F_OK) == 0; ++i)
+        name = wanted + "." + std::to_string(i);
+    return name;
 }
 
 void makeFolder(const std::string& path)
@@ -127,7 +169,8 @@ Descriptor::~Descriptor()
 }
 
 Lock::Lock(const std::string& path, const char* pOption)
-    : m_file(open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600))
+    : m_wasThere(access((path + ".lock").c_str(), F_OK) == 0),
+      m_file(open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600))
 {
     if (m_file.get() < 0)
         failErrno(path + ".lock", "cannot be opened");
@@ -151,12 +194,32 @@ StoreLock::StoreLock(const std::string& path)
         failErrno(path, "cannot be used as a store");
     if (!S_ISREG(found.st_mode))
         fail(path, "is there and is not a file; give another path with --store");
-    if (flock(m_file.get(), LOCK_EX | LOCK_NB) == 0)
-        return;
-    if (errno != EWOULDBLOCK)
-        failErrno(path, "cannot be locked");
-    fail(path, "is another name of a store that another obregd is using (`fuser " + path +
-                   "` tells which); stop that one or give another path with --store");
+    if (flock(m_file.get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK)
+            failErrno(path, "cannot be locked");
+        fail(path, "is another name of a store that another obregd is using (`fuser " + path +
+                       "` tells which); stop that one or give another path with --store");
+    }
+    if (found.st_size == 0)
+        startAnew(path);
+}
+
+void StoreLock::startAnew(const std::string& path)
+{
+    const std::string log = realPath(path) + "-wal";
+    struct stat found;
+    std::string keptLog;
+    if (stat(log.c_str(), &found) == 0 && found.st_size != 0) {
+        keptLog = freeName(log + ".old");
+        if (rename(log.c_str(), keptLog.c_str()) != 0)
+            failErrno(log, "belongs to a store that is missing or empty, and cannot be given another name");
+    }
+    if (m_path.wasThere() || !keptLog.empty())
+        logLine(
+            LOG_WARNING,
+            "%s: is missing or empty, though a daemon has stored there; if that store is wanted, stop the daemon and "
+            "put it back or restore a backup%s%s",
+            path.c_str(), keptLog.empty() ? "" : "; its log is kept as ", keptLog.c_str());
 }
 
 StoreIdentity::StoreIdentity(const std::string& storePath)

@@ -21,8 +21,15 @@ std::string folderOf(const std::string& path);
 /// Where path leads when links are followed; path itself when nothing is there.
 std::string realPath(const std::string& path);
 
+/// The name, or one like it that nothing has.
+std::string freeName(const std::string& wanted);
+
 /// Makes the folder, its missing parents included, open to all for reading (0755). One that exists is left as it is.
 void makeFolder(const std::string& path);
+
+/// After a failure, with errno still its: when rights were missing, as which user the daemon runs, whose the file is,
+/// or the folder that it would be in, and what helps; begins with a semicolon. Empty after any other failure.
+std::string rightsAdvice(const std::string& path);
 
 /// A file descriptor, closed by whoever holds it last.
 class Descriptor {
@@ -62,12 +69,17 @@ public:
     /// Throws when another process holds the lock; option is the one that gives this path, for the message.
     Lock(const std::string& path, const char* pOption);
 
+    /// Whether the file was there before: somebody has used the path.
+    bool wasThere() const { return m_wasThere; }
+
 private:
+    bool m_wasThere;
     Descriptor m_file;
 };
 
 /// Holds a store against every other daemon: its path, by a Lock, and the file itself, which may have other names.
-/// Makes an empty file (0600) when there is none.
+/// Makes an empty file (0600) when there is none. Where there was a store once, the log says that it is missing or
+/// empty, and the log that belongs to it is kept under another name: SQLite would remove it.
 ///
 /// Made before SQLite opens the file and destroyed after the last connection is closed: when a process closes any
 /// descriptor of a file, its locks on that file go, SQLite's included.
@@ -76,6 +88,8 @@ public:
     explicit StoreLock(const std::string& path);
 
 private:
+    void startAnew(const std::string& path);
+
     Lock m_path;
     Descriptor m_file;
 };

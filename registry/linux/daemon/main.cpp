@@ -17,7 +17,9 @@
 #include "daemon/serve/storeguard.h"
 #include "daemon/store/diskspace.h"
 #include "daemon/store/maintenance.h"
+#include "daemon/store/quickcheck.h"
 #include "daemon/systemd.h"
+#include "standardstreams.h"
 
 using namespace obregd;
 
@@ -69,8 +71,10 @@ public:
     void operator()()
     {
         const uint64_t commits = figureValues[static_cast<size_t>(Figure::Commits)].load(std::memory_order_relaxed);
-        if (std::exchange(m_commits, commits) == commits)
+        const auto now = std::chrono::steady_clock::now();
+        if (m_commits == commits || now < m_notBefore)
             return;
+        m_commits = commits;
         for (const auto& [owner, usage] : m_store.usages()) {
             if (owner < 0)
                 continue;
@@ -80,6 +84,8 @@ public:
             set(*pCounts, UserFigure::Keys, usage.keys);
             set(*pCounts, UserFigure::Bytes, usage.bytes);
         }
+        const auto end = std::chrono::steady_clock::now();
+        m_notBefore = end + (end - now) * RestFactor;
     }
 
 private:
@@ -88,17 +94,21 @@ private:
         counts[static_cast<size_t>(figure)].store(number, std::memory_order_relaxed);
     }
 
+    static constexpr int RestFactor = 1000; // where there are many users: it is done on the thread that serves
     Store& m_store;
+    std::chrono::steady_clock::time_point m_notBefore;
     uint64_t m_commits = ~uint64_t{0};
     std::map<Owner, std::shared_ptr<UserCounts>> m_counts;
 };
 
 /// What the serving thread does from time to time beside serving.
-void addChores(Server& server, ListeningSocket& socket, Store& store, std::optional<std::chrono::microseconds> watchdog)
+void addChores(Server& server, ListeningSocket& socket, Store& store, QuickCheck& check,
+               std::optional<std::chrono::microseconds> watchdog)
 {
+    server.every(std::chrono::seconds(1), [&] { check.limit(); });
     server.every(std::chrono::seconds(1), UsageFigures(store));
     server.every(std::chrono::seconds(1), [&] {
-        if (socket.restore())
+        if (!server.isStopping() && socket.restore())
             server.listenOn(socket.releaseDescriptor());
     });
     server.every(std::chrono::seconds(1), MemoryReturn());
@@ -129,9 +139,10 @@ void serve(const Options& options)
     StoreIdentity storeIdentity(options.storePath);
     ListeningSocket socket =
         activated.get() < 0 ? ListeningSocket(options.socketPath) : ListeningSocket(std::move(activated));
-    StoreGuard guard(writableStore, storeIdentity, diskSpace);
+    QuickCheck check(options.storePath);
+    StoreGuard guard(writableStore, storeIdentity, diskSpace, check);
     Server server(socket.releaseDescriptor(), store, writableStore, options.limits, &guard);
-    addChores(server, socket, store, watchdog);
+    addChores(server, socket, store, check, watchdog);
     logLine(LOG_NOTICE, "listening on %s, storing in %s", socket.path().c_str(), options.storePath.c_str());
     systemd::notify("READY=1");
     server.run();
@@ -159,6 +170,7 @@ int maintain(const Options& options)
 
 int main(int argc, char** argv)
 {
+    fillStandardStreams();
     int exitCode = 0;
     const std::optional<Options> options = parseOptions(argc, argv, &exitCode);
     if (!options)

@@ -9,7 +9,8 @@
 
 #include "alarm.h"
 #include "complete.h"
-#include "json.h"
+#include "nearmiss.h"
+#include "terminal.h"
 #include "text.h"
 #include "verbs.h"
 
@@ -30,23 +31,28 @@ const struct Verb {
     {"import", "Carry out what .reg text says", Shape::Record, declareImport},
     {"copy", "Copy a key's values", Shape::Record, declareCopy},
     {"compare", "Show how the values of two keys differ", Shape::List, declareCompare},
+    {"find", "Find text in names and data", Shape::List, declareFind},
+    {"rename", "Give a key, or a value, another name", Shape::Record, declareRename},
+    {"move", "Move a key with all below it, or a value", Shape::Record, declareMove},
     {"tree", "Draw the keys below a key", Shape::List, declareTree},
     {"info", "Show a key's figures", Shape::Record, declareInfo},
     {"watch", "Show what changes, while it changes", Shape::Stream, declareWatch},
     {"ping", "Measure how fast the daemon answers", Shape::Record, declarePing},
-    {"get", "Print the data of one value", Shape::Record, declareGet},
+    {"get", "Print the data of values", Shape::Record, declareGet},
     {"set", "Store one value", Shape::Record, declareSet},
     {"ls", "List the sub-keys and values of a key", Shape::List, declareLs},
     {"rm", "Delete a key with all below it, or one value: short for delete", Shape::Record, declareRm},
 };
 
 constexpr const char* CompleteVerb = "__complete"; // for the shells, see packaging/completions
+constexpr const char* HelpVerb = "help";
 constexpr double CompletionSeconds = 2;
 
 struct Common {
     bool json = false;
     std::string colour = "auto";
     double timeout = 0;
+    bool wide = false;
 };
 
 void addCommon(Arguments& arguments, Common& common)
@@ -54,6 +60,7 @@ void addCommon(Arguments& arguments, Common& common)
     arguments.flag("--json", common.json, "JSON on standard output; errors as JSON on standard error");
     arguments.choice("--color", common.colour, "WHEN", {"auto", "always", "never"},
                      "auto; never; always: as on a terminal, even in a pipe");
+    arguments.flag("--wide", common.wide, "On a terminal: data in full, however wide the lines become");
     arguments.seconds("--timeout", common.timeout, 0,
                       "Give up after that many seconds; watch, ping: without an answer; 0: never");
 }
@@ -66,24 +73,18 @@ Output makeOutput(const Common& common, Shape shape)
     const bool wanted = (pNoColor == nullptr || *pNoColor == '\0') && (pTerm == nullptr || strcmp(pTerm, "dumb") != 0);
     const bool always = common.colour == "always";
     const Form form = common.json ? Form::Json : terminal || always ? Form::Terminal : Form::Plain;
-    return {form, always || (common.colour == "auto" && terminal && wanted), shape};
+    return {form, always || (common.colour == "auto" && terminal && wanted), shape,
+            common.wide ? Output::Unlimited : terminalWidth()};
 }
 
-std::string errorText(const Common& common, const Failure& failure)
-{
-    if (!common.json)
-        return "obreg: " + std::string(failure.what()) + (failure.advice.empty() ? "" : "\n  " + failure.advice) + '\n';
-    return jsonOf(failure) + '\n';
-}
-
-int runVerb(const Common& common, const Verb& verb, const Run& run)
+int runVerb(const Common& common, const Verb& verb, Shape shape, const Run& run)
 {
     std::optional<Failure> failure;
     try {
-        Output output = makeOutput(common, verb.shape);
+        Output output = makeOutput(common, shape);
         setTimeout(common.timeout,
-                   errorText(common, {ExitNoDaemon, "not done in time (--timeout)",
-                                      "is obregd running, and not under heavy load? What was written stays"}));
+                   failureText(common.json, {ExitNoDaemon, "not done in time (--timeout)",
+                                             "is obregd running, and not under heavy load? What was written stays"}));
         const int status = run(output);
         output.finish();
         return status;
@@ -95,7 +96,7 @@ int runVerb(const Common& common, const Verb& verb, const Run& run)
         failure.emplace(ExitFailed, caught.what());
     }
     fflush(stdout);
-    fputs(errorText(common, *failure).c_str(), stderr);
+    fputs(failureText(common.json, *failure).c_str(), stderr);
     return failure->exit;
 }
 
@@ -104,23 +105,50 @@ int wrongUsage(const Common& common, const std::string& what, const char* pVerb)
 {
     const std::string help = pVerb != nullptr ? "\"obreg " + std::string(pVerb) + " --help\" tells more"
                                               : "\"obreg --help\" lists the verbs";
-    fputs(errorText(common, {ExitUsage, what, help}).c_str(), stderr);
+    fputs(failureText(common.json, {ExitUsage, what, help}).c_str(), stderr);
     return ExitUsage;
 }
 
-/// The first word that is no option: where the verb belongs.
-const char* verbGiven(int argc, const char* const* argv)
+using Words = std::vector<const char*>;
+
+/// The number of the first word that is no option, where the verb belongs; the number of words when there is none.
+size_t placeOfVerb(const Words& words)
 {
-    int i = 1;
-    while (i < argc && argv[i][0] == '-')
-        i += strcmp(argv[i], "--color") == 0 || strcmp(argv[i], "--timeout") == 0 ? 2 : 1;
-    return i < argc ? argv[i] : nullptr;
+    size_t i = 1;
+    while (i < words.size() && words[i][0] == '-')
+        i += strcmp(words[i], "--color") == 0 || strcmp(words[i], "--timeout") == 0 ? 2 : 1;
+    return std::min(i, words.size());
+}
+
+/// The words as the grammar has them: no -- in front of the verb, and "help" as the option.
+Words plainWords(int argc, const char* const* argv)
+{
+    Words words(argv, argv + argc);
+    const auto isMark = [](const char* pWord) { return strcmp(pWord, "--") == 0; };
+    const auto verb = [&words] { return words.begin() + static_cast<std::ptrdiff_t>(placeOfVerb(words)); };
+    if (const auto mark = std::find_if(words.begin(), verb(), isMark); mark != verb())
+        words.erase(mark);
+    if (const auto help = verb(); help != words.end() && strcmp(*help, HelpVerb) == 0) {
+        auto next = words.erase(help);
+        while (next != words.end() && strcmp(*next, HelpVerb) == 0)
+            next = words.erase(next);
+        words.insert(next == words.end() ? next : next + 1, "--help");
+    }
+    return words;
 }
 
 bool isVerb(const char* pName)
 {
     return std::any_of(std::begin(Verbs), std::end(Verbs),
                        [pName](const Verb& verb) { return strcmp(verb.pName, pName) == 0; });
+}
+
+std::string noSuchVerb(const char* pName)
+{
+    std::vector<std::string> names = {HelpVerb};
+    for (const Verb& verb : Verbs)
+        names.emplace_back(verb.pName);
+    return "there is no verb \"" + escaped(pName, Escape::Name) + '"' + didYouMean(pName, names);
 }
 
 constexpr const char* Footer =
@@ -131,7 +159,8 @@ constexpr const char* Footer =
     "as \\xHH; in data \\\\ \\t \\n \\r \\0 and \\xHH stand for the bytes that would not be text, numbers are decimal, "
     "and\n"
     "other bytes are pairs of hexadecimal digits.\n"
-    "Exit status: 0 done, 1 not found or different, 2 usage, 3 no daemon, 4 refused or failed.";
+    "\"obreg help VERB\" tells about a verb. Behind -- no word is an option.\n"
+    "Exit status: 0 done, 1 not found or different, 2 usage, 3 no daemon, 4 refused or failed, 5 a malformed file.";
 
 } // namespace
 
@@ -154,12 +183,17 @@ int runTool(int argc, const char* const* argv)
             puts(word.c_str());
         return ExitDone;
     }
-    const char* const pVerb = verbGiven(argc, argv);
+    const Words words = plainWords(argc, argv);
+    const size_t place = placeOfVerb(words);
+    const char* const pVerb = place < words.size() ? words[place] : nullptr;
     try {
         if (pVerb != nullptr && !isVerb(pVerb))
-            throw UsageError("there is no verb \"" + escaped(pVerb, Escape::Name) + '"');
-        const std::optional<size_t> chosen = commandLine.parse(argc, argv);
-        return chosen ? runVerb(common, Verbs[*chosen], runs[*chosen]) : ExitDone;
+            throw UsageError(noSuchVerb(pVerb));
+        const std::optional<size_t> chosen = commandLine.parse(static_cast<int>(words.size()), words.data());
+        if (!chosen)
+            return ExitDone;
+        const bool preview = verbWords[*chosen].pArguments->given("--dry-run");
+        return runVerb(common, Verbs[*chosen], preview ? Shape::List : Verbs[*chosen].shape, runs[*chosen]);
     } catch (const UsageError& error) {
         const auto isJson = [](const char* pWord) { return strcmp(pWord, "--json") == 0; };
         common.json = std::any_of(argv, argv + argc, isJson); // parsing did not come that far

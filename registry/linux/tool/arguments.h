@@ -28,6 +28,8 @@ public:
     explicit Arguments(CLI::App& app) : m_app(app) {}
 
     void text(const char* pNames, std::string& text, const char* pHelp, Need need = Optional);
+    /// The name of a value. An empty one is refused: it comes from an empty shell variable.
+    void valueName(const char* pNames, std::string& name, const char* pHelp, Need need = Optional);
     void texts(const char* pNames, std::vector<std::string>& texts, const char* pHelp); ///< may be given again
     void choice(const char* pNames, std::string& text, const char* pType, const std::vector<std::string>& choices,
                 const char* pHelp);
@@ -36,7 +38,7 @@ public:
     void seconds(const char* pNames, double& seconds, double least, const char* pHelp);
     void flag(const char* pNames, bool& flag, const char* pHelp, const char* pExcludedOption = nullptr);
 
-    /// Whether it was given, by one of its names. After parse().
+    /// Whether it was given, by one of its names; false for one that does not exist here. After parse().
     bool given(const char* pName) const;
 
     struct Option {
@@ -71,6 +73,8 @@ public:
     std::optional<size_t> parse(int argc, const char* const* argv);
 
 private:
+    [[noreturn]] void throwUsage(const std::string& what, bool tooMuch) const;
+
     std::unique_ptr<CLI::App> m_pApp;
     std::unique_ptr<Arguments> m_pCommon;
     struct Verb {

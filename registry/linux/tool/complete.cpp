@@ -127,6 +127,8 @@ Words anything(const Arguments& common, const std::vector<VerbWords>& verbs, con
         if (pVerb != nullptr || given.positionals.empty())
             continue;
         const auto isIt = [&](const VerbWords& verb) { return verb.name == words[i]; };
+        if (words[i] == "help" && i + 2 == words.size())
+            break; // a verb follows
         const auto found = std::find_if(verbs.begin(), verbs.end(), isIt);
         if (found == verbs.end())
             return {};
@@ -137,7 +139,7 @@ Words anything(const Arguments& common, const std::vector<VerbWords>& verbs, con
         return argument(*pVerb->pArguments, given, word);
     if (given.pOpen != nullptr || (!word.empty() && word[0] == '-'))
         return argument(common, given, word);
-    Words names;
+    Words names = given.positionals.empty() ? Words{"help"} : Words();
     for (const VerbWords& verb : verbs)
         names.push_back(verb.name);
     return names;

@@ -19,6 +19,7 @@ enum Exit : int {
     ExitUsage = 2,    ///< the command line, or a question that could not be asked
     ExitNoDaemon = 3, ///< no daemon, or no answer in time
     ExitFailed = 4,   ///< refused or failed
+    ExitBadFile = 5,  ///< a file is not what it should be; nothing was done
     ExitDifferent = ExitNotFound,
 };
 
@@ -39,11 +40,14 @@ struct Failure : std::runtime_error {
     REGSTATUS status = 0;
 };
 
-/// The failure that a status means for a key, or for a value of it when pValueName is not null.
-Failure failureOf(const KeyPath& key, const std::string* pValueName, const std::error_code& error);
+/// The failure that a status means for a key, or for a value of it when pValueName is not null. dataLength: of the data
+/// that was sent.
+Failure failureOf(const KeyPath& key, const std::string* pValueName, const std::error_code& error,
+                  size_t dataLength = 0);
 
 /// Throws it when there is an error.
-void check(const std::error_code& error, const KeyPath& key, const std::string* pValueName = nullptr);
+void check(const std::error_code& error, const KeyPath& key, const std::string* pValueName = nullptr,
+           size_t dataLength = 0);
 
 /// What errno says, for a file.
 Failure fileFailure(const std::string& file, int errorNumber);

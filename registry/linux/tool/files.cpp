@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -35,6 +36,18 @@ void readPieces(FILE* pFile, const std::string& name, const Take& take)
         take(std::string_view(piece.data(), count));
     if (ferror(pFile) != 0)
         throw fileFailure(name, errno);
+}
+
+/// Makes the names in a file's folder durable. Where a folder cannot be flushed, its file system does without.
+void flushFolder(const std::string& file)
+{
+    const size_t slash = file.rfind('/');
+    const std::string folder = slash == std::string::npos ? "." : file.substr(0, slash + 1);
+    const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+        return;
+    fsync(fd);
+    close(fd);
 }
 
 std::string shownFile(const std::string& name) { return name == "-" ? "standard input" : name; }
@@ -130,6 +143,7 @@ void NewFile::commit()
         return;
     if (fsync(fileno(m_pFile.get())) != 0 || rename(m_temporary.c_str(), m_target.c_str()) != 0)
         fail();
+    flushFolder(m_target);
     m_temporary.clear();
 }
 

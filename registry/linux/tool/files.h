@@ -34,8 +34,8 @@ private:
     long long m_begin = 0;
 };
 
-/// A file that appears under its name only when it is complete, with the mode and owner of one that it replaces. What
-/// is no regular file (a device, a pipe) is written to as it is; standard output for "-".
+/// A file that appears under its name only when it is complete and on the disk, with the mode and owner of one that it
+/// replaces. What is no regular file (a device, a pipe) is written to as it is; standard output for "-".
 class NewFile {
 public:
     explicit NewFile(const std::string& name);

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include "errors.h"
+#include "nearmiss.h"
 #include "text.h"
 
 namespace obregtool {
@@ -89,13 +90,15 @@ KeyPath parseKey(std::string_view text, bool slashes)
     const std::string name = folded(text.substr(0, end));
     KeyPath key;
     std::string known;
+    std::vector<std::string> names;
     for (const Root& root : roots()) {
         if (name == folded(root.pShortName) || name == folded(root.pName))
             key.root = root.handle;
         known += std::string(known.empty() ? "" : ", ") + root.pShortName;
+        names.insert(names.end(), {root.pShortName, root.pName});
     }
     if (key.root == nullptr)
-        throw BadKey{"a key begins with a root (" + known + " or their long names)", 0};
+        throw BadKey{"a key begins with a root (" + known + " or their long names" + didYouMean(name, names) + ')', 0};
 
     const std::string_view separators = slashes && end < text.size() && text[end] == '/' ? "\\/" : "\\";
     for (size_t begin = end + 1; begin < text.size();) {

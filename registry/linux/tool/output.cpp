@@ -8,6 +8,7 @@
 
 #include "errors.h"
 #include "json.h"
+#include "terminal.h"
 #include "text.h"
 #include "valuetext.h"
 
@@ -17,6 +18,9 @@ namespace {
 
 constexpr size_t BufferSize = size_t{64} * 1024;
 constexpr int BarWidth = 30;
+constexpr size_t LeastTypeWidth = 9; // REG_DWORD
+constexpr size_t LeastDataWidth = 8;
+constexpr size_t ShownBytes = 32; // of data that is neither text nor number
 constexpr int64_t RedrawMs = 100;
 
 /// By Style.
@@ -48,7 +52,8 @@ struct FieldText {
 
 } // namespace
 
-Output::Output(Form form, bool coloured, Shape shape) : m_form(form), m_coloured(coloured), m_shape(shape)
+Output::Output(Form form, bool coloured, Shape shape, size_t width)
+    : m_form(form), m_coloured(coloured), m_shape(shape), m_width(width)
 {
     setvbuf(stdout, nullptr, _IOFBF, BufferSize);
 }
@@ -74,30 +79,46 @@ void Output::summary(const Fact& fact)
 
 void Output::terminal(const Fact& fact)
 {
+    const std::string kind = fact.showKind ? fact.kind + "  " : "";
     painted(fact.lead, fact.leadStyle);
-    if (fact.showKind)
-        painted(fact.kind + "  ", fact.leadStyle);
-    const FieldText textOf{Escape::Name, shownData};
+    painted(kind, fact.leadStyle);
+    size_t column = columns(fact.lead) + columns(kind);
+    size_t values = 0;
+    for (const Field& field : fact.fields)
+        values += std::holds_alternative<obreg::Value>(field.data) ? 1 : 0;
+    const auto put = [&](const std::string& text, Style style, size_t width) {
+        const size_t taken = columns(text);
+        painted(text, style);
+        bytes(std::string(std::max(width, taken) - taken, ' '));
+        column += std::max(width, taken);
+    };
     for (const Field& field : fact.fields) {
         if (field.hidden)
             continue;
         const bool last = &field == &fact.fields.back();
         if (m_shape == Shape::Record)
             bytes(std::string(field.pName) + ": ");
-        if (const auto* pValue = std::get_if<obreg::Value>(&field.data)) {
-            const std::string type = typeName(pValue->type);
-            painted(type, Style::Type);
-            bytes(std::string(type.size() < 9 ? 11 - type.size() : 2, ' '));
-        }
-        const std::string text = std::visit(textOf, field.data);
-        painted(text, field.style);
-        const size_t width = characters(text);
-        if (m_shape == Shape::Record)
-            bytes(last ? "" : "\n");
-        else if (!last)
-            bytes(std::string((width < field.width ? field.width - width : 0) + 2, ' '));
+        const auto* const pValue = std::get_if<obreg::Value>(&field.data);
+        if (pValue != nullptr)
+            put(typeName(pValue->type) + "  ", Style::Type, std::max(field.width, LeastTypeWidth) + 2);
+        const std::string text = shown(field, column, values);
+        put(text, field.style, last || pValue != nullptr || m_shape == Shape::Record ? 0 : field.width);
+        if (!last)
+            put(m_shape == Shape::Record ? "\n" : "  ", Style::Normal, 0);
     }
     bytes("\n");
+}
+
+/// A field as it stands from that column on. Of two values all is shown: they may differ at their ends only.
+std::string Output::shown(const Field& field, size_t column, size_t values) const
+{
+    const bool all = m_width == Unlimited || values > 1;
+    const FieldText textOf{Escape::Name, all ? [](const obreg::Value& value) { return shownData(value, SIZE_MAX); }
+                                             : [](const obreg::Value& value) { return shownData(value, ShownBytes); }};
+    const std::string text = std::visit(textOf, field.data);
+    if (!std::holds_alternative<obreg::Value>(field.data) || m_shape == Shape::Record || m_width == 0 || all)
+        return text;
+    return cutToFit(text, std::max(m_width > column ? m_width - column : 0, LeastDataWidth));
 }
 
 void Output::plain(const Fact& fact)
@@ -148,6 +169,13 @@ void Output::finish()
         throw fileFailure("standard output", errno != 0 ? errno : EIO);
 }
 
+std::string failureText(bool json, const Failure& failure)
+{
+    if (json)
+        return jsonOf(failure) + '\n';
+    return "obreg: " + std::string(failure.what()) + (failure.advice.empty() ? "" : "\n  " + failure.advice) + '\n';
+}
+
 std::string shownName(const std::string& valueName) { return isUnnamed(valueName) ? "@" : valueName; }
 
 Fact keyFact(const KeyPath& key, const char* pKind) { return {pKind, {{"key", key.text(), Style::Key}}}; }
@@ -162,10 +190,13 @@ Progress::Progress(std::string what, uint64_t total)
     : m_what(std::move(what)), m_total(total), m_shown(isatty(STDERR_FILENO) == 1), m_next(nowMs() + RedrawMs)
 {}
 
-Progress::~Progress()
+Progress::~Progress() { clear(); }
+
+void Progress::clear()
 {
-    if (m_shown)
+    if (m_drawn)
         fputs("\r\33[K", stderr);
+    m_drawn = false;
 }
 
 void Progress::update(uint64_t done)
@@ -180,6 +211,7 @@ void Progress::update(uint64_t done)
                 std::string(BarWidth - filled, '.') + ']';
     }
     fputs(("\r" + line + "\33[K").c_str(), stderr);
+    m_drawn = true;
 }
 
 bool confirmed(const std::string& question)

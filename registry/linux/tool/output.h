@@ -11,6 +11,7 @@
 
 #include <obreg/registry.hpp>
 
+#include "errors.h"
 #include "keypath.h"
 
 namespace obregtool {
@@ -30,7 +31,7 @@ struct Field {
     const char* pName; ///< a field "value" is spread over its object, a value of another name is an object in it
     std::variant<std::string, uint64_t, double, obreg::Value> data;
     Style style = Style::Normal;
-    size_t width = 0;    ///< on a terminal filled up to that many characters
+    size_t width = 0;    ///< on a terminal filled up to that many columns; of a value, its type
     bool hidden = false; ///< on a terminal left out: what stands above says it
 };
 
@@ -45,9 +46,13 @@ struct Fact {
 
 class Output {
 public:
-    Output(Form form, bool coloured, Shape shape);
+    /// Data is cut to make lines fit into `width` columns. 0: these are not known; Unlimited: all bytes are shown.
+    static constexpr size_t Unlimited = SIZE_MAX;
+    Output(Form form, bool coloured, Shape shape, size_t width = 0);
 
     Form form() const { return m_form; }
+    /// For a verb that may give several facts although it is declared to give one. Before the first.
+    void makeList() { m_shape = Shape::List; }
     void fact(const Fact& fact);
     /// What a verb did that prints nothing in a pipe.
     void summary(const Fact& fact);
@@ -62,16 +67,21 @@ private:
     void plain(const Fact& fact);
     void json(const Fact& fact);
     void painted(std::string_view text, Style style);
+    std::string shown(const Field& field, size_t column, size_t values) const;
 
     const Form m_form;
     const bool m_coloured;
-    const Shape m_shape;
+    Shape m_shape;
+    const size_t m_width;
     size_t m_facts = 0;
 };
 
 /// Facts that several verbs give.
 Fact keyFact(const KeyPath& key, const char* pKind = "key");
 Fact valueFact(const KeyPath& key, const obreg::NamedValue& value, const char* pKind = "value");
+
+/// What is said of a failure on standard error.
+std::string failureText(bool json, const Failure& failure);
 
 /// "@" for the unnamed value.
 std::string shownName(const std::string& valueName);
@@ -85,11 +95,13 @@ public:
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
     void update(uint64_t done);
+    void clear(); ///< before something else is written to the terminal
 
 private:
     const std::string m_what;
     const uint64_t m_total;
     const bool m_shown;
+    bool m_drawn = false;
     int64_t m_next = 0; // milliseconds, when to draw again
 };
 

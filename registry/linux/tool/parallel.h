@@ -16,16 +16,30 @@ namespace obregtool {
 /// How many requests are in flight at once. Writes in flight together share one commit of the daemon.
 inline constexpr size_t RequestThreads = 32;
 
-/// Calls work(i) for each i below count, on several threads when there are many, in no certain order. The first
-/// exception stops it and comes out here, after all threads have ended.
+/// Counts the threads that are at it, so that work within work does not start many times as many.
+class BusyThread {
+public:
+    BusyThread() { ++m_count; }
+    ~BusyThread() { --m_count; }
+    BusyThread(const BusyThread&) = delete;
+    BusyThread& operator=(const BusyThread&) = delete;
+    /// How many more there may be.
+    static size_t below(size_t most) { return most - std::min(most, m_count.load()); }
+
+private:
+    static inline std::atomic<size_t> m_count{0};
+};
+
+/// Calls work(i) for each i below count, on several threads when there are many, in no certain order: fewer than
+/// `fewEach` calls are not worth one. The first exception stops it and comes out here, after all threads have ended.
 template <class Work>
-void forEachParallel(size_t count, const Work& work)
+void forEachParallel(size_t count, const Work& work, size_t fewEach = 16, size_t mostThreads = RequestThreads)
 {
-    constexpr size_t fewEach = 16; // less work is not worth a thread
     std::atomic<size_t> next{0};
     std::exception_ptr pFirst; // guarded by mutex
     std::mutex mutex;
     const auto run = [&] {
+        const BusyThread busy;
         try {
             for (size_t i; (i = next++) < count;)
                 work(i);
@@ -38,7 +52,7 @@ void forEachParallel(size_t count, const Work& work)
     };
     std::vector<std::thread> threads;
     try {
-        for (size_t i = 0; i < std::min(RequestThreads, count / fewEach); ++i)
+        for (size_t i = std::min(BusyThread::below(mostThreads), count / fewEach); i > 0; --i)
             threads.emplace_back(run);
     } catch (const std::system_error&) { // fewer do it as well
     }

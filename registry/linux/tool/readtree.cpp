@@ -1,18 +1,19 @@
 #include "readtree.h"
 
 #include <algorithm>
-#include <atomic>
 
 #include "errors.h"
 #include "parallel.h"
 #include "text.h"
+#include "treereader.h"
 
 namespace obregtool {
 
 namespace {
 
-constexpr size_t MaxHeld = 16u << 20; // bytes of one key's data
-constexpr int MostReads = 8;          // of a key that changes
+constexpr size_t MaxHeld = 16u << 20;  // bytes of data
+constexpr int MostReads = 8;           // of a key that changes
+constexpr size_t FewEntriesEach = 256; // fewer are not worth a thread
 
 obreg::KeyInfo infoOf(const obreg::Key& key, const KeyPath& path)
 {
@@ -26,16 +27,19 @@ obreg::KeyInfo infoOf(const obreg::Key& key, const KeyPath& path)
 template <class Entry, class Keep>
 void fetchAll(const obreg::Key& key, const KeyPath& path, UINT32 count, const Keep& keep)
 {
-    forEachParallel(count, [&](size_t index) {
-        thread_local Entry entry; // its buffers grow once
-        REGSTATUS status = OBREG_STATUS_BUFFER_TOO_SMALL;
-        while (status == OBREG_STATUS_BUFFER_TOO_SMALL)
-            status = obreg::detail::fetchOnce(key.handle(), static_cast<UINT32>(index), entry);
-        if (status == OBREG_STATUS_SUCCESS)
-            keep(index, entry);
-        else if (status != OBREG_STATUS_NO_MORE_ENTRIES)
-            check(obreg::errorCode(status), path);
-    });
+    forEachParallel(
+        count,
+        [&](size_t index) {
+            thread_local Entry entry; // its buffers grow once
+            REGSTATUS status = OBREG_STATUS_BUFFER_TOO_SMALL;
+            while (status == OBREG_STATUS_BUFFER_TOO_SMALL)
+                status = obreg::detail::fetchOnce(key.handle(), static_cast<UINT32>(index), entry);
+            if (status == OBREG_STATUS_SUCCESS)
+                keep(index, entry);
+            else if (status != OBREG_STATUS_NO_MORE_ENTRIES)
+                check(obreg::errorCode(status), path);
+        },
+        FewEntriesEach);
 }
 
 /// Sorts by name, with the unnamed value first. An entry that was met twice, because others came or went meanwhile, and
@@ -51,52 +55,18 @@ void sortByName(std::vector<Entry>& entries)
     entries.erase(std::unique(entries.begin(), entries.end(), same), entries.end());
 }
 
-void walkFrom(const KeyPath& path, const obreg::Key& key, KeyContent&& content, bool recursive, const Visit& visit,
-              Read what, size_t depth)
-{
-    if (!visit(path, key, content, depth) || !recursive)
-        return;
-    content.values = {};
-    for (const obreg::SubKey& subKey : content.subKeys)
-        if (std::optional<OpenedKey> below = readSubKey(key, path, subKey.name, what))
-            walkFrom(path.child(subKey.name), below->key, std::move(below->content), recursive, visit, what, depth + 1);
-}
-
-} // namespace
-
-int compareValueNames(const std::string& a, const std::string& b)
-{
-    const bool unnamedA = isUnnamed(a);
-    const bool unnamedB = isUnnamed(b);
-    if (unnamedA != unnamedB)
-        return unnamedA ? -1 : 1;
-    return unnamedA ? 0 : compareFolded(a, b);
-}
-
-KeyContent readKey(const obreg::Key& key, const KeyPath& path, Read what)
-{
-    for (int i = 0; i < MostReads; ++i) {
-        KeyContent content = readKeyOnce(key, path, what);
-        // Figures change all the time, and are always the same ones.
-        if (path.root == HKEY_PERFORMANCE_DATA || infoOf(key, path).lastWriteTime == content.lastWriteTime)
-            return content;
-    }
-    throw Failure(ExitFailed, escaped(path.text(), Escape::Name) + ": kept changing while it was read",
-                  "run this again when less is written there");
-}
-
-KeyContent readKeyOnce(const obreg::Key& key, const KeyPath& path, Read what)
+KeyContent readEntries(const obreg::Key& key, const KeyPath& path, Read what, HeldBytes& held)
 {
     const obreg::KeyInfo info = infoOf(key, path);
     KeyContent content;
     content.lastWriteTime = info.lastWriteTime;
     if (what != Read::SubKeys) {
-        std::atomic<size_t> held{0};
         content.values.resize(info.values);
         fetchAll<obreg::NamedValue>(key, path, info.values, [&](size_t index, const obreg::NamedValue& value) {
             ValueEntry& entry = content.values[index];
             entry.name = value.name;
-            if ((held += value.value.data.size()) <= MaxHeld)
+            entry.position = index;
+            if (held.take(value.value.data.size()))
                 entry.held = value.value;
         });
         sortByName(content.values);
@@ -110,20 +80,52 @@ KeyContent readKeyOnce(const obreg::Key& key, const KeyPath& path, Read what)
     return content;
 }
 
-std::optional<OpenedKey> readSubKey(const obreg::Key& key, const KeyPath& path, const std::string& name, Read what)
+} // namespace
+
+int compareValueNames(const std::string& a, const std::string& b)
 {
-    try {
-        const KeyPath below = path.child(name);
-        std::error_code error;
-        OpenedKey opened{obreg::Key::open(key, name, KEY_READ, error), {}};
-        check(error, below);
-        opened.content = readKey(opened.key, below, what);
-        return opened;
-    } catch (const Failure& failure) {
-        if (failure.exit != ExitNotFound)
-            throw;
-        return std::nullopt;
+    const bool unnamedA = isUnnamed(a);
+    const bool unnamedB = isUnnamed(b);
+    if (unnamedA != unnamedB)
+        return unnamedA ? -1 : 1;
+    return unnamedA ? 0 : compareFolded(a, b);
+}
+
+bool HeldBytes::take(size_t bytes)
+{
+    m_held += bytes;
+    if ((m_all += bytes) <= MaxHeld)
+        return true;
+    m_held -= bytes;
+    m_all -= bytes;
+    return false;
+}
+
+KeyContent readKey(const obreg::Key& key, const KeyPath& path, Read what)
+{
+    std::atomic<size_t> all{0};
+    HeldBytes held(all);
+    return readKey(key, path, what, held);
+}
+
+KeyContent readKey(const obreg::Key& key, const KeyPath& path, Read what, HeldBytes& held)
+{
+    for (int i = 0; i < MostReads; ++i) {
+        KeyContent content = readEntries(key, path, what, held);
+        // Figures change all the time, and are always the same ones.
+        if (path.root == HKEY_PERFORMANCE_DATA || infoOf(key, path).lastWriteTime == content.lastWriteTime)
+            return content;
+        held.clear();
     }
+    throw Failure(ExitFailed, escaped(path.text(), Escape::Name) + ": kept changing while it was read",
+                  "run this again when less is written there");
+}
+
+KeyContent readKeyOnce(const obreg::Key& key, const KeyPath& path, Read what)
+{
+    std::atomic<size_t> all{0};
+    HeldBytes held(all);
+    return readEntries(key, path, what, held);
 }
 
 std::optional<obreg::NamedValue> takeValue(const obreg::Key& key, const KeyPath& path, ValueEntry&& entry)
@@ -140,8 +142,9 @@ std::optional<obreg::NamedValue> takeValue(const obreg::Key& key, const KeyPath&
 
 void walk(const KeyPath& path, bool recursive, const Visit& visit, Read what)
 {
-    const obreg::Key key = path.open();
-    walkFrom(path, key, readKey(key, path, what), recursive, visit, what, 0);
+    TreeReader reader(path, recursive ? UINT64_MAX : 0, what);
+    while (TreeReader::Entry* const pEntry = reader.next())
+        visit(pEntry->path, pEntry->key, pEntry->content, pEntry->depth);
 }
 
 size_t removeTree(const KeyPath& path)
@@ -150,10 +153,17 @@ size_t removeTree(const KeyPath& path)
     const auto note = [&levels](const KeyPath& key, const obreg::Key&, const KeyContent&, size_t depth) {
         levels.resize(std::max(levels.size(), depth + 1));
         levels[depth].push_back(key);
-        return true;
     };
     walk(path, true, note, Read::SubKeys);
+    removeKeys(levels);
     size_t count = 0;
+    for (const std::vector<KeyPath>& keys : levels)
+        count += keys.size();
+    return count;
+}
+
+void removeKeys(const std::vector<std::vector<KeyPath>>& levels)
+{
     for (size_t depth = levels.size(); depth-- > 0;) {
         const std::vector<KeyPath>& keys = levels[depth];
         forEachParallel(keys.size(), [&](size_t i) {
@@ -162,9 +172,7 @@ size_t removeTree(const KeyPath& path)
             if (error != obreg::Status::notFound) // somebody else was faster
                 check(error, keys[i]);
         });
-        count += keys.size();
     }
-    return count;
 }
 
 } // namespace obregtool

@@ -6,6 +6,7 @@
 #ifndef OBREG_TOOL_READTREE_H
 #define OBREG_TOOL_READTREE_H
 
+#include <atomic>
 #include <functional>
 #include <optional>
 #include <string>
@@ -22,6 +23,7 @@ namespace obregtool {
 struct ValueEntry {
     std::string name;
     std::optional<obreg::Value> held;
+    size_t position = 0; ///< in the order in which the daemon gives them
 };
 
 struct KeyContent {
@@ -52,31 +54,44 @@ void sideBySide(std::vector<Entry>& a, std::vector<Entry>& b, const F& f)
 
 enum class Read { All, Values, SubKeys };
 
+/// How many bytes of data one key holds, out of what several may hold together. Any thread.
+class HeldBytes {
+public:
+    explicit HeldBytes(std::atomic<size_t>& all) : m_all(all) {}
+    ~HeldBytes() { clear(); }
+    HeldBytes(const HeldBytes&) = delete;
+    HeldBytes& operator=(const HeldBytes&) = delete;
+
+    /// False when that would be too much.
+    bool take(size_t bytes);
+    void clear() { m_all -= m_held.exchange(0); }
+
+private:
+    std::atomic<size_t>& m_all;
+    std::atomic<size_t> m_held{0};
+};
+
 /// Reads an open key as it was at one moment: again, when it changed meanwhile. Throws Failure, also when it keeps
 /// changing.
 KeyContent readKey(const obreg::Key& key, const KeyPath& path, Read what = Read::All);
+KeyContent readKey(const obreg::Key& key, const KeyPath& path, Read what, HeldBytes& held);
 
 /// The same, once: when others write meanwhile, entries may be missing.
 KeyContent readKeyOnce(const obreg::Key& key, const KeyPath& path, Read what = Read::All);
-
-struct OpenedKey {
-    obreg::Key key;
-    KeyContent content;
-};
-
-/// Opens a sub-key and reads it as readKey does; nothing when it has been deleted meanwhile.
-std::optional<OpenedKey> readSubKey(const obreg::Key& key, const KeyPath& path, const std::string& name, Read what);
 
 /// The entry's value; the entry gives it away. Nothing when it has been deleted since.
 std::optional<obreg::NamedValue> takeValue(const obreg::Key& key, const KeyPath& path, ValueEntry&& entry);
 
 /// Reads a key and, when recursive, everything below it, each key before its sub-keys. Sub-keys that vanish meanwhile
-/// are left out. `visit` gets each open key with its content and its depth, and returns whether to go below it.
-using Visit = std::function<bool(const KeyPath& path, const obreg::Key& key, KeyContent& content, size_t depth)>;
+/// are left out. `visit` gets each open key with its content and its depth.
+using Visit = std::function<void(const KeyPath& path, const obreg::Key& key, KeyContent& content, size_t depth)>;
 void walk(const KeyPath& path, bool recursive, const Visit& visit, Read what = Read::All);
 
 /// Deletes a key and everything below it, the deepest first. Returns how many keys there were.
 size_t removeTree(const KeyPath& path);
+
+/// Deletes keys, those of the last level first. One that is gone is passed over. Throws Failure.
+void removeKeys(const std::vector<std::vector<KeyPath>>& levels);
 
 } // namespace obregtool
 

@@ -40,25 +40,41 @@ RegWriter::RegWriter(RegFormat format, std::function<void(std::string_view)> wri
     endLine();
 }
 
-void RegWriter::key(const std::string& key)
+void RegWriter::key(const std::string& key) { section("[", key); }
+
+void RegWriter::removeKey(const std::string& key) { section("[-", key); }
+
+void RegWriter::section(const char* pBracket, const std::string& key)
 {
     checkName(key);
     endLine();
-    put("[");
+    put(pBracket);
     put(key);
     put("]");
     endLine();
 }
 
-void RegWriter::value(const std::string& name, const obreg::Value& value)
+void RegWriter::valueName(const std::string& name)
 {
     checkName(name);
-    const size_t begin = m_text.size();
     if (name == "default")
         put("@");
     else
         quoted(name);
     put("=");
+}
+
+void RegWriter::removeValue(const std::string& name)
+{
+    valueName(name);
+    put("-");
+    endLine();
+}
+
+void RegWriter::value(const std::string& name, const obreg::Value& value)
+{
+    const size_t begin = m_text.size();
+    valueName(name);
     if (isCleanString(value)) {
         quoted(std::string_view(value.data).substr(0, value.data.size() - 1));
     } else if (value.type == REG_DWORD && value.data.size() == sizeof(UINT32)) {

@@ -27,12 +27,17 @@ public:
     /// characters, which the text cannot hold.
     void key(const std::string& key);
     void value(const std::string& name, const obreg::Value& value);
+    /// The same, deleted: a key with all below it, a value of the key that was named last.
+    void removeKey(const std::string& key);
+    void removeValue(const std::string& name);
     /// Hands over what is still held.
     void finish();
 
 private:
     void put(std::string_view text);
     void endLine() { put(m_format == RegFormat::Utf8 ? "\n" : "\r\n"); }
+    void section(const char* pBracket, const std::string& key);
+    void valueName(const std::string& name);
     void quoted(std::string_view text);
     void hex(const obreg::Value& value, size_t column);
 

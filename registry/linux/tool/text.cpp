@@ -280,17 +280,39 @@ std::optional<uint64_t> numberOf(std::string_view text, uint64_t greatest)
     return number;
 }
 
+namespace {
+
+constexpr uint64_t UnitsPerSecond = 10000000;
+
+time_t secondsOf(uint64_t time)
+{
+    constexpr int64_t secondsTo1970 = 11644473600;
+    return static_cast<time_t>(static_cast<int64_t>(time / UnitsPerSecond) - secondsTo1970);
+}
+
+std::string formatted(const tm& parts, const char* pFormat)
+{
+    char text[64];
+    return {text, strftime(text, sizeof(text), pFormat, &parts)};
+}
+
+} // namespace
+
 std::string timeText(uint64_t time)
 {
-    constexpr uint64_t perSecond = 10000000;
-    constexpr int64_t secondsTo1970 = 11644473600;
-    const auto seconds = static_cast<time_t>(static_cast<int64_t>(time / perSecond) - secondsTo1970);
+    const time_t seconds = secondsOf(time);
     tm parts{};
     gmtime_r(&seconds, &parts);
-    char text[64];
-    const size_t length = strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%S", &parts);
-    const std::string fraction = std::to_string(time % perSecond + perSecond).substr(1);
-    return std::string(text, length) + '.' + fraction + 'Z';
+    const std::string fraction = std::to_string(time % UnitsPerSecond + UnitsPerSecond).substr(1);
+    return formatted(parts, "%Y-%m-%dT%H:%M:%S") + '.' + fraction + 'Z';
+}
+
+std::string localTimeText(uint64_t time)
+{
+    const time_t seconds = secondsOf(time);
+    tm parts{};
+    localtime_r(&seconds, &parts);
+    return formatted(parts, "%Y-%m-%d %H:%M:%S %z");
 }
 
 } // namespace obregtool

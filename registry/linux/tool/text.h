@@ -72,6 +72,8 @@ std::optional<uint64_t> numberOf(std::string_view text, uint64_t greatest);
 
 /// A time in 100 ns units since 1601 as "2026-11-22T22:18:46.1234567Z".
 std::string timeText(uint64_t time);
+/// The same as a clock on the wall shows it: "2026-11-22 23:18:46 +0100".
+std::string localTimeText(uint64_t time);
 
 } // namespace obregtool
 

@@ -57,8 +57,6 @@ Meaning meaningAs(const Value& value)
     return decoded ? Meaning(*decoded) : Meaning();
 }
 
-constexpr size_t ShownBytes = 32;
-
 } // namespace
 
 Meaning meaningOf(const Value& value)
@@ -165,7 +163,7 @@ std::string dataText(const Value& value)
     return hexOf(value.data);
 }
 
-std::string shownData(const Value& value)
+std::string shownData(const Value& value, size_t mostBytes)
 {
     const Meaning meaning = meaningOf(value);
     if (const auto* pText = std::get_if<std::string>(&meaning))
@@ -179,9 +177,9 @@ std::string shownData(const Value& value)
         return text;
     }
     std::string text;
-    for (size_t i = 0; i < std::min(value.data.size(), ShownBytes); ++i)
+    for (size_t i = 0; i < std::min(value.data.size(), mostBytes); ++i)
         text += (text.empty() ? "" : " ") + hexOf(value.data.substr(i, 1));
-    if (value.data.size() > ShownBytes)
+    if (value.data.size() > mostBytes)
         text += " ... (" + std::to_string(value.data.size()) + " bytes)";
     return text;
 }

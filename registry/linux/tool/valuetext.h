@@ -24,8 +24,8 @@ obreg::Value valueOfArguments(UINT32 type, const std::vector<std::string>& data)
 /// Data in one line: text as escaped() gives it (several strings with \0 between), numbers in decimal, other bytes as
 /// pairs of digits. Data that does not fit its type is shown as bytes.
 std::string dataText(const obreg::Value& value);
-/// The same for a person: numbers also in hexadecimal, long bytes cut off.
-std::string shownData(const obreg::Value& value);
+/// The same for a person: numbers also in hexadecimal, other bytes up to that many.
+std::string shownData(const obreg::Value& value, size_t mostBytes);
 /// Data by itself for `get`: strings without escapes, several on a line each.
 std::string bareData(const obreg::Value& value);
 

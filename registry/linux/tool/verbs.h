@@ -28,6 +28,9 @@ Run declareExport(Arguments& arguments);
 Run declareImport(Arguments& arguments);
 Run declareCopy(Arguments& arguments);
 Run declareCompare(Arguments& arguments);
+Run declareFind(Arguments& arguments);
+Run declareRename(Arguments& arguments);
+Run declareMove(Arguments& arguments);
 Run declareWatch(Arguments& arguments);
 Run declarePing(Arguments& arguments);
 

@@ -1,6 +1,7 @@
 // import and export: keys as .reg text. docs/reg-format.md describes the text.
 #include <unistd.h>
 
+#include "caution.h"
 #include "files.h"
 #include "readtree.h"
 #include "regreader.h"
@@ -19,6 +20,7 @@ struct FileOptions {
     bool regedit4 = false;
     bool yes = false;
     bool checkOnly = false;
+    Caution caution;
 };
 
 /// Counts statements: the first pass, which finds the mistakes.
@@ -118,6 +120,28 @@ void importFile(RereadableFile& file, uint64_t total)
     }
 }
 
+/// Finds what the daemon would refuse, and does what else is wanted before the first write. False when nothing is to be
+/// written.
+bool prepareImport(RereadableFile& file, const FileOptions& options, Output& output)
+{
+    constexpr auto passes = Rehearsal::Missing::Passes;
+    const Changes changes = [&file](RegSink& sink) { readFile(file, sink); };
+    try {
+        if (!prepare(options.caution, passes, changes, output))
+            return false;
+        if (options.caution.backup.empty()) {
+            Rehearsal rehearsal(passes);
+            changes(rehearsal);
+        }
+    } catch (const WriteFailure& failure) {
+        throw inFile(failure, file.name() + ", line " + std::to_string(failure.line) + ": ", "; nothing was written");
+    } catch (const RegSyntaxError& error) {
+        throw Failure(ExitFailed, file.name() + ", " + error.what(),
+                      "the file has changed while it was read; nothing was written");
+    }
+    return !options.checkOnly;
+}
+
 int import(const FileOptions& options, Output& output)
 {
     RereadableFile file(options.file);
@@ -125,11 +149,13 @@ int import(const FileOptions& options, Output& output)
     try {
         readFile(file, counter);
     } catch (const RegSyntaxError& error) {
-        throw Failure(ExitFailed, file.name() + ", " + error.what(),
+        throw Failure(ExitBadFile, file.name() + ", " + error.what(),
                       "nothing was written; mend that line and try again");
     }
-    if (!options.checkOnly)
-        importFile(file, counter.all());
+    if (prepareImport(file, options, output))
+        carryOut(options.caution, [&] { importFile(file, counter.all()); });
+    if (options.caution.dryRun)
+        return ExitDone;
     output.summary(
         {options.checkOnly ? "checked" : "imported",
          {{"file", file.name()}, {"keys", counter.keys}, {"values", counter.values}, {"deletions", counter.deletions}},
@@ -198,7 +224,9 @@ Run declareImport(Arguments& arguments)
 {
     const auto pOptions = std::make_shared<FileOptions>();
     arguments.text("FILE", pOptions->file, "File to read; - for standard input", Arguments::Required);
-    arguments.flag("--check", pOptions->checkOnly, "Read and check the file, and write nothing");
+    addDryRunAndBackup(arguments, pOptions->caution);
+    arguments.flag("--check", pOptions->checkOnly,
+                   "Read the file, find what the daemon would refuse of it, and write nothing", "--backup");
     return [=](Output& output) { return import(*pOptions, output); };
 }
 

@@ -1,6 +1,8 @@
 // query, get, ls, tree and info: looking at keys and values.
 #include "readtree.h"
+#include "terminal.h"
 #include "text.h"
+#include "treereader.h"
 #include "valuetext.h"
 #include "verbs.h"
 
@@ -13,6 +15,7 @@ constexpr size_t WidestName = 40;
 struct ReadOptions {
     std::string key;
     std::string name;
+    std::vector<std::string> names;
     bool recursive = false;
     bool values = false;
     bool raw = false;
@@ -23,8 +26,16 @@ size_t nameWidth(const std::vector<ValueEntry>& values)
 {
     size_t width = 0;
     for (const ValueEntry& value : values)
-        width = std::max(width, characters(escaped(shownName(value.name), Escape::Name)));
+        width = std::max(width, columns(escaped(shownName(value.name), Escape::Name)));
     return std::min(width, WidestName);
+}
+
+size_t typeWidth(const std::vector<ValueEntry>& values)
+{
+    size_t width = 0;
+    for (const ValueEntry& value : values)
+        width = std::max(width, value.held ? typeName(value.held->type).size() : 0);
+    return width;
 }
 
 /// A fact for each value of a key, the names aligned. On a terminal each begins with `lead`, and what stands above says
@@ -33,6 +44,7 @@ void valueFacts(Output& output, const KeyPath& path, const obreg::Key& key, std:
                 const std::string& lead, bool keyField = true)
 {
     const size_t width = nameWidth(values);
+    const size_t widthOfType = typeWidth(values);
     for (ValueEntry& entry : values) {
         const std::optional<obreg::NamedValue> value = takeValue(key, path, std::move(entry));
         if (!value)
@@ -41,6 +53,7 @@ void valueFacts(Output& output, const KeyPath& path, const obreg::Key& key, std:
         fact.lead = lead;
         fact.fields[0].hidden = true;
         fact.fields[1].width = width;
+        fact.fields[2].width = widthOfType;
         if (!keyField)
             fact.fields.erase(fact.fields.begin());
         output.fact(fact);
@@ -68,7 +81,6 @@ int query(const ReadOptions& options, Output& output)
              for (const obreg::SubKey& subKey : content.subKeys)
                  if (!options.recursive)
                      output.fact(keyFact(path.child(subKey.name), "subkey"));
-             return true;
          });
     return ExitDone;
 }
@@ -80,19 +92,46 @@ int queryValue(const ReadOptions& options, Output& output)
     return ExitDone;
 }
 
-int get(const ReadOptions& options, Output& output)
+void printValue(Output& output, const KeyPath& path, const obreg::NamedValue& value)
 {
-    const KeyPath path = keyArgument(options.key);
-    const obreg::NamedValue value = readValue(path, options.name);
-    if (options.raw)
-        output.bytes(value.value.data);
-    else if (output.form() == Form::Json)
+    if (output.form() == Form::Json)
         output.fact(valueFact(path, value));
     else if (output.form() == Form::Plain)
         output.bytes(bareData(value.value) + '\n');
     else
         output.bytes(escaped(bareData(value.value), Escape::Screen) + '\n');
-    return ExitDone;
+}
+
+int get(const ReadOptions& options, Output& output)
+{
+    const KeyPath path = keyArgument(options.key);
+    if (options.names.size() < 2) {
+        const std::string name = options.names.empty() ? "" : options.names.front();
+        const obreg::NamedValue value = readValue(path, name);
+        if (options.raw)
+            output.bytes(value.value.data);
+        else
+            printValue(output, path, value);
+        return ExitDone;
+    }
+    if (options.raw)
+        throw UsageError("--raw prints one value: between several nothing would say where one ends");
+    output.makeList();
+    const obreg::Key key = path.open();
+    int status = ExitDone;
+    for (const std::string& name : options.names) {
+        std::error_code error;
+        const obreg::NamedValue value{name, key.get<obreg::Value>(name, error)};
+        if (error == obreg::Status::notFound) {
+            output.flush();
+            fputs(failureText(output.form() == Form::Json, failureOf(path, &name, error)).c_str(), stderr);
+            status = ExitNotFound;
+            continue;
+        }
+        check(error, path, &name);
+        printValue(output, path, value);
+    }
+    return status;
 }
 
 int ls(const ReadOptions& options, Output& output)
@@ -112,37 +151,63 @@ int ls(const ReadOptions& options, Output& output)
 
 Read partsOf(const ReadOptions& options) { return options.values ? Read::All : Read::SubKeys; }
 
-void treeBelow(const ReadOptions& options, Output& output, const KeyPath& path, const obreg::Key& key,
-               KeyContent&& content, const std::string& lead, uint64_t depth)
-{
-    const bool deeper = depth < options.depth && !content.subKeys.empty();
-    valueFacts(output, path, key, content.values, lead + (deeper ? "│ " : "  "));
-    content.values = {};
-    for (const obreg::SubKey& subKey : content.subKeys) {
-        if (!deeper)
-            break;
-        std::optional<OpenedKey> child = readSubKey(key, path, subKey.name, partsOf(options));
-        if (!child)
-            continue;
-        const KeyPath below = path.child(subKey.name);
-        const bool last = &subKey == &content.subKeys.back();
-        Fact fact = keyFact(below);
-        if (output.form() == Form::Terminal)
-            fact.fields = {{"key", subKey.name, Style::Key}};
-        fact.lead = lead + (last ? "└── " : "├── ");
-        output.fact(fact);
-        treeBelow(options, output, below, child->key, std::move(child->content), lead + (last ? "    " : "│   "),
-                  depth + 1);
-    }
-}
+/// What a tree is drawn with.
+struct Branches {
+    const char* pNotLast;
+    const char* pLast;
+    const char* pBelow; ///< what stands in front of all below one that is not the last
+    const char* pValues;
+};
+constexpr Branches Lines = {"├── ", "└── ", "│   ", "│ "};
+constexpr Branches AsciiLines = {"|-- ", "`-- ", "|   ", "| "};
 
 int tree(const ReadOptions& options, Output& output)
 {
-    const KeyPath path = keyArgument(options.key);
-    const obreg::Key key = path.open();
-    output.fact(keyFact(path));
-    treeBelow(options, output, path, key, readKey(key, path, partsOf(options)), "", 0);
+    const Branches& branches = isUtf8Locale() ? Lines : AsciiLines;
+    struct Level {
+        std::string lead; ///< of what is below
+        std::string last; ///< sub-key
+    };
+    std::vector<Level> levels;
+    TreeReader reader(keyArgument(options.key), options.depth, partsOf(options));
+    while (TreeReader::Entry* const pEntry = reader.next()) {
+        const KeyPath& path = pEntry->path;
+        KeyContent& content = pEntry->content;
+        Fact fact = keyFact(path);
+        std::string lead;
+        levels.resize(pEntry->depth);
+        if (!levels.empty()) {
+            const bool last = path.name() == levels.back().last;
+            fact.lead = levels.back().lead + (last ? branches.pLast : branches.pNotLast);
+            lead = levels.back().lead + (last ? "    " : branches.pBelow);
+            if (output.form() == Form::Terminal)
+                fact.fields = {{"key", path.name(), Style::Key}};
+        }
+        output.fact(fact);
+        const bool deeper = pEntry->depth < options.depth && !content.subKeys.empty();
+        valueFacts(output, path, pEntry->key, content.values, lead + (deeper ? branches.pValues : "  "));
+        levels.push_back({lead, deeper ? content.subKeys.back().name : ""});
+    }
     return ExitDone;
+}
+
+std::string counted(uint64_t count, const char* pOne, const char* pMany)
+{
+    return std::to_string(count) + ' ' + (count == 1 ? pOne : pMany);
+}
+
+/// The same as the fact, in words.
+std::string infoInWords(const obreg::KeyInfo& info)
+{
+    const auto bytes = [](uint64_t count) { return counted(count, "byte", "bytes"); };
+    std::string text = "  " + counted(info.subKeys, "sub-key", "sub-keys");
+    if (info.subKeys != 0)
+        text += ", the longest name " + bytes(info.maxSubKeyLength);
+    text += "\n  " + counted(info.values, "value", "values");
+    if (info.values != 0)
+        text +=
+            ", the longest name " + bytes(info.maxValueNameLength) + ", the longest data " + bytes(info.maxValueLength);
+    return text + "\n  last written " + localTimeText(info.lastWriteTime) + '\n';
 }
 
 int info(const ReadOptions& options, Output& output)
@@ -151,6 +216,12 @@ int info(const ReadOptions& options, Output& output)
     std::error_code error;
     const obreg::KeyInfo info = path.open().info(error);
     check(error, path);
+    if (output.form() == Form::Terminal) {
+        output.makeList(); // no "key: " in front
+        output.fact(keyFact(path));
+        output.bytes(infoInWords(info));
+        return ExitDone;
+    }
     const auto number = [](const char* pName, uint64_t count) { return Field{pName, count}; };
     output.fact({"info",
                  {{"key", path.text(), Style::Key},
@@ -195,8 +266,9 @@ Run declareQuery(Arguments& arguments)
 Run declareGet(Arguments& arguments)
 {
     const auto pOptions = withKey(arguments);
-    arguments.text("NAME", pOptions->name, "Value's name; without it the unnamed value");
-    arguments.flag("--raw", pOptions->raw, "The stored bytes, and nothing else");
+    arguments.texts("NAME", pOptions->names,
+                    "Value's name; without it the unnamed value. Several are printed in turn; JSON: an array");
+    arguments.flag("--raw", pOptions->raw, "The stored bytes of one value, and nothing else");
     return running(get, pOptions);
 }
 
@@ -205,7 +277,7 @@ Run declareLs(Arguments& arguments) { return running(ls, withKey(arguments)); }
 Run declareTree(Arguments& arguments)
 {
     const auto pOptions = withKey(arguments);
-    arguments.number("--depth", pOptions->depth, "Levels to show");
+    arguments.number("--depth", pOptions->depth, "Levels to show; 0: the key alone");
     arguments.flag("--values", pOptions->values, "Show the values as well");
     return running(tree, pOptions);
 }

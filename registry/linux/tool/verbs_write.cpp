@@ -1,7 +1,9 @@
 // add, set, delete and rm: changing single keys and values.
 #include <cerrno>
 #include <cstdio>
+#include <optional>
 
+#include "caution.h"
 #include "files.h"
 #include "readtree.h"
 #include "text.h"
@@ -12,6 +14,8 @@ namespace obregtool {
 
 namespace {
 
+constexpr UINT32 ManyValues = 10; // a key with more is deleted on request only
+
 struct WriteOptions {
     std::string key;
     std::string name;
@@ -21,6 +25,8 @@ struct WriteOptions {
     std::string separator;
     bool yes = false;
     bool allValues = false;
+    bool forceType = false;
+    Caution caution;
 };
 
 std::vector<std::string> split(const std::string& text, const std::string& separator)
@@ -44,22 +50,36 @@ std::string readText()
     return text;
 }
 
-obreg::Value valueOf(const WriteOptions& options)
+/// The type of the value that a key has by this name; nothing when it has none.
+std::optional<UINT32> storedType(const KeyPath& path, const std::string& name)
 {
-    const bool fromFile = !options.dataFile.empty();
-    if (fromFile && !options.data.empty())
-        throw UsageError("data comes from the command line or from a file, not from both");
-    const bool several = options.data.size() > 1 || !options.separator.empty();
-    const UINT32 usual = fromFile ? REG_BINARY : several ? REG_MULTI_SZ : REG_SZ;
-    const UINT32 type = options.type.empty() ? usual : typeArgument(options.type);
-    if (fromFile && !options.separator.empty())
+    std::error_code error;
+    const obreg::Key key = path.open(KEY_READ, error);
+    const obreg::Value value = error ? obreg::Value() : key.get<obreg::Value>(name, error);
+    if (error == obreg::Status::notFound || error == obreg::Status::badName) // a bad name is refused when it is written
+        return std::nullopt;
+    check(error, path, &name);
+    return value.type;
+}
+
+bool isNumber(UINT32 type) { return type == REG_DWORD || type == REG_DWORD_BIG_ENDIAN || type == REG_QWORD; }
+
+obreg::Value valueOfFile(const WriteOptions& options, UINT32 type)
+{
+    if (!options.separator.empty())
         throw UsageError("--separator takes a text of the command line apart, not a file");
-    if (fromFile) {
-        obreg::Value value{type, readWhole(options.dataFile)};
-        if (value.data.empty())
-            throw UsageError(options.dataFile + ": holds nothing, and an empty value cannot be stored");
-        return value;
-    }
+    obreg::Value value{type, readWhole(options.dataFile)};
+    if (value.data.empty())
+        throw UsageError(options.dataFile + ": holds nothing, and an empty value cannot be stored");
+    const bool fits = !isNumber(type) || std::holds_alternative<uint64_t>(meaningOf(value));
+    if (options.type.empty() && !fits)
+        throw UsageError(options.dataFile + ": holds " + std::to_string(value.data.size()) + " bytes, which are no " +
+                         typeName(type));
+    return value;
+}
+
+obreg::Value valueOfWords(const WriteOptions& options, UINT32 type)
+{
     std::vector<std::string> data = options.data;
     for (std::string& text : data)
         if (text == "-")
@@ -71,15 +91,44 @@ obreg::Value valueOf(const WriteOptions& options)
     return valueOfArguments(type, split(data.front(), options.separator));
 }
 
+/// What is to be stored. Without --type the type of what is there stays.
+obreg::Value valueOf(const WriteOptions& options, const KeyPath& path)
+{
+    const bool fromFile = !options.dataFile.empty();
+    if (fromFile && !options.data.empty())
+        throw UsageError("data comes from the command line or from a file, not from both");
+    const bool several = options.data.size() > 1 || !options.separator.empty();
+    const UINT32 usual = fromFile ? REG_BINARY : several ? REG_MULTI_SZ : REG_SZ;
+    const UINT32 wanted = options.type.empty() ? usual : typeArgument(options.type);
+    const UINT32 stored = options.forceType ? wanted : storedType(path, options.name).value_or(wanted);
+    const std::string other = "; --type " + typeName(wanted) + " --force-type stores it as that";
+    if (!options.type.empty() && stored != wanted)
+        throw Failure(ExitFailed,
+                      escaped(path.text(), Escape::Name) + ", value " + escaped(shownName(options.name), Escape::Name) +
+                          ": is a " + typeName(stored) + " and would become a " + typeName(wanted),
+                      "without --type it stays a " + typeName(stored) + other);
+    try {
+        return fromFile ? valueOfFile(options, stored) : valueOfWords(options, stored);
+    } catch (const UsageError& error) {
+        throw stored == wanted ? error : UsageError(error.what() + (" (it stays a " + typeName(stored) + other + ')'));
+    }
+}
+
 int store(const WriteOptions& options, Output& output)
 {
     const KeyPath path = keyArgument(options.key);
-    const obreg::Value value = valueOf(options);
+    const obreg::Value value = valueOf(options, path);
+    const Changes changes = [&](RegSink& sink) {
+        sink.key(path, {});
+        sink.value(std::string(options.name), obreg::Value(value), {});
+    };
+    if (!prepare(options.caution, Rehearsal::Missing::Fails, changes, output))
+        return ExitDone;
     std::error_code error;
     const obreg::Key key = path.create(nullptr, error);
     check(error, path);
     key.set(options.name, value, error);
-    check(error, path, &options.name);
+    check(error, path, &options.name, value.data.size());
     Fact fact = valueFact(path, {options.name, value}, "set");
     fact.showKind = true;
     output.summary(fact);
@@ -89,6 +138,9 @@ int store(const WriteOptions& options, Output& output)
 int createKey(const WriteOptions& options, Output& output)
 {
     const KeyPath path = keyArgument(options.key);
+    const Changes changes = [&](RegSink& sink) { sink.key(path, {}); };
+    if (!prepare(options.caution, Rehearsal::Missing::Fails, changes, output))
+        return ExitDone;
     bool created = false;
     std::error_code error;
     path.create(&created, error);
@@ -102,8 +154,14 @@ int createKey(const WriteOptions& options, Output& output)
 int removeValue(const WriteOptions& options, Output& output)
 {
     const KeyPath path = keyArgument(options.key);
-    std::error_code error;
     const obreg::Key key = path.open();
+    const Changes changes = [&](RegSink& sink) {
+        sink.key(path, {});
+        sink.removeValue(std::string(options.name), {});
+    };
+    if (!prepare(options.caution, Rehearsal::Missing::Fails, changes, output))
+        return ExitDone;
+    std::error_code error;
     key.removeValue(options.name, error);
     check(error, path, &options.name);
     output.summary({"deleted", {{"key", path.text()}, {"name", shownName(options.name)}}, "", Style::Normal, true});
@@ -115,14 +173,43 @@ int removeAllValues(const WriteOptions& options, Output& output)
     const KeyPath path = keyArgument(options.key);
     const obreg::Key key = path.open();
     const KeyContent content = readKey(key, path, Read::Values);
-    for (const ValueEntry& value : content.values) {
-        std::error_code error;
-        key.removeValue(value.name, error);
-        if (error != obreg::Status::notFound)
-            check(error, path, &value.name);
-    }
+    const Changes changes = [&](RegSink& sink) {
+        sink.key(path, {});
+        for (const ValueEntry& value : content.values)
+            sink.removeValue(std::string(value.name), {});
+    };
+    if (!prepare(options.caution, Rehearsal::Missing::Passes, changes, output))
+        return ExitDone;
+    carryOut(options.caution, [&] {
+        for (const ValueEntry& value : content.values) {
+            std::error_code error;
+            key.removeValue(value.name, error);
+            if (error != obreg::Status::notFound)
+                check(error, path, &value.name);
+        }
+    });
     output.summary({"deleted", {{"key", path.text()}, {"values", content.values.size()}}, "", Style::Normal, true});
     return ExitDone;
+}
+
+std::string counted(UINT32 count, const char* pWhat)
+{
+    return std::to_string(count) + ' ' + pWhat + (count == 1 ? "" : "s");
+}
+
+/// Asks before a key goes that holds much.
+void confirmRemoval(const KeyPath& path)
+{
+    std::error_code error;
+    const obreg::KeyInfo info = path.open().info(error);
+    check(error, path);
+    if (info.subKeys == 0 && info.values <= ManyValues)
+        return;
+    const std::string below =
+        counted(info.subKeys, "sub-key") + ", all that is below " + (info.subKeys == 1 ? "it, and " : "them, and ");
+    if (!confirmed("Delete " + escaped(path.text(), Escape::Name) + " with its " + (info.subKeys == 0 ? "" : below) +
+                   counted(info.values, "value") + '?'))
+        throw Failure(ExitFailed, "nothing was deleted");
 }
 
 int removeKey(const WriteOptions& options, Output& output)
@@ -130,16 +217,14 @@ int removeKey(const WriteOptions& options, Output& output)
     const KeyPath path = keyArgument(options.key);
     if (path.isRoot())
         throw UsageError(path.text() + " is a root and cannot be deleted; name a key below it");
-    std::error_code error;
-    const obreg::KeyInfo info = path.open().info(error);
-    check(error, path);
-    if (info.subKeys != 0 && !options.yes) {
-        const std::string count = std::to_string(info.subKeys);
-        if (!confirmed("Delete " + escaped(path.text(), Escape::Name) + " with its " + count +
-                       (info.subKeys == 1 ? " sub-key" : " sub-keys") + " and all that is below?"))
-            throw Failure(ExitFailed, "nothing was deleted");
-    }
-    output.summary({"deleted", {{"key", path.text()}, {"keys", removeTree(path)}}, "", Style::Normal, true});
+    if (!options.yes && !options.caution.dryRun)
+        confirmRemoval(path);
+    const Changes changes = [&](RegSink& sink) { sink.removeKey(path, {}); };
+    if (!prepare(options.caution, Rehearsal::Missing::Fails, changes, output))
+        return ExitDone;
+    size_t keys = 0;
+    carryOut(options.caution, [&] { keys = removeTree(path); });
+    output.summary({"deleted", {{"key", path.text()}, {"keys", keys}}, "", Style::Normal, true});
     return ExitDone;
 }
 
@@ -154,14 +239,18 @@ std::shared_ptr<WriteOptions> withKey(Arguments& arguments)
 void addDataOptions(Arguments& arguments, WriteOptions& options)
 {
     arguments.text("-t,--type", options.type,
-                   "Type by name or number [REG_SZ; REG_MULTI_SZ for several texts, REG_BINARY for a file]");
+                   "Type by name or number [that of the stored value; of a new one REG_SZ, REG_MULTI_SZ for several "
+                   "texts, REG_BINARY for a file]");
+    arguments.flag("--force-type", options.forceType, "Store the value also when another type is stored by its name");
     arguments.text("--data-file", options.dataFile, "Store this file's bytes as they are; - for standard input");
     arguments.text("--separator", options.separator, "Take one text apart at this into the strings of a REG_MULTI_SZ");
+    addDryRun(arguments, options.caution);
 }
 
-void addYes(Arguments& arguments, WriteOptions& options)
+void addRemovalOptions(Arguments& arguments, WriteOptions& options)
 {
-    arguments.flag("-y,--yes", options.yes, "Do not ask before deleting a key that has sub-keys");
+    arguments.flag("-y,--yes", options.yes, "Do not ask before deleting a key that has sub-keys or many values");
+    addDryRunAndBackup(arguments, options.caution);
 }
 
 } // namespace
@@ -169,7 +258,7 @@ void addYes(Arguments& arguments, WriteOptions& options)
 Run declareAdd(Arguments& arguments)
 {
     const auto pOptions = withKey(arguments);
-    arguments.text("-v,--value", pOptions->name, "Value's name; @ for the unnamed");
+    arguments.valueName("-v,--value", pOptions->name, "Value's name; @ for the unnamed");
     arguments.texts(
         "-d,--data", pOptions->data,
         "Text, number, or bytes as hexadecimal digits; several for REG_MULTI_SZ; - for the text on standard input");
@@ -184,7 +273,7 @@ Run declareAdd(Arguments& arguments)
 Run declareSet(Arguments& arguments)
 {
     const auto pOptions = withKey(arguments);
-    arguments.text("NAME", pOptions->name, "Value's name; @ for the unnamed", Arguments::Required);
+    arguments.valueName("NAME", pOptions->name, "Value's name; @ for the unnamed", Arguments::Required);
     arguments.texts(
         "DATA", pOptions->data,
         "Text, number, or bytes as hexadecimal digits; several for REG_MULTI_SZ; - for the text on standard input");
@@ -199,9 +288,9 @@ Run declareSet(Arguments& arguments)
 Run declareDelete(Arguments& arguments)
 {
     const auto pOptions = withKey(arguments);
-    arguments.text("-v,--value", pOptions->name, "Delete this value only; @ for the unnamed");
+    arguments.valueName("-v,--value", pOptions->name, "Delete this value only; @ for the unnamed");
     arguments.flag("--all-values", pOptions->allValues, "Delete the key's values and keep the key", "--value");
-    addYes(arguments, *pOptions);
+    addRemovalOptions(arguments, *pOptions);
     return [=, &arguments](Output& output) {
         return arguments.given("--value") ? removeValue(*pOptions, output)
                : pOptions->allValues      ? removeAllValues(*pOptions, output)
@@ -212,8 +301,8 @@ Run declareDelete(Arguments& arguments)
 Run declareRm(Arguments& arguments)
 {
     const auto pOptions = withKey(arguments);
-    arguments.text("NAME", pOptions->name, "Delete this value only; @ for the unnamed");
-    addYes(arguments, *pOptions);
+    arguments.valueName("NAME", pOptions->name, "Delete this value only; @ for the unnamed");
+    addRemovalOptions(arguments, *pOptions);
     return [=, &arguments](Output& output) {
         return arguments.given("NAME") ? removeValue(*pOptions, output) : removeKey(*pOptions, output);
     };

@@ -156,7 +156,7 @@ void WriteQueue::run(Write& write)
     else
         key.removeValue(*write.name, error);
     if (write.value || error != obreg::Status::notFound)
-        check(error, path, &*write.name);
+        check(error, path, &*write.name, write.value ? write.value->data.size() : 0);
 }
 
 } // namespace obregtool

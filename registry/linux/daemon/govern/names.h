@@ -9,11 +9,13 @@
 #include <string_view>
 #include <vector>
 
+#include "obreg/roots.h"
+
 namespace obregd {
 
-inline constexpr size_t MaxKeyNameLength = 255;
-inline constexpr size_t MaxValueNameLength = 16383;
-inline constexpr size_t MaxPathLevels = 512;
+inline constexpr size_t MaxKeyNameLength = OBREG_MAX_KEY_NAME;
+inline constexpr size_t MaxValueNameLength = OBREG_MAX_VALUE_NAME;
+inline constexpr size_t MaxPathLevels = OBREG_MAX_PATH_KEYS;
 
 /// True for a name that a value can have: at most MaxValueNameLength bytes, none of them a control character. The empty
 /// name is the key's unnamed value.

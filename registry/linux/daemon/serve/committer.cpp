@@ -11,9 +11,12 @@ constexpr auto BatchTime = std::chrono::milliseconds(10);
 constexpr size_t BatchBytes = size_t{4} * 1024 * 1024;
 constexpr size_t PagesOfOne = 8192; // what a small write adds to the log, about
 
-/// Whoever has a write done that takes as long as that leaves the disk to the others for ten times as long.
+/// Whoever has a write done that takes so much longer than the disk takes for any leaves it to the others for ten times
+/// as long.
 constexpr auto Long = std::chrono::milliseconds(20);
 constexpr int PauseFactor = 10;
+constexpr JobQueue::Clock::duration LongestPause = std::chrono::seconds(1);
+constexpr int BatchesLookedAt = 32; // for the time that the disk takes for any
 
 // Values of deleted keys that are cleared in one transaction: when nobody waits, and after each batch.
 constexpr int ManyRows = 2000;
@@ -60,8 +63,8 @@ bool Committer::clear(int rows)
     return done && more;
 }
 
-/// Runs a job and as many more as wait now. What comes later is left to the next batch: while this one is written to the
-/// disk, the others' requests are read, and neither waits for the other.
+/// Runs a job and as many more as wait now. What comes later is left to the next batch: while this one is written to
+/// the disk, the others' requests are read, and neither waits for the other.
 JobList Committer::runBatch(JobPtr pFirst)
 {
     const Clock::time_point begun = Clock::now();
@@ -86,10 +89,14 @@ JobList Committer::runBatch(JobPtr pFirst)
 void Committer::done(const JobList& batch, Clock::duration taken)
 {
     const auto cost = static_cast<double>(batch.cost());
+    m_leastNow = std::min(m_leastNow, taken);
+    const Clock::duration least = std::min(m_leastBefore, m_leastNow);
+    if (++m_batches % BatchesLookedAt == 0)
+        m_leastBefore = std::exchange(m_leastNow, Clock::duration::max());
     for (const Job* pJob = batch.first(); pJob != nullptr; pJob = pJob->pNext.get()) {
         const auto own =
-            std::chrono::duration_cast<Clock::duration>(taken * (static_cast<double>(pJob->cost()) / cost));
-        m_queue.done(*pJob, own >= Long ? own * PauseFactor : Clock::duration::zero());
+            std::chrono::duration_cast<Clock::duration>((taken - least) * (static_cast<double>(pJob->cost()) / cost));
+        m_queue.done(*pJob, own >= Long ? std::min(own * PauseFactor, LongestPause) : Clock::duration::zero());
     }
 }
 

@@ -46,6 +46,10 @@ private:
     Callbacks m_callbacks;
     Transactions m_transactions;
     Tidier m_tidier;
+    // The shortest batch of late: since some batches, and in those before.
+    Clock::duration m_leastNow = Clock::duration::max();
+    Clock::duration m_leastBefore = Clock::duration::max();
+    unsigned m_batches = 0;
     std::thread m_thread; // last: it uses all the others
 };
 

@@ -1,5 +1,7 @@
 #include "daemon/serve/connection.h"
 
+#include <cstdarg>
+#include <cstdio>
 #include <cstring>
 #include <poll.h>
 #include <span>
@@ -13,6 +15,8 @@ namespace {
 
 /// What a queued reply costs besides its bytes, roughly, so that many small ones count too.
 constexpr size_t ReplyOverhead = 128;
+/// A longer request is not even looked at on the thread that serves everybody, unless it is to be written anyway.
+constexpr size_t LongRequest = size_t{64} * 1024;
 /// Replies are sent when that much waits, and at the latest before more is read.
 constexpr size_t SendAt = size_t{256} * 1024;
 constexpr size_t MaxGather = 64;
@@ -40,6 +44,12 @@ Connection::~Connection()
     logLine(LOG_DEBUG, "uid %u, process %d: disconnected", m_peer.uid, m_peer.pid);
 }
 
+void Connection::begin()
+{
+    setHeld(m_itself, Overhead);
+    goOn();
+}
+
 /// Is none of the user's and the server's connections any more.
 void Connection::leave()
 {
@@ -47,6 +57,7 @@ void Connection::leave()
         return;
     m_open.store(false, std::memory_order_relaxed);
     m_pUser->connections.erase(this);
+    setHeld(m_itself, 0);
     count(*m_pUser->pCounts, UserFigure::Connections, -1);
     count(Figure::Connected, -1);
     m_host.closed(*this);
@@ -59,7 +70,7 @@ void Connection::attempt(Action action)
     try {
         action();
     } catch (const std::exception& failure) {
-        cutOff(Cause::NoMemory, failure.what());
+        cutOff(Cause::NoMemory, "%s", failure.what());
     }
 }
 
@@ -197,8 +208,7 @@ bool Connection::takeHeader()
     }
     const size_t limit = m_host.limits().maxPayload;
     if (length < 0 || static_cast<size_t>(length) > limit) {
-        cutOff(Cause::TooLong, "announced a request of " + std::to_string(length) +
-                                   " bytes; the limit (--max-payload) is " + std::to_string(limit));
+        cutOff(Cause::TooLong, "announced a request of %d bytes; the limit (--max-payload) is %zu", length, limit);
         return false;
     }
     m_begin += PktHdrLength;
@@ -246,18 +256,17 @@ void Connection::serve(std::string_view request)
     }
     if (pOperation->writes)
         return write(makeJob(*pOperation, request));
+    if (request.size() > LongRequest)
+        return readLater(makeJob(*pOperation, request));
     try {
         queue(m_reqId, pOperation->serve({m_host.store(), nullptr, m_peer}, request));
     } catch (const NeedsWriter&) {
         write(makeJob(*pOperation, request));
     } catch (const TooLong&) {
-        JobPtr pJob = makeJob(*pOperation, request);
-        const size_t cost = pJob->cost();
-        m_longReads.append(std::move(pJob));
-        setHeld(m_queued, m_queued + cost);
+        readLater(makeJob(*pOperation, request));
     } catch (const SQLite::Exception& failure) {
-        warn(*m_pUser, m_peer.pid, Cause::StoreFailed,
-             std::string("the store failed in a read: ") + failure.what() + "; look at it with obregd --check");
+        warn(*m_pUser, m_peer.pid, Cause::StoreFailed, "the store failed in a read: %s; look at it with obregd --check",
+             failure.what());
         queue(m_reqId, pOperation->refuse(statusOf(failure)));
     }
 }
@@ -279,10 +288,18 @@ void Connection::write(JobPtr pJob)
     m_host.writes().push(m_writes, std::move(pJob));
 }
 
+void Connection::readLater(JobPtr pJob)
+{
+    const size_t cost = pJob->cost();
+    m_longReads.append(std::move(pJob));
+    m_host.countLongReads(1);
+    setHeld(m_queued, m_queued + cost);
+}
+
 /// Gives the readers the next one when the client has taken the reply to the last.
 void Connection::nextLongRead()
 {
-    if (m_longRead != 0 || m_longReads.empty() || !m_out.empty())
+    if (m_longRead != 0 || m_longReads.empty() || !m_out.empty() || m_host.isEnding())
         return;
     m_longRead = m_longReads.front().cost();
     m_host.reads().push(m_reads, m_longReads.pop());
@@ -293,15 +310,24 @@ void Connection::answer(Job& job)
     if (job.pLane == &m_writes)
         setCommitting(m_committing - job.cost());
     else
-        setHeld(m_queued, m_queued - std::exchange(m_longRead, 0));
+        longReadOver();
     queue(job.reqId, std::move(job.reply));
 }
 
 void Connection::handOn(JobPtr pJob)
 {
-    setHeld(m_queued, m_queued - std::exchange(m_longRead, 0));
+    longReadOver();
     pJob->needsWriter = false;
-    write(std::move(pJob));
+    if (m_host.isEnding())
+        queue(pJob->reqId, Reply());
+    else
+        write(std::move(pJob));
+}
+
+void Connection::longReadOver()
+{
+    setHeld(m_queued, m_queued - std::exchange(m_longRead, 0));
+    m_host.countLongReads(-1);
 }
 
 void Connection::queue(uint32_t reqId, Reply&& reply)
@@ -318,8 +344,8 @@ void Connection::queue(uint32_t reqId, Reply&& reply)
     if (m_queued >= SendAt)
         flush();
     if (m_queued > m_host.limits().maxQueued && m_out.size() > 1)
-        cutOff(Cause::NotTaken,
-               "does not take its replies; the limit (--max-queued) is " + std::to_string(m_host.limits().maxQueued));
+        cutOff(Cause::NotTaken, "does not take its replies; the limit (--max-queued) is %zu",
+               m_host.limits().maxQueued);
 }
 
 void Connection::flush()
@@ -346,12 +372,12 @@ void Connection::flush()
 
 void Connection::waitToSend()
 {
-    m_sending = true;
     m_socket.async_wait(Socket::wait_write, [self = shared_from_this()](const asio::error_code& error) {
         self->m_sending = false;
         if (!error)
             self->goOn();
     });
+    m_sending = true;
 }
 
 void Connection::dropSent(size_t bytes)
@@ -373,13 +399,18 @@ void Connection::stopReading()
     unpark();
 }
 
-void Connection::cutOff(Cause cause, const std::string& reason)
+void Connection::cutOff(Cause cause, const char* pFormat, ...)
 {
     if (!isOpen())
         return;
     const auto self = shared_from_this(); // the jobs may be all that holds it
     count(Figure::CutOff);
-    warn(*m_pUser, m_peer.pid, cause, reason + "; the connection is closed");
+    std::array<char, 300> reason{};
+    va_list values;
+    va_start(values, pFormat);
+    std::vsnprintf(reason.data(), reason.size(), pFormat, values); // NOLINT: the caller's format is checked
+    va_end(values);
+    warn(*m_pUser, m_peer.pid, cause, "%s; the connection is closed", reason.data());
     close();
     const JobList dropped = m_host.writes().takeBack(m_writes);
     setCommitting(m_committing - dropped.cost());
@@ -396,6 +427,7 @@ void Connection::close()
     m_payload = Payload();
     setHeld(m_arriving, 0);
     setHeld(m_queued, m_longRead);
+    m_host.countLongReads(-static_cast<ptrdiff_t>(m_longReads.size()));
     m_longReads.clear();
     unpark();
 }

@@ -8,8 +8,9 @@
 // with one call, and a client that lets them pile up beyond the limit is cut off. It does read no more while too many
 // writes, its own or its user's, are on their way to the disk, which depends on no client.
 //
-// A client that has hung up is served no more; the writes that it has sent are done all the same. One that has only
-// shut down its sending side still gets its replies. Of one that is cut off, writes that have not begun are dropped.
+// A client that has hung up is served no more; the writes that were read from it by then are done all the same. One
+// that has only shut down its sending side still gets its replies. Of one that is cut off, writes that have not begun
+// are dropped.
 //
 // Everything runs on the server's thread, but for isOpen(). A connection lives as long as a read, a job, a reply under
 // way or a place in line holds it.
@@ -42,6 +43,10 @@ public:
     virtual void wantsTurn(Turns<Connection>::Place& place) = 0;
     /// Whether so few are there that one need not get in line for a short turn.
     virtual bool isQuiet() const = 0;
+    /// So many reads more, or less, are to be done by the readers.
+    virtual void countLongReads(ptrdiff_t more) = 0;
+    /// Whether nobody does jobs any more.
+    virtual bool isEnding() const = 0;
     /// So many bytes of one user's may be on their way to the disk before nothing more is read from him.
     virtual size_t writeShare() const = 0;
     /// One user more, or less, has writes on their way to the disk.
@@ -65,6 +70,8 @@ public:
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
+    /// Once, when it is one of the server's.
+    void begin();
     /// Asks for a turn if there may be something to do.
     void goOn();
     /// Serves the requests that are there, for a while, and reads on. Cuts the client off when that cannot be done.
@@ -79,7 +86,7 @@ public:
     /// Takes no more requests; what is under way is still answered.
     void stopReading();
     /// Ends the connection at once and says in the log who it was and why.
-    void cutOff(Cause cause, const std::string& reason);
+    void cutOff(Cause cause, const char* pFormat, ...) __attribute__((format(printf, 3, 4)));
     void close();
 
     /// Whether anybody is left to be answered. Any thread.
@@ -90,8 +97,10 @@ public:
 
     User& user() const { return *m_pUser; }
 
-    /// Bytes that wait here: a request arriving, writes under way, replies not taken.
-    size_t held() const { return m_arriving + m_committing + m_queued; }
+    /// Bytes that wait here: a request arriving, writes under way, replies not taken; and its own, while it is open.
+    size_t held() const { return m_arriving + m_committing + m_queued + m_itself; }
+    /// What it takes without any of that, with what Asio and the kernel have of it.
+    static constexpr size_t Overhead = 4096;
 
 private:
     struct Outgoing {
@@ -118,7 +127,9 @@ private:
     void serve(std::string_view request);
     JobPtr makeJob(const Operation& operation, std::string_view request);
     void write(JobPtr pJob);
+    void readLater(JobPtr pJob);
     void nextLongRead();
+    void longReadOver();
     void queue(uint32_t reqId, Reply&& reply);
     void flush();
     void waitToSend();
@@ -158,6 +169,7 @@ private:
     size_t m_outSent = 0; // bytes of the first one that are gone
 
     // The parts of held().
+    size_t m_itself = 0;
     size_t m_arriving = 0;
     size_t m_committing = 0;
     size_t m_queued = 0;

@@ -47,6 +47,8 @@ JobList JobQueue::takeBack(JobLane& lane)
 
 JobPtr JobQueue::take(int mostOfOneUser, Clock::time_point now)
 {
+    if (m_holds != 0 && !m_finishing)
+        return nullptr;
     JobLane* const pLane = m_turns.next([&](const JobLane& lane) {
         return lane.user.running < mostOfOneUser && (m_finishing || lane.user.notBefore <= now);
     });
@@ -99,6 +101,14 @@ void JobQueue::done(const Job& job, Clock::duration pause)
             job.pLane->user.notBefore = now + pause;
     }
     m_wakeUp.notify_one();
+}
+
+void JobQueue::hold(bool begins)
+{
+    const std::lock_guard lock(m_mutex);
+    m_holds += begins ? 1 : -1;
+    if (m_holds == 0)
+        m_wakeUp.notify_all();
 }
 
 bool JobQueue::isIdle() const

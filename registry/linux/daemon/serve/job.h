@@ -144,6 +144,9 @@ public:
     /// A job is done. With a pause, its user comes last for that long, if others have asked for something lately.
     void done(const Job& job, Clock::duration pause = {});
 
+    /// Gives out no more jobs from now on (true), or does again (false): as often as was asked for. Any thread.
+    void hold(bool begins);
+
     /// Whether pop() would have to wait.
     bool isIdle() const;
 
@@ -162,6 +165,7 @@ private:
     size_t m_size = 0;
     const User* m_pLast = nullptr; // who pushed last
     Clock::time_point m_changed;   // when that was last another than before
+    int m_holds = 0;
     bool m_finishing = false;
 };
 

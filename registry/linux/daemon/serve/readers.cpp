@@ -2,7 +2,6 @@
 
 #include <sys/resource.h>
 
-#include "daemon/log.h"
 #include "daemon/serve/connection.h"
 #include "obreg/roots.h"
 
@@ -11,23 +10,6 @@ namespace obregd {
 namespace {
 
 constexpr int Niceness = 5; // behind the thread that answers everybody
-
-void read(Job& job, Store& store)
-{
-    const auto fail = [&](REGSTATUS status, const char* pReason) {
-        logLine(LOG_ERR, "the store failed in a read: %s; look at it with obregd --check", pReason);
-        refuse(job, status);
-    };
-    try {
-        job.reply = job.pOperation->serve({store, nullptr, job.peer}, job.request.text());
-    } catch (const NeedsWriter&) {
-        job.needsWriter = true;
-    } catch (const SQLite::Exception& failure) {
-        fail(statusOf(failure), failure.what());
-    } catch (const std::exception& failure) {
-        fail(OBREG_STATUS_STORE_FAILED, failure.what());
-    }
-}
 
 } // namespace
 
@@ -52,6 +34,33 @@ void Readers::end()
     m_queue.finish();
     for (std::thread& thread : m_threads)
         thread.join();
+}
+
+void Readers::interrupt()
+{
+    for (const auto& pStore : m_stores)
+        pStore->interrupt();
+}
+
+void Readers::read(Job& job, Store& store)
+{
+    const auto fail = [&](REGSTATUS status, const char* pReason, const char* pAdvice) {
+        {
+            const std::lock_guard lock(m_logMutex);
+            if (const auto leftOut = m_log.allow(std::chrono::steady_clock::now()))
+                logLine(LOG_ERR, "a read failed: %s%s (%zu such lines were left out)", pReason, pAdvice, *leftOut);
+        }
+        refuse(job, status);
+    };
+    try {
+        job.reply = job.pOperation->serve({store, nullptr, job.peer}, job.request.text());
+    } catch (const NeedsWriter&) {
+        job.needsWriter = true;
+    } catch (const SQLite::Exception& failure) {
+        fail(statusOf(failure), failure.what(), "; look at the store with obregd --check");
+    } catch (const std::exception& failure) {
+        fail(OBREG_STATUS_STORE_FAILED, failure.what(), "");
+    }
 }
 
 void Readers::work(Store& store)

@@ -2,15 +2,18 @@
 // nobody waiting but those who want the same.
 //
 // Each has a Store of its own and takes one job after the other from a queue in which users take turns. One user's jobs
-// take all threads but one at most. A job whose client has gone is not begun.
+// take all threads but one at most. A job whose client has gone is not begun; none is begun while the queue is held, so
+// that the store's log can begin anew.
 #ifndef OBREG_DAEMON_SERVE_READERS_H
 #define OBREG_DAEMON_SERVE_READERS_H
 
 #include <functional>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "daemon/log.h"
 #include "daemon/serve/job.h"
 
 namespace obregd {
@@ -21,16 +24,21 @@ public:
     using Answered = std::function<void(JobPtr)>;
 
     Readers(const std::string& storePath, JobQueue& queue, Answered answered);
-    /// Lets the jobs that have begun end; the others are not done.
     ~Readers();
+
+    /// Lets the jobs that have begun fail soon. Any thread.
+    void interrupt();
 
 private:
     static constexpr int Threads = 2;
     void work(Store& store);
+    void read(Job& job, Store& store);
     void end();
 
     JobQueue& m_queue;
     const Answered m_answered;
+    std::mutex m_logMutex; // guards m_log
+    LogLimit m_log;
     std::vector<std::unique_ptr<Store>> m_stores;
     std::vector<std::thread> m_threads; // last: they use all the others
 };

@@ -17,6 +17,7 @@ constexpr auto MemoryPause = std::chrono::milliseconds(10);
 constexpr int AcceptsInARow = 64;
 constexpr int LooksPerArrival = 4;
 constexpr auto MaxWatch = std::chrono::microseconds(50);
+constexpr auto LastReadTime = std::chrono::seconds(1);
 constexpr auto LastSendTime = std::chrono::seconds(1);
 constexpr size_t OwnDescriptors = 64; // what the daemon has open besides connections, at most
 
@@ -62,13 +63,13 @@ void insist(Action action)
 Server::Server(int listeningDescriptor, Store& store, WritableStore& writableStore, const Limits& limits,
                WriteGuard* pGuard)
     : m_store(store), m_descriptors(descriptorsToHave()), m_limits(completed(limits, m_descriptors)),
-      m_work(m_io.get_executor()), m_acceptor(m_io), m_signals(m_io, SIGTERM, SIGINT), m_deadline(m_io), m_pause(m_io),
-      m_readers(store.path(), m_reads,
-                [this](JobPtr pJob) {
-                    JobList jobs;
-                    jobs.append(std::move(pJob));
-                    postAnswers(std::move(jobs));
-                }),
+      m_work(m_io.get_executor()), m_acceptor(m_io), m_signals(m_io, SIGTERM, SIGINT), m_deadline(m_io),
+      m_lastReads(m_io), m_pause(m_io), m_readers(store.path(), m_reads,
+                                                  [this](JobPtr pJob) {
+                                                      JobList jobs;
+                                                      jobs.append(std::move(pJob));
+                                                      postAnswers(std::move(jobs));
+                                                  }),
       m_committer(writableStore, pGuard, m_writes, committerCallbacks())
 {
     listenOn(listeningDescriptor);
@@ -79,6 +80,10 @@ Server::Server(int listeningDescriptor, Store& store, WritableStore& writableSto
 
 void Server::listenOn(int descriptor)
 {
+    if (m_stopping) {
+        close(descriptor);
+        return;
+    }
     if (m_acceptor.is_open())
         m_acceptor.close();
     m_acceptor.assign(asio::local::stream_protocol(), descriptor);
@@ -111,6 +116,7 @@ Committer::Callbacks Server::committerCallbacks()
     Committer::Callbacks callbacks;
     callbacks.answered = [this](JobList&& jobs) { postAnswers(std::move(jobs)); };
     callbacks.tidying = [this](bool begins) {
+        m_reads.hold(begins);
         postSurely([this, begins] {
             m_tidying += begins ? 1 : -1;
             m_store.keepState(m_tidying == 0);
@@ -129,10 +135,16 @@ void Server::waitFor(Chore& chore)
 {
     chore.timer.expires_after(chore.interval);
     const auto act = [this, &chore](const asio::error_code& cancelled) {
-        if (cancelled)
+        if (cancelled || m_ending)
             return;
         waitFor(chore);
-        chore.action();
+        try {
+            chore.action();
+        } catch (const std::exception& failure) {
+            if (const auto leftOut = m_choreLog.allow(std::chrono::steady_clock::now()))
+                logLine(LOG_ERR, "what is done from time to time failed: %s (%zu such lines were left out)",
+                        failure.what(), *leftOut);
+        }
     };
     chore.timer.async_wait(asio::bind_allocator(Reserve::Allocator<char>(chore.reserve), act));
 }
@@ -152,7 +164,7 @@ void Server::run()
 
 void Server::waitForSignal()
 {
-    m_signals.async_wait([this](const asio::error_code& error, int signal) {
+    const auto act = [this](const asio::error_code& error, int signal) {
         if (error)
             return;
         if (m_stopping) {
@@ -161,9 +173,10 @@ void Server::waitForSignal()
             std::_Exit(128 + signal);
         }
         logLine(LOG_NOTICE, "signal %d: stopping", signal);
-        waitForSignal();
         stop();
-    });
+        waitForSignal();
+    };
+    m_signals.async_wait(asio::bind_allocator(Reserve::Allocator<char>(m_signalReserve), act));
 }
 
 /// Serves until nothing is left to be done. Who has just been answered often asks again sooner than this thread could
@@ -229,6 +242,8 @@ void Server::waitForClients()
 
 void Server::acceptClients()
 {
+    if (m_stopping)
+        return;
     for (int i = 0; i < AcceptsInARow; ++i) {
         asio::error_code error;
         try {
@@ -278,7 +293,7 @@ void Server::begin(Connection::Socket socket)
         ConnectionHost& host = *this;
         const auto pConnection = std::make_shared<Connection>(host, std::move(socket), pUser, peer.pid);
         m_connections.insert(pConnection.get());
-        pConnection->goOn();
+        pConnection->begin();
     } catch (const std::exception& failure) {
         logLine(LOG_ERR, "a connection cannot be served: %s", failure.what());
     }
@@ -289,9 +304,8 @@ void Server::begin(Connection::Socket socket)
 bool Server::admits(User& user, pid_t process)
 {
     if (user.connections.size() >= m_limits.maxPerUser) {
-        warn(user, process, Cause::TooMany,
-             "one connection too many; the limit (--max-per-user) is " + std::to_string(m_limits.maxPerUser) +
-                 "; refused");
+        warn(user, process, Cause::TooMany, "one connection too many; the limit (--max-per-user) is %zu; refused",
+             m_limits.maxPerUser);
         count(*user.pCounts, UserFigure::Refused);
         return false;
     }
@@ -316,8 +330,9 @@ void Server::lookForOverdue()
     const std::vector<Connection*> all(m_connections.begin(), m_connections.end());
     for (Connection* pConnection : all)
         if (pConnection->isOverdue(now))
-            pConnection->cutOff(Cause::Overdue, "has begun a request and not ended it; the limit (--max-arrival) is " +
-                                                    std::to_string(m_limits.maxArrival) + " s");
+            pConnection->cutOff(Cause::Overdue,
+                                "has begun a request and not ended it; the limit (--max-arrival) is %u s",
+                                m_limits.maxArrival);
 }
 
 void Server::answer(JobList& jobs)
@@ -327,16 +342,18 @@ void Server::answer(JobList& jobs)
     while (!jobs.empty()) {
         JobPtr pJob = jobs.pop();
         Connection& connection = *pJob->pConnection;
-        if (pJob->needsWriter) {
-            connection.handOn(std::move(pJob));
-            continue;
-        }
+        const std::shared_ptr<Connection> self = pJob->pConnection;
         try {
+            if (pJob->needsWriter) {
+                connection.handOn(std::move(pJob));
+                continue;
+            }
             connection.answer(*pJob);
-        } catch (const std::bad_alloc& failure) {
-            connection.cutOff(Cause::NoMemory, failure.what());
+        } catch (const std::exception& failure) {
+            connection.cutOff(Cause::NoMemory, "%s", failure.what());
         }
-        answered.append(std::move(pJob));
+        if (pJob != nullptr)
+            answered.append(std::move(pJob));
     }
     for (const Job* pJob = answered.first(); pJob != nullptr; pJob = pJob->pNext.get())
         pJob->pConnection->goOn();
@@ -355,12 +372,17 @@ void Server::holds(User& user, ptrdiff_t more)
     count(*user.pCounts, UserFigure::Held, more);
     if (more <= 0)
         return;
-    if (m_held > m_limits.maxHeld)
-        makeRoom(*m_users.greatest([](const User& other) { return other.held; }),
-                 "holds most, and its user more than others, of what the daemon may hold; the limit (--max-held) is ",
-                 m_limits.maxHeld);
-    else if (user.held > m_limits.maxHeldPerUser)
-        makeRoom(user, "holds most of what its user may make the daemon hold; the limit (--quota-held) is ",
+    if (m_held > m_limits.maxHeld) {
+        // Of those who are gone only writes are left, which end by themselves.
+        User* const pGreatest =
+            m_users.greatest([](const User& other) { return other.connections.empty() ? size_t{0} : other.held; });
+        if (pGreatest != nullptr)
+            makeRoom(*pGreatest,
+                     "holds most, and its user more than others, of what the daemon may hold; the limit (--max-held)",
+                     m_limits.maxHeld);
+    }
+    if (user.held > m_limits.maxHeldPerUser)
+        makeRoom(user, "holds most of what its user may make the daemon hold; the limit (--quota-held)",
                  m_limits.maxHeldPerUser);
 }
 
@@ -370,7 +392,7 @@ void Server::makeRoom(User& user, const char* pReason, size_t limit)
     const auto most = std::max_element(user.connections.begin(), user.connections.end(),
                                        [](const Connection* a, const Connection* b) { return a->held() < b->held(); });
     if (most != user.connections.end() && (*most)->held() != 0)
-        (*most)->cutOff(Cause::Held, pReason + std::to_string(limit));
+        (*most)->cutOff(Cause::Held, "%s is %zu", pReason, limit);
 }
 
 void Server::closed(Connection& connection)
@@ -383,12 +405,37 @@ void Server::closed(Connection& connection)
 void Server::stop()
 {
     m_stopping = true;
-    if (m_onStop)
-        m_onStop();
+    try {
+        if (m_onStop)
+            m_onStop();
+    } catch (const std::exception& failure) {
+        logLine(LOG_ERR, "%s", failure.what());
+    }
     m_acceptor.close();
     m_pause.cancel();
     for (Connection* pConnection : m_connections)
         pConnection->stopReading();
+    const auto finish = [this](const asio::error_code& cancelled) {
+        if (!cancelled)
+            finishJobs();
+    };
+    m_lastReads.expires_after(LastReadTime);
+    m_lastReads.async_wait(asio::bind_allocator(Reserve::Allocator<char>(m_stopReserve), finish));
+    countLongReads(0);
+}
+
+void Server::countLongReads(ptrdiff_t more)
+{
+    m_longReads += more;
+    if (m_stopping && m_longReads == 0)
+        finishJobs();
+}
+
+/// No more jobs come, or none that is waited for.
+void Server::finishJobs()
+{
+    m_lastReads.cancel();
+    m_readers.interrupt();
     m_reads.finish();
     m_writes.finish();
 }
@@ -396,20 +443,20 @@ void Server::stop()
 /// The last write has been answered; whatever its client has not taken soon is lost to it.
 void Server::end()
 {
+    m_ending = true;
     m_work.reset();
     m_signals.cancel();
+    m_signals.clear(); // the next one ends the process
     for (Chore& chore : m_chores)
         chore.timer.cancel();
     if (m_connections.empty())
         return;
+    const auto closeAll = [this](const asio::error_code& error) {
+        while (!error && !m_connections.empty())
+            (*m_connections.begin())->close();
+    };
     m_deadline.expires_after(LastSendTime);
-    m_deadline.async_wait([this](const asio::error_code& error) {
-        if (error)
-            return;
-        const std::vector<Connection*> all(m_connections.begin(), m_connections.end());
-        for (Connection* pConnection : all)
-            pConnection->close();
-    });
+    m_deadline.async_wait(asio::bind_allocator(Reserve::Allocator<char>(m_endReserve), closeAll));
 }
 
 } // namespace obregd

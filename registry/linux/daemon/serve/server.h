@@ -45,6 +45,8 @@ public:
     /// Has something done at the first signal to stop. Before run().
     void onStop(std::function<void()> action) { m_onStop = std::move(action); }
 
+    bool isStopping() const { return m_stopping; }
+
     /// Returns after SIGTERM or SIGINT, when what had been begun has been answered. A second signal ends the process.
     void run();
 
@@ -58,6 +60,8 @@ private:
     size_t writeShare() const override;
     void countWriter(int more) override { m_writers += more; }
     void holds(User& user, ptrdiff_t more) override;
+    void countLongReads(ptrdiff_t more) override;
+    bool isEnding() const override { return m_ending; }
     void closed(Connection& connection) override;
 
     template <class Action>
@@ -78,6 +82,7 @@ private:
     void answer(JobList& jobs);
     void makeRoom(User& user, const char* pReason, size_t limit);
     void stop();
+    void finishJobs();
     void end();
 
     struct Chore {
@@ -98,7 +103,10 @@ private:
     size_t m_held = 0;
     int m_tidying = 0; // those who want readers to keep no state
     int m_writers = 0; // users with writes on their way to the disk
+    ptrdiff_t m_longReads = 0;
     bool m_stopping = false;
+    bool m_ending = false; // all that was to be answered is
+    LogLimit m_choreLog;
     bool m_acceptFailing = false;
     std::unordered_set<Connection*> m_connections; // the open ones
     Users m_users;
@@ -111,12 +119,16 @@ private:
     Reserve m_acceptReserve;
     Reserve m_pauseReserve;
     Reserve m_turnReserve;
+    Reserve m_signalReserve;
+    Reserve m_stopReserve;
+    Reserve m_endReserve;
     std::list<Reserve> m_choreReserves;
     asio::io_context m_io{1}; // destroyed before what its handlers touch
     asio::executor_work_guard<asio::io_context::executor_type> m_work;
     asio::local::stream_protocol::acceptor m_acceptor;
     asio::signal_set m_signals;
     asio::steady_timer m_deadline;
+    asio::steady_timer m_lastReads;
     asio::steady_timer m_pause;
     std::list<Chore> m_chores;
     Readers m_readers;     // its threads use m_io

@@ -7,7 +7,7 @@ namespace obregd {
 namespace {
 
 constexpr uint64_t PageSize = 4096;
-constexpr uint64_t PagesOfOne = 3;             // that a small write changes, when it comes with others
+constexpr uint64_t PagesOfOne = 3;              // that a small write changes, when it comes with others
 constexpr uint64_t Least = uint64_t{64} * 1024; // what the first one may take
 
 uint64_t toWrite(const Job& job) { return job.cost() + PagesOfOne * PageSize; }
@@ -53,6 +53,7 @@ void StoreGuard::giveReserve()
 /// What the log holds is moved now, so that it needs no room for that later.
 bool StoreGuard::tidy()
 {
+    m_check.stop(); // it keeps the log from beginning anew
     const bool restarted = m_store.restartLog();
     m_inLog = restarted ? 0 : static_cast<uint64_t>(m_store.finishTidying()) * PageSize;
     return restarted;

@@ -8,14 +8,15 @@
 #include "daemon/files.h"
 #include "daemon/serve/transactions.h"
 #include "daemon/store/diskspace.h"
+#include "daemon/store/quickcheck.h"
 
 namespace obregd {
 
 class StoreGuard final : public WriteGuard {
 public:
     /// All of them outlive it.
-    StoreGuard(WritableStore& store, StoreIdentity& identity, DiskSpace& space)
-        : m_store(store), m_identity(identity), m_space(space)
+    StoreGuard(WritableStore& store, StoreIdentity& identity, DiskSpace& space, QuickCheck& check)
+        : m_store(store), m_identity(identity), m_space(space), m_check(check)
     {}
 
     bool look(const Job& first) override;
@@ -29,6 +30,7 @@ private:
     WritableStore& m_store;
     StoreIdentity& m_identity;
     DiskSpace& m_space;
+    QuickCheck& m_check;
     bool m_kept = true;
     // Bytes: in the log and not in the file; of the transaction, what it wants in the log and what it may have there.
     uint64_t m_inLog = 0;

@@ -26,8 +26,11 @@ JobList Transactions::run(const std::function<JobPtr()>& next)
 {
     JobList jobs;
     JobPtr pJob = next();
-    if (m_pGuard != nullptr && pJob != nullptr && !m_pGuard->look(*pJob))
-        makeRoom();
+    try {
+        if (m_pGuard != nullptr && pJob != nullptr && !m_pGuard->look(*pJob))
+            makeRoom();
+    } catch (const std::exception&) { // judge() meets it again, in the transaction
+    }
     const auto serveAll = [&] {
         for (; pJob != nullptr; pJob = next()) {
             Job& job = *pJob;
@@ -47,8 +50,11 @@ JobList Transactions::run(const std::function<JobPtr()>& next)
         runAgain(jobs, *failure);
         return jobs;
     }
-    m_pGuard->giveReserve();
-    makeRoom();
+    try {
+        m_pGuard->giveReserve();
+        makeRoom();
+    } catch (const std::exception&) { // then there is no more room, which the jobs will find
+    }
     runPart(jobs);
     return jobs;
 }
@@ -83,12 +89,21 @@ std::optional<Transactions::Failure> Transactions::transact(const std::function<
 /// from outside may not.
 void Transactions::makeRoom()
 {
-    if (m_tidying)
-        m_tidying(true);
+    const struct Tidying {
+        explicit Tidying(const std::function<void(bool)>& tell) : m_tell(tell)
+        {
+            if (m_tell)
+                m_tell(true);
+        }
+        ~Tidying()
+        {
+            if (m_tell)
+                m_tell(false);
+        }
+        const std::function<void(bool)>& m_tell;
+    } asked(m_tidying);
     for (int i = 0; !m_pGuard->tidy() && i < RoomTries; ++i)
         std::this_thread::sleep_for(RoomPause);
-    if (m_tidying)
-        m_tidying(false);
 }
 
 /// Runs jobs again in a transaction, and those of them that fail by halves.

@@ -1,7 +1,7 @@
 // Runs requests that write, many in one transaction, so that all that can be done are and nothing of the others stays.
 //
 // When a transaction fails, its jobs are run again by halves, down to the one that cannot be done: it spoils no other.
-// Where it is nobody's job that is to blame (another program has the store locked) all are refused at once.
+// Where it is nobody's job that is to blame (another program has the store locked) it is refused at once.
 //
 // Belongs to the thread that owns the writable store.
 #ifndef OBREG_DAEMON_SERVE_TRANSACTIONS_H

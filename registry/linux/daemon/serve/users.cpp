@@ -1,5 +1,9 @@
 #include "daemon/serve/users.h"
 
+#include <array>
+#include <cstdarg>
+#include <cstdio>
+
 namespace obregd {
 
 namespace {
@@ -22,22 +26,28 @@ bool Rate::take(size_t perSecond, Clock::time_point now)
     return true;
 }
 
-void warn(User& user, pid_t process, Cause cause, const std::string& text)
+void warn(User& user, pid_t process, Cause cause, const char* pFormat, ...)
 {
     const auto leftOut = user.logged[static_cast<size_t>(cause)].allow(std::chrono::steady_clock::now());
     if (!leftOut)
         return;
-    const std::string others = *leftOut == 0 ? "" : " (" + std::to_string(*leftOut) + " such lines were left out)";
-    logLine(LOG_WARNING, "uid %u, process %d: %s%s", user.uid, process, text.c_str(), others.c_str());
+    std::array<char, 512> text{};
+    std::array<char, 64> others{};
+    va_list values;
+    va_start(values, pFormat);
+    std::vsnprintf(text.data(), text.size(), pFormat, values); // NOLINT: the caller's format is checked
+    va_end(values);
+    if (*leftOut != 0)
+        std::snprintf(others.data(), others.size(), " (%zu such lines were left out)", *leftOut);
+    logLine(LOG_WARNING, "uid %u, process %d: %s%s", user.uid, process, text.data(), others.data());
 }
 
 std::shared_ptr<User> Users::of(uid_t uid)
 {
-    std::shared_ptr<User>& pUser = m_users[uid];
-    if (pUser != nullptr)
-        return pUser;
+    if (const auto known = m_users.find(uid); known != m_users.end())
+        return known->second;
     auto pNew = std::make_shared<User>(uid);
-    pUser = pNew;
+    m_users.emplace(uid, pNew);
     if (m_users.size() > Kept)
         std::erase_if(m_users, [](const auto& entry) { return entry.second.use_count() == 1; });
     return pNew;

@@ -51,7 +51,8 @@ struct User {
 };
 
 /// Logs a warning about a user's client, unless there have been many for that cause lately.
-void warn(User& user, pid_t process, Cause cause, const std::string& text);
+/// Needs no memory.
+void warn(User& user, pid_t process, Cause cause, const char* pFormat, ...) __attribute__((format(printf, 4, 5)));
 
 class Users {
 public:

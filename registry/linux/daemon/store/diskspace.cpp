@@ -141,9 +141,9 @@ void DiskSpace::makeReserve()
     m_isThere = tryToMakeReserve();
     if (!m_isThere && !m_missed)
         logLine(LOG_WARNING,
-                "%s: %" PRIu64 " KiB cannot be set aside for deletions on a full disk: %s; trying again; make room on "
-                "that disk",
-                m_reserve.c_str(), m_size / KiB, std::strerror(errno));
+                "%s: %" PRIu64 " KiB cannot be set aside for deletions on a full disk: %s; trying again; %s",
+                m_reserve.c_str(), m_size / KiB, std::strerror(errno),
+                errno == EACCES ? "delete it, or give it to the daemon's user" : "make room on that disk");
     m_missed = !m_isThere;
     m_nextTry = std::chrono::steady_clock::now() + Pause;
 }

@@ -19,8 +19,8 @@ constexpr const char* AddFormer =
     "SELECT ?1, ?2, ?3, ?4, ?5, ?6, key, 0, name, type, length(data), CASE WHEN length(data) <= ?8 THEN data END "
     "FROM regvalue WHERE id = ?7";
 constexpr const char* BothEnds = "SELECT ifnull(max(number), 0), ifnull(max(position), 0), "
-                             "ifnull((SELECT position FROM change ORDER BY number LIMIT 1), 0) FROM "
-                             "(SELECT number, position FROM change ORDER BY number DESC LIMIT 1)";
+                                 "ifnull((SELECT position FROM change ORDER BY number LIMIT 1), 0) FROM "
+                                 "(SELECT number, position FROM change ORDER BY number DESC LIMIT 1)";
 constexpr const char* Oldest = "SELECT number, position FROM change ORDER BY number LIMIT ?";
 constexpr const char* Since = "SELECT number, time, uid, pid, kind, key, parent, name, type, length, data FROM change "
                               "WHERE number > ? ORDER BY number";

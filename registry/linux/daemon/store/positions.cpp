@@ -172,6 +172,8 @@ void Positions::insert(Set& set, const Cursor& anchor)
         return;
     set.anchors.insert(at, anchor);
     ++m_total;
+    while (m_total > MaxTotal && m_sets.size() > 1) // this one was used last, so it is not the last of them
+        drop(std::prev(m_sets.end()));
     if (set.anchors.size() > MaxAnchors)
         thin(set);
 }

@@ -1,9 +1,10 @@
 #include "daemon/store/schema.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>
-#include <filesystem>
 #include <stdexcept>
+#include <unistd.h>
 
+#include "daemon/files.h"
 #include "daemon/log.h"
 #include "daemon/store/clock.h"
 #include "daemon/store/facts.h"
@@ -106,14 +107,14 @@ void makeTables(SQLite::Database& database)
     database.exec("COMMIT");
 }
 
-/// A name for a copy of the store that nothing has.
-std::string freeName(const std::string& path, int format)
+/// Which of the store's files cannot be used for want of rights, and what helps; empty when that is not what is wrong.
+std::string missingRights(const std::string& path)
 {
-    const std::string name = path + ".format-" + std::to_string(format);
-    std::string free = name;
-    for (int i = 2; std::filesystem::exists(free); ++i)
-        free = name + "." + std::to_string(i);
-    return free;
+    for (const char* const pSuffix : {"", "-wal", "-shm"})
+        if (const std::string file = path + pSuffix; access(file.c_str(), R_OK | W_OK) != 0)
+            if (const std::string advice = rightsAdvice(file); !advice.empty())
+                return advice;
+    return {};
 }
 
 void upgradeTo2(SQLite::Database& database)
@@ -134,7 +135,7 @@ void upgradeTo2(SQLite::Database& database)
 
 void upgrade(SQLite::Database& database, const std::string& path, int format)
 {
-    const std::string backup = freeName(path, format);
+    const std::string backup = freeName(path + ".format-" + std::to_string(format));
     backUpStore(path, backup);
     logLine(LOG_NOTICE, "%s: is of format %d and becomes format %d; a copy of it as it was is %s", path.c_str(), format,
             StoreFormat, backup.c_str());
@@ -158,6 +159,7 @@ const std::string& prepareStoreFile(const std::string& path)
         if (id == 0 && version == 0 && tables == 0) {
             database.exec("PRAGMA journal_mode = WAL");
             makeTables(database);
+            logLine(LOG_WARNING, "made a new, empty registry at %s", path.c_str());
         } else if (id != ApplicationId) {
             throw std::runtime_error(path + ": is not a registry store; give another path with --store");
         } else if (version > 0 && version < StoreFormat) {
@@ -168,7 +170,7 @@ const std::string& prepareStoreFile(const std::string& path)
                                      "); run that version or give another path with --store");
         }
     } catch (const SQLite::Exception& failure) {
-        throw std::runtime_error(path + ": cannot be used as a store: " + failure.what() +
+        throw std::runtime_error(path + ": cannot be used as a store: " + failure.what() + missingRights(path) +
                                  "; make it accessible, restore it from a copy, or give another path with --store");
     }
     return path;

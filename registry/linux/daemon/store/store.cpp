@@ -236,6 +236,8 @@ Longest Store::longest(const Key& key)
 
 std::map<Owner, Usage> Store::usages() { return usageSaid(m_database); }
 
+void Store::interrupt() { sqlite3_interrupt(m_database.getHandle()); }
+
 void Store::release()
 {
     if (m_pHeld != nullptr)

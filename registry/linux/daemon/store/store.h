@@ -52,6 +52,9 @@ public:
     /// entries, and greatest lengths that would have to be looked for among more entries than that. Initially not.
     void setBrief(bool brief) { m_brief = brief; }
 
+    /// Lets what it is doing fail soon. Any thread.
+    void interrupt();
+
     /// Keeps the reads of its lifetime on one state of the store. Inside a write transaction that is so anyway.
     class Snapshot {
     public:
@@ -130,7 +133,8 @@ public:
     /// when it is something else's file or damaged.
     explicit WritableStore(const std::string& path);
 
-    /// Waits a while for a program from outside that holds the store locked; isBusy() knows the failure.
+    /// Waits a while for a program from outside that holds the store locked, but not again and again: when it has
+    /// waited for nothing, only a moment until it has not. isBusy() knows the failure.
     void begin();
     /// Returns when everything since begin() is on disk.
     void commit();
@@ -185,6 +189,7 @@ private:
     };
 
     Row changing(KeyId id);
+    void setPatience();
     void writeRow(KeyId id, Row& row);
     std::optional<FoundValue> findValue(KeyId key, const std::string& name);
     Account& accountOf(Owner owner);
@@ -207,7 +212,8 @@ private:
     std::vector<Owner> m_changedAccounts;          // since begin()
     int64_t m_lastValueRowUsed = 0;                // a value's row is not used again while this lives
     bool m_hasToClear = false;
-    bool m_cleared = false; // the last of it since begin()
+    bool m_cleared = false;   // the last of it since begin()
+    bool m_lockedOut = false; // by a program from outside, when last tried
     int m_logPages = 0;
     int m_maxLogPages = 4000;
 };

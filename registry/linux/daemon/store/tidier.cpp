@@ -15,7 +15,8 @@ constexpr auto FirstPause = std::chrono::milliseconds(100);
 constexpr auto LongestPause = std::chrono::seconds(4);
 constexpr auto Quiet = std::chrono::milliseconds(100); // without a commit: the thread does the rest itself
 constexpr int MostRounds = 8;
-constexpr int MostAttempts = 8;
+constexpr auto Patience = std::chrono::milliseconds(500); // with readers who have been asked
+constexpr auto Look = std::chrono::milliseconds(5);
 constexpr int LittleShare = 16; // what is left of a long log when it is the committing thread's turn
 constexpr int LeastPages = 16;
 
@@ -49,12 +50,11 @@ void Tidier::transactionOver()
     if (m_phase == Phase::Idle && m_store.logIsLong() && Clock::now() >= m_notBefore) {
         m_phase = Phase::Moving;
         m_little = std::max(pages / LittleShare, LeastPages);
-        m_attempts = 0;
         m_wakeUp.notify_one();
     } else if (m_phase == Phase::Finishing) {
         if (pages < before)
             end(true);
-        else if (++m_attempts > MostAttempts)
+        else if (Clock::now() > m_finishBy)
             end(false);
         else
             m_store.finishTidying();
@@ -68,8 +68,11 @@ void Tidier::work()
         m_wakeUp.wait(lock, [this] { return m_over || m_phase == Phase::Moving; });
         if (m_over)
             return;
+        const bool patient = m_prevented;
+        if (patient)
+            ask();
         lock.unlock();
-        const bool moved = moveMost();
+        const bool moved = moveMost(patient);
         lock.lock();
         if (m_over)
             return;
@@ -78,7 +81,8 @@ void Tidier::work()
             continue;
         }
         m_phase = Phase::Finishing;
-        m_tidying(true);
+        m_finishBy = Clock::now() + Patience;
+        ask();
         if (m_wakeUp.wait_for(lock, Quiet, [this] { return m_over || m_phase != Phase::Finishing; }))
             continue;
         lock.unlock();
@@ -89,17 +93,29 @@ void Tidier::work()
     }
 }
 
-/// Moves until little is left; false when a reader or a failure is in the way.
-bool Tidier::moveMost()
+/// Asks the readers to keep no state until end(); with the lock held.
+void Tidier::ask()
 {
+    if (!std::exchange(m_asking, true))
+        m_tidying(true);
+}
+
+/// Moves until little is left; false when a reader, whom it may wait for, or a failure is in the way.
+bool Tidier::moveMost(bool patient)
+{
+    const Clock::time_point until = Clock::now() + Patience;
     int before = -1;
-    for (int round = 0; round < MostRounds; ++round) {
+    for (int round = 0; round < MostRounds;) {
         const auto [pages, moved] = move();
         if (pages - moved <= m_little)
             return true;
-        if (moved <= before)
+        if (moved > before)
+            ++round;
+        else if (!patient || m_failing || Clock::now() > until)
             return false;
-        before = moved;
+        else
+            std::this_thread::sleep_for(Look);
+        before = std::max(before, moved);
     }
     return false;
 }
@@ -122,7 +138,9 @@ void Tidier::end(bool progress)
 {
     m_pause = progress ? FirstPause : std::min<Clock::duration>(m_pause * 2, LongestPause);
     m_notBefore = Clock::now() + (progress ? Clock::duration::zero() : m_pause);
-    if (std::exchange(m_phase, Phase::Idle) == Phase::Finishing)
+    m_prevented = !progress;
+    m_phase = Phase::Idle;
+    if (std::exchange(m_asking, false))
         m_tidying(false);
     m_wakeUp.notify_one();
 }

@@ -3,8 +3,9 @@
 // A thread with its own connection does most of it while writes go on. That never quite catches up with writers, and a
 // log begins anew only in a commit that finds all of it moved and no reader in an older state. So the short rest is the
 // committing thread's: once little is left, readers are asked to keep no state, what remains is moved after a commit,
-// and the next commit begins the log anew. Nothing here waits for a reader or a lock: when a reader's state (an
-// operator's, say) prevents progress, it is tried again after a pause that doubles up to some seconds.
+// and the next commit begins the log anew. No write waits for a reader or a lock here. When a reader's state prevents
+// progress, the next round begins with asking the daemon's own readers, and gives them half a second to end what they
+// are at; what an operator's state prevents is tried again after a pause that doubles up to some seconds.
 //
 // Made, told and destroyed by the thread that commits. `tidying` is called with true and then false, in turn, by that
 // thread or the tidier's own, and must not block or call back.
@@ -42,8 +43,9 @@ private:
     };
 
     void work();
-    bool moveMost();
+    bool moveMost(bool patient);
     Progress move();
+    void ask();
     void end(bool progress);
 
     const std::string m_path;
@@ -52,12 +54,14 @@ private:
     SQLite::Database m_database; // the thread's own
     Pacing m_pacing{m_database.getHandle()};
     bool m_failing = false; // the thread's own
-    int m_attempts = 0;     // the committing thread's
     int m_pages = 0;        // the committing thread's: in the log after its last commit
 
     std::mutex m_mutex; // guards what follows
     std::condition_variable m_wakeUp;
     Phase m_phase = Phase::Idle;
+    bool m_asking = false;    // readers are asked to keep no state
+    bool m_prevented = false; // the last round made no progress
+    Clock::time_point m_finishBy;
     bool m_over = false;
     int m_little = 0;
     Clock::duration m_pause;

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <sqlite3.h>
+#include <utility>
 
 #include "daemon/store/clock.h"
 #include "daemon/store/schema.h"
@@ -11,9 +12,10 @@ namespace obregd {
 namespace {
 
 constexpr const char* WriterCache = "PRAGMA cache_size = -8192"; // KiB
-constexpr UINT32 FewValues = 1000;                               // more than that are cleared away later
-constexpr int64_t FewBytes = int64_t{16} << 20;                  // so are more bytes than that, as far as is known
-constexpr int64_t PieceBytes = int64_t{4} << 20;                 // that clearSome() clears away at once
+constexpr int ShortTimeoutMs = 50;
+constexpr UINT32 FewValues = 1000;               // more than that are cleared away later
+constexpr int64_t FewBytes = int64_t{16} << 20;  // so are more bytes than that, as far as is known
+constexpr int64_t PieceBytes = int64_t{4} << 20; // that clearSome() clears away at once
 
 constexpr const char* SetRow =
     "UPDATE regkey SET (written, subkey_count, value_count, subkey_name_max, subkey_name_ties, value_name_max, "
@@ -63,7 +65,17 @@ WritableStore::WritableStore(const std::string& path)
 
 void WritableStore::begin()
 {
-    run(m_beginWrite);
+    const auto isLocked = [this](bool locked) {
+        if (std::exchange(m_lockedOut, locked) != locked)
+            setPatience();
+    };
+    try {
+        run(m_beginWrite);
+        isLocked(false);
+    } catch (const SQLite::Exception& failure) {
+        isLocked(isBusy(failure));
+        throw;
+    }
     lookAround();
     if (othersWrote())
         distrust();
@@ -127,12 +139,17 @@ uint64_t WritableStore::freePages()
     return m_freePages.executeStep() ? static_cast<uint64_t>(m_freePages.getColumn(0).getInt64()) : 0;
 }
 
+void WritableStore::setPatience()
+{
+    sqlite3_busy_timeout(m_database.getHandle(), m_lockedOut ? ShortTimeoutMs : BusyTimeoutMs);
+}
+
 bool WritableStore::restartLog()
 {
     sqlite3* const pHandle = m_database.getHandle();
     sqlite3_busy_timeout(pHandle, 0);
     const int result = sqlite3_wal_checkpoint_v2(pHandle, nullptr, SQLITE_CHECKPOINT_RESTART, nullptr, nullptr);
-    sqlite3_busy_timeout(pHandle, BusyTimeoutMs);
+    setPatience();
     return result == SQLITE_OK;
 }
 

@@ -1,0 +1,53 @@
+#include "caution.h"
+
+#include "backup.h"
+#include "errors.h"
+#include "preview.h"
+#include "text.h"
+
+namespace obregtool {
+
+void addDryRun(Arguments& arguments, Caution& caution)
+{
+    arguments.flag("--dry-run", caution.dryRun,
+                   "Print what would change, with names and rights checked; write nothing");
+}
+
+void addDryRunAndBackup(Arguments& arguments, Caution& caution)
+{
+    addDryRun(arguments, caution);
+    arguments.text("--backup", caution.backup, "First write a .reg file of what is replaced; importing it undoes this");
+    arguments.flag("--force", caution.force, "Replace the file of --backup if it exists");
+}
+
+bool prepare(const Caution& caution, Rehearsal::Missing missing, const Changes& changes, Output& output)
+{
+    Rehearsal rehearsal(missing);
+    if (caution.dryRun) {
+        Preview preview(rehearsal, output);
+        changes(preview);
+        preview.finish();
+        return false;
+    }
+    if (!caution.backup.empty()) {
+        changes(rehearsal);
+        Backup backup(caution.backup, caution.force);
+        changes(backup);
+        backup.commit();
+    }
+    return true;
+}
+
+void carryOut(const Caution& caution, const std::function<void()>& make)
+{
+    try {
+        make();
+    } catch (Failure& failure) {
+        if (!caution.backup.empty())
+            failure.advice += std::string(failure.advice.empty() ? "" : "; ") + "\"obreg import " +
+                              shellQuoted(caution.backup) + "\" brings back what was there";
+        throw;
+    }
+}
+
+} // namespace obregtool

@@ -1,0 +1,219 @@
+// rename and move: a key with all below it, or a value, to another place. What is moved is copied, compared with the
+// copy, and only then deleted.
+#include "comparison.h"
+#include "copier.h"
+#include "parallel.h"
+#include "text.h"
+#include "verbs.h"
+
+namespace obregtool {
+
+namespace {
+
+struct MoveOptions {
+    std::string key;
+    std::string to; ///< a key, or a new name
+    std::string value;
+};
+
+std::string shown(const KeyPath& path) { return escaped(path.text(), Escape::Name); }
+
+std::string shown(const KeyPath& path, const std::string& name)
+{
+    return shown(path) + ", value \"" + escaped(shownName(name), Escape::Name) + '"';
+}
+
+/// The failure, and what stands now.
+Failure standing(const Failure& failure, const std::string& what)
+{
+    Failure told = failure;
+    told.advice += (failure.advice.empty() ? "" : "; ") + what;
+    return told;
+}
+
+/// Compares the copy with the original, whose keys it notes.
+class Verification : public Comparer {
+public:
+    struct Seen {
+        KeyPath path;
+        UINT64 lastWriteTime;
+    };
+
+    void missingRight(TreeReader::Entry& left) override { fail(shown(left.path)); }
+    void missingLeft(TreeReader::Entry& /*right*/, const KeyPath& place) override { fail(shown(place)); }
+    void value(const TreeReader::Entry& left, const TreeReader::Entry& /*right*/, const obreg::NamedValue* pLeft,
+               const obreg::NamedValue* pRight) override
+    {
+        fail(shown(left.path, (pLeft != nullptr ? pLeft : pRight)->name));
+    }
+    void key(const TreeReader::Entry& left) override
+    {
+        seen.push_back({left.path, left.content.lastWriteTime});
+        levels.resize(std::max(levels.size(), left.depth + 1));
+        levels[left.depth].push_back(left.path);
+    }
+
+    /// Fails when one of the keys has changed since it was compared.
+    void checkUnchanged() const
+    {
+        forEachParallel(seen.size(), [this](size_t i) {
+            std::error_code error;
+            const obreg::KeyInfo info = seen[i].path.open().info(error);
+            check(error, seen[i].path);
+            if (info.lastWriteTime != seen[i].lastWriteTime)
+                fail(shown(seen[i].path));
+        });
+    }
+
+    std::vector<Seen> seen;
+    std::vector<std::vector<KeyPath>> levels;
+
+private:
+    [[noreturn]] static void fail(const std::string& where)
+    {
+        throw Failure(ExitFailed, where + ": was changed by somebody else while it was moved");
+    }
+};
+
+void refuseExisting(const std::string& what)
+{
+    throw Failure(ExitFailed, what + ": is there already",
+                  "nothing was changed; choose another name, or delete it first");
+}
+
+void copyTree(const KeyPath& from, const KeyPath& to, Copier& copier)
+{
+    Progress progress("copied", 0);
+    TreeReader reader(from, UINT64_MAX, Read::All);
+    while (TreeReader::Entry* const pEntry = reader.next()) {
+        copier.copy(*pEntry, moved(pEntry->path, from, to));
+        progress.update(copier.values());
+    }
+    copier.finish();
+}
+
+int moveKey(const KeyPath& from, const KeyPath& to, Output& output)
+{
+    if (from.isRoot())
+        throw UsageError(from.text() + " is a root and stays where it is; name a key below it");
+    if (to.isWithin(from))
+        throw UsageError("a key cannot be moved to itself, in whatever case, or below itself; choose another place");
+    from.open(KEY_ALL_ACCESS); // the right to delete it
+    bool created = false;
+    std::error_code error;
+    to.create(&created, error);
+    check(error, to);
+    if (!created)
+        refuseExisting(shown(to));
+    Copier copier;
+    Verification verification;
+    try {
+        copyTree(from, to, copier);
+        compareTrees(from, to, UINT64_MAX, verification);
+        verification.checkUnchanged();
+    } catch (const Failure& failure) {
+        throw standing(failure, shown(from) + " is as it was; " + shown(to) +
+                                    " has a part of it: delete that before you try again");
+    }
+    try {
+        removeKeys(verification.levels);
+    } catch (const Failure& failure) {
+        throw standing(failure, shown(to) + " is complete; of " + shown(from) +
+                                    " a part is left: delete that when nothing new is in it");
+    }
+    output.summary({"moved",
+                    {{"from", from.text()}, {"to", to.text()}, {"keys", copier.keys()}, {"values", copier.values()}},
+                    "",
+                    Style::Normal,
+                    true});
+    return ExitDone;
+}
+
+obreg::Value read(const KeyPath& path, const obreg::Key& key, const std::string& name)
+{
+    std::error_code error;
+    auto value = key.get<obreg::Value>(name, error);
+    check(error, path, &name);
+    return value;
+}
+
+int moveValue(const KeyPath& from, const std::string& name, const KeyPath& to, const std::string& newName,
+              Output& output)
+{
+    if (from.identity() == to.identity() && compareValueNames(name, newName) == 0)
+        throw UsageError("a value cannot be moved to itself, in whatever case; choose another name");
+    const obreg::Key fromKey = from.open(KEY_ALL_ACCESS);
+    const obreg::Value value = read(from, fromKey, name);
+    std::error_code error;
+    const obreg::Key toKey = to.create(nullptr, error);
+    check(error, to);
+    toKey.get<obreg::Value>(newName, error);
+    if (!error)
+        refuseExisting(shown(to, newName));
+    if (error != obreg::Status::notFound)
+        check(error, to, &newName);
+    toKey.set(newName, value, error);
+    check(error, to, &newName);
+    try {
+        if (read(to, toKey, newName) != value || read(from, fromKey, name) != value)
+            throw Failure(ExitFailed, shown(from, name) + ": was changed by somebody else while it was moved");
+        fromKey.removeValue(name, error);
+        check(error, from, &name);
+    } catch (const Failure& failure) {
+        throw standing(failure, "both values stand: " + shown(from, name) + " and " + shown(to, newName));
+    }
+    output.summary(
+        {"moved",
+         {{"from", from.text()}, {"name", shownName(name)}, {"to", to.text()}, {"newName", shownName(newName)}},
+         "",
+         Style::Normal,
+         true});
+    return ExitDone;
+}
+
+/// A name that a key of the same parent is to have.
+KeyPath beside(const KeyPath& key, const MoveOptions& options)
+{
+    const bool slashes = options.key.find('/') < options.key.find('\\'); // both separate in such a key
+    if (options.to.empty() || options.to.find_first_of(slashes ? "\\/" : "\\") != std::string::npos)
+        throw UsageError("\"" + escaped(options.to, Escape::Name) +
+                         "\" is no name of a key; to put it elsewhere use \"obreg move\"");
+    return key.parent().child(options.to);
+}
+
+std::shared_ptr<MoveOptions> withKey(Arguments& arguments)
+{
+    auto pOptions = std::make_shared<MoveOptions>();
+    arguments.text("KEY", pOptions->key, "Key, such as HKLM/Software/Acme or 'HKLM\\Software\\Acme'",
+                   Arguments::Required);
+    return pOptions;
+}
+
+} // namespace
+
+Run declareRename(Arguments& arguments)
+{
+    const auto pOptions = withKey(arguments);
+    arguments.text("NEWNAME", pOptions->to, "Its new name, which nothing beside it may have", Arguments::Required);
+    arguments.text("-v,--value", pOptions->value, "Rename this value of KEY, not the key; @ for the unnamed");
+    return [=, &arguments](Output& output) {
+        const KeyPath key = keyArgument(pOptions->key);
+        return arguments.given("--value") ? moveValue(key, pOptions->value, key, pOptions->to, output)
+                                          : moveKey(key, beside(key, *pOptions), output);
+    };
+}
+
+Run declareMove(Arguments& arguments)
+{
+    const auto pOptions = withKey(arguments);
+    arguments.text("TO", pOptions->to, "Key that it becomes, and that is not there yet", Arguments::Required);
+    arguments.text("-v,--value", pOptions->value, "Move this value of KEY into the key TO; @ for the unnamed");
+    return [=, &arguments](Output& output) {
+        const KeyPath key = keyArgument(pOptions->key);
+        const KeyPath to = keyArgument(pOptions->to);
+        return arguments.given("--value") ? moveValue(key, pOptions->value, to, pOptions->value, output)
+                                          : moveKey(key, to, output);
+    };
+}
+
+} // namespace obregtool
