@@ -17,6 +17,8 @@
 #define HKEY_USERS ((HANDLE)(uintptr_t)0x80000003u)
 /* What the daemon counts of its own work, for reading only. */
 #define HKEY_PERFORMANCE_DATA ((HANDLE)(uintptr_t)0x80000004u)
+/* What the daemon makes on demand: its key Changes tells what changes, when it does (docs/daemon.md). */
+#define HKEY_DYN_DATA ((HANDLE)(uintptr_t)0x80000006u)
 
 /* Statuses of the daemon; each is of the error class. */
 /* The key or value does not exist. */
@@ -29,6 +31,8 @@
 #define OBREG_STATUS_STORE_FULL ((REGSTATUS)0xC7F20070u)
 /* A name is empty where it may not be, too long, or holds bytes that a name cannot hold. */
 #define OBREG_STATUS_BAD_NAME ((REGSTATUS)0xC7F2007Bu)
+/* The user's programs wait for as many changes as they may. */
+#define OBREG_STATUS_TOO_MANY_WATCHES ((REGSTATUS)0xC7F2012Au)
 /* What the user's tree may take is used up. */
 #define OBREG_STATUS_QUOTA_EXCEEDED ((REGSTATUS)0xC7F20718u)
 /* Value data is longer than the daemon keeps. */

@@ -15,10 +15,9 @@ constexpr REGSTATUS Success = OBREG_STATUS_SUCCESS;
 const struct {
     HANDLE handle;
     KeyId id;
-} Roots[] = {{HKEY_CLASSES_ROOT, ClassesId},
-             {HKEY_LOCAL_MACHINE, MachineId},
-             {HKEY_USERS, UsersId},
-             {HKEY_PERFORMANCE_DATA, PerformanceId}};
+} Roots[] = {{HKEY_CLASSES_ROOT, ClassesId}, {HKEY_LOCAL_MACHINE, MachineId},
+             {HKEY_USERS, UsersId},          {HKEY_PERFORMANCE_DATA, PerformanceId},
+             {HKEY_DYN_DATA, DynamicId},     {reinterpret_cast<HANDLE>(uintptr_t{0x80000010}), ChangesId}};
 
 HANDLE handleOf(KeyId id)
 {
@@ -134,6 +133,36 @@ bool allowsKeys(const Session& session, Owner owner, const std::vector<std::stri
     return session.writer().allowsKeys(owner, names.size() - first, bytes);
 }
 
+/// Tells what has changed at a key, as the name asks. See dynamic.h.
+REGSTATUS queryChanges(const Session& session, const std::string& name, std::string& text)
+{
+    std::optional<ParsedWait> parsed = parseWait(name);
+    if (!parsed)
+        return OBREG_STATUS_BAD_NAME;
+    Wait& wait = parsed->wait;
+    Key key;
+    const KeyId id = idOf(session, reinterpret_cast<HANDLE>(uintptr_t{parsed->handle}));
+    const REGSTATUS status = findById(session, id, key);
+    if (&session.at(id) != &session.store)
+        return status == Success ? OBREG_STATUS_BAD_HANDLE : status;
+    if (status == OBREG_STATUS_BAD_HANDLE)
+        return status;
+    wait.watched.key = id;
+    if (wait.now) {
+        text = answerText({session.store.lastChange(), false, {}});
+        return status;
+    }
+    const Told told = session.store.told(wait.watched);
+    if (told.empty() && status != Success)
+        return status; // it is gone, and the client knows what was before that
+    if (told.empty() && wait.atMost.count() != 0 && session.mayWait) {
+        wait.watched.since = told.upTo;
+        throw MustWait{wait};
+    }
+    text = answerText(told);
+    return Success;
+}
+
 } // namespace
 
 REGSTATUS openKey(const Session& session, const OpenKeyReqMsg& request, HANDLE& key)
@@ -226,6 +255,16 @@ REGSTATUS queryValue(const Session& session, const QueryValueReqMsg& request, UI
     if (!isValueName(request.m_valueName))
         return OBREG_STATUS_BAD_NAME;
     const KeyId id = idOf(session, request.m_keyHandle);
+    if (id == ChangesId) {
+        static thread_local std::string text;
+        const REGSTATUS status = queryChanges(session, request.m_valueName, text);
+        if (status != Success)
+            return status;
+        type = REG_MULTI_SZ;
+        pData = text.data();
+        length = static_cast<UINT32>(text.size());
+        return Success;
+    }
     if (const auto value = session.at(id).value(id, request.m_valueName)) {
         type = value->type;
         pData = value->pData;

@@ -1,8 +1,10 @@
 #include "daemon/operations.h"
 
+#include <algorithm>
 #include <tuple>
 
 #include "daemon/handlers.h"
+#include "obreg/roots.h"
 
 namespace obregd {
 
@@ -64,6 +66,17 @@ constexpr Operation Operations[] = {
 };
 
 } // namespace
+
+std::optional<Reply> tellChanges(Store& store, Wait& wait, bool timeIsUp)
+{
+    const Store::Snapshot snapshot(store);
+    const Told told = store.told(wait.watched);
+    wait.watched.since = std::max(wait.watched.since, told.upTo);
+    if (told.empty() && !timeIsUp)
+        return std::nullopt;
+    const std::string text = answerText(told);
+    return encode(QueryValueRespMsg(OBREG_STATUS_SUCCESS, REG_MULTI_SZ, text.data(), static_cast<UINT32>(text.size())));
+}
 
 const Operation* findOperation(std::string_view request)
 {

@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "common/msgproto.h"
+#include "daemon/dynamic.h"
 #include "daemon/figures.h"
 #include "daemon/store/store.h"
 
@@ -20,16 +21,24 @@ namespace obregd {
 
 struct NeedsWriter {};
 
+/// Thrown where a session may wait: there is nothing to tell yet.
+struct MustWait {
+    Wait wait;
+};
+
 struct Session {
     Store& store;
     WritableStore* pWriter; ///< the same store when it can be written, else null
     Peer peer;
+    bool mayWait = false;
 
     /// Where the key of that number is to be found.
     Tree& at(KeyId id) const
     {
         if (id >= PerformanceId && id < FirstKeyId)
             return figureTree();
+        if (id > LastKeyId)
+            return dynamicTree();
         return store;
     }
     WritableStore& writer() const
@@ -52,11 +61,16 @@ struct Operation {
     bool writes;
     /// Takes something away and adds nothing: done even when the disk is full.
     bool frees;
-    /// No text when the request cannot be decoded. Throws NeedsWriter, TooLong, SQLite::Exception or std::bad_alloc.
+    /// No text when the request cannot be decoded. Throws NeedsWriter, MustWait, TooLong, SQLite::Exception or
+    /// std::bad_alloc.
     Reply (*serve)(const Session& session, std::string_view request);
     /// The response that gives a status and nothing else.
     Reply (*refuse)(REGSTATUS status);
 };
+
+/// The answer to a query of changes whose wait is over; nothing when there is nothing to tell and the time is not up.
+/// The wait goes on from what was looked at.
+std::optional<Reply> tellChanges(Store& store, Wait& wait, bool timeIsUp);
 
 /// The operation that a request asks for by its first line; null when there is none of that name.
 const Operation* findOperation(std::string_view request);

@@ -54,6 +54,9 @@ std::optional<Options> parseOptions(int argc, const char* const* argv, int* pExi
         ->transform(asSize)
         ->type_name("SIZE")
         ->default_str("64M");
+    app.add_option("--quota-watches", limits.maxWatches, "Requests of one user that wait for changes")
+        ->type_name("NUMBER")
+        ->capture_default_str();
     app.add_option("--max-per-user", limits.maxPerUser, "Connections of one user [half of the descriptors]")
         ->check(CLI::PositiveNumber.description(""))
         ->type_name("NUMBER");

@@ -29,6 +29,8 @@ struct Limits {
     size_t maxPerUser = 0;
     /// Requests of one user in a second. Beyond it they are refused. 0: as many as there are.
     size_t maxRequests = 1'000'000;
+    /// Requests of one user's that wait for changes. Beyond it they are refused.
+    size_t maxWatches = 16384;
     /// Seconds that a request may take to arrive, once it has begun. Beyond it the client is cut off.
     unsigned maxArrival = 60;
 };

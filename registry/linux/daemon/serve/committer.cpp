@@ -44,7 +44,8 @@ void Committer::work()
         JobPtr pFirst = m_queue.pop(INT_MAX);
         if (pFirst == nullptr)
             break;
-        m_callbacks.answered(runBatch(std::move(pFirst)));
+        JobList batch = runBatch(std::move(pFirst));
+        m_callbacks.answered(std::move(batch), m_store.journal().takeTouched());
         m_tidier.transactionOver();
         clear(FewRows);
     }

@@ -23,10 +23,11 @@ namespace obregd {
 class Committer {
 public:
     struct Callbacks {
-        std::function<void(JobList&&)> answered; ///< a batch is durable, or refused
-        std::function<void(bool)> tidying;       ///< readers are to keep no state from now on, or may again; from the
-                                                 ///< tidier's thread too
-        std::function<void()> ended;             ///< after the queue's finish(): the last batch has been answered
+        /// A batch is durable, or refused; and what has changed.
+        std::function<void(JobList&&, std::vector<Touched>&&)> answered;
+        std::function<void(bool)> tidying; ///< readers are to keep no state from now on, or may again; from the
+                                           ///< tidier's thread too
+        std::function<void()> ended;       ///< after the queue's finish(): the last batch has been answered
     };
 
     Committer(WritableStore& store, WriteGuard* pGuard, JobQueue& queue, Callbacks callbacks);

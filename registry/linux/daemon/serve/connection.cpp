@@ -259,9 +259,11 @@ void Connection::serve(std::string_view request)
     if (request.size() > LongRequest)
         return readLater(makeJob(*pOperation, request));
     try {
-        queue(m_reqId, pOperation->serve({m_host.store(), nullptr, m_peer}, request));
+        queue(m_reqId, pOperation->serve({m_host.store(), nullptr, m_peer, true}, request));
     } catch (const NeedsWriter&) {
         write(makeJob(*pOperation, request));
+    } catch (const MustWait& must) {
+        wait(makeJob(*pOperation, request), must.wait);
     } catch (const TooLong&) {
         readLater(makeJob(*pOperation, request));
     } catch (const SQLite::Exception& failure) {
@@ -286,6 +288,29 @@ void Connection::write(JobPtr pJob)
 {
     setCommitting(m_committing + pJob->cost());
     m_host.writes().push(m_writes, std::move(pJob));
+}
+
+/// Answers when there is something to tell, or when the time is up.
+void Connection::wait(JobPtr pJob, const Wait& wait)
+{
+    const size_t cost = pJob->cost();
+    if (m_host.watch(*m_pUser, pJob, wait))
+        return setHeld(m_watching, m_watching + cost);
+    count(*m_pUser->pCounts, UserFigure::Refused);
+    queue(pJob->reqId, pJob->pOperation->refuse(OBREG_STATUS_TOO_MANY_WATCHES));
+}
+
+void Connection::tell(Job& job, Reply&& reply)
+{
+    setHeld(m_watching, m_watching - job.cost());
+    queue(job.reqId, std::move(reply));
+}
+
+void Connection::lookLater(JobPtr pJob)
+{
+    setHeld(m_watching, m_watching - pJob->cost());
+    readLater(std::move(pJob));
+    goOn();
 }
 
 void Connection::readLater(JobPtr pJob)
@@ -317,6 +342,8 @@ void Connection::answer(Job& job)
 void Connection::handOn(JobPtr pJob)
 {
     longReadOver();
+    if (pJob->wait)
+        return wait(std::move(pJob), *std::exchange(pJob->wait, std::nullopt));
     pJob->needsWriter = false;
     if (m_host.isEnding())
         queue(pJob->reqId, Reply());
@@ -429,6 +456,10 @@ void Connection::close()
     setHeld(m_queued, m_longRead);
     m_host.countLongReads(-static_cast<ptrdiff_t>(m_longReads.size()));
     m_longReads.clear();
+    if (m_watching != 0) {
+        m_host.dropWatches(*this);
+        setHeld(m_watching, 0);
+    }
     unpark();
 }
 

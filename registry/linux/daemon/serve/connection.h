@@ -43,6 +43,10 @@ public:
     virtual void wantsTurn(Turns<Connection>::Place& place) = 0;
     /// Whether so few are there that one need not get in line for a short turn.
     virtual bool isQuiet() const = 0;
+    /// Keeps a request until there is something to tell; false when the user has as many of them as he may.
+    virtual bool watch(User& user, JobPtr& pJob, const Wait& wait) = 0;
+    /// The connection is closed: the requests that are kept for it go.
+    virtual void dropWatches(const Connection& connection) = 0;
     /// So many reads more, or less, are to be done by the readers.
     virtual void countLongReads(ptrdiff_t more) = 0;
     /// Whether nobody does jobs any more.
@@ -80,8 +84,12 @@ public:
 
     /// Queues the answer to a job. goOn() when all those at hand are queued.
     void answer(Job& job);
-    /// Takes a job back from the readers that is one for the committer.
+    /// Takes a job back from the readers that is one for the committer, or that waits.
     void handOn(JobPtr pJob);
+    /// Queues the answer to a job that has waited. goOn() when all those at hand are queued.
+    void tell(Job& job, Reply&& reply);
+    /// Leaves it to the readers to look what there is to tell.
+    void lookLater(JobPtr pJob);
 
     /// Takes no more requests; what is under way is still answered.
     void stopReading();
@@ -97,8 +105,9 @@ public:
 
     User& user() const { return *m_pUser; }
 
-    /// Bytes that wait here: a request arriving, writes under way, replies not taken; and its own, while it is open.
-    size_t held() const { return m_arriving + m_committing + m_queued + m_itself; }
+    /// Bytes that wait here: a request arriving, writes under way, replies not taken, questions what has changed; and
+    /// its own, while it is open.
+    size_t held() const { return m_arriving + m_committing + m_queued + m_watching + m_itself; }
     /// What it takes without any of that, with what Asio and the kernel have of it.
     static constexpr size_t Overhead = 4096;
 
@@ -128,6 +137,7 @@ private:
     JobPtr makeJob(const Operation& operation, std::string_view request);
     void write(JobPtr pJob);
     void readLater(JobPtr pJob);
+    void wait(JobPtr pJob, const Wait& wait);
     void nextLongRead();
     void longReadOver();
     void queue(uint32_t reqId, Reply&& reply);
@@ -173,6 +183,7 @@ private:
     size_t m_arriving = 0;
     size_t m_committing = 0;
     size_t m_queued = 0;
+    size_t m_watching = 0;
 };
 
 } // namespace obregd

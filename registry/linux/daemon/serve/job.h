@@ -10,6 +10,7 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <utility>
 
 #include "daemon/operations.h"
@@ -31,6 +32,7 @@ struct Job {
     Reply reply{};
     JobLane* pLane = nullptr;     ///< of the queue that it went through last
     bool needsWriter = false;     ///< in place of a reply: it is one for the committer
+    std::optional<Wait> wait{};   ///< in place of a reply: there is nothing to tell yet
     std::unique_ptr<Job> pNext{}; ///< in a JobList
 
     /// Bytes that it makes the daemon hold; a job without data has its cost too.

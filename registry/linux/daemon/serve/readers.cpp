@@ -53,9 +53,11 @@ void Readers::read(Job& job, Store& store)
         refuse(job, status);
     };
     try {
-        job.reply = job.pOperation->serve({store, nullptr, job.peer}, job.request.text());
+        job.reply = job.pOperation->serve({store, nullptr, job.peer, true}, job.request.text());
     } catch (const NeedsWriter&) {
         job.needsWriter = true;
+    } catch (const MustWait& must) {
+        job.wait = must.wait;
     } catch (const SQLite::Exception& failure) {
         fail(statusOf(failure), failure.what(), "; look at the store with obregd --check");
     } catch (const std::exception& failure) {

@@ -41,6 +41,7 @@ struct User {
     std::unordered_set<Connection*> connections;           ///< the open ones
     size_t held = 0;                                       ///< bytes, of closed ones that are still worked for too
     size_t committing = 0;                                 ///< of these, writes on their way to the disk
+    size_t watches = 0;                                    ///< requests that wait for changes
     Rate requests;
     std::array<LogLimit, static_cast<size_t>(Cause::Number)> logged;
     Ring<Connection> parked; ///< connections that read on when less is committing

@@ -50,37 +50,46 @@ void JournalWriter::distrust()
 }
 
 /// The next change takes so many bytes.
-void JournalWriter::next(int64_t bytes)
+void JournalWriter::next(int64_t bytes, KeyId key, KeyId parent)
 {
     ++m_now.number;
     m_now.position += RowBytes + bytes;
+    m_touched.push_back({m_now.number, key, parent});
+}
+
+void JournalWriter::rolledBack()
+{
+    m_now = m_stored;
+    while (!m_touched.empty() && m_touched.back().number > m_stored.number)
+        m_touched.pop_back();
 }
 
 void JournalWriter::keyMade(KeyId key, KeyId parent, const std::string& name, uint64_t time)
 {
-    next(static_cast<int64_t>(name.size()));
+    next(static_cast<int64_t>(name.size()), key, parent);
     run(m_add, m_now.number, m_now.position, time, m_author.uid, m_author.pid, static_cast<int>(ChangeKind::KeyMade),
         key, parent, name, 0);
 }
 
 void JournalWriter::keyDeleted(KeyId key, KeyId parent, const std::string& name, uint64_t valuesLost, uint64_t time)
 {
-    next(static_cast<int64_t>(name.size()));
+    next(static_cast<int64_t>(name.size()), key, parent);
     run(m_add, m_now.number, m_now.position, time, m_author.uid, m_author.pid, static_cast<int>(ChangeKind::KeyDeleted),
         key, parent, name, valuesLost);
 }
 
 void JournalWriter::valueMade(KeyId key, const std::string& name, uint64_t time)
 {
-    next(static_cast<int64_t>(name.size()));
+    next(static_cast<int64_t>(name.size()), key, 0);
     run(m_add, m_now.number, m_now.position, time, m_author.uid, m_author.pid, static_cast<int>(ChangeKind::ValueSet),
         key, 0, name, 0);
 }
 
-void JournalWriter::valueChanges(ChangeKind kind, int64_t row, int64_t nameLength, int64_t dataLength, uint64_t time)
+void JournalWriter::valueChanges(ChangeKind kind, KeyId key, int64_t row, int64_t nameLength, int64_t dataLength,
+                                 uint64_t time)
 {
     const int64_t maxData = m_keepData ? m_maxData : -1;
-    next(nameLength + (dataLength <= maxData ? dataLength : 0));
+    next(nameLength + (dataLength <= maxData ? dataLength : 0), key, 0);
     run(m_addFormer, m_now.number, m_now.position, time, m_author.uid, m_author.pid, static_cast<int>(kind), row,
         maxData);
 }

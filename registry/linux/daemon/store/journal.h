@@ -12,6 +12,8 @@
 #include <SQLiteCpp/SQLiteCpp.h>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "daemon/tree.h"
 
@@ -43,6 +45,13 @@ struct Change {
     std::optional<Former> former; ///< none when there was no such value; of a deleted key the number of values lost
 };
 
+/// Which keys a change concerns: a key and, when it was made or deleted, its parent.
+struct Touched {
+    int64_t number;
+    KeyId key;
+    KeyId parent;
+};
+
 /// Where a new row goes.
 class JournalWriter {
 public:
@@ -59,12 +68,14 @@ public:
     void keyDeleted(KeyId key, KeyId parent, const std::string& name, uint64_t valuesLost, uint64_t time);
     void valueMade(KeyId key, const std::string& name, uint64_t time);
     /// The value in a row of the table of values is about to be replaced or deleted. Lengths in bytes.
-    void valueChanges(ChangeKind kind, int64_t row, int64_t nameLength, int64_t dataLength, uint64_t time);
+    void valueChanges(ChangeKind kind, KeyId key, int64_t row, int64_t nameLength, int64_t dataLength, uint64_t time);
 
     /// The number of the last change, committed or not.
     int64_t last() const { return m_now.number; }
     void committed() { m_stored = m_now; }
-    void rolledBack() { m_now = m_stored; }
+    void rolledBack();
+    /// What has been committed since the last call.
+    std::vector<Touched> takeTouched() { return std::exchange(m_touched, {}); }
     /// What is known of the file is not to be relied on any more.
     void distrust();
 
@@ -78,13 +89,14 @@ private:
         int64_t position = 0;
         int64_t first = 0; // position of the oldest
     };
-    void next(int64_t bytes);
+    void next(int64_t bytes, KeyId key, KeyId parent);
 
     SQLite::Statement m_add, m_addFormer, m_ends, m_oldest, m_drop;
     int64_t m_size = 0;
     int64_t m_maxData = 0;
     bool m_keepData = true;
     Author m_author{};
+    std::vector<Touched> m_touched;
     Ends m_stored{}, m_now{};
 };
 

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "daemon/govern/quota.h"
+#include "daemon/store/changes.h"
 #include "daemon/store/journal.h"
 #include "daemon/store/lengths.h"
 #include "daemon/store/shared.h"
@@ -44,6 +45,10 @@ public:
     std::optional<SubKeyEntry> subKeyAt(const Key& key, UINT32 index) override;
     std::optional<ValueEntry> valueAt(const Key& key, UINT32 index) override;
     Longest longest(const Key& key) override;
+
+    /// What has changed at a key. See changes.h.
+    Told told(const Watched& watched);
+    int64_t lastChange() { return m_changes.last(); }
 
     /// What all owners' trees take, as it is in the file.
     std::map<Owner, Usage> usages();
@@ -110,6 +115,7 @@ private:
 
     SQLite::Statement m_begin, m_end, m_version, m_key, m_row, m_child, m_lastId, m_value, m_hasValue, m_longestSubKey,
         m_longestValue;
+    ChangeReader m_changes;
     SQLite::Statement m_entriesUp[2], m_entriesDown[2];
     SQLite::Statement* m_pHeld = nullptr;
     bool m_brief = false;

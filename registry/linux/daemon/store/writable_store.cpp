@@ -254,7 +254,7 @@ void WritableStore::removeValues(const Key& key, uint64_t time)
         const Use use(m_valuesOf);
         for (bindAll(m_valuesOf, key.id); m_valuesOf.executeStep();) {
             const auto at = [&](int column) { return m_valuesOf.getColumn(column).getInt64(); };
-            m_journal.valueChanges(ChangeKind::ValueDeleted, at(0), at(1), at(2), time);
+            m_journal.valueChanges(ChangeKind::ValueDeleted, key.id, at(0), at(1), at(2), time);
             bytes += at(1) + at(2);
         }
     }
@@ -325,7 +325,7 @@ void WritableStore::setValue(KeyId key, const std::string& name, UINT32 type, co
     };
     Row row = changing(key);
     if (const auto old = findValue(key, name)) {
-        m_journal.valueChanges(ChangeKind::ValueSet, old->row, old->nameLength, old->dataLength, row.written);
+        m_journal.valueChanges(ChangeKind::ValueSet, key, old->row, old->nameLength, old->dataLength, row.written);
         store(m_replaceValue, old->row);
         if (!row.lengths.valueData.remove(old->dataLength))
             throwDamaged(key, "a value is longer than its longest");
@@ -350,7 +350,7 @@ bool WritableStore::removeValue(KeyId key, const std::string& name)
     if (!old)
         return false;
     Row row = changing(key);
-    m_journal.valueChanges(ChangeKind::ValueDeleted, old->row, old->nameLength, old->dataLength, row.written);
+    m_journal.valueChanges(ChangeKind::ValueDeleted, key, old->row, old->nameLength, old->dataLength, row.written);
     run(m_removeValue, old->row);
     if (--row.values < 0 || !row.lengths.valueName.remove(old->nameLength) ||
         !row.lengths.valueData.remove(old->dataLength))

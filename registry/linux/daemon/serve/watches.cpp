@@ -1,0 +1,120 @@
+#include "daemon/serve/watches.h"
+
+#include <unordered_set>
+
+namespace obregd {
+
+void Watches::add(JobPtr pJob, const Wait& wait, Clock::time_point now)
+{
+    insert({std::move(pJob), wait, now + wait.atMost});
+}
+
+void Watches::addAgain(Watch&& watch) { insert(std::move(watch)); }
+
+void Watches::insert(Watch&& watch)
+{
+    Entries& entries = m_waiting[watch.wait.watched.key];
+    const auto time = m_byTime.emplace(watch.until, entries.end());
+    try {
+        entries.push_back({std::move(watch), time});
+    } catch (...) {
+        m_byTime.erase(time);
+        throw;
+    }
+    time->second = std::prev(entries.end());
+}
+
+/// Wakes those who watch a key, or those who watch what is below it as well, of a change with that number.
+void Watches::wake(KeyId key, bool above, int64_t number)
+{
+    const auto found = m_waiting.find(key);
+    if (found == m_waiting.end())
+        return;
+    Entries& entries = found->second;
+    for (auto entry = entries.begin(); entry != entries.end();) {
+        const auto next = std::next(entry);
+        Watched& watched = entry->watch.wait.watched;
+        if (watched.since < number && (!above || watched.subTree)) {
+            if (number != INT64_MAX)
+                watched.since = number - 1; // all before that was none of its concern
+            wake(entries, entry);
+        }
+        entry = next;
+    }
+    if (entries.empty())
+        m_waiting.erase(found);
+}
+
+void Watches::wake(Entries& entries, Entries::iterator entry)
+{
+    m_awake.push_back(std::move(entry->watch));
+    m_byTime.erase(entry->time);
+    entries.erase(entry);
+}
+
+void Watches::touched(const std::vector<Touched>& changes, Store& store)
+{
+    std::unordered_set<KeyId> seen;
+    std::unordered_set<KeyId> seenAbove;
+    for (const Touched& change : changes) {
+        if (m_waiting.empty())
+            return;
+        for (const KeyId key : {change.key, change.parent})
+            if (key != 0 && seen.insert(key).second)
+                wake(key, false, change.number);
+        KeyId below = change.parent != 0 ? change.parent : change.key;
+        for (auto key = store.key(below); key && key->parent != 0 && seenAbove.insert(below).second;
+             key = store.key(below)) {
+            below = key->parent;
+            wake(below, true, change.number);
+        }
+    }
+}
+
+std::optional<Watches::Clock::time_point> Watches::timeIsUp(Clock::time_point now)
+{
+    while (!m_byTime.empty() && m_byTime.begin()->first <= now) {
+        const auto entry = m_byTime.begin()->second;
+        const auto found = m_waiting.find(entry->watch.wait.watched.key);
+        wake(found->second, entry);
+        if (found->second.empty())
+            m_waiting.erase(found);
+    }
+    return m_byTime.empty() ? std::nullopt : std::optional(m_byTime.begin()->first);
+}
+
+void Watches::wakeAll() { static_cast<void>(timeIsUp(Clock::time_point::max())); }
+
+Watches::Watch Watches::takeAwake()
+{
+    Watch watch = std::move(m_awake.front());
+    m_awake.pop_front();
+    return watch;
+}
+
+std::list<Watches::Watch> Watches::takeOf(const Connection& connection)
+{
+    std::list<Watch> taken;
+    const auto isOf = [&](const Watch& watch) { return watch.pJob->pConnection.get() == &connection; };
+    for (auto time = m_byTime.begin(); time != m_byTime.end();) {
+        const auto entry = time->second;
+        ++time;
+        if (!isOf(entry->watch))
+            continue;
+        const auto found = m_waiting.find(entry->watch.wait.watched.key);
+        taken.push_back(std::move(entry->watch));
+        m_byTime.erase(entry->time);
+        found->second.erase(entry);
+        if (found->second.empty())
+            m_waiting.erase(found);
+    }
+    for (auto watch = m_awake.begin(); watch != m_awake.end();) {
+        const auto next = std::next(watch);
+        if (isOf(*watch))
+            taken.splice(taken.end(), m_awake, watch);
+        watch = next;
+    }
+    return taken;
+}
+
+} // namespace obregd

@@ -1,0 +1,60 @@
+// What has changed at a key, or anywhere below it, since a change of a certain number: the journal, asked by a watcher.
+//
+// Belongs to a Store and its thread. A key of a brief Store is not looked for among many changes: that throws TooLong.
+#ifndef OBREG_DAEMON_STORE_CHANGES_H
+#define OBREG_DAEMON_STORE_CHANGES_H
+
+#include <SQLiteCpp/SQLiteCpp.h>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <unordered_map>
+
+#include "daemon/store/journal.h"
+#include "daemon/tree.h"
+
+namespace obregd {
+
+/// What a watcher wants to know of.
+struct Watched {
+    KeyId key;
+    bool subTree;  ///< what is below the key's sub-keys, too
+    int64_t since; ///< changes with greater numbers only
+};
+
+/// What there is to tell.
+struct Told {
+    int64_t upTo; ///< all changes up to that number have been looked at
+    bool lost;    ///< changes are missing, because the journal no longer has them: what is watched is to be read anew
+    std::string text; ///< strings, each with its NUL: number, kind, path from the watched key, value name, by tabs
+    bool empty() const { return !lost && text.empty(); }
+};
+
+class ChangeReader {
+public:
+    explicit ChangeReader(SQLite::Database& database);
+
+    /// mostRows: throws TooLong rather than looking at more changes than that.
+    Told told(const Watched& watched, int64_t mostRows);
+
+    /// The number of the last change.
+    int64_t last() { return m_journal.last(); }
+
+private:
+    struct Place {
+        KeyId parent;
+        std::string name;
+    };
+    /// Paths from the watched key; none for a key that is not below it.
+    using Below = std::unordered_map<KeyId, std::optional<std::string>>;
+
+    std::optional<Place> place(KeyId id);
+    const std::optional<std::string>& pathBelow(KeyId id, Below& known);
+
+    JournalReader m_journal;
+    SQLite::Statement m_since, m_place;
+};
+
+} // namespace obregd
+
+#endif
