@@ -62,11 +62,15 @@ void Watches::touched(const std::vector<Touched>& changes, Store& store)
         for (const KeyId key : {change.key, change.parent})
             if (key != 0 && seen.insert(key).second)
                 wake(key, false, change.number);
-        KeyId below = change.parent != 0 ? change.parent : change.key;
-        for (auto key = store.key(below); key && key->parent != 0 && seenAbove.insert(below).second;
-             key = store.key(below)) {
-            below = key->parent;
-            wake(below, true, change.number);
+        KeyId key = change.parent != 0 ? change.parent : change.key;
+        while (seenAbove.insert(key).second) {
+            const auto above = store.parentOf(key);
+            if (!above)
+                return wakeAll(); // the journal has forgotten where it was
+            if (*above == 0)
+                break;
+            key = *above;
+            wake(key, true, change.number);
         }
     }
 }

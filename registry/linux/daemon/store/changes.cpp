@@ -67,6 +67,12 @@ Told ChangeReader::told(const Watched& watched, int64_t mostRows)
     return told;
 }
 
+std::optional<KeyId> ChangeReader::parentOf(KeyId id)
+{
+    const auto found = place(id);
+    return found ? std::optional(found->parent) : std::nullopt;
+}
+
 std::optional<ChangeReader::Place> ChangeReader::place(KeyId id)
 {
     const Use use(m_place);

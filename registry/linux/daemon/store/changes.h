@@ -37,6 +37,9 @@ public:
     /// mostRows: throws TooLong rather than looking at more changes than that.
     Told told(const Watched& watched, int64_t mostRows);
 
+    /// The key above a key, one that is deleted included; nothing when it is not known, 0 above a root.
+    std::optional<KeyId> parentOf(KeyId id);
+
     /// The number of the last change.
     int64_t last() { return m_journal.last(); }
 

@@ -49,6 +49,8 @@ public:
     /// What has changed at a key. See changes.h.
     Told told(const Watched& watched);
     int64_t lastChange() { return m_changes.last(); }
+    /// The key above a key, one that is deleted included; nothing when it is not known, 0 above a root.
+    std::optional<KeyId> parentOf(KeyId id) { return m_changes.parentOf(id); }
 
     /// What all owners' trees take, as it is in the file.
     std::map<Owner, Usage> usages();
