@@ -1,6 +1,7 @@
 // obregd among clients that mean harm, by the hundred and as another user where that is possible: they connect and sit,
-// send a byte now and then, never read, announce what cannot be, ask for much and leave, write without end. Each of these
-// by itself, and all at once: a modest client is answered every time and soon, and the daemon holds no more than it may.
+// send a byte now and then, never read, announce what cannot be, ask for much and leave, write without end. Each of
+// these by itself, and all at once: a modest client is answered every time and soon, and the daemon holds no more than
+// it may.
 #include <atomic>
 #include <chrono>
 #include <thread>
