@@ -112,7 +112,7 @@ std::string missingRights(const std::string& path)
 {
     for (const char* const pSuffix : {"", "-wal", "-shm"})
         if (const std::string file = path + pSuffix; access(file.c_str(), R_OK | W_OK) != 0)
-            if (const std::string advice = rightsAdvice(file); !advice.empty())
+            if (std::string advice = rightsAdvice(file); !advice.empty())
                 return advice;
     return {};
 }
