@@ -36,6 +36,7 @@ inline constexpr StatusText statusTexts[] = {
     {OBREG_STATUS_KEY_DELETED, "KEY_DELETED", "the key has been deleted"},
     {OBREG_STATUS_KEY_HAS_SUBKEYS, "KEY_HAS_SUBKEYS", "the key has sub-keys"},
     {OBREG_STATUS_STORE_FAILED, "STORE_FAILED", "the registry's store failed; the daemon's log says how"},
+    {OBREG_STATUS_TOO_MANY_WATCHES, "TOO_MANY_WATCHES", "this user's programs wait for as many changes as they may"},
     {OBREG_STATUS_QUOTA_EXCEEDED, "QUOTA_EXCEEDED", "what this user's tree may take is used up"},
 };
 
@@ -85,6 +86,7 @@ enum class Status : REGSTATUS {
     keyDeleted = OBREG_STATUS_KEY_DELETED,
     keyHasSubKeys = OBREG_STATUS_KEY_HAS_SUBKEYS,
     storeFailed = OBREG_STATUS_STORE_FAILED,
+    tooManyWatches = OBREG_STATUS_TOO_MANY_WATCHES,
     quotaExceeded = OBREG_STATUS_QUOTA_EXCEEDED,
 };
 

@@ -17,7 +17,6 @@ constexpr auto MemoryPause = std::chrono::milliseconds(10);
 constexpr int AcceptsInARow = 64;
 constexpr int LooksPerArrival = 4;
 constexpr auto MaxWatch = std::chrono::microseconds(50);
-constexpr auto TellTime = std::chrono::milliseconds(1);
 constexpr auto LastReadTime = std::chrono::seconds(1);
 constexpr auto LastSendTime = std::chrono::seconds(1);
 constexpr size_t OwnDescriptors = 64; // what the daemon has open besides connections, at most
@@ -65,12 +64,13 @@ Server::Server(int listeningDescriptor, Store& store, WritableStore& writableSto
                WriteGuard* pGuard)
     : m_store(store), m_descriptors(descriptorsToHave()), m_limits(completed(limits, m_descriptors)),
       m_work(m_io.get_executor()), m_acceptor(m_io), m_signals(m_io, SIGTERM, SIGINT), m_deadline(m_io),
-      m_lastReads(m_io), m_pause(m_io), m_watchTimer(m_io), m_readers(store.path(), m_reads,
-                                                                      [this](JobPtr pJob) {
-                                                                          JobList jobs;
-                                                                          jobs.append(std::move(pJob));
-                                                                          postAnswers(std::move(jobs));
-                                                                      }),
+      m_lastReads(m_io), m_pause(m_io), m_teller(m_io, store, m_limits.maxWatches),
+      m_readers(store.path(), m_reads,
+                [this](JobPtr pJob) {
+                    JobList jobs;
+                    jobs.append(std::move(pJob));
+                    postAnswers(std::move(jobs));
+                }),
       m_committer(writableStore, pGuard, m_writes, committerCallbacks())
 {
     listenOn(listeningDescriptor);
@@ -113,7 +113,7 @@ void Server::postAnswers(JobList&& jobs, std::vector<Touched>&& touched)
     postSurely([this, pNews] {
         JobList answered(std::move(pNews->jobs)); // the last of the jobs, and of their connections, goes on this thread
         m_store.refresh();                        // who has been answered, and whom he tells, sees what was written
-        wake(pNews->touched);
+        m_teller.wake(pNews->touched);
         answer(answered);
     });
 }
@@ -368,96 +368,6 @@ void Server::answer(JobList& jobs)
         pJob->pConnection->goOn();
 }
 
-bool Server::watch(User& user, JobPtr& pJob, const Wait& wait)
-{
-    if (user.watches >= m_limits.maxWatches)
-        return false;
-    m_watches.add(std::move(pJob), wait, Watches::Clock::now());
-    ++user.watches;
-    if (m_stopping || m_store.lastChange() > wait.watched.since) // a reader looked, and there has been more since then
-        m_watches.wakeAll(wait.watched.key);
-    tellAwake();
-    waitForTime();
-    return true;
-}
-
-void Server::dropWatches(const Connection& connection)
-{
-    for (const Watches::Watch& watch : m_watches.takeOf(connection))
-        --watch.pJob->pConnection->user().watches;
-}
-
-/// Wakes those who want to know of changes.
-void Server::wake(const std::vector<Touched>& changes)
-{
-    if (m_watches.empty())
-        return;
-    try {
-        m_watches.touched(changes, m_store);
-    } catch (const std::exception&) { // who is woken for nothing waits on
-        m_watches.wakeAll();
-    }
-    tellAwake();
-}
-
-/// Tells those who are awake, later and some at a time.
-void Server::tellAwake()
-{
-    if (m_tellingAwake || !m_watches.isAnyAwake())
-        return;
-    const auto tellSome = [this] {
-        m_tellingAwake = false;
-        const auto end = Watches::Clock::now() + TellTime;
-        while (m_watches.isAnyAwake() && Watches::Clock::now() < end)
-            tell(m_watches.takeAwake());
-        tellAwake();
-    };
-    asio::post(m_io, asio::bind_allocator(Reserve::Allocator<char>(m_awakeReserve), tellSome));
-    m_tellingAwake = true;
-}
-
-void Server::tell(Watches::Watch&& watch)
-{
-    const std::shared_ptr<Connection> pConnection = watch.pJob->pConnection;
-    const bool timeIsUp = m_stopping || Watches::Clock::now() >= watch.until;
-    try {
-        std::optional<Reply> reply;
-        try {
-            reply = tellChanges(m_store, watch.wait, timeIsUp);
-        } catch (const SQLite::Exception& failure) {
-            reply = watch.pJob->pOperation->refuse(statusOf(failure));
-        } catch (const TooLong&) {
-            --pConnection->user().watches;
-            return pConnection->lookLater(std::move(watch.pJob));
-        }
-        if (!reply)
-            return m_watches.addAgain(std::move(watch));
-        --pConnection->user().watches;
-        pConnection->tell(*watch.pJob, std::move(*reply));
-        pConnection->goOn();
-    } catch (const std::exception& failure) {
-        pConnection->cutOff(Cause::NoMemory, "%s", failure.what());
-    }
-}
-
-/// Wakes those whose time is up, now and when the next one's is.
-void Server::waitForTime()
-{
-    const auto next = m_watches.timeIsUp(Watches::Clock::now());
-    tellAwake();
-    if (!next || (m_watchTime && *m_watchTime <= *next))
-        return;
-    m_watchTime = next;
-    m_watchTimer.expires_at(*next);
-    const auto act = [this](const asio::error_code& cancelled) {
-        if (cancelled)
-            return;
-        m_watchTime.reset();
-        waitForTime();
-    };
-    m_watchTimer.async_wait(asio::bind_allocator(Reserve::Allocator<char>(m_watchReserve), act));
-}
-
 size_t Server::writeShare() const
 {
     return std::min(m_limits.maxHeldPerUser, m_limits.maxHeld / static_cast<size_t>(std::max(m_writers, 1))) / 2;
@@ -514,9 +424,7 @@ void Server::stop()
     m_pause.cancel();
     for (Connection* pConnection : m_connections)
         pConnection->stopReading();
-    m_watches.wakeAll();
-    m_watchTimer.cancel();
-    tellAwake();
+    m_teller.stop();
     const auto finish = [this](const asio::error_code& cancelled) {
         if (!cancelled)
             finishJobs();

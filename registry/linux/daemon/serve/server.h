@@ -20,7 +20,7 @@
 #include "daemon/serve/connection.h"
 #include "daemon/serve/readers.h"
 #include "daemon/serve/reserve.h"
-#include "daemon/serve/watches.h"
+#include "daemon/serve/teller.h"
 
 namespace obregd {
 
@@ -63,8 +63,8 @@ private:
     void holds(User& user, ptrdiff_t more) override;
     void countLongReads(ptrdiff_t more) override;
     bool isEnding() const override { return m_ending; }
-    bool watch(User& user, JobPtr& pJob, const Wait& wait) override;
-    void dropWatches(const Connection& connection) override;
+    bool watch(User& user, JobPtr& pJob, const Wait& wait) override { return m_teller.watch(user, pJob, wait); }
+    void dropWatches(const Connection& connection) override { m_teller.drop(connection); }
     void closed(Connection& connection) override;
 
     template <class Action>
@@ -83,10 +83,6 @@ private:
     bool admits(User& user, pid_t process);
     void lookForOverdue();
     void answer(JobList& jobs);
-    void wake(const std::vector<Touched>& changes);
-    void tellAwake();
-    void tell(Watches::Watch&& watch);
-    void waitForTime();
     void makeRoom(User& user, const char* pReason, size_t limit);
     void stop();
     void finishJobs();
@@ -118,10 +114,7 @@ private:
     std::unordered_set<Connection*> m_connections; // the open ones
     Users m_users;
     Turns<Connection> m_turns;
-    Watches m_watches;
-    bool m_tellingAwake = false;                           // later
-    std::optional<Watches::Clock::time_point> m_watchTime; // when the timer of the watches ends
-    bool m_givingTurns = false;                            // later
+    bool m_givingTurns = false; // later
     JobQueue m_reads;
     JobQueue m_writes;
     std::function<void()> m_onStop;
@@ -130,8 +123,6 @@ private:
     Reserve m_pauseReserve;
     Reserve m_turnReserve;
     Reserve m_signalReserve;
-    Reserve m_awakeReserve;
-    Reserve m_watchReserve;
     Reserve m_stopReserve;
     Reserve m_endReserve;
     std::list<Reserve> m_choreReserves;
@@ -142,7 +133,7 @@ private:
     asio::steady_timer m_deadline;
     asio::steady_timer m_lastReads;
     asio::steady_timer m_pause;
-    asio::steady_timer m_watchTimer;
+    Teller m_teller;
     std::list<Chore> m_chores;
     Readers m_readers;     // its threads use m_io
     Committer m_committer; // last: so does its thread
