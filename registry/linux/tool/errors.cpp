@@ -61,13 +61,18 @@ std::string fillIn(const char* pAdvice, const std::string& key, const std::strin
 
 } // namespace
 
+std::string subjectText(const KeyPath& key, const std::string* pValueName)
+{
+    const std::string text = escaped(key.text(), Escape::Name);
+    if (pValueName == nullptr)
+        return text;
+    return text + ", value " + (isUnnamed(*pValueName) ? "@" : '"' + escaped(*pValueName, Escape::Name) + '"');
+}
+
 Failure failureOf(const KeyPath& key, const std::string* pValueName, const std::error_code& error)
 {
     const auto status = static_cast<REGSTATUS>(error.value());
-    std::string what = escaped(key.text(), Escape::Name);
-    if (pValueName != nullptr)
-        what += ", value " + (isUnnamed(*pValueName) ? "@" : '"' + escaped(*pValueName, Escape::Name) + '"');
-    Failure failure(ExitFailed, what + ": " + error.message());
+    Failure failure(ExitFailed, subjectText(key, pValueName) + ": " + error.message());
     failure.key = key.text();
     failure.status = status;
     for (const Advice& advice : Advices)

@@ -8,6 +8,8 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <variant>
+#include <vector>
 
 #include "keypath.h"
 
@@ -20,11 +22,18 @@ enum Exit : int {
     ExitNoDaemon = 3, ///< no daemon, or no answer in time
     ExitFailed = 4,   ///< refused or failed
     ExitDifferent = ExitNotFound,
+    ExitInterrupted = 130, ///< by Ctrl-C, as shells count signals
 };
 
 /// The command line asks for something that cannot be.
 struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
+};
+
+/// A figure of a failure, for JSON; its text says the same.
+struct Detail {
+    const char* pName;
+    std::variant<uint64_t, std::string, std::vector<uint64_t>, std::vector<std::string>> data;
 };
 
 /// Something did not work.
@@ -37,7 +46,11 @@ struct Failure : std::runtime_error {
     std::string advice; ///< what to do next; may be empty
     std::string key;    ///< the key it is about; may be empty
     REGSTATUS status = 0;
+    std::vector<Detail> details;
 };
+
+/// A key, or a value of it when pValueName is not null, as messages name it.
+std::string subjectText(const KeyPath& key, const std::string* pValueName);
 
 /// The failure that a status means for a key, or for a value of it when pValueName is not null.
 Failure failureOf(const KeyPath& key, const std::string* pValueName, const std::error_code& error);

@@ -35,16 +35,15 @@ std::string numberText(double number)
     return text;
 }
 
-/// What differs between the forms: how text and values are written.
-struct FieldText {
-    Escape names;
-    std::string (*valueText)(const obreg::Value&);
-
-    std::string operator()(const std::string& text) const { return escaped(text, names); }
-    std::string operator()(uint64_t number) const { return std::to_string(number); }
-    std::string operator()(double number) const { return numberText(number); }
-    std::string operator()(const obreg::Value& value) const { return valueText(value); }
-};
+/// A field that is no value. What differs between the forms is how text is written.
+std::string fieldText(const Field& field, Escape names)
+{
+    if (const auto* pText = std::get_if<std::string>(&field.data))
+        return escaped(*pText, names);
+    if (const auto* pNumber = std::get_if<uint64_t>(&field.data))
+        return std::to_string(*pNumber);
+    return numberText(std::get<double>(field.data));
+}
 
 } // namespace
 
@@ -77,19 +76,19 @@ void Output::terminal(const Fact& fact)
     painted(fact.lead, fact.leadStyle);
     if (fact.showKind)
         painted(fact.kind + "  ", fact.leadStyle);
-    const FieldText textOf{Escape::Name, shownData};
     for (const Field& field : fact.fields) {
         if (field.hidden)
             continue;
         const bool last = &field == &fact.fields.back();
         if (m_shape == Shape::Record)
             bytes(std::string(field.pName) + ": ");
-        if (const auto* pValue = std::get_if<obreg::Value>(&field.data)) {
+        const auto* const pValue = std::get_if<obreg::Value>(&field.data);
+        if (pValue != nullptr) {
             const std::string type = typeName(pValue->type);
             painted(type, Style::Type);
             bytes(std::string(type.size() < 9 ? 11 - type.size() : 2, ' '));
         }
-        const std::string text = std::visit(textOf, field.data);
+        const std::string text = pValue ? shownData(*pValue, field.from) : fieldText(field, Escape::Name);
         painted(text, field.style);
         const size_t width = characters(text);
         if (m_shape == Shape::Record)
@@ -102,23 +101,27 @@ void Output::terminal(const Fact& fact)
 
 void Output::plain(const Fact& fact)
 {
-    const FieldText textOf{Escape::Pipe, dataText};
-    std::string line = m_shape == Shape::Record ? "" : fact.kind;
+    const bool record = m_shape == Shape::Record;
+    if (!record)
+        bytes(fact.kind);
     for (const Field& field : fact.fields) {
-        if (m_shape == Shape::Record)
-            line += std::string(line.empty() ? "" : "\n") + field.pName;
-        if (const auto* pValue = std::get_if<obreg::Value>(&field.data))
-            line += '\t' + typeName(pValue->type);
-        line += '\t' + std::visit(textOf, field.data);
+        if (record)
+            bytes(std::string(&field == &fact.fields.front() ? "" : "\n") + field.pName);
+        if (const auto* pValue = std::get_if<obreg::Value>(&field.data)) {
+            bytes('\t' + typeName(pValue->type) + '\t');
+            writeData(*pValue, [this](std::string_view piece) { bytes(piece); });
+        } else {
+            bytes('\t' + fieldText(field, Escape::Pipe));
+        }
     }
-    bytes(line + '\n');
+    bytes("\n");
 }
 
 void Output::json(const Fact& fact)
 {
     if (m_shape == Shape::List)
         bytes(m_facts == 0 ? "[\n" : ",\n");
-    bytes(jsonOf(fact));
+    writeJson(std::cout, fact); // goes through the buffer of stdout
     if (m_shape != Shape::List)
         bytes("\n");
 }
@@ -133,6 +136,24 @@ void Output::painted(std::string_view text, Style style)
     bytes(pColour);
     bytes(text);
     bytes("\33[0m");
+}
+
+void Output::problem(const Failure& failure)
+{
+    const std::string advice = failure.advice.empty() ? "" : "\n  " + failure.advice;
+    const std::string text = m_form == Form::Json ? jsonOf(failure) : "obreg: " + (failure.what() + advice);
+    fputs((text + '\n').c_str(), stderr);
+}
+
+void Output::warning(const std::string& text, std::vector<Field> figures)
+{
+    if (m_form != Form::Json) {
+        fputs(("obreg: warning: " + text + '\n').c_str(), stderr);
+        return;
+    }
+    figures.insert(figures.begin(), {"text", text});
+    writeJson(std::cerr, {"warning", std::move(figures)});
+    std::cerr << '\n';
 }
 
 void Output::bytes(std::string_view bytes) { fwrite(bytes.data(), 1, bytes.size(), stdout); }
@@ -152,10 +173,11 @@ std::string shownName(const std::string& valueName) { return isUnnamed(valueName
 
 Fact keyFact(const KeyPath& key, const char* pKind) { return {pKind, {{"key", key.text(), Style::Key}}}; }
 
-Fact valueFact(const KeyPath& key, const obreg::NamedValue& value, const char* pKind)
+Fact valueFact(const KeyPath& key, obreg::NamedValue value, const char* pKind)
 {
-    return {pKind,
-            {{"key", key.text(), Style::Key}, {"name", shownName(value.name), Style::Name}, {"value", value.value}}};
+    Fact fact{pKind, {{"key", key.text(), Style::Key}, {"name", shownName(value.name), Style::Name}}};
+    fact.fields.push_back({"value", std::move(value.value)}); // which may be long
+    return fact;
 }
 
 Progress::Progress(std::string what, uint64_t total)

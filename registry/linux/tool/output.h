@@ -11,7 +11,7 @@
 
 #include <obreg/registry.hpp>
 
-#include "keypath.h"
+#include "errors.h"
 
 namespace obregtool {
 
@@ -32,6 +32,7 @@ struct Field {
     Style style = Style::Normal;
     size_t width = 0;    ///< on a terminal filled up to that many characters
     bool hidden = false; ///< on a terminal left out: what stands above says it
+    size_t from = 0;     ///< of a value that a terminal does not show whole: the first byte worth showing
 };
 
 struct Fact {
@@ -51,6 +52,9 @@ public:
     void fact(const Fact& fact);
     /// What a verb did that prints nothing in a pipe.
     void summary(const Fact& fact);
+    /// What went wrong, or may be, while the verb goes on: on standard error, as text or as JSON.
+    void problem(const Failure& failure);
+    void warning(const std::string& text, std::vector<Field> figures = {});
     /// Bytes as they are.
     void bytes(std::string_view bytes);
     void flush();
@@ -71,7 +75,7 @@ private:
 
 /// Facts that several verbs give.
 Fact keyFact(const KeyPath& key, const char* pKind = "key");
-Fact valueFact(const KeyPath& key, const obreg::NamedValue& value, const char* pKind = "value");
+Fact valueFact(const KeyPath& key, obreg::NamedValue value, const char* pKind = "value");
 
 /// "@" for the unnamed value.
 std::string shownName(const std::string& valueName);

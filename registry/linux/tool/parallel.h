@@ -16,12 +16,11 @@ namespace obregtool {
 /// How many requests are in flight at once. Writes in flight together share one commit of the daemon.
 inline constexpr size_t RequestThreads = 32;
 
-/// Calls work(i) for each i below count, on several threads when there are many, in no certain order. The first
-/// exception stops it and comes out here, after all threads have ended.
+/// Calls work(i) for each i below count, on several threads when there are many, in no certain order: fewer than
+/// `fewEach` calls are not worth one. The first exception stops it and comes out here, after all threads have ended.
 template <class Work>
-void forEachParallel(size_t count, const Work& work)
+void forEachParallel(size_t count, const Work& work, size_t fewEach = 16)
 {
-    constexpr size_t fewEach = 16; // less work is not worth a thread
     std::atomic<size_t> next{0};
     std::exception_ptr pFirst; // guarded by mutex
     std::mutex mutex;

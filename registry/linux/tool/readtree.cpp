@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 
+#include "alarm.h"
 #include "errors.h"
 #include "parallel.h"
 #include "text.h"
@@ -13,6 +14,7 @@ namespace {
 
 constexpr size_t MaxHeld = 16u << 20; // bytes of one key's data
 constexpr int MostReads = 8;          // of a key that changes
+constexpr size_t FewEach = 16;        // entries: not worth a thread
 
 obreg::KeyInfo infoOf(const obreg::Key& key, const KeyPath& path)
 {
@@ -22,20 +24,55 @@ obreg::KeyInfo infoOf(const obreg::Key& key, const KeyPath& path)
     return info;
 }
 
+REGSTATUS fetch(const obreg::Key& key, UINT32 index, obreg::SubKey& entry)
+{
+    REGSTATUS status = OBREG_STATUS_BUFFER_TOO_SMALL;
+    while (status == OBREG_STATUS_BUFFER_TOO_SMALL)
+        status = obreg::detail::fetchOnce(key.handle(), index, entry);
+    return status;
+}
+
+/// What a value's entry is read into. The buffers grow with what is met; `length` is that of all data, and the data of
+/// a large value are not there.
+struct FetchedValue {
+    std::string name = std::string(256, '\0');
+    obreg::Value value = {REG_NONE, std::string(256, '\0')};
+    int nameLength = 0;
+    UINT32 length = 0;
+};
+
+REGSTATUS fetch(const obreg::Key& key, UINT32 index, FetchedValue& entry)
+{
+    for (;;) {
+        std::string& data = entry.value.data;
+        entry.nameLength = static_cast<int>(entry.name.size());
+        entry.length = static_cast<UINT32>(data.size());
+        const REGSTATUS status = OBRegEnumValueA(key.handle(), index, entry.name.data(), &entry.nameLength, nullptr,
+                                                 &entry.value.type, data.data(), &entry.length);
+        if (status != OBREG_STATUS_BUFFER_TOO_SMALL)
+            return status;
+        const size_t nameLength = entry.nameLength < 0 ? 0 : static_cast<size_t>(entry.nameLength);
+        const bool haveName = nameLength < entry.name.size(); // with its NUL
+        if (haveName && entry.length > LargeValue)
+            return OBREG_STATUS_SUCCESS;
+        entry.name.resize(std::max(entry.name.size(), nameLength));
+        data.resize(std::max<size_t>(data.size(), std::min(entry.length, LargeValue)));
+    }
+}
+
 /// Reads the entries below `count` by position and gives each that is there to `keep`, from several threads.
 template <class Entry, class Keep>
-void fetchAll(const obreg::Key& key, const KeyPath& path, UINT32 count, const Keep& keep)
+void fetchAll(const obreg::Key& key, const KeyPath& path, UINT32 count, size_t fewEach, const Keep& keep)
 {
-    forEachParallel(count, [&](size_t index) {
+    const auto fetchOne = [&](size_t index) {
         thread_local Entry entry; // its buffers grow once
-        REGSTATUS status = OBREG_STATUS_BUFFER_TOO_SMALL;
-        while (status == OBREG_STATUS_BUFFER_TOO_SMALL)
-            status = obreg::detail::fetchOnce(key.handle(), static_cast<UINT32>(index), entry);
+        const REGSTATUS status = fetch(key, static_cast<UINT32>(index), entry);
         if (status == OBREG_STATUS_SUCCESS)
             keep(index, entry);
         else if (status != OBREG_STATUS_NO_MORE_ENTRIES)
             check(obreg::errorCode(status), path);
-    });
+    };
+    forEachParallel(count, fetchOne, fewEach);
 }
 
 /// Sorts by name, with the unnamed value first. An entry that was met twice, because others came or went meanwhile, and
@@ -93,17 +130,20 @@ KeyContent readKeyOnce(const obreg::Key& key, const KeyPath& path, Read what)
     if (what != Read::SubKeys) {
         std::atomic<size_t> held{0};
         content.values.resize(info.values);
-        fetchAll<obreg::NamedValue>(key, path, info.values, [&](size_t index, const obreg::NamedValue& value) {
+        // Long ones two at a time: while one comes in, the daemon reads the other.
+        const size_t fewEach = info.maxValueLength > LargeValue ? std::max<size_t>(info.values, 2) - 1 : FewEach;
+        fetchAll<FetchedValue>(key, path, info.values, fewEach, [&](size_t index, const FetchedValue& value) {
             ValueEntry& entry = content.values[index];
-            entry.name = value.name;
-            if ((held += value.value.data.size()) <= MaxHeld)
-                entry.held = value.value;
+            entry.name.assign(value.name, 0, static_cast<size_t>(value.nameLength));
+            entry.length = value.length;
+            if (value.length <= LargeValue && (held += value.length) <= MaxHeld)
+                entry.held = {value.value.type, value.value.data.substr(0, value.length)};
         });
         sortByName(content.values);
     }
     if (what != Read::Values) {
         content.subKeys.resize(info.subKeys);
-        fetchAll<obreg::SubKey>(key, path, info.subKeys,
+        fetchAll<obreg::SubKey>(key, path, info.subKeys, FewEach,
                                 [&](size_t index, const obreg::SubKey& subKey) { content.subKeys[index] = subKey; });
         sortByName(content.subKeys);
     }
@@ -130,11 +170,17 @@ std::optional<obreg::NamedValue> takeValue(const obreg::Key& key, const KeyPath&
 {
     if (entry.held)
         return obreg::NamedValue{std::move(entry.name), *std::move(entry.held)};
-    std::error_code error;
-    auto value = key.get<obreg::Value>(entry.name, error);
-    if (error == obreg::Status::notFound)
+    obreg::Value value;
+    REGSTATUS status = OBREG_STATUS_BUFFER_TOO_SMALL;
+    while (status == OBREG_STATUS_BUFFER_TOO_SMALL) { // with the room that it had, so mostly once
+        value.data.resize(entry.length);
+        status = OBRegQueryValueExA(key.handle(), entry.name.c_str(), nullptr, &value.type, value.data.data(),
+                                    &entry.length);
+    }
+    if (status == OBREG_STATUS_NOT_FOUND)
         return std::nullopt;
-    check(error, path, &entry.name);
+    check(obreg::errorCode(status), path, &entry.name);
+    value.data.resize(entry.length);
     return obreg::NamedValue{std::move(entry.name), std::move(value)};
 }
 
@@ -146,23 +192,36 @@ void walk(const KeyPath& path, bool recursive, const Visit& visit, Read what)
 
 size_t removeTree(const KeyPath& path)
 {
+    letInterruptsEndWork();
     std::vector<std::vector<KeyPath>> levels;
-    const auto note = [&levels](const KeyPath& key, const obreg::Key&, const KeyContent&, size_t depth) {
+    size_t count = 0;
+    const auto note = [&](const KeyPath& key, const obreg::Key&, const KeyContent&, size_t depth) {
+        endIfInterrupted();
         levels.resize(std::max(levels.size(), depth + 1));
         levels[depth].push_back(key);
+        ++count;
         return true;
     };
     walk(path, true, note, Read::SubKeys);
-    size_t count = 0;
-    for (size_t depth = levels.size(); depth-- > 0;) {
-        const std::vector<KeyPath>& keys = levels[depth];
-        forEachParallel(keys.size(), [&](size_t i) {
-            std::error_code error;
-            obreg::Key::root(keys[i].root).remove(keys[i].path, error);
-            if (error != obreg::Status::notFound) // somebody else was faster
-                check(error, keys[i]);
-        });
-        count += keys.size();
+    std::atomic<size_t> done{0};
+    const auto remove = [&done](const KeyPath& key) {
+        endIfInterrupted();
+        std::error_code error;
+        obreg::Key::root(key.root).remove(key.path, error);
+        if (error != obreg::Status::notFound) // somebody else was faster
+            check(error, key);
+        ++done;
+    };
+    try {
+        for (size_t depth = levels.size(); depth-- > 0;)
+            forEachParallel(levels[depth].size(), [&](size_t i) { remove(levels[depth][i]); });
+    } catch (const Failure& failure) {
+        Failure standing(failure);
+        standing.advice += std::string(standing.advice.empty() ? "" : "; ") + std::to_string(done) + " of " +
+                           std::to_string(count) + " keys of " + escaped(path.text(), Escape::Name) +
+                           " were deleted, the deepest first";
+        standing.details = {{"deleted", uint64_t{done}}, {"keys", uint64_t{count}}};
+        throw standing;
     }
     return count;
 }

@@ -7,6 +7,7 @@
 #define OBREG_TOOL_READTREE_H
 
 #include <functional>
+#include <future>
 #include <optional>
 #include <string>
 #include <vector>
@@ -18,10 +19,13 @@
 
 namespace obregtool {
 
+inline constexpr UINT32 LargeValue = 1u << 20; // bytes: not kept when it is met
+
 /// A value of a key. Its data are read when the key is, unless that would hold too much at once: then when asked for.
 struct ValueEntry {
     std::string name;
     std::optional<obreg::Value> held;
+    UINT32 length = 0; ///< of the data
 };
 
 struct KeyContent {
@@ -69,6 +73,22 @@ std::optional<OpenedKey> readSubKey(const obreg::Key& key, const KeyPath& path, 
 
 /// The entry's value; the entry gives it away. Nothing when it has been deleted since.
 std::optional<obreg::NamedValue> takeValue(const obreg::Key& key, const KeyPath& path, ValueEntry&& entry);
+
+/// Takes the values of a key one after the other and calls f(value) for each; those that have been deleted since are
+/// left out. While f works, a long one that comes next is read.
+template <class F>
+void forEachValue(const obreg::Key& key, const KeyPath& path, std::vector<ValueEntry>& entries, const F& f)
+{
+    const auto take = [&](size_t i) { return takeValue(key, path, std::move(entries[i])); };
+    std::future<std::optional<obreg::NamedValue>> next;
+    for (size_t i = 0; i < entries.size(); ++i) {
+        std::optional<obreg::NamedValue> value = next.valid() ? next.get() : take(i);
+        if (i + 1 < entries.size() && entries[i + 1].length > LargeValue)
+            next = std::async(take, i + 1); // at next.get() where no thread can be started
+        if (value)
+            f(*std::move(value));
+    }
+}
 
 /// Reads a key and, when recursive, everything below it, each key before its sub-keys. Sub-keys that vanish meanwhile
 /// are left out. `visit` gets each open key with its content and its depth, and returns whether to go below it.

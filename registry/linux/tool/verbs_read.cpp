@@ -33,18 +33,15 @@ void valueFacts(Output& output, const KeyPath& path, const obreg::Key& key, std:
                 const std::string& lead, bool keyField = true)
 {
     const size_t width = nameWidth(values);
-    for (ValueEntry& entry : values) {
-        const std::optional<obreg::NamedValue> value = takeValue(key, path, std::move(entry));
-        if (!value)
-            continue;
-        Fact fact = valueFact(path, *value);
+    forEachValue(key, path, values, [&](obreg::NamedValue&& value) {
+        Fact fact = valueFact(path, std::move(value));
         fact.lead = lead;
         fact.fields[0].hidden = true;
         fact.fields[1].width = width;
         if (!keyField)
             fact.fields.erase(fact.fields.begin());
         output.fact(fact);
-    }
+    });
 }
 
 obreg::NamedValue readValue(const KeyPath& path, const std::string& name)
@@ -83,15 +80,22 @@ int queryValue(const ReadOptions& options, Output& output)
 int get(const ReadOptions& options, Output& output)
 {
     const KeyPath path = keyArgument(options.key);
-    const obreg::NamedValue value = readValue(path, options.name);
-    if (options.raw)
+    obreg::NamedValue value = readValue(path, options.name);
+    if (options.raw) {
         output.bytes(value.value.data);
-    else if (output.form() == Form::Json)
-        output.fact(valueFact(path, value));
-    else if (output.form() == Form::Plain)
-        output.bytes(bareData(value.value) + '\n');
-    else
-        output.bytes(escaped(bareData(value.value), Escape::Screen) + '\n');
+        return ExitDone;
+    }
+    if (output.form() == Form::Json) {
+        output.fact(valueFact(path, std::move(value)));
+        return ExitDone;
+    }
+    const bool terminal = output.form() == Form::Terminal;
+    const bool bare = writeBare(
+        value.value, [&](std::string_view piece) { output.bytes(terminal ? escaped(piece, Escape::Screen) : piece); });
+    output.bytes("\n");
+    if (!bare)
+        output.warning("the data cannot be written as the text or number that its type " + typeName(value.value.type) +
+                       " promises: these are its bytes; --raw gives them as they are");
     return ExitDone;
 }
 

@@ -190,7 +190,7 @@ Run declareSet(Arguments& arguments)
         "Text, number, or bytes as hexadecimal digits; several for REG_MULTI_SZ; - for the text on standard input");
     addDataOptions(arguments, *pOptions);
     return [=](Output& output) {
-        if (pOptions->data.empty() && pOptions->dataFile.empty())
+        if (pOptions->data.empty() && pOptions->dataFile.empty() && pOptions->type.empty())
             throw UsageError("give DATA to store, or a --data-file");
         return store(*pOptions, output);
     };
