@@ -1,4 +1,5 @@
 // copy and compare: two keys and what is below them.
+#include "alarm.h"
 #include "changes.h"
 #include "readtree.h"
 #include "verbs.h"
@@ -23,21 +24,28 @@ int copy(const TwoKeys& options, Output& output)
     uint64_t keys = 0;
     uint64_t values = 0;
     WriteQueue queue;
-    Progress progress("copied", 0);
-    walk(from, options.recursive, [&](const KeyPath& path, const obreg::Key& key, KeyContent& content, size_t depth) {
-        const KeyPath place = depth == 0 ? to : to.child(path.path.substr(from.isRoot() ? 0 : from.path.size() + 1));
-        const auto pTarget = std::make_shared<Target>(place);
-        queue.createKey(pTarget);
-        ++keys;
-        for (ValueEntry& entry : content.values)
-            if (std::optional<obreg::NamedValue> value = takeValue(key, path, std::move(entry))) {
-                queue.set(pTarget, std::move(value->name), std::move(value->value));
-                ++values;
-                progress.update(queue.done());
-            }
-        return true;
-    });
-    queue.wait();
+    letInterruptsEndWork();
+    try {
+        Progress progress("copied", 0);
+        walk(from, options.recursive,
+             [&](const KeyPath& path, const obreg::Key& key, KeyContent& content, size_t depth) {
+                 const KeyPath place =
+                     depth == 0 ? to : to.child(path.path.substr(from.isRoot() ? 0 : from.path.size() + 1));
+                 const auto pTarget = std::make_shared<Target>(place);
+                 queue.createKey(pTarget);
+                 ++keys;
+                 forEachValue(key, path, content.values, [&](obreg::NamedValue&& value) {
+                     endIfInterrupted();
+                     queue.set(pTarget, std::move(value.name), std::move(value.value));
+                     ++values;
+                     progress.update(queue.done());
+                 });
+                 return true;
+             });
+        queue.wait();
+    } catch (const Failure& failure) {
+        throw queue.end(failure);
+    }
     output.summary({"copied",
                     {{"from", from.text()}, {"to", to.text()}, {"keys", keys}, {"values", values}},
                     "",
