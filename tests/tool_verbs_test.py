@@ -84,6 +84,10 @@ class WithDaemon(unittest.TestCase):
             words = [word for one in data for word in ("-d", one)]
             self.expect(0, "add", KEY, "-v", "@", "-t", kind, *words)
             self.expect(0, "get", KEY, "--raw", out=stored)
+        for kind in "multi_sz", "none":
+            self.expect(0, "set", KEY, "empty", "-t", kind)
+            self.expect(0, "get", KEY, "empty", "--raw", out=b"\0")
+        self.expect(0, "rm", KEY, "empty")
         for data in ["-"], ["-", "-t", "dword"], ["-t", "multi_sz", "--separator", ",", "-"]:
             self.expect(0, "set", KEY, "x", *data, stdin=b"5\n")
             self.expect(0, "get", KEY, "x", out=b"5\n")
@@ -145,7 +149,7 @@ class WithDaemon(unittest.TestCase):
         self.assertEqual([fact["kind"] for fact in facts], ["key"] + ["value"] * 4 + ["subkey"])
         self.assertEqual(facts[2], {"kind": "value", "key": KEY, "name": "list", "type": "REG_MULTI_SZ",
                                     "data": ["a\t\\", "b", "\33"]})
-        self.assertEqual((facts[3]["data"], facts[3]["hex"]), ("no end \ufffd", b"no end \xff".hex()))
+        self.assertEqual((facts[3]["data"], facts[3]["hex"]), (None, b"no end \xff".hex()))
         self.assertEqual((facts[4]["name"], facts[4]["nameHex"]), ("\ufffd(", "c328"))
         for words in (["tree", KEY], ["info", KEY], ["ping"], ["ping", "--latency", "--count", "5"], ["ls", "HKCU"],
                       ["set", KEY, "j", "1"], ["rm", KEY, "j"], ["compare", KEY, KEY], ["copy", KEY, "HKLM/New"],
@@ -170,6 +174,31 @@ class WithDaemon(unittest.TestCase):
                     KEY.encode() + b'\\In]\n"c"="end"\n')
         self.expect(2, "export", KEY, FOLDER + "registry.db", err="--yes")
         self.expect(4, "export", KEY, FOLDER + "none/file", err="No such file")
+
+    def test_an_import_that_ends_early_says_what_stands(self):
+        def stands(said):
+            lines = self.expect(0, "ls", r"HKLM\In").decode().splitlines()
+            self.assertEqual((said["done"], said["total"]), (1 + len(lines), 3001))
+            return {3 + int(line.split("\t")[1][1:]) for line in lines}
+        header = "REGEDIT4\n[HKLM\\In]\n"
+        lines = [f'"{"n" * 20000 if i == 500 else f"v{i}"}"="{i}"\n' for i in range(3000)]
+        status, _, err = run("import", "-", "--json", stdin=(header + "".join(lines)).encode())
+        said = json.loads(err)
+        self.assertEqual((status, said["line"], stands(said)), (4, 503, {*range(3, 503), *said["after"]}))
+        lines[700] = '"v700"=hex(0):\n'
+        self.expect(4, "import", "-", "--keep-going", stdin=(header + "".join(lines)).encode(), err="line 503: ")
+        self.assertEqual(len(self.expect(0, "ls", r"HKLM\In").splitlines()), 2998 + (702 in said["after"]))
+        self.expect(0, "rm", r"HKLM\In")
+        with open(FOLDER + "in.reg", "w", encoding="ascii") as file:
+            file.write(header + "".join(lines[501:700] + lines[701:] + lines[:500] + ['"v500"="x"\n"v700"="y"\n']))
+        os.kill(self.daemon.pid, signal.SIGSTOP)
+        with subprocess.Popen([TOOL, "import", "--json", FOLDER + "in.reg"], stderr=subprocess.PIPE) as interrupted:
+            time.sleep(0.3)
+            interrupted.send_signal(signal.SIGINT)
+            time.sleep(0.1)
+            os.kill(self.daemon.pid, signal.SIGCONT)
+            said = json.loads(interrupted.stderr.read())
+        self.assertEqual((interrupted.returncode, len(stands(said))), (130, said["line"] - 2))
 
     def test_export_keeps_what_a_file_is(self):
         with open(FOLDER + "private", "wb"):

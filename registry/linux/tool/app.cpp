@@ -130,8 +130,8 @@ constexpr const char* Footer =
     "characters\n"
     "as \\xHH; in data \\\\ \\t \\n \\r \\0 and \\xHH stand for the bytes that would not be text, numbers are decimal, "
     "and\n"
-    "other bytes are pairs of hexadecimal digits.\n"
-    "Exit status: 0 done, 1 not found or different, 2 usage, 3 no daemon, 4 refused or failed.";
+    "other bytes are pairs of hexadecimal digits, with hex: in front where the type promises text or a number.\n"
+    "Exit status: 0 done, 1 not found or different, 2 usage, 3 no daemon, 4 refused or failed, 130 interrupted.";
 
 } // namespace
 

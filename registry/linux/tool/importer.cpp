@@ -52,6 +52,7 @@ Failure noBytes(const std::string& subject)
 
 void Importer::key(const KeyPath& key, const Place& place)
 {
+    endIfInterrupted();
     m_pTarget = std::make_shared<Target>(key);
     m_queue.createKey(m_pTarget, place.line);
     tellRefused();
@@ -80,6 +81,7 @@ void Importer::removeKey(const KeyPath& key, const Place& place)
 
 void Importer::value(std::string&& name, obreg::Value&& value, const Place& place)
 {
+    endIfInterrupted();
     if (value.data.empty())
         tell(noBytes(subjectText(m_pTarget->path(), &name)), place.line);
     else
@@ -90,6 +92,7 @@ void Importer::value(std::string&& name, obreg::Value&& value, const Place& plac
 
 void Importer::removeValue(std::string&& name, const Place& place)
 {
+    endIfInterrupted();
     m_queue.removeValue(m_pTarget, std::move(name), place.line);
     m_progress.update(done());
     tellRefused();
