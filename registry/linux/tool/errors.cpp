@@ -63,10 +63,10 @@ std::string fillIn(const char* pAdvice, const std::string& key, const std::strin
 
 std::string subjectText(const KeyPath& key, const std::string* pValueName)
 {
-    const std::string text = escaped(key.text(), Escape::Name);
-    if (pValueName == nullptr)
-        return text;
-    return text + ", value " + (isUnnamed(*pValueName) ? "@" : '"' + escaped(*pValueName, Escape::Name) + '"');
+    std::string text = escaped(key.text(), Escape::Name);
+    if (pValueName != nullptr)
+        text += ", value " + (isUnnamed(*pValueName) ? "@" : '"' + escaped(*pValueName, Escape::Name) + '"');
+    return text;
 }
 
 Failure failureOf(const KeyPath& key, const std::string* pValueName, const std::error_code& error)

@@ -12,6 +12,7 @@ namespace {
 std::vector<uint64_t> linesOf(const std::vector<WriteName>& writes)
 {
     std::vector<uint64_t> lines;
+    lines.reserve(writes.size());
     for (const WriteName& write : writes)
         lines.push_back(write.line);
     std::sort(lines.begin(), lines.end());

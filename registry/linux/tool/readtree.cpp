@@ -99,6 +99,16 @@ void walkFrom(const KeyPath& path, const obreg::Key& key, KeyContent&& content, 
             walkFrom(path.child(subKey.name), below->key, std::move(below->content), recursive, visit, what, depth + 1);
 }
 
+/// The failure, with how many of the keys had been deleted.
+Failure afterDeleting(Failure failure, const KeyPath& path, uint64_t done, uint64_t count)
+{
+    const std::string figures = std::to_string(done) + " of " + std::to_string(count) + " keys of ";
+    failure.advice += (failure.advice.empty() ? "" : "; ") + (done == 0 ? "nothing of " : figures) +
+                      escaped(path.text(), Escape::Name) + " was deleted" + (done == 0 ? "" : ", the deepest first");
+    failure.details = {{"deleted", done}};
+    return failure;
+}
+
 } // namespace
 
 int compareValueNames(const std::string& a, const std::string& b)
@@ -202,7 +212,6 @@ size_t removeTree(const KeyPath& path)
         ++count;
         return true;
     };
-    walk(path, true, note, Read::SubKeys);
     std::atomic<size_t> done{0};
     const auto remove = [&done](const KeyPath& key) {
         endIfInterrupted();
@@ -213,15 +222,13 @@ size_t removeTree(const KeyPath& path)
         ++done;
     };
     try {
+        walk(path, true, note, Read::SubKeys);
         for (size_t depth = levels.size(); depth-- > 0;)
             forEachParallel(levels[depth].size(), [&](size_t i) { remove(levels[depth][i]); });
     } catch (const Failure& failure) {
-        Failure standing(failure);
-        standing.advice += std::string(standing.advice.empty() ? "" : "; ") + std::to_string(done) + " of " +
-                           std::to_string(count) + " keys of " + escaped(path.text(), Escape::Name) +
-                           " were deleted, the deepest first";
-        standing.details = {{"deleted", uint64_t{done}}, {"keys", uint64_t{count}}};
-        throw standing;
+        if (done == 0 && failure.exit != ExitInterrupted)
+            throw;
+        throw afterDeleting(failure, path, done, count);
     }
     return count;
 }

@@ -122,6 +122,17 @@ int import(const FileOptions& options, Output& output)
     return refused == 0 ? ExitDone : ExitFailed;
 }
 
+/// The failure, with how much had been written.
+Failure afterExporting(const Failure& failure, const std::string& file, uint64_t keys, uint64_t values, bool stays)
+{
+    Failure located =
+        inFile(failure, file + ": ",
+               std::to_string(keys) + " keys and " + std::to_string(values) + " values had been written; " +
+                   (stays ? "what was written stays" : "the file was not made or replaced"));
+    located.details = {{"file", file}, {"keys", keys}, {"values", values}};
+    return located;
+}
+
 int exportKey(const FileOptions& options, Output& output)
 {
     const KeyPath path = keyArgument(options.key);
@@ -158,11 +169,7 @@ int exportKey(const FileOptions& options, Output& output)
     } catch (const Failure& failure) {
         if (failure.exit != ExitInterrupted)
             throw;
-        Failure located(failure.exit, shownFile + ": " + failure.what(),
-                        std::to_string(keys) + " keys and " + std::to_string(values) + " values had been written; " +
-                            (file.isWrittenDirectly() ? "they are there" : "the file was not made or replaced"));
-        located.details = {{"file", shownFile}, {"keys", keys}, {"values", values}};
-        throw located;
+        throw afterExporting(failure, shownFile, keys, values, file.isWrittenDirectly());
     }
     writer.finish();
     file.commit();

@@ -164,10 +164,8 @@ std::vector<WriteFailure> WriteQueue::takeRefused()
     return std::exchange(m_refused, {});
 }
 
-void WriteQueue::throwFailure(std::unique_lock<std::mutex>& lock)
+WriteFailure WriteQueue::failureOfStop(std::unique_lock<std::mutex>& lock)
 {
-    if (!m_stop)
-        return;
     m_less.wait(lock, [this] { return m_unfinished == 0; }); // an earlier one may be refused as well
     const Outcome& first = m_outcomes.at(*m_stop);
     WriteFailure failure(*first.failure, first.name.line);
@@ -178,7 +176,13 @@ void WriteQueue::throwFailure(std::unique_lock<std::mutex>& lock)
         else if (later->status == OBREG_STATUS_REQUEST_FAILED)
             failure.unknown.push_back(at->second.name);
     }
-    throw failure;
+    return failure;
+}
+
+void WriteQueue::throwFailure(std::unique_lock<std::mutex>& lock)
+{
+    if (m_stop)
+        throw failureOfStop(lock);
 }
 
 void WriteQueue::work()

@@ -112,6 +112,7 @@ private:
     static Outcome outcomeOf(Write& write);
     void note(uint64_t number, Outcome&& outcome);
     bool isBehindStop(uint64_t number) const { return m_stop && number > *m_stop; }
+    WriteFailure failureOfStop(std::unique_lock<std::mutex>& lock);
     void throwFailure(std::unique_lock<std::mutex>& lock);
 
     const bool m_goesOn;
