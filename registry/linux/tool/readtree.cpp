@@ -102,9 +102,10 @@ void walkFrom(const KeyPath& path, const obreg::Key& key, KeyContent&& content, 
 /// The failure, with how many of the keys had been deleted.
 Failure afterDeleting(Failure failure, const KeyPath& path, uint64_t done, uint64_t count)
 {
-    const std::string figures = std::to_string(done) + " of " + std::to_string(count) + " keys of ";
-    failure.advice += (failure.advice.empty() ? "" : "; ") + (done == 0 ? "nothing of " : figures) +
-                      escaped(path.text(), Escape::Name) + " was deleted" + (done == 0 ? "" : ", the deepest first");
+    const std::string figures =
+        done == 0 ? "none" : std::to_string(done) + " of " + std::to_string(count) + ", the deepest first,";
+    failure.advice += (failure.advice.empty() ? "" : "; ") + ("of the keys of " + escaped(path.text(), Escape::Name)) +
+                      ' ' + figures + (done == 1 || done == 0 ? " was deleted" : " were deleted");
     failure.details = {{"deleted", done}};
     return failure;
 }
