@@ -144,13 +144,18 @@ const char* whoMayWrite(const KeyPath& key, const char* pOthers)
 
 } // namespace
 
+std::string subjectText(const KeyPath& key, const std::string* pValueName)
+{
+    std::string text = escaped(key.text(), Escape::Name);
+    if (pValueName != nullptr)
+        text += ", value " + (isUnnamed(*pValueName) ? "@" : '"' + escaped(*pValueName, Escape::Name) + '"');
+    return text;
+}
+
 Failure failureOf(const KeyPath& key, const std::string* pValueName, const std::error_code& error, size_t dataLength)
 {
     const auto status = static_cast<REGSTATUS>(error.value());
-    std::string what = escaped(key.text(), Escape::Name);
-    if (pValueName != nullptr)
-        what += ", value " + (isUnnamed(*pValueName) ? "@" : '"' + escaped(*pValueName, Escape::Name) + '"');
-    Failure failure(ExitFailed, what + ": " + error.message());
+    Failure failure(ExitFailed, subjectText(key, pValueName) + ": " + error.message());
     failure.key = key.text();
     failure.status = status;
     const char* pAdvice = "";
