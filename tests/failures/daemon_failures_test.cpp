@@ -139,15 +139,18 @@ protected:
         explicit Daemon(const std::string& folder)
             : lock(folder + "/store", "--store"), space(folder + "/store"), writer(folder + "/store"),
               store(folder + "/store"), identity(folder + "/store"), socket(folder + "/socket"),
-              guard(writer, identity, space),
+              check(folder + "/store"), guard(writer, identity, space, check),
               server(socket.releaseDescriptor(), store, writer, obregd::Limits(), &guard)
-        {}
+        {
+            check.stop(); // its calls are not those of a request
+        }
         obregd::Lock lock;
         obregd::DiskSpace space;
         obregd::WritableStore writer;
         obregd::Store store;
         obregd::StoreIdentity identity;
         obregd::ListeningSocket socket;
+        obregd::QuickCheck check;
         obregd::StoreGuard guard;
         obregd::Server server;
     };
