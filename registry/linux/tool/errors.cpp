@@ -1,5 +1,6 @@
 #include "errors.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <unistd.h>
@@ -62,10 +63,10 @@ bool systemdHasDaemon()
 {
     if (access("/run/systemd/system", F_OK) != 0)
         return false;
-    for (const char* const pFolder : {"/etc", "/run", "/usr/local/lib", "/usr/lib", "/lib"})
-        if (access((std::string(pFolder) + "/systemd/system/obregd.service").c_str(), F_OK) == 0)
-            return true;
-    return false;
+    constexpr const char* folders[] = {"/etc", "/run", "/usr/local/lib", "/usr/lib", "/lib"};
+    return std::any_of(std::begin(folders), std::end(folders), [](const char* pFolder) {
+        return access((std::string(pFolder) + "/systemd/system/obregd.service").c_str(), F_OK) == 0;
+    });
 }
 
 const char* howToStart()

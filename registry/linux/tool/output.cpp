@@ -113,7 +113,7 @@ std::string Output::shown(const obreg::Value& value, size_t from, size_t column,
 {
     if (m_width == Unlimited)
         return shownData(value, SIZE_MAX);
-    const std::string text = shownData(value, ShownBytes, from);
+    std::string text = shownData(value, ShownBytes, from);
     if (!alone || m_shape == Shape::Record || m_width == 0)
         return text;
     return cutToFit(text, std::max(m_width > column ? m_width - column : 0, LeastDataWidth));

@@ -81,10 +81,16 @@ void warnOfUtf16(const RereadableFile& file, const RegReader& reader, Output& ou
     }
 }
 
+Failure nothingWritten(Failure failure)
+{
+    failure.addAdvice("nothing was written");
+    return failure;
+}
+
 /// The failure, with what an import says that has carried out nothing.
 Failure beforeImporting(const Failure& failure, const std::string& file, uint64_t total)
 {
-    Failure located = inFile(failure, file + ": ", "nothing was written");
+    Failure located = nothingWritten(inFile(failure, file + ": ", ""));
     located.details = {{"file", file}, {"line", uint64_t{0}}, {"done", uint64_t{0}}, {"total", total}};
     return located;
 }
@@ -108,9 +114,7 @@ bool prepareImport(RereadableFile& file, const FileOptions& options, uint64_t to
             changes(rehearsal);
         }
     } catch (const WriteFailure& failure) {
-        Failure located = inLine(failure, file.name(), failure.line);
-        located.addAdvice("nothing was written");
-        throw located;
+        throw nothingWritten(inLine(failure, file.name(), failure.line));
     } catch (const RegSyntaxError& error) {
         throw Failure(ExitBadFile, file.name() + ", " + error.what(),
                       "the file has changed while it was read; nothing was written");

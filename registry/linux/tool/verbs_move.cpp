@@ -210,7 +210,7 @@ KeyPath beside(const KeyPath& key, const MoveOptions& options)
     const bool slashes = options.key.find('/') < options.key.find('\\'); // both separate in such a key
     if (options.to.empty() || options.to.find_first_of(slashes ? "\\/" : "\\") != std::string::npos)
         throw UsageError("\"" + escaped(options.to, Escape::Name) +
-                         "\" is no name of a key; to put it elsewhere use \"obreg move\"");
+                         R"(" is no name of a key; to put it elsewhere use "obreg move")");
     return key.parent().child(options.to);
 }
 
