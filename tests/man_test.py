@@ -116,5 +116,6 @@ def check_program(program):
 
 check_library()
 checked = [check_program(program) for program in programs]
+page("obreg-reg.5")
 print("\n".join(mistakes or [f"the manual is complete; {', '.join(checked)}"]))
 sys.exit(bool(mistakes))

@@ -28,7 +28,7 @@ for _ in {1..100}; do
 done
 inside obreg set HKLM/Software/Packages Works yes
 [ "$(inside obreg get HKLM/Software/Packages Works)" = yes ] || fail "what was set is not there"
-for page in man1/obreg.1 man3/OBRegOpenKeyExA.3 man7/obreg.7 man8/obregd.8; do
+for page in man1/obreg.1 man5/obreg-reg.5 man3/OBRegOpenKeyExA.3 man7/obreg.7 man8/obregd.8; do
     [ -s "/mnt/root/usr/share/man/$page.gz" ] || fail "there is no manual page $page"
 done
 cp "$(dirname "$0")/../examples/example.c" /mnt/root/app.c

@@ -1,5 +1,7 @@
 // The .reg reader by itself; then a hostile tree through the tool and the real daemon, and out as .reg text and in
 // again.
+#include <algorithm>
+#include <map>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -8,6 +10,7 @@
 #include "support/read_reg.h"
 #include "support/running_daemon.h"
 #include "text.h"
+#include "valuetext.h"
 
 using namespace obregtool;
 using namespace std::string_literals;
@@ -48,7 +51,7 @@ std::string readEveryWay(const std::string& text)
     std::string crLf;
     for (const char c : text)
         crLf += c == '\n' ? "\r\n" : std::string(1, c);
-    for (const std::string& same : {text, crLf, "\xEF\xBB\xBF" + text, "\xFF\xFE" + toUtf16(text)})
+    for (const std::string& same : {text, crLf, "\xEF\xBB\xBF" + text, "\xFF\xFE" + toUtf16(text), toUtf16(text)})
         for (const size_t piece : {1u, 2u, 7u, 100000u})
             EXPECT_EQ(read(same, piece), result) << text;
     return result;
@@ -70,6 +73,7 @@ TEST(RegReader, ReadsEveryStatement)
         {"[HKLM]\n\"a\"=dword:1\n\"b\"=DWORD:fedcBA98", "2 key HKEY_LOCAL_MACHINE\n3 a=4:01000000\n4 b=4:98badcfe\n"},
         {"[HKLM]\n@=hex:0,f,ff,Ab\n\"x\"=hex(b):1,\\\n  2,\\ ; on it goes\n3 ;\n@=hex(FFFFFFFF):\\\n00",
          "2 key HKEY_LOCAL_MACHINE\n3 default=3:000fffab\n4 x=11:010203\n7 default=4294967295:00\n"},
+        {"[HKLM]\n@=hex(0): ; nothing\n\"x\"=hex:", "2 key HKEY_LOCAL_MACHINE\n3 default=0:\n4 x=3:\n"},
         {"[HKLM\\\xC3\xA4\xF0\x9F\x98\x80]\n\"\xFF\xC3\"=\"\xE2\x82\xAC\"",
          "2 key HKEY_LOCAL_MACHINE\\\xC3\xA4\xF0\x9F\x98\x80\n3 \xFF\xC3=1:e282ac00\n"},
     };
@@ -95,7 +99,9 @@ TEST(RegReader, NamesTheFirstMistake)
         {"[HKLM]\n\"a\"=\"b\" c", "line 3, column 9", "end of the line"},
         {"[HKLM]\n\"@\"=\"b\"", "line 3, column 1", "another name"},
         {"[HKLM]\n\"a\"=dword:123456789", "line 3, column 19", "digits"},
-        {"[HKLM]\n\"a\"=hex:", "line 3, column 9", "empty value"},
+        {"[HKLM]\n\"a\"=hex:,", "line 3, column 9", "digits"},
+        {"[HKLM]\n\"a\"=\"b\nc", "line 5, column 1", "begins in line 3"},
+        {"[HKLM]\n\"a\"=\"b\n\"c\"=\"d\"", "line 4, column 2", "begins in line 3"},
         {"[HKLM]\n\"a\"=hex(:00", "line 3, column 9", "type"},
         {"[HKLM]\n\"a\"=hex:00,\\\n  11,xx", "line 4, column 6", "digits"},
         {"[HKLM]\n\"a\"=hex:00,\\", "line 4, column 1", "more bytes"},
@@ -105,10 +111,93 @@ TEST(RegReader, NamesTheFirstMistake)
         EXPECT_EQ(mistake.find(one.pPlace), 0u) << mistake << " for " << one.pText;
         EXPECT_NE(mistake.find(one.pPart), std::string::npos) << mistake << " for " << one.pText;
     }
-    for (const char* const pNoHeader : {"", "Windows Registry Editor Version 6.00"})
-        EXPECT_EQ(read(pNoHeader, 1).find("line 1, column 1: expected the header"), 0u);
+    for (const std::string& noHeader : {""s, "\n"s + Header, "Windows Registry Editor Version 6.00"s, "[HKLM]"s,
+                                        "\xFE\xFF\0W"s, "\0W\0i"s, "\xFF\xFE\0\0W\0\0\0"s})
+        EXPECT_EQ(read(noHeader, 1).find("line 1, column 1: expected "), 0u) << hexOf(noHeader);
     EXPECT_NE(read("\xFF\xFE" + toUtf16(Header) + 'x', 3).find("whole UTF-16"), std::string::npos);
     EXPECT_NE(read(Header + "[HKLM]\n\"a\"=\"\0\""s, 9).find("NUL"), std::string::npos);
+}
+
+TEST(RegReader, AStringMayRunOverALineEndWhichStaysWhatItIs)
+{
+    const std::string text = Header + "[HKLM]\n\"a\"=\"b\r\n\n\\\"\" ; c\n@=\"\"";
+    for (const size_t piece : {1u, 9u})
+        EXPECT_EQ(read(text, piece), "2 key HKEY_LOCAL_MACHINE\n3 a=1:620d0a0a2200\n6 default=1:00\n");
+}
+
+TEST(RegReader, ConvertsUtf16OrWarnsOfIt)
+{
+    const struct {
+        const char* pData;
+        const char* pConverted;
+        uint64_t alike;
+    } cases[] = {
+        {"hex(2):61,00,62,00,00,00", "616200", 1},
+        {"hex(7):61,00,00,00,ac,20,00,00,00,00", "6100e282ac0000", 1},
+        {"hex(7):61,00,62,63,00,00", "61e68da200", 0}, // two strings as they stand
+        {"hex(1):61,00", "61", 0},
+        {"hex:61,00,62,00,00,00", "610062000000", 0},
+        {"\"ab\"", "616200", 0},
+    };
+    for (const auto& one : cases) {
+        Recorder recorder;
+        RegReader reader(recorder, true);
+        RegReader asIs(recorder);
+        for (RegReader* const pReader : {&asIs, &reader}) {
+            recorder.statements.str("");
+            pReader->feed(Header + "[HKLM]\n@=" + one.pData);
+            pReader->finish();
+        }
+        const std::string statements = recorder.statements.str();
+        EXPECT_EQ(statements.substr(statements.rfind(':') + 1), std::string(one.pConverted) + '\n') << one.pData;
+        EXPECT_EQ(asIs.utf16Alike(), one.alike) << one.pData;
+    }
+}
+
+std::vector<std::string> linesOf(const std::string& text)
+{
+    std::istringstream stream(text);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(stream, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+/// All short strings of bytes that mean something somewhere.
+std::vector<std::string> everyShortData()
+{
+    static const std::string pieces[] = {"\0"s, "a", "\"", ", ", "\\", "x61", "\n", "\x1B", "\xFF", "hex:", "61"};
+    std::vector<std::string> all = {""};
+    for (size_t begin = 0; all.size() < 10000;)
+        for (const size_t end = all.size(); begin < end; ++begin)
+            for (const std::string& piece : pieces)
+                all.push_back(all[begin] + piece);
+    std::sort(all.begin(), all.end());
+    all.erase(std::unique(all.begin(), all.end()), all.end());
+    return all;
+}
+
+TEST(ValueText, NoTwoValuesLookAlikeAndTextComesBack)
+{
+    const std::vector<std::string> datas = everyShortData();
+    for (const UINT32 type : {REG_NONE, REG_SZ, REG_DWORD, REG_MULTI_SZ, REG_QWORD, REG_DWORD_BIG_ENDIAN}) {
+        std::map<std::string, std::string> seen[4];
+        for (const std::string& data : datas) {
+            const obreg::Value value{type, data};
+            std::string texts[4];
+            writeData(value, [&](std::string_view piece) { texts[0] += piece; });
+            texts[1] = shownData(value);
+            const bool bare = writeBare(value, [&](std::string_view piece) { texts[2] += piece; });
+            texts[3] = escaped(texts[2], Escape::Screen);
+            for (size_t form = 0; form < (bare ? 4u : 2u); ++form)
+                EXPECT_EQ(seen[form].emplace(texts[form], data).first->second, data) << typeName(type) << texts[form];
+            const bool list = meaningOf(value).kind == Meaning::List;
+            const std::string again =
+                bare && !data.empty() ? valueOfArguments(type, list ? linesOf(texts[2]) : std::vector{texts[2]}).data
+                                      : bytesOfHex(texts[2].substr(type == REG_NONE ? 0 : 4)).value_or("no bytes");
+            EXPECT_EQ(again, data) << typeName(type) << texts[2];
+        }
+    }
 }
 
 /// Plants keys and values whose names and data want to break something: every pair of the pieces.

@@ -44,9 +44,12 @@ class WithDaemon(unittest.TestCase):
     def setUp(self):
         for name in os.listdir(FOLDER):
             os.remove(FOLDER + name)
+        self.start()
+        self.expect(0, "add", r"HKLM/Software\Acme")  # once there is a slash, both separate
+
+    def start(self):
         self.daemon = subprocess.Popen([os.environ["OBREGD"]], stderr=subprocess.PIPE)
         self.assertTrue(any(b"listening on" in line for line in self.daemon.stderr))
-        self.expect(0, "add", r"HKLM/Software\Acme")  # once there is a slash, both separate
 
     def tearDown(self):
         self.daemon.kill()
@@ -86,6 +89,10 @@ class WithDaemon(unittest.TestCase):
             words = [word for one in data for word in ("-d", one)]
             self.expect(0, "add", KEY, "-v", "@", "-t", kind, "--force-type", *words)
             self.expect(0, "get", KEY, "--raw", out=stored)
+        for kind in "multi_sz", "none":
+            self.expect(0, "set", KEY, "empty", "-t", kind, "--force-type")
+            self.expect(0, "get", KEY, "empty", "--raw", out=b"\0")
+        self.expect(0, "rm", KEY, "empty")
         for data in ["-"], ["-", "-t", "dword"], ["-t", "multi_sz", "--separator", ",", "-"]:
             self.expect(0, "set", KEY, "x", *data, "--force-type", stdin=b"5\n")
             self.expect(0, "get", KEY, "x", out=b"5\n")
@@ -162,7 +169,7 @@ class WithDaemon(unittest.TestCase):
         self.assertEqual([fact["kind"] for fact in facts], ["key"] + ["value"] * 4 + ["subkey"])
         self.assertEqual(facts[2], {"kind": "value", "key": KEY, "name": "list", "type": "REG_MULTI_SZ",
                                     "data": ["a\t\\", "b", "\33"]})
-        self.assertEqual((facts[3]["data"], facts[3]["hex"]), ("no end \ufffd", b"no end \xff".hex()))
+        self.assertEqual((facts[3]["data"], facts[3]["hex"]), (None, b"no end \xff".hex()))
         self.assertEqual((facts[4]["name"], facts[4]["nameHex"]), ("\ufffd(", "c328"))
         for words in (["tree", KEY], ["info", KEY], ["ping"], ["ping", "--latency", "--count", "5"], ["ls", "HKCU"],
                       ["set", KEY, "j", "1"], ["rm", KEY, "j"], ["compare", KEY, KEY], ["copy", KEY, "HKLM/New"],
@@ -207,7 +214,8 @@ class WithDaemon(unittest.TestCase):
                 (["import", "-"], "+k +k +v ~v +v -v -k +k +v +v -k +k +k +v"), (["rm", KEY, "-y"], "-k"),
                 (["rm", KEY, "n"], "-v"), (["delete", KEY, "--all-values"], "-v"),
                 (["copy", KEY + r"\Sub", KEY], "+v"), (["copy", KEY, "HKLM/New", "-s"], "+k +v +k +v"),
-                (["copy", KEY, "HKLM/Other", "-s"], "")]:
+                (["copy", KEY, "HKLM/Other", "-s"], ""), (["rename", KEY, "New"], "+k +v +k +v -k"),
+                (["move", KEY, "HKLM/New/A", "-v", "n"], "+k +k +v -v")]:
             shown = self.expect(0, *words, "--dry-run", stdin=changes.encode()).decode().splitlines()
             short = {"added": "+", "changed": "~", "removed": "-"}
             kinds = [line.split("\t")[0].split("-") for line in shown]
@@ -221,6 +229,55 @@ class WithDaemon(unittest.TestCase):
         self.expect(4, "set", "HKPD", "x", "y", "--dry-run", err="can only be read")
         self.expect(1, "rm", KEY, "none", "--dry-run", err="NOT_FOUND")
         self.assertEqual(self.expect(0, "export", "HKLM"), before)
+
+    def test_an_import_that_is_refused(self):
+        lines = [f'"v{i}"="{i}"\n' for i in range(3000)]
+        lines[500:502] = ["[HKLM\\" + "n" * 300 + "]\n", '"x"="y"\n', "[HKLM\\In]\n"]
+        lines[700] = '"v699"=hex(0):\n'
+        text = ("REGEDIT4\n[HKLM\\In]\n" + "".join(lines)).encode()
+        self.expect(4, "import", "-", stdin=text, err="line 503: ")
+        self.expect(1, "ls", r"HKLM\In", err="NOT_FOUND")  # nothing was written
+        for words in ["--check"], ["--dry-run"], ["--backup", FOLDER + "undo"], []:
+            status, _, err = run("import", "-", "--keep-going", "--json", *words, stdin=text)
+            refused = sorted(json.loads(line)["line"] for line in err.splitlines())
+            self.assertEqual((status, refused), (4, [503, 504, 703]), words)
+        self.assertEqual(len(self.expect(0, "ls", r"HKLM\In").splitlines()), 2997)
+        self.expect(0, "import", FOLDER + "undo")
+        self.expect(1, "ls", r"HKLM\In", err="NOT_FOUND")
+
+    def test_what_ends_early_says_what_stands(self):
+        def numbers():
+            return {int(line.split("\t")[1][1:]) for line in run("ls", r"HKLM\In")[1].decode().splitlines()}
+        with open(FOLDER + "in.reg", "w", encoding="ascii") as file:
+            file.write("REGEDIT4\n[HKLM\\In]\n" + "".join(f'"v{i}"="{i}"\n' for i in range(3, 20000)))
+        # Ctrl-C, while it looks and while it writes; a daemon that is killed
+        for status, *words in (130,), (130, "--keep-going"), (3, "--keep-going"):
+            os.kill(self.daemon.pid, signal.SIGSTOP)
+            with subprocess.Popen([TOOL, "import", *words, "--json", FOLDER + "in.reg"],
+                                  stderr=subprocess.PIPE) as ended:
+                time.sleep(0.3)
+                if status == 130:
+                    ended.send_signal(signal.SIGINT)
+                    time.sleep(0.1)
+                os.kill(self.daemon.pid, signal.SIGCONT)
+                if status == 3:
+                    time.sleep(0.01)
+                    self.tearDown()
+                said = json.loads(ended.stderr.read())
+            if status == 3:
+                self.start()
+            self.assertEqual((ended.returncode, said["total"]), (status, 19998))
+            stands = {*range(3, said["line"]), *said.get("after", ())} - {2}
+            there = numbers()
+            self.assertLessEqual(stands, there)
+            self.assertLessEqual(there, stands | {said["line"], *said.get("unknown", ())})
+        self.expect(0, "import", FOLDER + "in.reg")
+        with subprocess.Popen([TOOL, "--json", "delete", r"HKLM\In", "--all-values"], stderr=subprocess.PIPE) as ended:
+            while json.loads(self.expect(0, "info", r"HKLM\In", "--json"))["values"] == 19997:
+                pass
+            ended.send_signal(signal.SIGINT)
+            said = json.loads(ended.stderr.read())
+        self.assertEqual((ended.returncode, said["deleted"]), (130, 19997 - len(numbers())))
 
     def test_export_keeps_what_a_file_is(self):
         with open(FOLDER + "private", "wb"):
@@ -291,7 +348,8 @@ class WithDaemon(unittest.TestCase):
         for key, name, *data in [("a", "n", "1421", "-t", "dword"), ("a", "B", "00ff12", "-t", "binary"),
                                  ("a", "T", "GRÜN"), ("grün/x", "list", "y", "grüner z")]:
             self.expect(0, "set", f"HKLM/Find/{key}", name, *data)
-        for words, found in [(["grün"], ["T", "grün", "list"]), (["grün", "--names"], ["grün"]), (["42"], ["n"]),
+        self.expect(0, "set", "HKLM/Find/a", "Unended", "-t", "sz", "--data-file", "-", stdin=b"Ende")
+        for words, found in [(["ende", "--data"], ["Unended"]), (["grün"], ["T", "grün", "list"]), (["grün", "--names"], ["grün"]), (["42"], ["n"]),
                              (["f1"], []), (["FF12", "--data"], ["B"]), (["^grün.?$", "--regex"], ["T", "grün"]),
                              (["", "-t", "dword"], ["n"]), (["z", "--depth", "1"], [])]:
             status, out, _ = run("find", "HKLM/Find", *words)
@@ -337,6 +395,10 @@ class WithDaemon(unittest.TestCase):
         self.expect(3, "get", KEY, err="run this again")  # the daemon was not there yet
         self.assertEqual([os.readlink(f"/proc/{self.daemon.pid}/fd/{fd}") for fd in range(3)], ["/dev/null"] * 3)
         self.expect(0, "set", KEY, "v", "x" * 100)
+        with subprocess.Popen(f"exec '{TOOL}' watch '{KEY}' --interval 0.05 >&-", shell=True, stderr=subprocess.PIPE) as watch:
+            time.sleep(0.5)
+            self.expect(0, "set", KEY, "v", "y" * 100)
+            self.assertIn(b"standard output: ", watch.stderr.read())
         for verb in f"get '{KEY}' v --raw", "--help", "--version", "__complete ge":
             for streams, fails in [("<&-", False), ("<&- 2>&-", False), ("2>&-", False), (">/dev/full", True), (">&-", True),
                                    ("<&- >&-", True), ("2>&- >&-", True), ("<&- >&- 2>&-", True)]:

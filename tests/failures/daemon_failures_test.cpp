@@ -141,7 +141,9 @@ protected:
               store(folder / "store"), identity(folder / "store"), socket(folder / "socket"), check(folder / "store"),
               guard(writer, identity, space, check),
               server(socket.releaseDescriptor(), store, writer, obregd::Limits(), &guard)
-        {}
+        {
+            check.stop(); // its calls are not those of a request
+        }
         obregd::Lock lock;
         obregd::DiskSpace space;
         obregd::WritableStore writer;

@@ -1,6 +1,7 @@
 #include "alarm.h"
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cmath>
 #include <csignal>
@@ -9,6 +10,7 @@
 #include <unistd.h>
 
 #include "errors.h"
+#include "output.h"
 
 namespace obregtool {
 
@@ -17,7 +19,11 @@ namespace {
 // Written before the handlers are in place, and read by them.
 std::string timeoutMessage;
 itimerval timeout{};
+std::string hangingMessage; // for an interrupt that the daemon leaves without an end
+std::atomic<bool> workInterrupted{false};
 volatile sig_atomic_t interruptCame = 0;
+
+constexpr unsigned GraceSeconds = 5; // for the answers to what is in flight
 
 char unfinishedFile[PATH_MAX];
 volatile sig_atomic_t haveUnfinishedFile = 0;
@@ -31,8 +37,9 @@ void removeUnfinishedFile()
 extern "C" void onAlarm(int /*signal*/)
 {
     removeUnfinishedFile();
-    [[maybe_unused]] const ssize_t heard = write(STDERR_FILENO, timeoutMessage.data(), timeoutMessage.size());
-    _exit(ExitNoDaemon);
+    const std::string& message = workInterrupted ? hangingMessage : timeoutMessage;
+    [[maybe_unused]] const ssize_t heard = write(STDERR_FILENO, message.data(), message.size());
+    _exit(workInterrupted ? ExitInterrupted : ExitNoDaemon);
 }
 
 extern "C" void onKill(int signal)
@@ -42,6 +49,15 @@ extern "C" void onKill(int signal)
 }
 
 extern "C" void onInterrupt(int /*signal*/) { interruptCame = 1; }
+
+void handle(int signal, void (*handler)(int));
+
+extern "C" void onWorkInterrupt(int signal)
+{
+    workInterrupted = true;
+    handle(signal, onKill);
+    alarm(GraceSeconds);
+}
 
 void handle(int signal, void (*handler)(int))
 {
@@ -91,6 +107,21 @@ void removeWhenKilled(const std::string& path)
 }
 
 bool interrupted() { return interruptCame != 0; }
+
+void letInterruptsEndWork()
+{
+    const bool json = !timeoutMessage.empty() && timeoutMessage.front() == '{';
+    const Failure failure(ExitInterrupted, "interrupted, and the daemon does not answer", "what was written stays");
+    hangingMessage = failureText(json, failure);
+    handle(SIGALRM, onAlarm);
+    handle(SIGINT, onWorkInterrupt);
+}
+
+void endIfInterrupted()
+{
+    if (workInterrupted)
+        throw Failure(ExitInterrupted, "interrupted");
+}
 
 void pause(double seconds)
 {

@@ -17,6 +17,13 @@ void stopTimeout();
 /// Makes the first SIGINT or SIGTERM end the loop of a verb instead of the process.
 void catchInterrupts();
 bool interrupted();
+
+/// Lets the first Ctrl-C end long work in good order: from then on endIfInterrupted() throws. When that has not ended
+/// the process some seconds later, because the daemon does not answer, or at the second one, it ends at once.
+void letInterruptsEndWork();
+/// Throws Failure with ExitInterrupted. Any thread.
+void endIfInterrupted();
+
 /// The file that is removed when --timeout or a signal ends the process; "" for none.
 void removeWhenKilled(const std::string& path);
 

@@ -158,9 +158,10 @@ constexpr const char* Footer =
     "characters\n"
     "as \\xHH; in data \\\\ \\t \\n \\r \\0 and \\xHH stand for the bytes that would not be text, numbers are decimal, "
     "and\n"
-    "other bytes are pairs of hexadecimal digits.\n"
+    "other bytes are pairs of hexadecimal digits, with hex: in front where the type promises text or a number.\n"
     "\"obreg help VERB\" tells about a verb. Behind -- no word is an option.\n"
-    "Exit status: 0 done, 1 not found or different, 2 usage, 3 no daemon, 4 refused or failed, 5 a malformed file.";
+    "Exit status: 0 done, 1 not found or different, 2 usage, 3 no daemon, 4 refused or failed, 5 a malformed file,\n"
+    "130 interrupted.";
 
 } // namespace
 

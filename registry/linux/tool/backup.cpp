@@ -23,10 +23,8 @@ void writeTree(const KeyPath& top, RegWriter& writer)
 {
     walk(top, true, [&](const KeyPath& path, const obreg::Key& key, KeyContent& content, size_t /*depth*/) {
         writer.key(path.text());
-        for (ValueEntry& entry : content.values)
-            if (const std::optional<obreg::NamedValue> value = takeValue(key, path, std::move(entry)))
-                writer.value(value->name, value->value);
-        return true;
+        forEachValue(key, path, content.values,
+                     [&](const obreg::NamedValue& value) { writer.value(value.name, value.value); });
     });
 }
 

@@ -44,8 +44,7 @@ void carryOut(const Caution& caution, const std::function<void()>& make)
         make();
     } catch (Failure& failure) {
         if (!caution.backup.empty())
-            failure.advice += std::string(failure.advice.empty() ? "" : "; ") + "\"obreg import " +
-                              shellQuoted(caution.backup) + "\" brings back what was there";
+            failure.addAdvice("\"obreg import " + shellQuoted(caution.backup) + "\" brings back what was there");
         throw;
     }
 }

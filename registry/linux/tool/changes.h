@@ -3,6 +3,7 @@
 #define OBREG_TOOL_CHANGES_H
 
 #include "output.h"
+#include "valuetext.h"
 
 namespace obregtool {
 
@@ -21,17 +22,20 @@ inline Fact changeFact(Change change, const char* pKind, std::vector<Field>&& fi
 
 inline Fact keyChange(Change change, const KeyPath& key) { return changeFact(change, "key", keyFact(key).fields); }
 
-inline Fact valueChange(Change change, const KeyPath& key, const obreg::NamedValue& value)
+inline Fact valueChange(Change change, const KeyPath& key, obreg::NamedValue value)
 {
-    return changeFact(change, "value", valueFact(key, value).fields);
+    return changeFact(change, "value", valueFact(key, std::move(value)).fields);
 }
 
-inline Fact valueChange(const KeyPath& key, const obreg::NamedValue& before, const obreg::NamedValue& after)
+inline Fact valueChange(const KeyPath& key, const obreg::NamedValue& before, obreg::NamedValue after)
 {
-    std::vector<Field> fields = valueFact(key, after).fields;
+    const size_t from = firstToShow(before.value, after.value);
+    std::vector<Field> fields = valueFact(key, std::move(after)).fields;
     fields.insert(fields.end() - 1, {"old", before.value, Style::Bad});
     fields.back().pName = "new";
     fields.back().style = Style::Good;
+    for (Field& field : fields)
+        field.from = from;
     return changeFact(Change::Changed, "value", std::move(fields));
 }
 

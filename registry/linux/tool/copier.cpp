@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "alarm.h"
+#include "output.h"
 #include "parallel.h"
 
 namespace obregtool {
@@ -14,6 +16,24 @@ constexpr size_t MostThreads = 5 * RequestThreads; // with those that read; writ
 
 } // namespace
 
+void Copier::copyTree(const KeyPath& from, const KeyPath& to, uint64_t depth)
+{
+    letInterruptsEndWork();
+    Progress progress("copied", 0);
+    try {
+        TreeReader reader(from, depth, Read::All);
+        while (TreeReader::Entry* const pEntry = reader.next()) {
+            copy(*pEntry, moved(pEntry->path, from, to));
+            progress.update(values());
+        }
+        write();
+    } catch (Failure& failure) {
+        failure.details = {{"keys", keys()}, {"values", values()}};
+        throw;
+    }
+}
+
+/// Takes the values of a key that was read, to be written to `target`.
 void Copier::copy(TreeReader::Entry& from, const KeyPath& target)
 {
     Key key{target, {}};
@@ -22,15 +42,15 @@ void Copier::copy(TreeReader::Entry& from, const KeyPath& target)
               [](const ValueEntry& a, const ValueEntry& b) { return a.position < b.position; });
     key.values.reserve(entries.size());
     m_waiting.push_back(std::move(key));
-    for (ValueEntry& entry : entries)
-        if (std::optional<obreg::NamedValue> value = takeValue(from.key, from.path, std::move(entry))) {
-            m_bytes += value->name.size() + value->value.data.size();
-            m_waiting.back().values.push_back(*std::move(value));
-            if (m_bytes >= MostBytes) {
-                write();
-                m_waiting.push_back({target, {}});
-            }
+    forEachValue(from.key, from.path, entries, [&](obreg::NamedValue&& value) {
+        endIfInterrupted();
+        m_bytes += value.name.size() + value.value.data.size();
+        m_waiting.back().values.push_back(std::move(value));
+        if (m_bytes >= MostBytes) {
+            write();
+            m_waiting.push_back({target, {}});
         }
+    });
     entries.clear();
     if (m_waiting.size() >= MostWaiting)
         write();
@@ -53,6 +73,7 @@ void Copier::write()
 
 void Copier::writeKey(const Key& key)
 {
+    endIfInterrupted();
     std::error_code error;
     const obreg::Key target = key.target.create(nullptr, error);
     check(error, key.target);
@@ -60,9 +81,21 @@ void Copier::writeKey(const Key& key)
     for (const obreg::NamedValue& value : key.values) {
         if (m_failed)
             return;
+        endIfInterrupted();
         target.set(value.name, value.value, error);
         check(error, key.target, &value.name, value.value.data.size());
         ++m_values;
+    }
+}
+
+void tellCopy(RegSink& sink, const KeyPath& from, const KeyPath& to, uint64_t depth)
+{
+    TreeReader reader(from, depth, Read::All);
+    while (TreeReader::Entry* const pEntry = reader.next()) {
+        sink.key(moved(pEntry->path, from, to), {});
+        forEachValue(pEntry->key, pEntry->path, pEntry->content.values, [&sink](obreg::NamedValue&& value) {
+            sink.value(std::move(value.name), std::move(value.value), {});
+        });
     }
 }
 

@@ -1,6 +1,6 @@
 // Copies keys with their values: many at once, each key's values one after the other, so that their order is kept.
 //
-// Owned and called by one thread. A key is written when enough has come together, at the latest by finish().
+// Owned and called by one thread. A key is written when enough has come together.
 #ifndef OBREG_TOOL_COPIER_H
 #define OBREG_TOOL_COPIER_H
 
@@ -9,16 +9,15 @@
 #include <vector>
 
 #include "errors.h"
+#include "regreader.h"
 #include "treereader.h"
 
 namespace obregtool {
 
 class Copier {
 public:
-    /// Takes the values of a key that was read, to be written to `target`. Throws Failure.
-    void copy(TreeReader::Entry& from, const KeyPath& target);
-    /// Writes what has not been written yet.
-    void finish() { write(); }
+    /// Copies a key, and what is up to `depth` levels below it. Ctrl-C ends it early. Throws Failure.
+    void copyTree(const KeyPath& from, const KeyPath& to, uint64_t depth);
 
     uint64_t keys() const { return m_keys; }     ///< that were made, or were there
     uint64_t values() const { return m_values; } ///< that were written
@@ -29,6 +28,7 @@ private:
         std::vector<obreg::NamedValue> values;
     };
 
+    void copy(TreeReader::Entry& from, const KeyPath& target);
     void write();
     void writeKey(const Key& key);
 
@@ -38,6 +38,9 @@ private:
     std::atomic<uint64_t> m_keys{0};
     std::atomic<uint64_t> m_values{0};
 };
+
+/// Tells what copyTree changes.
+void tellCopy(RegSink& sink, const KeyPath& from, const KeyPath& to, uint64_t depth);
 
 /// Where a key that is below `top`, or is it, comes to stand below `target`.
 KeyPath moved(const KeyPath& key, const KeyPath& top, const KeyPath& target);

@@ -1,5 +1,6 @@
 #include "errors.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <unistd.h>
@@ -62,10 +63,10 @@ bool systemdHasDaemon()
 {
     if (access("/run/systemd/system", F_OK) != 0)
         return false;
-    for (const char* const pFolder : {"/etc", "/run", "/usr/local/lib", "/usr/lib", "/lib"})
-        if (access((std::string(pFolder) + "/systemd/system/obregd.service").c_str(), F_OK) == 0)
-            return true;
-    return false;
+    constexpr const char* folders[] = {"/etc", "/run", "/usr/local/lib", "/usr/lib", "/lib"};
+    return std::any_of(std::begin(folders), std::end(folders), [](const char* pFolder) {
+        return access((std::string(pFolder) + "/systemd/system/obregd.service").c_str(), F_OK) == 0;
+    });
 }
 
 const char* howToStart()
@@ -144,13 +145,18 @@ const char* whoMayWrite(const KeyPath& key, const char* pOthers)
 
 } // namespace
 
+std::string subjectText(const KeyPath& key, const std::string* pValueName)
+{
+    std::string text = escaped(key.text(), Escape::Name);
+    if (pValueName != nullptr)
+        text += ", value " + (isUnnamed(*pValueName) ? "@" : '"' + escaped(*pValueName, Escape::Name) + '"');
+    return text;
+}
+
 Failure failureOf(const KeyPath& key, const std::string* pValueName, const std::error_code& error, size_t dataLength)
 {
     const auto status = static_cast<REGSTATUS>(error.value());
-    std::string what = escaped(key.text(), Escape::Name);
-    if (pValueName != nullptr)
-        what += ", value " + (isUnnamed(*pValueName) ? "@" : '"' + escaped(*pValueName, Escape::Name) + '"');
-    Failure failure(ExitFailed, what + ": " + error.message());
+    Failure failure(ExitFailed, subjectText(key, pValueName) + ": " + error.message());
     failure.key = key.text();
     failure.status = status;
     const char* pAdvice = "";

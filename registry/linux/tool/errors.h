@@ -8,6 +8,8 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <variant>
+#include <vector>
 
 #include "keypath.h"
 
@@ -21,11 +23,18 @@ enum Exit : int {
     ExitFailed = 4,   ///< refused or failed
     ExitBadFile = 5,  ///< a file is not what it should be; nothing was done
     ExitDifferent = ExitNotFound,
+    ExitInterrupted = 130, ///< by Ctrl-C, as shells count signals
 };
 
 /// The command line asks for something that cannot be.
 struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
+};
+
+/// A figure of a failure, for JSON; its text says the same.
+struct Detail {
+    const char* pName;
+    std::variant<uint64_t, std::string, std::vector<uint64_t>, std::vector<std::string>> data;
 };
 
 /// Something did not work.
@@ -38,7 +47,13 @@ struct Failure : std::runtime_error {
     std::string advice; ///< what to do next; may be empty
     std::string key;    ///< the key it is about; may be empty
     REGSTATUS status = 0;
+    std::vector<Detail> details;
+
+    void addAdvice(const std::string& more) { advice += (advice.empty() ? "" : "; ") + more; }
 };
+
+/// A key, or a value of it when pValueName is not null, as messages name it.
+std::string subjectText(const KeyPath& key, const std::string* pValueName);
 
 /// The failure that a status means for a key, or for a value of it when pValueName is not null. dataLength: of the data
 /// that was sent.

@@ -45,6 +45,8 @@ public:
 
     void write(std::string_view bytes);
     void commit();
+    /// Whether what was written stays without commit().
+    bool isWrittenDirectly() const { return m_temporary.empty(); }
 
 private:
     [[noreturn]] void fail() const;

@@ -1,5 +1,7 @@
 #include "json.h"
 
+#include <ostream>
+
 #include <nlohmann/json.hpp>
 
 #include "text.h"
@@ -18,31 +20,36 @@ void putText(Json& json, const std::string& name, const std::string& text)
         json[name + "Hex"] = hexOf(text);
 }
 
+void putDetail(Json& json, const char* pName, const std::string& text) { putText(json, pName, text); }
+
+template <class Data>
+void putDetail(Json& json, const char* pName, const Data& data)
+{
+    json[pName] = data;
+}
+
 void putValue(Json& json, const obreg::Value& value)
 {
     const Meaning meaning = meaningOf(value);
-    bool exact = valueMeaning(value.type, meaning) == value && isUtf8(value.data);
     json["type"] = typeName(value.type);
-    if (const auto* pText = std::get_if<std::string>(&meaning))
-        json["data"] = repairedUtf8(*pText);
-    else if (const auto* pNumber = std::get_if<uint64_t>(&meaning)) {
-        json["data"] = *pNumber;
-        exact = true;
-    } else if (const auto* pList = std::get_if<obreg::StringList>(&meaning)) {
-        json["data"] = Json::array();
-        for (const std::string& one : *pList)
-            json["data"].push_back(repairedUtf8(one));
-    } else {
-        json["data"] = nullptr;
-        exact = false;
-    }
-    if (!exact)
+    json["data"] = nullptr;
+    if (meaning.kind == Meaning::Number) {
+        json["data"] = meaning.number;
+        if (value.type == REG_QWORD)
+            json["text"] = std::to_string(meaning.number);
+    } else if (meaning.kind == Meaning::Bytes || !isUtf8(meaning.text)) {
         json["hex"] = hexOf(value.data);
+    } else if (meaning.kind == Meaning::Text) {
+        json["data"] = meaning.text;
+    } else {
+        Json& list = json["data"] = Json::array();
+        forEachString(meaning.text, [&list](std::string_view one) { list.push_back(one); });
+    }
 }
 
 } // namespace
 
-std::string jsonOf(const Fact& fact)
+void writeJson(std::ostream& stream, const Fact& fact)
 {
     Json json;
     json["kind"] = fact.kind;
@@ -56,7 +63,7 @@ std::string jsonOf(const Fact& fact)
         else
             json[field.pName] = std::get<double>(field.data);
     }
-    return json.dump();
+    stream << json;
 }
 
 std::string jsonOf(const Failure& failure)
@@ -71,6 +78,8 @@ std::string jsonOf(const Failure& failure)
     }
     if (!failure.advice.empty())
         putText(json, "advice", failure.advice);
+    for (const Detail& detail : failure.details)
+        std::visit([&](const auto& data) { putDetail(json, detail.pName, data); }, detail.data);
     json["exit"] = static_cast<int>(failure.exit);
     return json.dump();
 }

@@ -5,6 +5,7 @@
 #ifndef OBREG_TOOL_JSON_H
 #define OBREG_TOOL_JSON_H
 
+#include <iosfwd>
 #include <string>
 
 #include "errors.h"
@@ -12,11 +13,12 @@
 
 namespace obregtool {
 
-/// "kind", and each field under its name. A value: "type", "data" (text, number, list of strings or null) and, unless
-/// these give the stored bytes exactly, "hex".
-std::string jsonOf(const Fact& fact);
+/// "kind", and each field under its name. A value: "type" and "data" (text, number or list of strings) when these give
+/// the stored bytes exactly; else "data" is null and "hex" has the bytes. The number of a REG_QWORD stands in decimal
+/// under "text" too, for readers that count in floating point.
+void writeJson(std::ostream& stream, const Fact& fact);
 
-/// "error"; "key", "status" and "code", "advice" where there are any; "exit".
+/// "error"; "key", "status" and "code", "advice" and details where there are any; "exit".
 std::string jsonOf(const Failure& failure);
 
 } // namespace obregtool

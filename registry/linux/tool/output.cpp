@@ -20,7 +20,6 @@ constexpr size_t BufferSize = size_t{64} * 1024;
 constexpr int BarWidth = 30;
 constexpr size_t LeastTypeWidth = 9; // REG_DWORD
 constexpr size_t LeastDataWidth = 8;
-constexpr size_t ShownBytes = 32; // of data that is neither text nor number
 constexpr int64_t RedrawMs = 100;
 
 /// By Style.
@@ -39,16 +38,15 @@ std::string numberText(double number)
     return text;
 }
 
-/// What differs between the forms: how text and values are written.
-struct FieldText {
-    Escape names;
-    std::string (*valueText)(const obreg::Value&);
-
-    std::string operator()(const std::string& text) const { return escaped(text, names); }
-    std::string operator()(uint64_t number) const { return std::to_string(number); }
-    std::string operator()(double number) const { return numberText(number); }
-    std::string operator()(const obreg::Value& value) const { return valueText(value); }
-};
+/// A field that is no value. What differs between the forms is how text is written.
+std::string fieldText(const Field& field, Escape names)
+{
+    if (const auto* pText = std::get_if<std::string>(&field.data))
+        return escaped(*pText, names);
+    if (const auto* pNumber = std::get_if<uint64_t>(&field.data))
+        return std::to_string(*pNumber);
+    return numberText(std::get<double>(field.data));
+}
 
 } // namespace
 
@@ -101,7 +99,8 @@ void Output::terminal(const Fact& fact)
         const auto* const pValue = std::get_if<obreg::Value>(&field.data);
         if (pValue != nullptr)
             put(typeName(pValue->type) + "  ", Style::Type, std::max(field.width, LeastTypeWidth) + 2);
-        const std::string text = shown(field, column, values);
+        const std::string text =
+            pValue != nullptr ? shown(*pValue, field.from, column, values == 1) : fieldText(field, Escape::Name);
         put(text, field.style, last || pValue != nullptr || m_shape == Shape::Record ? 0 : field.width);
         if (!last)
             put(m_shape == Shape::Record ? "\n" : "  ", Style::Normal, 0);
@@ -109,37 +108,40 @@ void Output::terminal(const Fact& fact)
     bytes("\n");
 }
 
-/// A field as it stands from that column on. Of two values all is shown: they may differ at their ends only.
-std::string Output::shown(const Field& field, size_t column, size_t values) const
+/// A value as it stands from that column on. Only one that is alone is cut: of two, the ends may be what differs.
+std::string Output::shown(const obreg::Value& value, size_t from, size_t column, bool alone) const
 {
-    const bool all = m_width == Unlimited || values > 1;
-    const FieldText textOf{Escape::Name, all ? [](const obreg::Value& value) { return shownData(value, SIZE_MAX); }
-                                             : [](const obreg::Value& value) { return shownData(value, ShownBytes); }};
-    const std::string text = std::visit(textOf, field.data);
-    if (!std::holds_alternative<obreg::Value>(field.data) || m_shape == Shape::Record || m_width == 0 || all)
+    if (m_width == Unlimited)
+        return shownData(value, SIZE_MAX);
+    std::string text = shownData(value, ShownBytes, from);
+    if (!alone || m_shape == Shape::Record || m_width == 0)
         return text;
     return cutToFit(text, std::max(m_width > column ? m_width - column : 0, LeastDataWidth));
 }
 
 void Output::plain(const Fact& fact)
 {
-    const FieldText textOf{Escape::Pipe, dataText};
-    std::string line = m_shape == Shape::Record ? "" : fact.kind;
+    const bool record = m_shape == Shape::Record;
+    if (!record)
+        bytes(fact.kind);
     for (const Field& field : fact.fields) {
-        if (m_shape == Shape::Record)
-            line += std::string(line.empty() ? "" : "\n") + field.pName;
-        if (const auto* pValue = std::get_if<obreg::Value>(&field.data))
-            line += '\t' + typeName(pValue->type);
-        line += '\t' + std::visit(textOf, field.data);
+        if (record)
+            bytes(std::string(&field == &fact.fields.front() ? "" : "\n") + field.pName);
+        if (const auto* pValue = std::get_if<obreg::Value>(&field.data)) {
+            bytes('\t' + typeName(pValue->type) + '\t');
+            writeData(*pValue, [this](std::string_view piece) { bytes(piece); });
+        } else {
+            bytes('\t' + fieldText(field, Escape::Pipe));
+        }
     }
-    bytes(line + '\n');
+    bytes("\n");
 }
 
 void Output::json(const Fact& fact)
 {
     if (m_shape == Shape::List)
         bytes(m_facts == 0 ? "[\n" : ",\n");
-    bytes(jsonOf(fact));
+    writeJson(std::cout, fact); // goes through the buffer of stdout
     if (m_shape != Shape::List)
         bytes("\n");
 }
@@ -156,17 +158,33 @@ void Output::painted(std::string_view text, Style style)
     bytes("\33[0m");
 }
 
+void Output::problem(const Failure& failure) { fputs(failureText(m_form == Form::Json, failure).c_str(), stderr); }
+
+void Output::warning(const std::string& text, std::vector<Field> figures)
+{
+    if (m_form != Form::Json) {
+        fputs(("obreg: warning: " + text + '\n').c_str(), stderr);
+        return;
+    }
+    figures.insert(figures.begin(), {"text", text});
+    writeJson(std::cerr, {"warning", std::move(figures)});
+    std::cerr << '\n';
+}
+
 void Output::bytes(std::string_view bytes) { fwrite(bytes.data(), 1, bytes.size(), stdout); }
 
-void Output::flush() { fflush(stdout); }
+void Output::flush()
+{
+    errno = 0;
+    if (fflush(stdout) != 0 || ferror(stdout) != 0)
+        throw fileFailure("standard output", errno != 0 ? errno : EIO);
+}
 
 void Output::finish()
 {
     if (m_form == Form::Json && m_shape == Shape::List)
         bytes(m_facts == 0 ? "[]\n" : "\n]\n");
-    errno = 0;
-    if (fflush(stdout) != 0 || ferror(stdout) != 0)
-        throw fileFailure("standard output", errno != 0 ? errno : EIO);
+    flush();
 }
 
 std::string failureText(bool json, const Failure& failure)
@@ -180,10 +198,11 @@ std::string shownName(const std::string& valueName) { return isUnnamed(valueName
 
 Fact keyFact(const KeyPath& key, const char* pKind) { return {pKind, {{"key", key.text(), Style::Key}}}; }
 
-Fact valueFact(const KeyPath& key, const obreg::NamedValue& value, const char* pKind)
+Fact valueFact(const KeyPath& key, obreg::NamedValue value, const char* pKind)
 {
-    return {pKind,
-            {{"key", key.text(), Style::Key}, {"name", shownName(value.name), Style::Name}, {"value", value.value}}};
+    Fact fact{pKind, {{"key", key.text(), Style::Key}, {"name", shownName(value.name), Style::Name}}};
+    fact.fields.push_back({"value", std::move(value.value)}); // which may be long
+    return fact;
 }
 
 Progress::Progress(std::string what, uint64_t total)

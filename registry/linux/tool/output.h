@@ -12,7 +12,6 @@
 #include <obreg/registry.hpp>
 
 #include "errors.h"
-#include "keypath.h"
 
 namespace obregtool {
 
@@ -33,6 +32,7 @@ struct Field {
     Style style = Style::Normal;
     size_t width = 0;    ///< on a terminal filled up to that many columns; of a value, its type
     bool hidden = false; ///< on a terminal left out: what stands above says it
+    size_t from = 0;     ///< of a value that a terminal does not show whole: the first byte worth showing
 };
 
 struct Fact {
@@ -56,18 +56,21 @@ public:
     void fact(const Fact& fact);
     /// What a verb did that prints nothing in a pipe.
     void summary(const Fact& fact);
+    /// What went wrong, or may be, while the verb goes on: on standard error, as text or as JSON.
+    void problem(const Failure& failure);
+    void warning(const std::string& text, std::vector<Field> figures = {});
     /// Bytes as they are.
     void bytes(std::string_view bytes);
+    /// Each throws Failure when standard output did not take everything.
     void flush();
-    /// Ends the document. Throws Failure when standard output did not take everything.
-    void finish();
+    void finish(); ///< ends the document as well
 
 private:
     void terminal(const Fact& fact);
     void plain(const Fact& fact);
     void json(const Fact& fact);
     void painted(std::string_view text, Style style);
-    std::string shown(const Field& field, size_t column, size_t values) const;
+    std::string shown(const obreg::Value& value, size_t from, size_t column, bool alone) const;
 
     const Form m_form;
     const bool m_coloured;
@@ -78,7 +81,7 @@ private:
 
 /// Facts that several verbs give.
 Fact keyFact(const KeyPath& key, const char* pKind = "key");
-Fact valueFact(const KeyPath& key, const obreg::NamedValue& value, const char* pKind = "value");
+Fact valueFact(const KeyPath& key, obreg::NamedValue value, const char* pKind = "value");
 
 /// What is said of a failure on standard error.
 std::string failureText(bool json, const Failure& failure);

@@ -19,12 +19,7 @@ uint64_t countKeys(const KeyPath& key)
 {
     uint64_t count = 0;
     walk(
-        key, true,
-        [&count](const KeyPath&, const obreg::Key&, KeyContent&, size_t) {
-            ++count;
-            return true;
-        },
-        Read::SubKeys);
+        key, true, [&count](const KeyPath&, const obreg::Key&, KeyContent&, size_t) { ++count; }, Read::SubKeys);
     return count;
 }
 

@@ -1,7 +1,9 @@
 #include "readtree.h"
 
 #include <algorithm>
+#include <mutex>
 
+#include "alarm.h"
 #include "errors.h"
 #include "parallel.h"
 #include "text.h"
@@ -23,23 +25,55 @@ obreg::KeyInfo infoOf(const obreg::Key& key, const KeyPath& path)
     return info;
 }
 
+REGSTATUS fetch(const obreg::Key& key, UINT32 index, obreg::SubKey& entry)
+{
+    REGSTATUS status = OBREG_STATUS_BUFFER_TOO_SMALL;
+    while (status == OBREG_STATUS_BUFFER_TOO_SMALL)
+        status = obreg::detail::fetchOnce(key.handle(), index, entry);
+    return status;
+}
+
+/// What a value's entry is read into. The buffers grow with what is met; `length` is that of all data, and the data of
+/// a large value are not there.
+struct FetchedValue {
+    std::string name = std::string(256, '\0');
+    obreg::Value value = {REG_NONE, std::string(256, '\0')};
+    int nameLength = 0;
+    UINT32 length = 0;
+};
+
+REGSTATUS fetch(const obreg::Key& key, UINT32 index, FetchedValue& entry)
+{
+    for (;;) {
+        std::string& data = entry.value.data;
+        entry.nameLength = static_cast<int>(entry.name.size());
+        entry.length = static_cast<UINT32>(data.size());
+        const REGSTATUS status = OBRegEnumValueA(key.handle(), index, entry.name.data(), &entry.nameLength, nullptr,
+                                                 &entry.value.type, data.data(), &entry.length);
+        if (status != OBREG_STATUS_BUFFER_TOO_SMALL)
+            return status;
+        const size_t nameLength = entry.nameLength < 0 ? 0 : static_cast<size_t>(entry.nameLength);
+        const bool haveName = nameLength < entry.name.size(); // with its NUL
+        if (haveName && entry.length > LargeValue)
+            return OBREG_STATUS_SUCCESS;
+        entry.name.resize(std::max(entry.name.size(), nameLength));
+        data.resize(std::max<size_t>(data.size(), std::min(entry.length, LargeValue)));
+    }
+}
+
 /// Reads the entries below `count` by position and gives each that is there to `keep`, from several threads.
 template <class Entry, class Keep>
-void fetchAll(const obreg::Key& key, const KeyPath& path, UINT32 count, const Keep& keep)
+void fetchAll(const obreg::Key& key, const KeyPath& path, UINT32 count, size_t fewEach, const Keep& keep)
 {
-    forEachParallel(
-        count,
-        [&](size_t index) {
-            thread_local Entry entry; // its buffers grow once
-            REGSTATUS status = OBREG_STATUS_BUFFER_TOO_SMALL;
-            while (status == OBREG_STATUS_BUFFER_TOO_SMALL)
-                status = obreg::detail::fetchOnce(key.handle(), static_cast<UINT32>(index), entry);
-            if (status == OBREG_STATUS_SUCCESS)
-                keep(index, entry);
-            else if (status != OBREG_STATUS_NO_MORE_ENTRIES)
-                check(obreg::errorCode(status), path);
-        },
-        FewEntriesEach);
+    const auto fetchOne = [&](size_t index) {
+        thread_local Entry entry; // its buffers grow once
+        const REGSTATUS status = fetch(key, static_cast<UINT32>(index), entry);
+        if (status == OBREG_STATUS_SUCCESS)
+            keep(index, entry);
+        else if (status != OBREG_STATUS_NO_MORE_ENTRIES)
+            check(obreg::errorCode(status), path);
+    };
+    forEachParallel(count, fetchOne, fewEach);
 }
 
 /// Sorts by name, with the unnamed value first. An entry that was met twice, because others came or went meanwhile, and
@@ -55,6 +89,27 @@ void sortByName(std::vector<Entry>& entries)
     entries.erase(std::unique(entries.begin(), entries.end(), same), entries.end());
 }
 
+void fetchValues(const obreg::Key& key, const KeyPath& path, const obreg::KeyInfo& info, HeldBytes& held,
+                 std::vector<ValueEntry>& values)
+{
+    const auto keep = [&](size_t index, const FetchedValue& value) {
+        ValueEntry& entry = values[index];
+        entry.name.assign(value.name, 0, static_cast<size_t>(value.nameLength));
+        entry.length = value.length;
+        entry.position = index;
+        if (value.length <= LargeValue && held.take(value.length))
+            entry.held = {value.value.type, value.value.data.substr(0, value.length)};
+    };
+    if (info.maxValueLength <= LargeValue) {
+        fetchAll<FetchedValue>(key, path, info.values, FewEntriesEach, keep);
+        return;
+    }
+    // Long ones come in two at a time, of all keys: while one does, the daemon reads the other.
+    static std::mutex oneKey;
+    const std::lock_guard lock(oneKey);
+    fetchAll<FetchedValue>(key, path, info.values, std::max<size_t>(info.values, 2) - 1, keep);
+}
+
 KeyContent readEntries(const obreg::Key& key, const KeyPath& path, Read what, HeldBytes& held)
 {
     const obreg::KeyInfo info = infoOf(key, path);
@@ -62,22 +117,27 @@ KeyContent readEntries(const obreg::Key& key, const KeyPath& path, Read what, He
     content.lastWriteTime = info.lastWriteTime;
     if (what != Read::SubKeys) {
         content.values.resize(info.values);
-        fetchAll<obreg::NamedValue>(key, path, info.values, [&](size_t index, const obreg::NamedValue& value) {
-            ValueEntry& entry = content.values[index];
-            entry.name = value.name;
-            entry.position = index;
-            if (held.take(value.value.data.size()))
-                entry.held = value.value;
-        });
+        fetchValues(key, path, info, held, content.values);
         sortByName(content.values);
     }
     if (what != Read::Values) {
         content.subKeys.resize(info.subKeys);
-        fetchAll<obreg::SubKey>(key, path, info.subKeys,
+        fetchAll<obreg::SubKey>(key, path, info.subKeys, FewEntriesEach,
                                 [&](size_t index, const obreg::SubKey& subKey) { content.subKeys[index] = subKey; });
         sortByName(content.subKeys);
     }
     return content;
+}
+
+/// The failure, with how many of the keys had been deleted.
+Failure afterDeleting(Failure failure, const KeyPath& path, uint64_t done, uint64_t count)
+{
+    const std::string figures =
+        done == 0 ? "none" : std::to_string(done) + " of " + std::to_string(count) + ", the deepest first,";
+    failure.addAdvice("of the keys of " + escaped(path.text(), Escape::Name) + ' ' + figures +
+                      (done == 1 || done == 0 ? " was deleted" : " were deleted"));
+    failure.details = {{"deleted", done}};
+    return failure;
 }
 
 } // namespace
@@ -132,11 +192,17 @@ std::optional<obreg::NamedValue> takeValue(const obreg::Key& key, const KeyPath&
 {
     if (entry.held)
         return obreg::NamedValue{std::move(entry.name), *std::move(entry.held)};
-    std::error_code error;
-    auto value = key.get<obreg::Value>(entry.name, error);
-    if (error == obreg::Status::notFound)
+    obreg::Value value;
+    REGSTATUS status = OBREG_STATUS_BUFFER_TOO_SMALL;
+    while (status == OBREG_STATUS_BUFFER_TOO_SMALL) { // with the room that it had, so mostly once
+        value.data.resize(entry.length);
+        status = OBRegQueryValueExA(key.handle(), entry.name.c_str(), nullptr, &value.type, value.data.data(),
+                                    &entry.length);
+    }
+    if (status == OBREG_STATUS_NOT_FOUND)
         return std::nullopt;
-    check(error, path, &entry.name);
+    check(obreg::errorCode(status), path, &entry.name);
+    value.data.resize(entry.length);
     return obreg::NamedValue{std::move(entry.name), std::move(value)};
 }
 
@@ -149,30 +215,46 @@ void walk(const KeyPath& path, bool recursive, const Visit& visit, Read what)
 
 size_t removeTree(const KeyPath& path)
 {
+    letInterruptsEndWork();
     std::vector<std::vector<KeyPath>> levels;
     const auto note = [&levels](const KeyPath& key, const obreg::Key&, const KeyContent&, size_t depth) {
+        endIfInterrupted();
         levels.resize(std::max(levels.size(), depth + 1));
         levels[depth].push_back(key);
     };
-    walk(path, true, note, Read::SubKeys);
-    removeKeys(levels);
+    try {
+        walk(path, true, note, Read::SubKeys);
+    } catch (const Failure& failure) {
+        if (failure.exit != ExitInterrupted)
+            throw;
+        throw afterDeleting(failure, path, 0, 0);
+    }
+    return removeKeys(path, levels);
+}
+
+size_t removeKeys(const KeyPath& top, const std::vector<std::vector<KeyPath>>& levels)
+{
     size_t count = 0;
     for (const std::vector<KeyPath>& keys : levels)
         count += keys.size();
-    return count;
-}
-
-void removeKeys(const std::vector<std::vector<KeyPath>>& levels)
-{
-    for (size_t depth = levels.size(); depth-- > 0;) {
-        const std::vector<KeyPath>& keys = levels[depth];
-        forEachParallel(keys.size(), [&](size_t i) {
-            std::error_code error;
-            obreg::Key::root(keys[i].root).remove(keys[i].path, error);
-            if (error != obreg::Status::notFound) // somebody else was faster
-                check(error, keys[i]);
-        });
+    std::atomic<size_t> done{0};
+    const auto remove = [&done](const KeyPath& key) {
+        endIfInterrupted();
+        std::error_code error;
+        obreg::Key::root(key.root).remove(key.path, error);
+        if (error != obreg::Status::notFound) // somebody else was faster
+            check(error, key);
+        ++done;
+    };
+    try {
+        for (size_t depth = levels.size(); depth-- > 0;)
+            forEachParallel(levels[depth].size(), [&](size_t i) { remove(levels[depth][i]); });
+    } catch (const Failure& failure) {
+        if (done == 0 && failure.exit != ExitInterrupted)
+            throw;
+        throw afterDeleting(failure, top, done, count);
     }
+    return count;
 }
 
 } // namespace obregtool

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <functional>
+#include <future>
 #include <optional>
 #include <string>
 #include <vector>
@@ -19,10 +20,13 @@
 
 namespace obregtool {
 
+inline constexpr UINT32 LargeValue = 1u << 20; // bytes: not kept when it is met
+
 /// A value of a key. Its data are read when the key is, unless that would hold too much at once: then when asked for.
 struct ValueEntry {
     std::string name;
     std::optional<obreg::Value> held;
+    UINT32 length = 0;   ///< of the data
     size_t position = 0; ///< in the order in which the daemon gives them
 };
 
@@ -82,6 +86,22 @@ KeyContent readKeyOnce(const obreg::Key& key, const KeyPath& path, Read what = R
 /// The entry's value; the entry gives it away. Nothing when it has been deleted since.
 std::optional<obreg::NamedValue> takeValue(const obreg::Key& key, const KeyPath& path, ValueEntry&& entry);
 
+/// Takes the values of a key one after the other and calls f(value) for each; those that have been deleted since are
+/// left out. While f works, a long one that comes next is read.
+template <class F>
+void forEachValue(const obreg::Key& key, const KeyPath& path, std::vector<ValueEntry>& entries, const F& f)
+{
+    const auto take = [&](size_t i) { return takeValue(key, path, std::move(entries[i])); };
+    std::future<std::optional<obreg::NamedValue>> next;
+    for (size_t i = 0; i < entries.size(); ++i) {
+        std::optional<obreg::NamedValue> value = next.valid() ? next.get() : take(i);
+        if (i + 1 < entries.size() && entries[i + 1].length > LargeValue)
+            next = std::async(take, i + 1); // at next.get() where no thread can be started
+        if (value)
+            f(*std::move(value));
+    }
+}
+
 /// Reads a key and, when recursive, everything below it, each key before its sub-keys. Sub-keys that vanish meanwhile
 /// are left out. `visit` gets each open key with its content and its depth.
 using Visit = std::function<void(const KeyPath& path, const obreg::Key& key, KeyContent& content, size_t depth)>;
@@ -90,8 +110,9 @@ void walk(const KeyPath& path, bool recursive, const Visit& visit, Read what = R
 /// Deletes a key and everything below it, the deepest first. Returns how many keys there were.
 size_t removeTree(const KeyPath& path);
 
-/// Deletes keys, those of the last level first. One that is gone is passed over. Throws Failure.
-void removeKeys(const std::vector<std::vector<KeyPath>>& levels);
+/// Deletes the keys of a tree, those of the last level first, and returns how many. One that is gone is passed over.
+/// Throws Failure, which says how many were deleted.
+size_t removeKeys(const KeyPath& top, const std::vector<std::vector<KeyPath>>& levels);
 
 } // namespace obregtool
 

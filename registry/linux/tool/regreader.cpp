@@ -1,11 +1,40 @@
 #include "regreader.h"
 
+#include "valuetext.h"
+
 namespace obregtool {
 
 namespace {
 
 constexpr size_t LongestLine = 256u << 20; // more than a daemon takes as one value
-constexpr const char* Headers[] = {"Windows Registry Editor Version 5.00", "REGEDIT4"};
+
+// The header, and what is said of a first line that is none, by how that begins (in lower case).
+constexpr const char* Headers[] = {"windows registry editor version 5.00", "regedit4"};
+constexpr const char* Header = R"(the header "Windows Registry Editor Version 5.00" or "REGEDIT4")";
+constexpr struct {
+    const char* pStart;
+    const char* pMore;
+} Mistaken[] = {
+    {"windows registry editor version", " (this is another version of the text, which is not known here)"},
+    {"regedit", " (this is another version of the text, which is not known here)"},
+    {"[", " in front of the first key (is the file's first line missing?)"},
+    {";", " in front of the first comment"},
+    {"", " in the file's first line"},
+};
+
+// Byte-order marks, and how a first character looks in encodings that are not read.
+constexpr struct {
+    std::string_view start;
+    const char* pName;
+} OtherEncodings[] = {
+    {{"\xFF\xFE\0\0", 4}, "UTF-32"},
+    {{"\0\0", 2}, "UTF-32"},
+    {{"\xFE\xFF", 2}, "UTF-16BE"},
+    {{"\0", 1}, "UTF-16BE"},
+};
+constexpr std::string_view Utf16Mark = "\xFF\xFE";
+constexpr std::string_view Utf8Mark = "\xEF\xBB\xBF";
+constexpr size_t LongestStart = 4;
 
 std::string placeText(const Place& place)
 {
@@ -25,6 +54,7 @@ class RegReader::Cursor {
 public:
     Cursor(std::string_view text, uint64_t line) : m_text(text), m_line(line) {}
 
+    void backToStart() { m_at = 0; }
     bool atEnd() const { return m_at == m_text.size(); }
     /// The character here; a line feed at the end of the line, which is in no line.
     char peek() const { return atEnd() ? '\n' : m_text[m_at]; }
@@ -52,11 +82,11 @@ public:
         return true;
     }
     /// Nothing but blanks and a comment may follow.
-    void endOfStatement(const char* pBefore)
+    void endOfStatement(const std::string& before)
     {
         skipBlanks();
         if (!atEnd() && peek() != ';')
-            expected(std::string("the end of the line or a comment after ") + pBefore);
+            expected("the end of the line or a comment after " + before);
     }
 
     Place place() const { return placeAt(m_at); }
@@ -76,16 +106,20 @@ public:
     std::string quoted()
     {
         std::string result;
-        for (++m_at; !accept('"'); ++m_at) {
+        for (++m_at; !accept('"');) {
             if (atEnd())
-                expected("a quote that closes the string on its line");
-            if (accept('\\') && peek() != '\\' && peek() != '"')
-                expected(R"(\\ or \" (a backslash in a string is written twice))");
-            if (peek() == '\0')
-                expected("text without NUL (give the bytes as hex:)");
-            result += peek();
+                expected("a quote that closes the name on its line");
+            result += stringCharacter();
         }
         return result;
+    }
+    char stringCharacter()
+    {
+        if (accept('\\') && peek() != '\\' && peek() != '"')
+            expected(R"(\\ or \" (a backslash in a string is written twice))");
+        if (peek() == '\0')
+            expected("text without NUL (give the bytes as hex:)");
+        return m_text[m_at++];
     }
 
 private:
@@ -101,18 +135,28 @@ void RegReader::feed(std::string_view bytes)
         return;
     }
     m_start += bytes;
-    if (m_start.size() < 3)
-        return;
-    size_t mark = 0;
+    if (m_start.size() >= LongestStart)
+        start();
+}
+
+/// Finds out the encoding.
+void RegReader::start()
+{
+    const std::string held = std::move(m_start);
+    std::string_view bytes = held;
+    const auto startsWith = [&bytes](std::string_view start) { return bytes.substr(0, start.size()) == start; };
+    for (const auto& other : OtherEncodings)
+        if (startsWith(other.start))
+            throw RegSyntaxError({1, 1}, std::string("expected a file in UTF-8 or UTF-16LE, found ") + other.pName +
+                                             " (\"iconv -f " + other.pName + " -t UTF-8\" converts it)");
     m_encoding = Encoding::Bytes;
-    if (m_start.compare(0, 2, "\xFF\xFE") == 0) {
+    if (startsWith(Utf16Mark) || (bytes.size() > 1 && bytes[1] == '\0')) // every header begins with ASCII
         m_encoding = Encoding::Utf16;
-        mark = 2;
-    } else if (m_start.compare(0, 3, "\xEF\xBB\xBF") == 0) {
-        mark = 3;
-    }
-    const std::string start = std::move(m_start);
-    decode(std::string_view(start).substr(mark));
+    if (startsWith(Utf16Mark))
+        bytes.remove_prefix(Utf16Mark.size());
+    if (startsWith(Utf8Mark))
+        bytes.remove_prefix(Utf8Mark.size());
+    decode(bytes);
 }
 
 void RegReader::decode(std::string_view bytes)
@@ -135,10 +179,10 @@ void RegReader::text(std::string_view text)
         if (end == std::string_view::npos)
             break;
         if (m_line.empty()) {
-            line(text.substr(0, end));
+            line(text.substr(0, end), true);
         } else {
             m_line += text.substr(0, end);
-            line(m_line);
+            line(m_line, true);
             m_line.clear();
         }
         text.remove_prefix(end + 1);
@@ -149,42 +193,54 @@ void RegReader::text(std::string_view text)
 void RegReader::finish()
 {
     if (m_encoding == Encoding::Unknown)
-        text(m_start);
+        start();
     m_decoded.clear();
     const bool whole = m_utf16.finish(m_decoded);
     text(m_decoded);
     if (!m_line.empty() || !m_haveHeader)
-        line(m_line);
+        line(m_line, false);
     if (!whole)
         throw RegSyntaxError({m_lines, 1}, "expected a whole UTF-16 character at the end, found one byte");
-    if (m_hex)
-        Cursor({}, m_lines + 1).expected("more bytes: the line before ends in a backslash");
+    if (!m_value)
+        return;
+    const Cursor end({}, m_lines + 1);
+    if (m_value->isString)
+        end.expected("a quote that closes the string that begins in line " + std::to_string(m_value->place.line));
+    end.expected("more bytes: the line before ends in a backslash");
 }
 
-void RegReader::line(std::string_view line)
+void RegReader::line(std::string_view line, bool ended)
 {
-    if (!line.empty() && line.back() == '\r')
+    const bool isCrLf = !line.empty() && line.back() == '\r';
+    if (isCrLf)
         line.remove_suffix(1);
     Cursor cursor(line, ++m_lines);
-    if (m_hex)
-        readHex(cursor);
-    else if (m_haveHeader)
-        statement(cursor);
-    else
+    if (!m_haveHeader)
         header(cursor);
+    else if (!m_value)
+        statement(cursor);
+    else if (m_value->isString)
+        readString(cursor);
+    else
+        readHex(cursor);
+    if (m_value && m_value->isString && ended) // a string may have line ends, which are what they are
+        m_value->value.data += isCrLf ? "\r\n" : "\n";
 }
 
 void RegReader::header(Cursor& cursor)
 {
+    cursor.skipBlanks();
     for (const char* const pHeader : Headers)
-        if (cursor.rest().substr(0, std::string_view(pHeader).size()) == pHeader) {
-            cursor.skip(std::string_view(pHeader).size());
+        if (cursor.acceptWord(pHeader)) {
             cursor.endOfStatement("the header");
             m_haveHeader = true;
             return;
         }
-    cursor.expected(std::string("the header \"") + Headers[0] + "\" or \"" + Headers[1] +
-                    "\" (in UTF-8, or UTF-16LE with a byte-order mark)");
+    for (const auto& mistaken : Mistaken)
+        if (cursor.acceptWord(mistaken.pStart)) {
+            cursor.backToStart();
+            cursor.expected(std::string(Header) + mistaken.pMore);
+        }
 }
 
 void RegReader::statement(Cursor& cursor)
@@ -252,77 +308,116 @@ void RegReader::valueStatement(Cursor& cursor)
     if (cursor.accept('-')) {
         cursor.endOfStatement("the -");
         m_sink.removeValue(std::move(name), place);
-    } else if (cursor.peek() == '"') {
-        obreg::Value value{REG_SZ, cursor.quoted() + '\0'};
-        cursor.endOfStatement("the string");
-        m_sink.value(std::move(name), std::move(value), place);
+    } else if (cursor.accept('"')) {
+        m_value = {std::move(name), {REG_SZ, {}}, place, true};
+        readString(cursor);
+    } else if (cursor.acceptWord("dword:")) {
+        cursor.skipBlanks();
+        const UINT32 dword = hexNumber(cursor, "1 to 8 hexadecimal digits");
+        cursor.endOfStatement("the number");
+        m_sink.value(std::move(name), obreg::ValueOf<UINT32>::encode(dword), place);
     } else {
-        startHex(cursor, std::move(name), place);
+        UINT32 type = REG_BINARY;
+        if (cursor.acceptWord("hex(")) {
+            type = hexNumber(cursor, "the type as 1 to 8 hexadecimal digits");
+            if (!cursor.acceptWord("):"))
+                cursor.expected("): after the type");
+        } else if (!cursor.acceptWord("hex:")) {
+            cursor.expected("\"text\", dword:, hex:, hex(type): or -");
+        }
+        m_value = {std::move(name), {type, {}}, place, false};
+        readHex(cursor);
     }
 }
 
-void RegReader::startHex(Cursor& cursor, std::string&& name, const Place& place)
+UINT32 RegReader::hexNumber(Cursor& cursor, const char* pWhat)
 {
-    const auto number = [&cursor](const char* pWhat) {
-        UINT32 result = 0;
-        size_t digits = 0;
-        for (; hexDigit(cursor.peek()) >= 0 && digits < 8; ++digits, cursor.skip(1))
-            result = result << 4 | static_cast<UINT32>(hexDigit(cursor.peek()));
-        if (digits == 0 || hexDigit(cursor.peek()) >= 0)
-            cursor.expected(pWhat);
-        return result;
-    };
-    if (cursor.acceptWord("dword:")) {
-        cursor.skipBlanks();
-        const UINT32 dword = number("1 to 8 hexadecimal digits");
-        cursor.endOfStatement("the number");
-        m_sink.value(std::move(name), obreg::ValueOf<UINT32>::encode(dword), place);
-        return;
+    UINT32 result = 0;
+    size_t digits = 0;
+    for (; hexDigit(cursor.peek()) >= 0 && digits < 8; ++digits, cursor.skip(1))
+        result = result << 4 | static_cast<UINT32>(hexDigit(cursor.peek()));
+    if (digits == 0 || hexDigit(cursor.peek()) >= 0)
+        cursor.expected(pWhat);
+    return result;
+}
+
+void RegReader::readString(Cursor& cursor)
+{
+    std::string& text = m_value->value.data;
+    for (; !cursor.accept('"'); text += cursor.stringCharacter()) {
+        if (text.size() > LongestLine)
+            cursor.expected("a string of at most 256 MiB");
+        if (cursor.atEnd())
+            return;
     }
-    Hex hex{std::move(name), {REG_BINARY, {}}, place, true};
-    if (cursor.acceptWord("hex(")) {
-        hex.value.type = number("the type as 1 to 8 hexadecimal digits");
-        if (!cursor.acceptWord("):"))
-            cursor.expected("): after the type");
-    } else if (!cursor.acceptWord("hex:")) {
-        cursor.expected("\"text\", dword:, hex:, hex(type): or -");
-    }
-    m_hex = std::move(hex);
-    readHex(cursor);
+    const uint64_t begin = m_value->place.line;
+    cursor.endOfStatement("the string" + (begin == cursor.place().line
+                                              ? std::string()
+                                              : " that begins in line " + std::to_string(begin)));
+    text += '\0';
+    finishValue();
 }
 
 void RegReader::readHex(Cursor& cursor)
 {
-    std::string& data = m_hex->value.data;
+    std::string& data = m_value->value.data;
     for (;;) {
         cursor.skipBlanks();
         if (cursor.accept('\\')) {
             cursor.endOfStatement("the backslash that continues the value");
             return;
         }
-        if (!m_hex->expectByte) {
-            if (cursor.atEnd() || cursor.peek() == ';')
-                break;
+        const bool atEnd = cursor.atEnd() || cursor.peek() == ';';
+        if (atEnd && (data.empty() || !m_value->expectByte))
+            break;
+        if (!m_value->expectByte) {
             if (!cursor.accept(','))
                 cursor.expected("a comma, a backslash or the end of the line after a byte");
-            m_hex->expectByte = true;
+            m_value->expectByte = true;
             continue;
         }
         const int high = hexDigit(cursor.peek());
         if (high < 0)
-            cursor.expected(data.empty() ? "two hexadecimal digits (an empty value cannot be stored)"
-                                         : "two hexadecimal digits after the comma");
+            cursor.expected(data.empty() ? "two hexadecimal digits" : "two hexadecimal digits after the comma");
         cursor.skip(1);
         const int low = hexDigit(cursor.peek());
         if (low >= 0)
             cursor.skip(1);
         data += static_cast<char>(low < 0 ? high : high << 4 | low);
-        m_hex->expectByte = false;
+        m_value->expectByte = false;
         if (data.size() > LongestLine)
             cursor.expected("a value of at most 256 MiB");
     }
-    Hex hex = *std::exchange(m_hex, std::nullopt);
-    m_sink.value(std::move(hex.name), std::move(hex.value), hex.place);
+    if (isStringType(m_value->value.type))
+        readUtf16(cursor);
+    finishValue();
+}
+
+void RegReader::readUtf16(Cursor& cursor)
+{
+    const UINT32 type = m_value->value.type;
+    std::string& data = m_value->value.data;
+    std::optional<std::string> converted = fromUtf16(data);
+    if (m_utf16Data) {
+        if (!converted)
+            cursor.expected("another byte: UTF-16 has an even number");
+        data = *std::move(converted);
+        return;
+    }
+    const auto isText = [type](const std::string& bytes) {
+        return meaningOf({type, bytes}).kind != Meaning::Bytes && isUtf8(bytes);
+    };
+    if (!converted || isText(data))
+        return;
+    const bool cutOff = data.find('\0') != std::string::npos && isText(*converted + '\0');
+    if ((cutOff || isText(*converted)) && m_utf16Alike++ == 0)
+        m_firstUtf16Alike = m_value->place;
+}
+
+void RegReader::finishValue()
+{
+    Unfinished value = *std::exchange(m_value, std::nullopt);
+    m_sink.value(std::move(value.name), std::move(value.value), value.place);
 }
 
 } // namespace obregtool

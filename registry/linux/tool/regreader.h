@@ -36,41 +36,53 @@ public:
     virtual void key(const KeyPath& key, const Place& place) = 0;
     virtual void removeKey(const KeyPath& key, const Place& place) = 0;
     /// Values of the last key(). The unnamed value's name is "default".
+    /// The data may be empty.
     virtual void value(std::string&& name, obreg::Value&& value, const Place& place) = 0;
     virtual void removeValue(std::string&& name, const Place& place) = 0;
 };
 
 class RegReader {
 public:
-    explicit RegReader(RegSink& sink) : m_sink(sink) {}
+    /// `utf16Data`: strings that are written as bytes are UTF-16LE.
+    explicit RegReader(RegSink& sink, bool utf16Data = false) : m_sink(sink), m_utf16Data(utf16Data) {}
 
     /// Takes the next bytes. Throws RegSyntaxError, after which the reader is of no more use, and what the sink throws.
     void feed(std::string_view bytes);
     /// The text ends here. Throws as feed does.
     void finish();
 
+    /// Strings written as bytes that are no text but would be one in UTF-16LE: how many, and where the first is.
+    uint64_t utf16Alike() const { return m_utf16Alike; }
+    const Place& firstUtf16Alike() const { return m_firstUtf16Alike; }
+
 private:
     class Cursor;
     enum class Encoding { Unknown, Bytes, Utf16 };
-    /// A value whose bytes are being read, perhaps over several lines.
-    struct Hex {
+    /// A value that is being read, perhaps over several lines.
+    struct Unfinished {
         std::string name;
         obreg::Value value;
         Place place;
+        bool isString;
         bool expectByte = true;
     };
 
+    void start();
     void decode(std::string_view bytes);
     void text(std::string_view text);
-    void line(std::string_view line);
+    void line(std::string_view line, bool ended);
     void header(Cursor& cursor);
     void statement(Cursor& cursor);
     void keyStatement(Cursor& cursor);
     void valueStatement(Cursor& cursor);
-    void startHex(Cursor& cursor, std::string&& name, const Place& place);
+    static UINT32 hexNumber(Cursor& cursor, const char* pWhat);
+    void readString(Cursor& cursor);
     void readHex(Cursor& cursor);
+    void readUtf16(Cursor& cursor);
+    void finishValue();
 
     RegSink& m_sink;
+    const bool m_utf16Data;
     Encoding m_encoding = Encoding::Unknown;
     std::string m_start; // while the encoding is unknown
     Utf16Reader m_utf16;
@@ -79,7 +91,9 @@ private:
     uint64_t m_lines = 0;
     bool m_haveHeader = false;
     bool m_haveKey = false;
-    std::optional<Hex> m_hex;
+    std::optional<Unfinished> m_value;
+    uint64_t m_utf16Alike = 0;
+    Place m_firstUtf16Alike;
 };
 
 } // namespace obregtool

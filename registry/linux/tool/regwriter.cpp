@@ -5,6 +5,7 @@
 
 #include "keypath.h"
 #include "text.h"
+#include "valuetext.h"
 
 namespace obregtool {
 
@@ -20,6 +21,18 @@ void checkName(const std::string& name)
                                     "\" has control characters, which .reg text cannot hold");
 }
 
+/// As it stands between quotes.
+std::string withBackslashes(std::string_view text)
+{
+    std::string result;
+    for (const char c : text) {
+        if (c == '"' || c == '\\')
+            result += '\\';
+        result += c;
+    }
+    return result;
+}
+
 /// A string that reads back from between quotes as the same bytes.
 bool isCleanString(const obreg::Value& value)
 {
@@ -31,8 +44,8 @@ bool isCleanString(const obreg::Value& value)
 
 } // namespace
 
-RegWriter::RegWriter(RegFormat format, std::function<void(std::string_view)> write)
-    : m_format(format), m_write(std::move(write))
+RegWriter::RegWriter(RegFormat format, std::function<void(std::string_view)> write, bool utf16Data)
+    : m_format(format), m_write(std::move(write)), m_utf16Data(utf16Data)
 {
     if (m_format == RegFormat::Utf16)
         m_write("\xFF\xFE");
@@ -54,14 +67,12 @@ void RegWriter::section(const char* pBracket, const std::string& key)
     endLine();
 }
 
-void RegWriter::valueName(const std::string& name)
+size_t RegWriter::valueName(const std::string& name)
 {
     checkName(name);
-    if (name == "default")
-        put("@");
-    else
-        quoted(name);
-    put("=");
+    const std::string start = (name == "default" ? "@" : '"' + withBackslashes(name) + '"') + '=';
+    put(start);
+    return characters(start);
 }
 
 void RegWriter::removeValue(const std::string& name)
@@ -73,19 +84,19 @@ void RegWriter::removeValue(const std::string& name)
 
 void RegWriter::value(const std::string& name, const obreg::Value& value)
 {
-    const size_t begin = m_text.size();
-    valueName(name);
+    const size_t column = valueName(name);
     if (isCleanString(value)) {
-        quoted(std::string_view(value.data).substr(0, value.data.size() - 1));
+        put("\"");
+        inPieces(std::string_view(value.data).substr(0, value.data.size() - 1),
+                 [this](std::string_view piece) { put(withBackslashes(piece)); });
+        put("\"");
     } else if (value.type == REG_DWORD && value.data.size() == sizeof(UINT32)) {
         put("dword:");
         put(hexOfNumber(*obreg::ValueOf<UINT32>::decode(value), 8));
     } else {
-        hex(value, characters(std::string_view(m_text).substr(begin)));
+        hex(value, column);
     }
     endLine();
-    if (m_text.size() >= PieceSize)
-        finish();
 }
 
 void RegWriter::hex(const obreg::Value& value, size_t column)
@@ -93,32 +104,35 @@ void RegWriter::hex(const obreg::Value& value, size_t column)
     const std::string mark = value.type == REG_BINARY ? "hex:" : "hex(" + hexOfNumber(value.type, 1) + "):";
     put(mark);
     column += mark.size();
-    for (size_t i = 0; i < value.data.size(); ++i) {
-        if (column + 4 > LineWidth) { // a byte, its comma and the backslash
-            put("\\");
-            endLine();
-            put("  ");
-            column = 2;
+    const std::string converted = m_utf16Data && isStringType(value.type) ? toUtf16(value.data) : "";
+    std::string_view data = converted.empty() ? std::string_view(value.data) : converted;
+    char line[LineWidth];
+    while (!data.empty()) {
+        constexpr size_t each = 3; // characters of a byte and its comma; then there is room for a backslash
+        const size_t count = column + 1 + each > LineWidth ? 0 : (LineWidth - 1 - column) / each;
+        char* pEnd = line;
+        for (const char byte : data.substr(0, count)) {
+            *pEnd++ = HexDigits[static_cast<unsigned char>(byte) >> 4];
+            *pEnd++ = HexDigits[byte & 15];
+            *pEnd++ = ',';
         }
-        put(hexOf({&value.data[i], 1}));
-        if (i + 1 < value.data.size())
-            put(",");
-        column += 3;
+        data.remove_prefix(std::min(count, data.size()));
+        put({line, static_cast<size_t>(pEnd - line) - (data.empty() ? 1 : 0)});
+        if (data.empty())
+            break;
+        put("\\");
+        endLine();
+        put("  ");
+        column = 2;
     }
 }
 
-void RegWriter::quoted(std::string_view text)
+void RegWriter::put(std::string_view text)
 {
-    m_text += '"';
-    for (const char c : text) {
-        if (c == '"' || c == '\\')
-            m_text += '\\';
-        m_text += c;
-    }
-    m_text += '"';
+    m_text += text;
+    if (m_text.size() >= PieceSize)
+        finish();
 }
-
-void RegWriter::put(std::string_view text) { m_text += text; }
 
 void RegWriter::finish()
 {

@@ -21,7 +21,8 @@ enum class RegFormat {
 
 class RegWriter {
 public:
-    RegWriter(RegFormat format, std::function<void(std::string_view)> write);
+    /// `utf16Data`: the bytes of strings that are written as bytes are UTF-16LE.
+    RegWriter(RegFormat format, std::function<void(std::string_view)> write, bool utf16Data = false);
 
     /// The names that follow: first a key, then its values. Throws std::invalid_argument for a name with control
     /// characters, which the text cannot hold.
@@ -34,15 +35,16 @@ public:
     void finish();
 
 private:
+    /// Whole characters of UTF-8.
     void put(std::string_view text);
     void endLine() { put(m_format == RegFormat::Utf8 ? "\n" : "\r\n"); }
     void section(const char* pBracket, const std::string& key);
-    void valueName(const std::string& name);
-    void quoted(std::string_view text);
+    size_t valueName(const std::string& name); ///< returns how wide the line is
     void hex(const obreg::Value& value, size_t column);
 
     const RegFormat m_format;
     const std::function<void(std::string_view)> m_write;
+    const bool m_utf16Data;
     std::string m_text;
 };
 

@@ -49,17 +49,21 @@ bool Search::matches(std::string_view text) const
 bool Search::matches(const obreg::Value& value) const
 {
     const Meaning meaning = meaningOf(value);
-    if (const auto* pText = std::get_if<std::string>(&meaning))
-        return matches(*pText);
-    if (const auto* pNumber = std::get_if<uint64_t>(&meaning))
-        return matches(std::to_string(*pNumber));
-    if (const auto* pList = std::get_if<obreg::StringList>(&meaning)) {
-        for (const std::string& one : *pList)
-            if (matches(one))
-                return true;
-        return false;
+    bool found = false;
+    switch (meaning.kind) {
+    case Meaning::Text:
+        return matches(meaning.text);
+    case Meaning::Number:
+        return matches(std::to_string(meaning.number));
+    case Meaning::List:
+        forEachString(meaning.text, [&](std::string_view one) { found = found || matches(one); });
+        return found;
+    case Meaning::Bytes:
+        if (isStringType(value.type)) // badly ended, and text all the same
+            forEachString(value.data, [&](std::string_view one) { found = found || matches(one); });
+        break;
     }
-    return matchesHex(hexOf(value.data));
+    return found || matchesHex(hexOf(value.data));
 }
 
 /// A text that begins in the middle of a byte does not count.

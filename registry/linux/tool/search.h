@@ -18,7 +18,8 @@ public:
     Search(const std::string& text, bool regex);
 
     bool matches(std::string_view text) const;
-    /// Strings each by itself, numbers as their decimal digits, other bytes as pairs of hexadecimal digits.
+    /// Strings each by itself, numbers as their decimal digits, other bytes as pairs of hexadecimal digits; strings
+    /// that are not ended as they should be as both.
     bool matches(const obreg::Value& value) const;
 
 private:

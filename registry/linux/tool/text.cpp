@@ -1,8 +1,8 @@
 #include "text.h"
 
-#include <algorithm>
 #include <charconv>
 #include <ctime>
+#include <utility>
 
 namespace obregtool {
 
@@ -21,7 +21,18 @@ void appendUnit(std::string& bytes, uint32_t unit)
 
 char lowerCase(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
-constexpr char HexDigits[] = "0123456789abcdef";
+/// A character that does something to a terminal: controls, and those of the bidirectional algorithm.
+bool disturbs(uint32_t c)
+{
+    return (c >= 0x7F && c < 0xA0) || c == 0x61C || c == 0x200E || c == 0x200F || (c >= 0x202A && c <= 0x202E) ||
+           (c >= 0x2066 && c <= 0x2069);
+}
+
+/// What would make an escape of a backslash in front of it.
+bool isHexEscape(std::string_view text)
+{
+    return text.size() >= 3 && text[0] == 'x' && hexDigit(text[1]) >= 0 && hexDigit(text[2]) >= 0;
+}
 
 } // namespace
 
@@ -65,7 +76,9 @@ void appendUtf8(std::string& text, uint32_t character)
 bool isUtf8(std::string_view text)
 {
     for (size_t at = 0; at < text.size();)
-        if (!takeUtf8(text, at))
+        if ((text[at] & 0x80) == 0)
+            ++at;
+        else if (!takeUtf8(text, at))
             return false;
     return true;
 }
@@ -153,6 +166,14 @@ bool Utf16Reader::finish(std::string& text)
     return m_firstByte < 0;
 }
 
+std::optional<std::string> fromUtf16(std::string_view bytes)
+{
+    std::string text;
+    Utf16Reader reader;
+    reader.read(bytes, text);
+    return reader.finish(text) ? std::optional(std::move(text)) : std::nullopt;
+}
+
 std::string folded(std::string_view text)
 {
     std::string lower(text);
@@ -181,29 +202,35 @@ int compareFolded(std::string_view a, std::string_view b)
 std::string escaped(std::string_view text, Escape how)
 {
     std::string result;
+    const bool isData = how == Escape::Data || how == Escape::Quoted;
     const auto escape = [&](char c) {
         constexpr std::string_view plain("\t\n\r\0", 4);
-        const size_t letter = how == Escape::Data ? plain.find(c) : std::string_view::npos;
+        const size_t letter = isData ? plain.find(c) : std::string_view::npos;
         result += '\\';
         if (letter != std::string_view::npos)
             result += "tnr0"[letter];
         else
             result += 'x' + hexOf({&c, 1});
     };
+    size_t backslashes = 0; // that end the result, on a screen: an escape may make them look like its own
     for (size_t at = 0; at < text.size();) {
         const size_t begin = at;
         const std::optional<uint32_t> character = takeUtf8(text, at);
-        const bool disturbs = !character || *character == 0x7F || (*character >= 0x80 && *character < 0xA0);
         at += character ? 0 : 1;
         const bool harmless = how == Escape::Screen && (text[begin] == '\n' || text[begin] == '\t');
-        if ((isControl(text[begin]) && !harmless) || (disturbs && how != Escape::Pipe)) {
+        const bool escapes =
+            (isControl(text[begin]) && !harmless) || (how != Escape::Pipe && (!character || disturbs(*character)));
+        if (escapes || isHexEscape(text.substr(begin)))
+            result.append(std::exchange(backslashes, 0), '\\');
+        if (escapes) {
             for (const char c : text.substr(begin, at - begin))
                 escape(c);
             continue;
         }
-        if (text[begin] == '\\' && how == Escape::Data)
+        if ((text[begin] == '\\' && isData) || (text[begin] == '"' && how == Escape::Quoted))
             result += '\\';
         result += text.substr(begin, at - begin);
+        backslashes = text[begin] == '\\' && how == Escape::Screen ? backslashes + 1 : 0;
     }
     return result;
 }
@@ -221,11 +248,11 @@ std::string shellQuoted(const std::string& text)
 
 std::string hexOf(std::string_view bytes)
 {
-    std::string hex;
-    hex.reserve(2 * bytes.size());
+    std::string hex(2 * bytes.size(), '\0');
+    auto digit = hex.begin();
     for (const char c : bytes) {
-        hex += HexDigits[static_cast<unsigned char>(c) >> 4];
-        hex += HexDigits[c & 15];
+        *digit++ = HexDigits[static_cast<unsigned char>(c) >> 4];
+        *digit++ = HexDigits[c & 15];
     }
     return hex;
 }

@@ -4,6 +4,7 @@
 #ifndef OBREG_TOOL_TEXT_H
 #define OBREG_TOOL_TEXT_H
 
+#include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -40,6 +41,9 @@ private:
     uint32_t m_high = 0;  // a high surrogate that waits for its partner, or 0
 };
 
+/// Text of UTF-16LE; nothing when half a character is left over.
+std::optional<std::string> fromUtf16(std::string_view bytes);
+
 inline bool isControl(char c) { return static_cast<unsigned char>(c) < 0x20; }
 
 /// ASCII letters in lower case: the registry finds names whatever their case.
@@ -51,14 +55,32 @@ int compareFolded(std::string_view a, std::string_view b);
 enum class Escape {
     Name,   ///< a name for a terminal: nothing but what would disturb it, as \xHH
     Data,   ///< data, unambiguous: also a backslash, as \\, and \t \n \r \0
-    Screen, ///< as Name, but lines stay lines
+    Quoted, ///< as Data, for between quotes: also a quote, as \"
+    Screen, ///< as Name, but lines stay lines; backslashes in front of what looks like \xHH are doubled
     Pipe,   ///< a name for a program: control characters only
 };
+/// What would disturb a terminal: bytes that are no UTF-8, control characters, and those that turn the direction of
+/// writing, which make text look like other text.
 std::string escaped(std::string_view text, Escape how);
+
+/// Calls f(piece) for pieces of a long text, which end between characters.
+template <class F>
+void inPieces(std::string_view text, const F& f)
+{
+    constexpr size_t length = size_t{64} * 1024;
+    while (!text.empty()) {
+        size_t end = std::min(length, text.size());
+        for (size_t back = 0; back < 3 && end < text.size() && (text[end] & 0xC0) == 0x80; ++back)
+            --end;
+        f(text.substr(0, end));
+        text.remove_prefix(end);
+    }
+}
 
 /// In single quotes where the shell would take it apart otherwise.
 std::string shellQuoted(const std::string& text);
 
+inline constexpr char HexDigits[] = "0123456789abcdef";
 std::string hexOf(std::string_view bytes); ///< two digits a byte
 std::string hexOfNumber(uint64_t number, size_t leastDigits);
 /// Digits in pairs; white space, commas and colons may stand between the pairs.

@@ -50,11 +50,47 @@ Nature natureOf(UINT32 type)
     return pType == nullptr ? Nature::Bytes : pType->nature;
 }
 
-template <class Stored>
-Meaning meaningAs(const Value& value)
+constexpr std::string_view HexMark = "hex:";
+
+Meaning textMeaning(std::string_view data)
 {
-    auto decoded = ValueOf<Stored>::decode(value);
-    return decoded ? Meaning(*decoded) : Meaning();
+    if (data.empty() || data.find('\0') != data.size() - 1)
+        return {};
+    return {Meaning::Text, data.substr(0, data.size() - 1)};
+}
+
+Meaning listMeaning(std::string_view data)
+{
+    using namespace std::string_view_literals;
+    if (data == "\0"sv)
+        return {Meaning::List};
+    if (data.size() < 2 || data[0] == '\0' || data.find("\0\0"sv) != data.size() - 2)
+        return {};
+    return {Meaning::List, data.substr(0, data.size() - 2)};
+}
+
+Meaning numberMeaning(const Value& value)
+{
+    const std::optional<UINT64> number = ValueOf<UINT64>::decode(value);
+    return number ? Meaning{Meaning::Number, {}, *number} : Meaning{};
+}
+
+Value numberValue(UINT32 type, uint64_t number)
+{
+    Value value = natureOf(type) == Nature::Number64 ? ValueOf<UINT64>::encode(number)
+                                                     : ValueOf<UINT32>::encode(static_cast<UINT32>(number));
+    if (type == REG_DWORD_BIG_ENDIAN)
+        std::reverse(value.data.begin(), value.data.end());
+    value.type = type;
+    return value;
+}
+
+std::string_view hexMark(const Value& value) { return natureOf(value.type) == Nature::Bytes ? "" : HexMark; }
+
+void writeHex(const Value& value, const TakeText& take)
+{
+    take(hexMark(value));
+    inPieces(value.data, [&](std::string_view piece) { take(hexOf(piece)); });
 }
 
 } // namespace
@@ -63,33 +99,19 @@ Meaning meaningOf(const Value& value)
 {
     switch (natureOf(value.type)) {
     case Nature::Text:
-        return meaningAs<std::string>(value);
+        return textMeaning(value.data);
     case Nature::List:
-        return meaningAs<StringList>(value);
+        return listMeaning(value.data);
     case Nature::Number32:
     case Nature::Number64:
-        return meaningAs<UINT64>(value);
+        return numberMeaning(value);
     case Nature::Bytes:
         break;
     }
     return {};
 }
 
-Value valueMeaning(UINT32 type, const Meaning& meaning)
-{
-    Value value;
-    if (const auto* pText = std::get_if<std::string>(&meaning))
-        value = ValueOf<std::string>::encode(*pText);
-    else if (const auto* pList = std::get_if<StringList>(&meaning))
-        value = ValueOf<StringList>::encode(*pList);
-    else if (const auto* pNumber = std::get_if<uint64_t>(&meaning))
-        value = natureOf(type) == Nature::Number64 ? ValueOf<UINT64>::encode(*pNumber)
-                                                   : ValueOf<UINT32>::encode(static_cast<UINT32>(*pNumber));
-    if (type == REG_DWORD_BIG_ENDIAN)
-        std::reverse(value.data.begin(), value.data.end());
-    value.type = type;
-    return value;
-}
+bool isStringType(UINT32 type) { return type == REG_SZ || type == REG_EXPAND_SZ || type == REG_MULTI_SZ; }
 
 std::string typeName(UINT32 type)
 {
@@ -119,19 +141,23 @@ std::string typeNames()
 Value valueOfArguments(UINT32 type, const std::vector<std::string>& data)
 {
     const Nature nature = natureOf(type);
+    const std::string text = data.empty() ? "" : data.front();
     if (nature == Nature::List) {
-        for (const std::string& text : data)
-            if (text.empty())
+        if (data.size() == 1 && text.empty())
+            return ValueOf<StringList>::encode({});
+        for (const std::string& one : data)
+            if (one.empty())
                 throw UsageError("an empty string ends a list and cannot be in one; leave it out, or give the bytes "
                                  "with --data-file");
-        return valueMeaning(type, data);
+        return ValueOf<StringList>::encode(data);
     }
     if (data.size() > 1)
         throw UsageError("several --data make a REG_MULTI_SZ; give one, or --type REG_MULTI_SZ");
-    const std::string text = data.empty() ? "" : data.front();
     if (nature == Nature::Text)
-        return valueMeaning(type, text);
+        return {type, text + '\0'};
     if (nature == Nature::Bytes) {
+        if (type == REG_NONE && text.empty())
+            return {REG_NONE, std::string(1, '\0')}; // no value can be stored without bytes
         const std::optional<std::string> bytes = bytesOfHex(text);
         if (!bytes || bytes->empty())
             throw UsageError("data \"" + text + "\" of " + typeName(type) +
@@ -144,58 +170,77 @@ Value valueOfArguments(UINT32 type, const std::vector<std::string>& data)
     if (!number)
         throw UsageError("data \"" + text + "\" of " + typeName(type) + ": give a number from 0 to " +
                          std::to_string(greatest) + ", decimal or with 0x");
-    return valueMeaning(type, *number);
+    return numberValue(type, *number);
 }
 
-std::string dataText(const Value& value)
+void writeData(const Value& value, const TakeText& take)
 {
-    const Meaning meaning = meaningOf(value);
-    if (const auto* pText = std::get_if<std::string>(&meaning))
-        return escaped(*pText, Escape::Data);
-    if (const auto* pNumber = std::get_if<uint64_t>(&meaning))
-        return std::to_string(*pNumber);
-    if (const auto* pList = std::get_if<StringList>(&meaning)) {
-        std::string text;
-        for (const std::string& one : *pList)
-            text += (&one == pList->data() ? "" : "\\0") + escaped(one, Escape::Data);
-        return text;
+    Meaning meaning = meaningOf(value);
+    if (meaning.kind == Meaning::Bytes) {
+        writeHex(value, take);
+    } else if (meaning.kind == Meaning::Number) {
+        take(std::to_string(meaning.number));
+    } else {
+        if (meaning.text.substr(0, HexMark.size()) == HexMark) { // text, and no mark
+            take("\\x68");
+            meaning.text.remove_prefix(1);
+        }
+        inPieces(meaning.text, [&](std::string_view piece) { take(escaped(piece, Escape::Data)); });
     }
-    return hexOf(value.data);
 }
 
-std::string shownData(const Value& value, size_t mostBytes)
+std::string shownData(const Value& value, size_t mostBytes, size_t from)
 {
     const Meaning meaning = meaningOf(value);
-    if (const auto* pText = std::get_if<std::string>(&meaning))
-        return escaped(*pText, Escape::Data);
-    if (const auto* pNumber = std::get_if<uint64_t>(&meaning))
-        return std::to_string(*pNumber) + " (0x" + hexOfNumber(*pNumber, 1) + ")";
-    if (const auto* pList = std::get_if<StringList>(&meaning)) {
-        std::string text;
-        for (const std::string& one : *pList)
-            text += std::string(text.empty() ? "" : ", ") + '"' + escaped(one, Escape::Data) + '"';
-        return text;
-    }
     std::string text;
-    for (size_t i = 0; i < std::min(value.data.size(), mostBytes); ++i)
-        text += (text.empty() ? "" : " ") + hexOf(value.data.substr(i, 1));
-    if (value.data.size() > mostBytes)
-        text += " ... (" + std::to_string(value.data.size()) + " bytes)";
+    if (meaning.kind == Meaning::Text) {
+        writeData(value, [&text](std::string_view piece) { text += piece; });
+    } else if (meaning.kind == Meaning::Number) {
+        text = std::to_string(meaning.number) + " (0x" + hexOfNumber(meaning.number, 1) + ")";
+    } else if (meaning.kind == Meaning::List) {
+        forEachString(meaning.text, [&text](std::string_view one) {
+            text += std::string(text.empty() ? "" : ", ") + '"' + escaped(one, Escape::Quoted) + '"';
+        });
+    } else {
+        text = hexMark(value);
+        if (from != 0)
+            text += std::string(text.empty() ? "" : " ") + "... at " + std::to_string(from) + ":";
+        const size_t end = std::min(value.data.size() - from, mostBytes) + from;
+        for (size_t i = from; i < end; ++i)
+            text += (text.empty() ? "" : " ") + hexOf(value.data.substr(i, 1));
+        if (from != 0 || end < value.data.size())
+            text += std::string(end < value.data.size() ? " ..." : "") + " (" + std::to_string(value.data.size()) +
+                    " bytes)";
+    }
     return text;
 }
 
-std::string bareData(const Value& value)
+size_t firstToShow(const Value& a, const Value& b)
+{
+    const size_t common = std::min(a.data.size(), b.data.size());
+    const auto differs = std::mismatch(a.data.begin(), a.data.begin() + static_cast<ptrdiff_t>(common), b.data.begin());
+    const auto from = static_cast<size_t>(differs.first - a.data.begin());
+    return from < ShownBytes ? 0 : from - from % 16;
+}
+
+bool writeBare(const Value& value, const TakeText& take)
 {
     const Meaning meaning = meaningOf(value);
-    if (const auto* pText = std::get_if<std::string>(&meaning))
-        return *pText;
-    if (const auto* pList = std::get_if<StringList>(&meaning)) {
-        std::string text;
-        for (const std::string& one : *pList)
-            text += (&one == pList->data() ? "" : "\n") + one;
-        return text;
+    if (meaning.kind == Meaning::Number) {
+        take(std::to_string(meaning.number));
+    } else if (meaning.kind == Meaning::Text) {
+        take(meaning.text);
+    } else if (meaning.kind == Meaning::List && meaning.text.find('\n') == std::string_view::npos) {
+        inPieces(meaning.text, [&](std::string_view piece) {
+            std::string lines(piece);
+            std::replace(lines.begin(), lines.end(), '\0', '\n');
+            take(lines);
+        });
+    } else {
+        writeHex(value, take);
+        return hexMark(value).empty();
     }
-    return dataText(value);
+    return true;
 }
 
 } // namespace obregtool

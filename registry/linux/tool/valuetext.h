@@ -2,8 +2,9 @@
 #ifndef OBREG_TOOL_VALUETEXT_H
 #define OBREG_TOOL_VALUETEXT_H
 
+#include <functional>
 #include <string>
-#include <variant>
+#include <string_view>
 #include <vector>
 
 #include <obreg/registry.hpp>
@@ -15,25 +16,48 @@ std::string typeName(UINT32 type);
 /// REG_SZ, SZ, any case, or a number. Throws UsageError.
 UINT32 typeArgument(const std::string& text);
 
+/// REG_SZ, REG_EXPAND_SZ and REG_MULTI_SZ: strings, which other systems store in UTF-16.
+bool isStringType(UINT32 type);
+
 /// The names of all types, for help and messages.
 std::string typeNames();
 
 /// A value from what was written on the command line: one text for each --data. Throws UsageError.
 obreg::Value valueOfArguments(UINT32 type, const std::vector<std::string>& data);
 
-/// Data in one line: text as escaped() gives it (several strings with \0 between), numbers in decimal, other bytes as
-/// pairs of digits. Data that does not fit its type is shown as bytes.
-std::string dataText(const obreg::Value& value);
-/// The same for a person: numbers also in hexadecimal, other bytes up to that many.
-std::string shownData(const obreg::Value& value, size_t mostBytes);
-/// Data by itself for `get`: strings without escapes, several on a line each.
-std::string bareData(const obreg::Value& value);
-
-/// What data means; nothing when it is bytes and no more, or does not fit its type.
-using Meaning = std::variant<std::monostate, std::string, obreg::StringList, uint64_t>;
+/// What data say, when they are stored just as `set` stores what they say; else nothing but bytes. A text ends in its
+/// one NUL, a list in two, and neither has others but between the strings. Views into the value.
+struct Meaning {
+    enum Kind { Bytes, Text, List, Number } kind = Bytes;
+    std::string_view text = {}; ///< of a list: the strings with a NUL between
+    uint64_t number = 0;
+};
 Meaning meaningOf(const obreg::Value& value);
-/// The value of that type which means this.
-obreg::Value valueMeaning(UINT32 type, const Meaning& meaning);
+template <class F>
+void forEachString(std::string_view list, const F& f)
+{
+    while (!list.empty()) {
+        const size_t end = std::min(list.find('\0'), list.size());
+        f(list.substr(0, end));
+        list.remove_prefix(std::min(end + 1, list.size()));
+    }
+}
+
+// How data are shown. What says nothing is written as pairs of hexadecimal digits, where its type promises more with
+// "hex:" in front. Two values of one type never look alike.
+
+using TakeText = std::function<void(std::string_view)>;
+
+/// In one line: text as escaped() gives it (several strings with \0 between), numbers in decimal. In pieces.
+void writeData(const obreg::Value& value, const TakeText& take);
+/// The same for a person: strings of a list in quotes, numbers also in hexadecimal; of other bytes that many, the first
+/// of which is at `from`, when there are more.
+inline constexpr size_t ShownBytes = 32;
+std::string shownData(const obreg::Value& value, size_t mostBytes = ShownBytes, size_t from = 0);
+/// Data by itself for `get`: strings without escapes, several on a line each. False when it took "hex:".
+bool writeBare(const obreg::Value& value, const TakeText& take);
+/// For two values: the byte from which shownData has to begin to show a difference.
+size_t firstToShow(const obreg::Value& a, const obreg::Value& b);
 
 } // namespace obregtool
 

@@ -5,6 +5,7 @@
 #include "regwriter.h"
 #include "text.h"
 #include "treereader.h"
+#include "valuetext.h"
 #include "verbs.h"
 
 namespace obregtool {
@@ -39,6 +40,8 @@ public:
         fields.back().pName = "left";
         fields.back().style = Style::Bad;
         fields.push_back({"right", pRight->value, Style::Good});
+        for (Field& field : fields)
+            field.from = firstToShow(pLeft->value, pRight->value);
         tell(Missing::Nowhere, "value", std::move(fields));
     }
 
@@ -72,9 +75,8 @@ public:
         const KeyPath top = right.path;
         walk(top, true, [&](const KeyPath& path, const obreg::Key& key, KeyContent& content, size_t depth) {
             m_writer.key((depth == 0 ? place : place.child(path.path.substr(top.path.size() + 1))).text());
-            for (ValueEntry& entry : content.values)
-                if (const auto value = takeValue(key, path, std::move(entry)))
-                    m_writer.value(value->name, value->value);
+            forEachValue(key, path, content.values,
+                         [this](const obreg::NamedValue& value) { m_writer.value(value.name, value.value); });
         });
     }
     void value(const TreeReader::Entry& left, const TreeReader::Entry& /*right*/, const obreg::NamedValue* pLeft,

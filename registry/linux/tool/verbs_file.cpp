@@ -1,13 +1,15 @@
 // import and export: keys as .reg text. docs/reg-format.md describes the text.
 #include <unistd.h>
 
+#include "alarm.h"
 #include "caution.h"
 #include "files.h"
+#include "importer.h"
 #include "readtree.h"
 #include "regreader.h"
 #include "regwriter.h"
+#include "sieve.h"
 #include "verbs.h"
-#include "writequeue.h"
 
 namespace obregtool {
 
@@ -18,8 +20,10 @@ struct FileOptions {
     std::string file = "-";
     bool utf16 = false;
     bool regedit4 = false;
+    bool utf16Data = false;
     bool yes = false;
     bool checkOnly = false;
+    bool keepGoing = false;
     Caution caution;
 };
 
@@ -38,106 +42,86 @@ public:
     uint64_t deletions = 0;
 };
 
-/// Carries statements out: the second pass.
-class Importer : public RegSink {
-public:
-    explicit Importer(uint64_t total) : m_progress("imported", total) {}
-
-    void key(const KeyPath& key, const Place& place) override
-    {
-        m_pTarget = std::make_shared<Target>(key);
-        m_queue.createKey(m_pTarget, place.line);
-    }
-
-    void removeKey(const KeyPath& key, const Place& place) override
-    {
-        m_pTarget.reset();
-        m_queue.wait();
-        try {
-            removeTree(key);
-        } catch (const Failure& failure) {
-            if (failure.exit != ExitNotFound)
-                throw WriteFailure(failure, place.line);
-        }
-        ++m_removedKeys;
-    }
-
-    void value(std::string&& name, obreg::Value&& value, const Place& place) override
-    {
-        m_queue.set(m_pTarget, std::move(name), std::move(value), place.line);
-        m_progress.update(done());
-    }
-
-    void removeValue(std::string&& name, const Place& place) override
-    {
-        m_queue.removeValue(m_pTarget, std::move(name), place.line);
-        m_progress.update(done());
-    }
-
-    void wait() { m_queue.wait(); }
-    void settle() { m_queue.settle(); }
-    uint64_t done() const { return m_queue.done() + m_removedKeys; }
-
-private:
-    WriteQueue m_queue;
-    std::shared_ptr<Target> m_pTarget;
-    uint64_t m_removedKeys = 0;
-    Progress m_progress;
-};
-
-void readFile(RereadableFile& file, RegSink& sink)
+RegReader readFile(RereadableFile& file, RegSink& sink, bool utf16Data)
 {
-    RegReader reader(sink);
-    file.read([&reader](std::string_view bytes) { reader.feed(bytes); });
+    RegReader reader(sink, utf16Data);
+    file.read([&reader](std::string_view bytes) {
+        endIfInterrupted();
+        reader.feed(bytes);
+    });
     reader.finish();
+    return reader;
 }
 
-/// The failure with its place in a file, and what to do then.
-Failure inFile(const Failure& failure, const std::string& place, const std::string& advice)
+/// Returns how many statements were refused.
+uint64_t importFile(RereadableFile& file, const FileOptions& options, uint64_t total, Output& output)
 {
-    Failure located(failure.exit, place + failure.what(), failure.advice + advice);
-    located.key = failure.key;
-    located.status = failure.status;
-    return located;
-}
-
-void importFile(RereadableFile& file, uint64_t total)
-{
-    Importer importer(total);
-    const auto soFar = [&] {
-        importer.settle();
-        return "; " + std::to_string(importer.done()) + " of " + std::to_string(total) + " statements were carried out";
-    };
+    letInterruptsEndWork();
+    Importer importer(file.name(), total, options.keepGoing ? WriteQueue::GoOn : WriteQueue::Stop, output);
     try {
-        readFile(file, importer);
-        importer.wait();
-    } catch (const WriteFailure& failure) {
-        throw inFile(failure, file.name() + ", line " + std::to_string(failure.line) + ": ",
-                     soFar() + ", and the file can be imported again");
+        readFile(file, importer, options.utf16Data);
+        importer.finish();
     } catch (const RegSyntaxError& error) {
-        throw Failure(ExitFailed, file.name() + ", " + error.what(),
-                      "the file has changed while it was read" + soFar());
+        throw importer.end({ExitFailed, error.what(), "the file has changed while it was read"});
+    } catch (const Failure& failure) {
+        throw importer.end(failure);
     }
+    return importer.refused();
+}
+
+void warnOfUtf16(const RereadableFile& file, const RegReader& reader, Output& output)
+{
+    if (const uint64_t count = reader.utf16Alike(); count != 0) {
+        const uint64_t line = reader.firstUtf16Alike().line;
+        output.warning(file.name() + ", line " + std::to_string(line) + ": " +
+                           (count == 1 ? "a string is" : std::to_string(count) + " strings from here on are") +
+                           " UTF-16 by the look of the bytes, which are taken as they stand; --utf16-data converts "
+                           "them to UTF-8",
+                       {{"file", file.name()}, {"line", line}, {"values", count}});
+    }
+}
+
+Failure nothingWritten(Failure failure)
+{
+    failure.addAdvice("nothing was written");
+    return failure;
+}
+
+/// The failure, with what an import says that has carried out nothing.
+Failure beforeImporting(const Failure& failure, const std::string& file, uint64_t total)
+{
+    Failure located = nothingWritten(inFile(failure, file + ": ", ""));
+    located.details = {{"file", file}, {"line", uint64_t{0}}, {"done", uint64_t{0}}, {"total", total}};
+    return located;
 }
 
 /// Finds what the daemon would refuse, and does what else is wanted before the first write. False when nothing is to be
 /// written.
-bool prepareImport(RereadableFile& file, const FileOptions& options, Output& output)
+bool prepareImport(RereadableFile& file, const FileOptions& options, uint64_t total, Sieve& sieve, Output& output)
 {
+    letInterruptsEndWork();
     constexpr auto passes = Rehearsal::Missing::Passes;
-    const Changes changes = [&file](RegSink& sink) { readFile(file, sink); };
+    const Changes changes = [&](RegSink& sink) {
+        sieve.lookWith(sink);
+        readFile(file, sieve, options.utf16Data);
+    };
     try {
         if (!prepare(options.caution, passes, changes, output))
             return false;
-        if (options.caution.backup.empty()) {
+        const bool findsInWriting = options.keepGoing && !options.checkOnly;
+        if (options.caution.backup.empty() && !findsInWriting) {
             Rehearsal rehearsal(passes);
             changes(rehearsal);
         }
     } catch (const WriteFailure& failure) {
-        throw inFile(failure, file.name() + ", line " + std::to_string(failure.line) + ": ", "; nothing was written");
+        throw nothingWritten(inLine(failure, file.name(), failure.line));
     } catch (const RegSyntaxError& error) {
-        throw Failure(ExitFailed, file.name() + ", " + error.what(),
+        throw Failure(ExitBadFile, file.name() + ", " + error.what(),
                       "the file has changed while it was read; nothing was written");
+    } catch (const Failure& failure) {
+        if (failure.exit != ExitInterrupted)
+            throw;
+        throw beforeImporting(failure, file.name(), total);
     }
     return !options.checkOnly;
 }
@@ -147,28 +131,47 @@ int import(const FileOptions& options, Output& output)
     RereadableFile file(options.file);
     Counter counter;
     try {
-        readFile(file, counter);
+        warnOfUtf16(file, readFile(file, counter, options.utf16Data), output);
     } catch (const RegSyntaxError& error) {
         throw Failure(ExitBadFile, file.name() + ", " + error.what(),
                       "nothing was written; mend that line and try again");
     }
-    if (prepareImport(file, options, output))
-        carryOut(options.caution, [&] { importFile(file, counter.all()); });
-    if (options.caution.dryRun)
-        return ExitDone;
-    output.summary(
-        {options.checkOnly ? "checked" : "imported",
-         {{"file", file.name()}, {"keys", counter.keys}, {"values", counter.values}, {"deletions", counter.deletions}},
-         "",
-         Style::Normal,
-         true});
-    return ExitDone;
+    const bool looksOnly = options.checkOnly || options.caution.dryRun;
+    Sieve sieve(file.name(), options.keepGoing, looksOnly ? &output : nullptr); // else the importer tells
+    uint64_t refused = 0;
+    if (prepareImport(file, options, counter.all(), sieve, output))
+        carryOut(options.caution, [&] { refused = importFile(file, options, counter.all(), output); });
+    else
+        refused = sieve.leftOut();
+    if (!options.caution.dryRun)
+        output.summary({options.checkOnly ? "checked" : "imported",
+                        {{"file", file.name()},
+                         {"keys", counter.keys},
+                         {"values", counter.values},
+                         {"deletions", counter.deletions},
+                         {"refused", refused}},
+                        "",
+                        Style::Normal,
+                        true});
+    return refused == 0 ? ExitDone : ExitFailed;
+}
+
+/// The failure, with how much had been written.
+Failure afterExporting(const Failure& failure, const std::string& file, uint64_t keys, uint64_t values, bool stays)
+{
+    Failure located =
+        inFile(failure, file + ": ",
+               std::to_string(keys) + " keys and " + std::to_string(values) + " values had been written; " +
+                   (stays ? "what was written stays" : "the file was not made or replaced"));
+    located.details = {{"file", file}, {"keys", keys}, {"values", values}};
+    return located;
 }
 
 int exportKey(const FileOptions& options, Output& output)
 {
     const KeyPath path = keyArgument(options.key);
     const bool toStream = options.file == "-";
+    const std::string shownFile = toStream ? "standard output" : options.file;
     if (toStream && output.form() == Form::Json)
         throw UsageError("export --json needs a FILE: the text itself would go where the JSON goes");
     if (!toStream && !options.yes && access(options.file.c_str(), F_OK) == 0 &&
@@ -179,28 +182,33 @@ int exportKey(const FileOptions& options, Output& output)
     uint64_t values = 0;
     const obreg::Key found = path.open(); // before a file is made
     NewFile file(options.file);
+    letInterruptsEndWork();
     const RegFormat format = options.utf16      ? RegFormat::Utf16
                              : options.regedit4 ? RegFormat::Regedit4
                                                 : RegFormat::Utf8;
-    RegWriter writer(format, [&file](std::string_view bytes) { file.write(bytes); });
-    {
+    RegWriter writer(
+        format, [&file](std::string_view bytes) { file.write(bytes); }, options.utf16Data);
+    try {
         Progress progress("exported", 0);
         walk(path, true, [&](const KeyPath& at, const obreg::Key& key, KeyContent& content, size_t /*depth*/) {
             writer.key(at.text());
             ++keys;
-            for (ValueEntry& entry : content.values)
-                if (const std::optional<obreg::NamedValue> value = takeValue(key, at, std::move(entry))) {
-                    writer.value(value->name, value->value);
-                    progress.update(++values);
-                }
-            return true;
+            forEachValue(key, at, content.values, [&](const obreg::NamedValue& value) {
+                endIfInterrupted();
+                writer.value(value.name, value.value);
+                progress.update(++values);
+            });
         });
+    } catch (const Failure& failure) {
+        if (failure.exit != ExitInterrupted)
+            throw;
+        throw afterExporting(failure, shownFile, keys, values, file.isWrittenDirectly());
     }
     writer.finish();
     file.commit();
     if (!toStream)
         output.summary({"exported",
-                        {{"key", path.text()}, {"file", options.file}, {"keys", keys}, {"values", values}},
+                        {{"file", options.file}, {"key", path.text()}, {"keys", keys}, {"values", values}},
                         "",
                         Style::Normal,
                         true});
@@ -216,6 +224,7 @@ Run declareExport(Arguments& arguments)
     arguments.text("FILE", pOptions->file, "File to make; - or nothing for standard output");
     arguments.flag("--utf16", pOptions->utf16, "UTF-16LE with a byte-order mark, not UTF-8");
     arguments.flag("--regedit4", pOptions->regedit4, "The older header, bytes as they are", "--utf16");
+    arguments.flag("--utf16-data", pOptions->utf16Data, "Strings that are written as bytes become UTF-16LE");
     arguments.flag("-y,--yes", pOptions->yes, "Replace FILE without asking");
     return [=](Output& output) { return exportKey(*pOptions, output); };
 }
@@ -227,6 +236,9 @@ Run declareImport(Arguments& arguments)
     addDryRunAndBackup(arguments, pOptions->caution);
     arguments.flag("--check", pOptions->checkOnly,
                    "Read the file, find what the daemon would refuse of it, and write nothing", "--backup");
+    arguments.flag("--keep-going", pOptions->keepGoing, "Name what is refused, and go on");
+    arguments.flag("--utf16-data", pOptions->utf16Data,
+                   "Strings that stand as bytes are UTF-16LE; store them as UTF-8");
     return [=](Output& output) { return import(*pOptions, output); };
 }
 

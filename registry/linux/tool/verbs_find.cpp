@@ -38,14 +38,13 @@ public:
             showKey(key.path);
             ++m_found;
         }
-        for (ValueEntry& entry : key.content.values) {
+        forEachValue(key.key, key.path, key.content.values, [this, &key](obreg::NamedValue&& value) {
             m_progress.update(++m_looked);
-            const std::optional<obreg::NamedValue> value = takeValue(key.key, key.path, std::move(entry));
-            if (value && matches(*value)) {
-                showValue(key.path, *value);
+            if (matches(value)) {
+                showValue(key.path, std::move(value));
                 ++m_found;
             }
-        }
+        });
     }
 
 private:
@@ -63,13 +62,13 @@ private:
         m_keyShown = true;
     }
 
-    void showValue(const KeyPath& path, const obreg::NamedValue& value)
+    void showValue(const KeyPath& path, obreg::NamedValue&& value)
     {
         const bool terminal = m_output.form() == Form::Terminal;
         if (terminal && !m_keyShown)
             showKey(path); // once above all that was found there
         m_progress.clear();
-        Fact fact = valueFact(path, value);
+        Fact fact = valueFact(path, std::move(value));
         fact.lead = "    ";
         fact.fields[0].hidden = true;
         m_output.fact(fact);

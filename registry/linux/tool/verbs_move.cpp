@@ -1,5 +1,7 @@
 // rename and move: a key with all below it, or a value, to another place. What is moved is copied, compared with the
 // copy, and only then deleted.
+#include "alarm.h"
+#include "caution.h"
 #include "comparison.h"
 #include "copier.h"
 #include "parallel.h"
@@ -14,6 +16,7 @@ struct MoveOptions {
     std::string key;
     std::string to; ///< a key, or a new name
     std::string value;
+    Caution caution;
 };
 
 std::string shown(const KeyPath& path) { return escaped(path.text(), Escape::Name); }
@@ -27,7 +30,7 @@ std::string shown(const KeyPath& path, const std::string& name)
 Failure standing(const Failure& failure, const std::string& what)
 {
     Failure told = failure;
-    told.advice += (failure.advice.empty() ? "" : "; ") + what;
+    told.addAdvice(what);
     return told;
 }
 
@@ -75,52 +78,66 @@ private:
     }
 };
 
-void refuseExisting(const std::string& what)
+[[noreturn]] void refuseExisting(const std::string& what)
 {
     throw Failure(ExitFailed, what + ": is there already",
                   "nothing was changed; choose another name, or delete it first");
 }
 
-void copyTree(const KeyPath& from, const KeyPath& to, Copier& copier)
+bool isThere(const KeyPath& path, const std::string* pValueName)
 {
-    Progress progress("copied", 0);
-    TreeReader reader(from, UINT64_MAX, Read::All);
-    while (TreeReader::Entry* const pEntry = reader.next()) {
-        copier.copy(*pEntry, moved(pEntry->path, from, to));
-        progress.update(copier.values());
-    }
-    copier.finish();
+    std::error_code error;
+    const obreg::Key key = path.open(KEY_READ, error);
+    if (!error && pValueName != nullptr)
+        key.get<obreg::Value>(*pValueName, error);
+    if (error != obreg::Status::notFound)
+        check(error, path, pValueName);
+    return !error;
 }
 
-int moveKey(const KeyPath& from, const KeyPath& to, Output& output)
+void copyAndDelete(const KeyPath& from, const KeyPath& to, Copier& copier)
 {
-    if (from.isRoot())
-        throw UsageError(from.text() + " is a root and stays where it is; name a key below it");
-    if (to.isWithin(from))
-        throw UsageError("a key cannot be moved to itself, in whatever case, or below itself; choose another place");
-    from.open(KEY_ALL_ACCESS); // the right to delete it
     bool created = false;
     std::error_code error;
     to.create(&created, error);
     check(error, to);
     if (!created)
         refuseExisting(shown(to));
-    Copier copier;
     Verification verification;
     try {
-        copyTree(from, to, copier);
+        copier.copyTree(from, to, UINT64_MAX);
         compareTrees(from, to, UINT64_MAX, verification);
         verification.checkUnchanged();
+        endIfInterrupted();
     } catch (const Failure& failure) {
         throw standing(failure, shown(from) + " is as it was; " + shown(to) +
                                     " has a part of it: delete that before you try again");
     }
     try {
-        removeKeys(verification.levels);
+        removeKeys(from, verification.levels);
     } catch (const Failure& failure) {
         throw standing(failure, shown(to) + " is complete; of " + shown(from) +
                                     " a part is left: delete that when nothing new is in it");
     }
+}
+
+int moveKey(const KeyPath& from, const KeyPath& to, const Caution& caution, Output& output)
+{
+    if (from.isRoot())
+        throw UsageError(from.text() + " is a root and stays where it is; name a key below it");
+    if (to.isWithin(from))
+        throw UsageError("a key cannot be moved to itself, in whatever case, or below itself; choose another place");
+    from.open(KEY_ALL_ACCESS); // the right to delete it
+    if (isThere(to, nullptr))
+        refuseExisting(shown(to));
+    const Changes changes = [&](RegSink& sink) {
+        tellCopy(sink, from, to, UINT64_MAX);
+        sink.removeKey(from, {});
+    };
+    if (!prepare(caution, Rehearsal::Missing::Fails, changes, output))
+        return ExitDone;
+    Copier copier;
+    carryOut(caution, [&] { copyAndDelete(from, to, copier); });
     output.summary({"moved",
                     {{"from", from.text()}, {"to", to.text()}, {"keys", copier.keys()}, {"values", copier.values()}},
                     "",
@@ -137,37 +154,53 @@ obreg::Value read(const KeyPath& path, const obreg::Key& key, const std::string&
     return value;
 }
 
-int moveValue(const KeyPath& from, const std::string& name, const KeyPath& to, const std::string& newName,
-              Output& output)
+struct ValuePlace {
+    KeyPath key;
+    std::string name;
+};
+
+void copyAndDelete(const ValuePlace& from, const obreg::Key& fromKey, const obreg::Value& value, const ValuePlace& to)
 {
-    if (from.identity() == to.identity() && compareValueNames(name, newName) == 0)
-        throw UsageError("a value cannot be moved to itself, in whatever case; choose another name");
-    const obreg::Key fromKey = from.open(KEY_ALL_ACCESS);
-    const obreg::Value value = read(from, fromKey, name);
     std::error_code error;
-    const obreg::Key toKey = to.create(nullptr, error);
-    check(error, to);
-    toKey.get<obreg::Value>(newName, error);
-    if (!error)
-        refuseExisting(shown(to, newName));
-    if (error != obreg::Status::notFound)
-        check(error, to, &newName);
-    toKey.set(newName, value, error);
-    check(error, to, &newName);
+    const obreg::Key toKey = to.key.create(nullptr, error);
+    check(error, to.key);
+    toKey.set(to.name, value, error);
+    check(error, to.key, &to.name, value.data.size());
     try {
-        if (read(to, toKey, newName) != value || read(from, fromKey, name) != value)
-            throw Failure(ExitFailed, shown(from, name) + ": was changed by somebody else while it was moved");
-        fromKey.removeValue(name, error);
-        check(error, from, &name);
+        if (read(to.key, toKey, to.name) != value || read(from.key, fromKey, from.name) != value)
+            throw Failure(ExitFailed, shown(from.key, from.name) + ": was changed by somebody else while it was moved");
+        fromKey.removeValue(from.name, error);
+        check(error, from.key, &from.name);
     } catch (const Failure& failure) {
-        throw standing(failure, "both values stand: " + shown(from, name) + " and " + shown(to, newName));
+        throw standing(failure, "both values stand: " + shown(from.key, from.name) + " and " + shown(to.key, to.name));
     }
-    output.summary(
-        {"moved",
-         {{"from", from.text()}, {"name", shownName(name)}, {"to", to.text()}, {"newName", shownName(newName)}},
-         "",
-         Style::Normal,
-         true});
+}
+
+int moveValue(const ValuePlace& from, const ValuePlace& to, const Caution& caution, Output& output)
+{
+    if (from.key.identity() == to.key.identity() && compareValueNames(from.name, to.name) == 0)
+        throw UsageError("a value cannot be moved to itself, in whatever case; choose another name");
+    const obreg::Key fromKey = from.key.open(KEY_ALL_ACCESS);
+    const obreg::Value value = read(from.key, fromKey, from.name);
+    if (isThere(to.key, &to.name))
+        refuseExisting(shown(to.key, to.name));
+    const Changes changes = [&](RegSink& sink) {
+        sink.key(to.key, {});
+        sink.value(std::string(to.name), obreg::Value(value), {});
+        sink.key(from.key, {});
+        sink.removeValue(std::string(from.name), {});
+    };
+    if (!prepare(caution, Rehearsal::Missing::Fails, changes, output))
+        return ExitDone;
+    carryOut(caution, [&] { copyAndDelete(from, fromKey, value, to); });
+    output.summary({"moved",
+                    {{"from", from.key.text()},
+                     {"name", shownName(from.name)},
+                     {"to", to.key.text()},
+                     {"newName", shownName(to.name)}},
+                    "",
+                    Style::Normal,
+                    true});
     return ExitDone;
 }
 
@@ -177,7 +210,7 @@ KeyPath beside(const KeyPath& key, const MoveOptions& options)
     const bool slashes = options.key.find('/') < options.key.find('\\'); // both separate in such a key
     if (options.to.empty() || options.to.find_first_of(slashes ? "\\/" : "\\") != std::string::npos)
         throw UsageError("\"" + escaped(options.to, Escape::Name) +
-                         "\" is no name of a key; to put it elsewhere use \"obreg move\"");
+                         R"(" is no name of a key; to put it elsewhere use "obreg move")");
     return key.parent().child(options.to);
 }
 
@@ -196,10 +229,12 @@ Run declareRename(Arguments& arguments)
     const auto pOptions = withKey(arguments);
     arguments.text("NEWNAME", pOptions->to, "Its new name, which nothing beside it may have", Arguments::Required);
     arguments.text("-v,--value", pOptions->value, "Rename this value of KEY, not the key; @ for the unnamed");
+    addDryRunAndBackup(arguments, pOptions->caution);
     return [=, &arguments](Output& output) {
         const KeyPath key = keyArgument(pOptions->key);
-        return arguments.given("--value") ? moveValue(key, pOptions->value, key, pOptions->to, output)
-                                          : moveKey(key, beside(key, *pOptions), output);
+        return arguments.given("--value")
+                   ? moveValue({key, pOptions->value}, {key, pOptions->to}, pOptions->caution, output)
+                   : moveKey(key, beside(key, *pOptions), pOptions->caution, output);
     };
 }
 
@@ -208,11 +243,13 @@ Run declareMove(Arguments& arguments)
     const auto pOptions = withKey(arguments);
     arguments.text("TO", pOptions->to, "Key that it becomes, and that is not there yet", Arguments::Required);
     arguments.text("-v,--value", pOptions->value, "Move this value of KEY into the key TO; @ for the unnamed");
+    addDryRunAndBackup(arguments, pOptions->caution);
     return [=, &arguments](Output& output) {
         const KeyPath key = keyArgument(pOptions->key);
         const KeyPath to = keyArgument(pOptions->to);
-        return arguments.given("--value") ? moveValue(key, pOptions->value, to, pOptions->value, output)
-                                          : moveKey(key, to, output);
+        return arguments.given("--value")
+                   ? moveValue({key, pOptions->value}, {to, pOptions->value}, pOptions->caution, output)
+                   : moveKey(key, to, pOptions->caution, output);
     };
 }
 

@@ -45,11 +45,8 @@ void valueFacts(Output& output, const KeyPath& path, const obreg::Key& key, std:
 {
     const size_t width = nameWidth(values);
     const size_t widthOfType = typeWidth(values);
-    for (ValueEntry& entry : values) {
-        const std::optional<obreg::NamedValue> value = takeValue(key, path, std::move(entry));
-        if (!value)
-            continue;
-        Fact fact = valueFact(path, *value);
+    forEachValue(key, path, values, [&](obreg::NamedValue&& value) {
+        Fact fact = valueFact(path, std::move(value));
         fact.lead = lead;
         fact.fields[0].hidden = true;
         fact.fields[1].width = width;
@@ -57,7 +54,7 @@ void valueFacts(Output& output, const KeyPath& path, const obreg::Key& key, std:
         if (!keyField)
             fact.fields.erase(fact.fields.begin());
         output.fact(fact);
-    }
+    });
 }
 
 obreg::NamedValue readValue(const KeyPath& path, const std::string& name)
@@ -92,26 +89,30 @@ int queryValue(const ReadOptions& options, Output& output)
     return ExitDone;
 }
 
-void printValue(Output& output, const KeyPath& path, const obreg::NamedValue& value)
+void printValue(Output& output, const KeyPath& path, obreg::NamedValue&& value)
 {
-    if (output.form() == Form::Json)
-        output.fact(valueFact(path, value));
-    else if (output.form() == Form::Plain)
-        output.bytes(bareData(value.value) + '\n');
-    else
-        output.bytes(escaped(bareData(value.value), Escape::Screen) + '\n');
+    if (output.form() == Form::Json) {
+        output.fact(valueFact(path, std::move(value)));
+        return;
+    }
+    const bool terminal = output.form() == Form::Terminal;
+    const bool bare = writeBare(
+        value.value, [&](std::string_view piece) { output.bytes(terminal ? escaped(piece, Escape::Screen) : piece); });
+    output.bytes("\n");
+    if (!bare)
+        output.warning("the data cannot be written as the text or number that its type " + typeName(value.value.type) +
+                       " promises: these are its bytes; --raw gives them as they are");
 }
 
 int get(const ReadOptions& options, Output& output)
 {
     const KeyPath path = keyArgument(options.key);
     if (options.names.size() < 2) {
-        const std::string name = options.names.empty() ? "" : options.names.front();
-        const obreg::NamedValue value = readValue(path, name);
+        obreg::NamedValue value = readValue(path, options.names.empty() ? "" : options.names.front());
         if (options.raw)
             output.bytes(value.value.data);
         else
-            printValue(output, path, value);
+            printValue(output, path, std::move(value));
         return ExitDone;
     }
     if (options.raw)
@@ -121,15 +122,15 @@ int get(const ReadOptions& options, Output& output)
     int status = ExitDone;
     for (const std::string& name : options.names) {
         std::error_code error;
-        const obreg::NamedValue value{name, key.get<obreg::Value>(name, error)};
+        obreg::NamedValue value{name, key.get<obreg::Value>(name, error)};
         if (error == obreg::Status::notFound) {
             output.flush();
-            fputs(failureText(output.form() == Form::Json, failureOf(path, &name, error)).c_str(), stderr);
+            output.problem(failureOf(path, &name, error));
             status = ExitNotFound;
             continue;
         }
         check(error, path, &name);
-        printValue(output, path, value);
+        printValue(output, path, std::move(value));
     }
     return status;
 }

@@ -16,35 +16,6 @@ struct TwoKeys {
     uint64_t depth() const { return recursive ? UINT64_MAX : 0; }
 };
 
-/// Tells what a copy changes.
-void tellCopy(RegSink& sink, const KeyPath& from, const KeyPath& to, uint64_t depth)
-{
-    TreeReader reader(from, depth, Read::All);
-    while (TreeReader::Entry* const pEntry = reader.next()) {
-        sink.key(moved(pEntry->path, from, to), {});
-        for (ValueEntry& entry : pEntry->content.values)
-            if (std::optional<obreg::NamedValue> value = takeValue(pEntry->key, pEntry->path, std::move(entry)))
-                sink.value(std::move(value->name), std::move(value->value), {});
-    }
-}
-
-void copyAll(Copier& copier, const KeyPath& from, const KeyPath& to, uint64_t depth)
-{
-    Progress progress("copied", 0);
-    try {
-        TreeReader reader(from, depth, Read::All);
-        while (TreeReader::Entry* const pEntry = reader.next()) {
-            copier.copy(*pEntry, moved(pEntry->path, from, to));
-            progress.update(copier.values());
-        }
-        copier.finish();
-    } catch (Failure& failure) {
-        failure.advice += std::string(failure.advice.empty() ? "" : "; ") + std::to_string(copier.values()) +
-                          " values were copied, and it can be done again";
-        throw;
-    }
-}
-
 int copy(const TwoKeys& options, Output& output)
 {
     const KeyPath from = keyArgument(options.from);
@@ -55,7 +26,14 @@ int copy(const TwoKeys& options, Output& output)
     if (!prepare(options.caution, Rehearsal::Missing::Passes, changes, output))
         return ExitDone;
     Copier copier;
-    carryOut(options.caution, [&] { copyAll(copier, from, to, options.depth()); });
+    carryOut(options.caution, [&] {
+        try {
+            copier.copyTree(from, to, options.depth());
+        } catch (Failure& failure) {
+            failure.addAdvice(std::to_string(copier.values()) + " values were copied, and it can be done again");
+            throw;
+        }
+    });
     output.summary({"copied",
                     {{"from", from.text()}, {"to", to.text()}, {"keys", copier.keys()}, {"values", copier.values()}},
                     "",

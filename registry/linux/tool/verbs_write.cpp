@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <optional>
 
+#include "alarm.h"
 #include "caution.h"
 #include "files.h"
 #include "readtree.h"
@@ -71,7 +72,7 @@ obreg::Value valueOfFile(const WriteOptions& options, UINT32 type)
     obreg::Value value{type, readWhole(options.dataFile)};
     if (value.data.empty())
         throw UsageError(options.dataFile + ": holds nothing, and an empty value cannot be stored");
-    const bool fits = !isNumber(type) || std::holds_alternative<uint64_t>(meaningOf(value));
+    const bool fits = !isNumber(type) || meaningOf(value).kind == Meaning::Number;
     if (options.type.empty() && !fits)
         throw UsageError(options.dataFile + ": holds " + std::to_string(value.data.size()) + " bytes, which are no " +
                          typeName(type));
@@ -168,9 +169,33 @@ int removeValue(const WriteOptions& options, Output& output)
     return ExitDone;
 }
 
+/// Throws Failure, which says how many were deleted.
+void removeValues(const KeyPath& path, const obreg::Key& key, const std::vector<ValueEntry>& values)
+{
+    letInterruptsEndWork(); // again, for a backup looks after signals itself
+    uint64_t done = 0;
+    try {
+        for (const ValueEntry& value : values) {
+            endIfInterrupted();
+            std::error_code error;
+            key.removeValue(value.name, error);
+            if (error != obreg::Status::notFound)
+                check(error, path, &value.name);
+            ++done;
+        }
+    } catch (Failure& failure) {
+        failure.addAdvice("of the values of " + escaped(path.text(), Escape::Name) + ' ' + std::to_string(done) +
+                          " of " + std::to_string(values.size()) + ", in order of name, were deleted");
+        failure.details = {{"deleted", done}};
+        throw;
+    }
+}
+
 int removeAllValues(const WriteOptions& options, Output& output)
 {
     const KeyPath path = keyArgument(options.key);
+    if (!options.caution.dryRun)
+        letInterruptsEndWork(); // already while it reads
     const obreg::Key key = path.open();
     const KeyContent content = readKey(key, path, Read::Values);
     const Changes changes = [&](RegSink& sink) {
@@ -180,14 +205,7 @@ int removeAllValues(const WriteOptions& options, Output& output)
     };
     if (!prepare(options.caution, Rehearsal::Missing::Passes, changes, output))
         return ExitDone;
-    carryOut(options.caution, [&] {
-        for (const ValueEntry& value : content.values) {
-            std::error_code error;
-            key.removeValue(value.name, error);
-            if (error != obreg::Status::notFound)
-                check(error, path, &value.name);
-        }
-    });
+    carryOut(options.caution, [&] { removeValues(path, key, content.values); });
     output.summary({"deleted", {{"key", path.text()}, {"values", content.values.size()}}, "", Style::Normal, true});
     return ExitDone;
 }
@@ -279,7 +297,7 @@ Run declareSet(Arguments& arguments)
         "Text, number, or bytes as hexadecimal digits; several for REG_MULTI_SZ; - for the text on standard input");
     addDataOptions(arguments, *pOptions);
     return [=](Output& output) {
-        if (pOptions->data.empty() && pOptions->dataFile.empty())
+        if (pOptions->data.empty() && pOptions->dataFile.empty() && pOptions->type.empty())
             throw UsageError("give DATA to store, or a --data-file");
         return store(*pOptions, output);
     };

@@ -1,6 +1,8 @@
 #include "writequeue.h"
 
+#include <algorithm>
 #include <functional>
+#include <utility>
 
 #include "parallel.h"
 #include "text.h"
@@ -65,9 +67,10 @@ void WriteQueue::add(Write&& write)
     const size_t size = write.size();
     std::unique_lock lock(m_mutex);
     m_less.wait(lock, [&] {
-        return m_failure || m_unfinished == 0 || (m_unfinished < MaxQueued && m_size + size <= MaxQueuedBytes);
+        return m_stop || m_unfinished == 0 || (m_unfinished < MaxQueued && m_size + size <= MaxQueuedBytes);
     });
-    throwFailure();
+    throwFailure(lock);
+    write.number = m_given++;
     m_size += size;
     ++m_unfinished;
     if (write.name)
@@ -92,11 +95,23 @@ void WriteQueue::settle()
     m_less.wait(lock, [this] { return m_unfinished == 0; });
 }
 
+void WriteQueue::cut()
+{
+    const std::lock_guard lock(m_mutex);
+    const auto late = std::stable_partition(m_writes.begin(), m_writes.end(),
+                                            [this](const Write& write) { return write.number <= m_begun; });
+    for (auto at = late; at != m_writes.end(); ++at)
+        m_size -= at->size();
+    m_unfinished -= static_cast<size_t>(m_writes.end() - late);
+    m_writes.erase(late, m_writes.end());
+    m_less.notify_one();
+}
+
 void WriteQueue::wait()
 {
     settle();
-    const std::lock_guard lock(m_mutex);
-    throwFailure();
+    std::unique_lock lock(m_mutex);
+    throwFailure(lock);
 }
 
 uint64_t WriteQueue::done() const
@@ -105,10 +120,37 @@ uint64_t WriteQueue::done() const
     return m_done;
 }
 
-void WriteQueue::throwFailure() const
+uint64_t WriteQueue::lastLine() const
 {
-    if (m_failure)
-        throw WriteFailure(*m_failure);
+    const std::lock_guard lock(m_mutex);
+    return m_lastLine;
+}
+
+std::vector<WriteFailure> WriteQueue::takeRefused()
+{
+    const std::lock_guard lock(m_mutex);
+    return std::exchange(m_refused, {});
+}
+
+WriteFailure WriteQueue::failureOfStop(std::unique_lock<std::mutex>& lock)
+{
+    m_less.wait(lock, [this] { return m_unfinished == 0; }); // an earlier one may be refused as well
+    const Outcome& first = m_outcomes.at(*m_stop);
+    WriteFailure failure(*first.failure, first.line);
+    for (auto at = m_outcomes.upper_bound(*m_stop); at != m_outcomes.end(); ++at) {
+        const std::optional<Failure>& later = at->second.failure;
+        if (!later)
+            failure.after.push_back(at->second.line);
+        else if (later->status == OBREG_STATUS_REQUEST_FAILED)
+            failure.unknown.push_back(at->second.line);
+    }
+    return failure;
+}
+
+void WriteQueue::throwFailure(std::unique_lock<std::mutex>& lock)
+{
+    if (m_stop)
+        throw failureOfStop(lock);
 }
 
 void WriteQueue::work()
@@ -122,25 +164,47 @@ void WriteQueue::work()
             return;
         Write write = std::move(m_writes.front());
         m_writes.pop_front();
-        std::optional<WriteFailure> failure;
-        if (!m_failure) {
+        m_begun = std::max(m_begun, write.number);
+        if (!isBehindStop(write.number)) {
             lock.unlock();
-            try {
-                run(write);
-            } catch (const Failure& caught) {
-                failure.emplace(caught, write.line);
-            } catch (const std::exception& caught) {
-                failure.emplace(Failure(ExitFailed, caught.what()), write.line);
-            }
-            write.pTarget.reset(); // may close the key
+            Outcome outcome = outcomeOf(write);
             lock.lock();
-            m_done += failure ? 0 : 1;
+            note(write.number, std::move(outcome));
         }
-        if (failure && (!m_failure || failure->line < m_failure->line))
-            m_failure.emplace(*failure);
         m_size -= write.size();
         --m_unfinished;
         m_less.notify_one();
+    }
+}
+
+/// Carries the write out.
+WriteQueue::Outcome WriteQueue::outcomeOf(Write& write)
+{
+    Outcome outcome{write.line, {}};
+    try {
+        run(write);
+    } catch (const Failure& caught) {
+        outcome.failure = caught;
+    } catch (const std::exception& caught) {
+        outcome.failure.emplace(ExitFailed, caught.what());
+    }
+    write.pTarget.reset(); // may close the key
+    return outcome;
+}
+
+void WriteQueue::note(uint64_t number, Outcome&& outcome)
+{
+    if (!outcome.failure)
+        ++m_done;
+    else if ((!m_goesOn || outcome.failure->exit == ExitNoDaemon) && !isBehindStop(number))
+        m_stop = number;
+    m_outcomes.emplace(number, std::move(outcome));
+    auto at = m_outcomes.begin();
+    for (; at != m_outcomes.end() && at->first == m_settled && m_settled != m_stop; ++m_settled) {
+        if (at->second.failure)
+            m_refused.emplace_back(*at->second.failure, at->second.line);
+        m_lastLine = at->second.line;
+        at = m_outcomes.erase(at);
     }
 }
 

@@ -2,7 +2,11 @@
 //
 // Writes that are in flight together share one commit of the daemon, so the queue keeps many threads writing. What the
 // writes leave behind is the same as one after the other: a second write to a value waits for the first. Everything
-// that deletes keys calls wait() first. After a failure nothing more is begun.
+// that deletes keys calls wait() first.
+//
+// The first write that is refused stops the queue: what was given before it is still carried out, nothing later is
+// begun, and the failure tells which of the later ones had been under way. So all that stands is known. A queue that
+// goes on gives the refusals away in the order of the writes; without a daemon it stops as well.
 //
 // Owned and called by one thread.
 #ifndef OBREG_TOOL_WRITEQUEUE_H
@@ -10,6 +14,7 @@
 
 #include <condition_variable>
 #include <deque>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -41,31 +46,42 @@ private:
     obreg::Key m_key;
 };
 
-/// A write that failed.
+/// A write that failed, and what else was done and was not.
 struct WriteFailure : Failure {
     WriteFailure(const Failure& failure, uint64_t lineNumber) : Failure(failure), line(lineNumber) {}
     uint64_t line; ///< what was given with the write
+    // lines, in no certain order
+    std::vector<uint64_t> after;   ///< given after it and carried out all the same
+    std::vector<uint64_t> unknown; ///< begun, and no answer came
 };
 
 class WriteQueue {
 public:
-    WriteQueue() = default;
+    enum AtRefusal { Stop, GoOn };
+
+    explicit WriteQueue(AtRefusal atRefusal = Stop) : m_goesOn(atRefusal == GoOn) {}
     /// Waits for what is in flight; what has not begun is dropped.
     ~WriteQueue();
     WriteQueue(const WriteQueue&) = delete;
     WriteQueue& operator=(const WriteQueue&) = delete;
 
-    /// Each waits while too much is queued, and throws the WriteFailure of an earlier write if there is one.
+    /// Each waits while too much is queued. When the queue has stopped it waits for what is in flight and throws the
+    /// WriteFailure.
     void createKey(const std::shared_ptr<Target>& pTarget, uint64_t line = 0);
     void set(const std::shared_ptr<Target>& pTarget, std::string&& name, obreg::Value&& value, uint64_t line = 0);
     void removeValue(const std::shared_ptr<Target>& pTarget, std::string&& name, uint64_t line = 0);
 
-    /// Waits until nothing is in flight.
+    /// Waits until nothing is queued or in flight.
     void settle();
+    /// Drops what has not begun, unless something given later has.
+    void cut();
     /// The same; throws as the others.
     void wait();
 
-    uint64_t done() const; ///< writes that were carried out
+    uint64_t done() const;     ///< writes that were carried out
+    uint64_t lastLine() const; ///< of the last that was ended, as were all before it
+    /// Those that were refused since the last call, of a queue that goes on.
+    std::vector<WriteFailure> takeRefused();
 
 private:
     struct Write {
@@ -73,14 +89,24 @@ private:
         std::optional<std::string> name;   ///< none: the key only
         std::optional<obreg::Value> value; ///< none: remove
         uint64_t line;
+        uint64_t number = 0; ///< in the order in which they were given
         size_t size() const { return 256 + (name ? name->size() : 0) + (value ? value->data.size() : 0); }
+    };
+    struct Outcome {
+        uint64_t line;
+        std::optional<Failure> failure;
     };
 
     void add(Write&& write);
     void work();
     static void run(Write& write);
-    void throwFailure() const;
+    static Outcome outcomeOf(Write& write);
+    void note(uint64_t number, Outcome&& outcome);
+    bool isBehindStop(uint64_t number) const { return m_stop && number > *m_stop; }
+    WriteFailure failureOfStop(std::unique_lock<std::mutex>& lock);
+    void throwFailure(std::unique_lock<std::mutex>& lock);
 
+    const bool m_goesOn;
     mutable std::mutex m_mutex; // guards all that follows but the threads and m_unsettled
     std::condition_variable m_more;
     std::condition_variable m_less;
@@ -90,7 +116,14 @@ private:
     size_t m_idle = 0; // threads that wait for a write
     uint64_t m_done = 0;
     bool m_ending = false;
-    std::optional<WriteFailure> m_failure; // that of the first line
+
+    uint64_t m_given = 0;                   // the number of the next write
+    uint64_t m_settled = 0;                 // all writes below are done, or refused and noted
+    std::map<uint64_t, Outcome> m_outcomes; // of those from m_settled on that have ended
+    std::optional<uint64_t> m_stop;         // the first that stops the queue
+    uint64_t m_begun = 0;                   // the greatest number of those that have begun
+    uint64_t m_lastLine = 0;
+    std::vector<WriteFailure> m_refused;
 
     std::unordered_set<size_t> m_unsettled; // hashes of the values written since the last wait()
     std::vector<std::thread> m_threads;
