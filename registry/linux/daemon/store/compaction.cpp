@@ -74,12 +74,12 @@ private:
         const Clock::time_point begun = Clock::now();
         const int64_t before = freePages();
         int64_t left = before;
-        for (int64_t last = left + 1;
-             left != 0 && left < last && before - left < PagesOfAPiece && Clock::now() - begun < Hold;) {
+        int64_t last = 0;
+        do {
             last = left;
             m_database.exec("PRAGMA incremental_vacuum(8)");
             left = freePages();
-        }
+        } while (left != 0 && left < last && before - left < PagesOfAPiece && Clock::now() - begun < Hold);
         transaction.commit();
         m_held = Clock::now() - begun;
         return before - left;
