@@ -14,6 +14,28 @@ job=
 
 die() { echo "$(basename "$0"): $*" >&2; exit 1; }
 
+# The comment that a script begins with.
+print_help() { sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$0"; }
+
+last_step=
+last_began=
+# progress STEP : a line about what begins now, and how long what came before has taken.
+progress() {
+    echo "... $1${last_step:+ ($last_step took $((SECONDS - last_began)) s)}"
+    last_step=$1 last_began=$SECONDS
+}
+
+# What every daemon and test here runs in; to be asked for before anything long begins.
+need_namespaces() {
+    local why
+    ! why=$(tests/support/in-namespace.sh true 2>&1) ||
+        return 0
+    die "this needs a private mount namespace, and cannot have one: $why
+Run it as root (in a container: with --privileged), or let users have namespaces, as root:
+    sysctl kernel.unprivileged_userns_clone=1 user.max_user_namespaces=10000 kernel.apparmor_restrict_unprivileged_userns=0
+(those of them that this system knows)"
+}
+
 end_job() {
     [ -n "$job" ] || return 0
     local group=-$job
@@ -48,16 +70,20 @@ is_installed() { [ "$(dpkg-query -W -f '${db:Status-Status}' "$1" 2>/dev/null)" 
 
 # install_missing LOG PACKAGE... : installs those that are not there; calls no package manager when all are.
 install_missing() {
-    local log=$1 package missing=()
+    local log=$1 package program missing=()
     shift
     if ! command -v dpkg-query >/dev/null; then
+        for program in cmake ninja c++; do
+            command -v "$program" >/dev/null || die "this is not a Debian system, and there is no $program; install what these packages hold: $*"
+        done
         echo "This is not a Debian system; going on in the hope that there is what these packages hold: $*"
         return
     fi
     for package; do is_installed "$package" || missing+=("$package"); done
     [ ${#missing[@]} != 0 ] || return 0
     [ "$(id -u)" = 0 ] || die "these packages are missing and only root can install them: apt-get install ${missing[*]}"
-    echo "Installing ${missing[*]}"
+    command -v apt-get >/dev/null || die "these packages are missing, and there is no apt-get to install them: ${missing[*]}"
+    progress "installing ${missing[*]}"
     run_job apt_install "${missing[@]}" >"$log" 2>&1 || { tail -n 20 "$log" >&2; die "installing failed; all of it: $log"; }
 }
 

@@ -77,5 +77,10 @@ for name, value in statuses:
                          ("docs/library.md", f"\n| {value} | `OBREG_STATUS_{name}` |"),
                          ("docs/daemon.md", f"`OBREG_STATUS_{name}`" if value.startswith("0xC7F2") else "")):
         expect(words in texts[where], f"{where}: {name} {value} is missing")
+LOGGED = r"\b(?:logLine|warn|cutOff|enter|writeText)\(((?:(?!LOG_NOTICE|LOG_DEBUG)[^;\"])*\".*?)\);"
+for path, text in texts.items():  # what stays the same in the texts of warnings and errors
+    for call in re.findall(LOGGED, text, re.S) if "/daemon/" in path and path.endswith(".cpp") else ():
+        for piece in re.split(r"%\w*|\0", "\0".join(re.findall('"(.*?)"', re.sub(r'"\s+(?:PRIu64\s+)?"', "", call)))):
+            expect(piece.strip(" :;()") in texts["docs/log-messages.md"], f"docs/log-messages.md lacks {path}: {piece}")
 print("\n".join(mistakes) or f"{len(texts)} files, {len(declared)} exported names, {len(statuses)} statuses")
 sys.exit(bool(mistakes))

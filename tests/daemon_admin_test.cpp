@@ -31,7 +31,9 @@ TEST_F(Administration, CommandLineAnswersBesideARunningDaemon)
     EXPECT_EQ(run(" --check"), 0);
     EXPECT_EQ(run(" --backup " + (m_folder / "backup")), 0);
     EXPECT_EQ(run(" --backup " + (m_folder / "backup")), 1);
-    EXPECT_GT(run(" --check --backup " + (m_folder / "other")), 1) << "both at once is a mistake";
+    EXPECT_EQ(run(" --compact"), 0);
+    for (const char* pOther : {" --check --backup ", " --compact --backup "})
+        EXPECT_GT(run(pOther + (m_folder / "other")), 1) << "both at once is a mistake";
     m_daemon.stop(SIGTERM);
     SQLite::Database(m_store, SQLite::OPEN_READWRITE).exec("UPDATE regkey SET value_count = 1 WHERE id = 1");
     EXPECT_EQ(run(" --check"), 1);

@@ -1,5 +1,5 @@
 // The daemon's store: places in enumerations against what SQLite counts, what is too long for a brief store, damage,
-// backups, upgrade, and what is cleared away in pieces.
+// backups, upgrade, compaction, and what is cleared away in pieces.
 #include <atomic>
 #include <deque>
 #include <filesystem>
@@ -9,7 +9,9 @@
 #include <sqlite3.h>
 #include <thread>
 
+#include "daemon/files.h"
 #include "daemon/handlers.h"
+#include "daemon/store/compaction.h"
 #include "obreg/roots.h"
 #include "support/encoded.h"
 #include "support/scale.h"
@@ -253,6 +255,39 @@ TEST_F(StoreTest, ABackupIsOneStateOfAStoreThatIsBeingWritten)
     EXPECT_THROW(backUpStore(m_path, m_folder / "backup0"), std::runtime_error) << "there is one already";
     for (const auto& entry : std::filesystem::directory_iterator(m_folder / ""))
         EXPECT_EQ(entry.path().extension(), "") << "left over";
+}
+
+TEST_F(StoreTest, CompactingGivesTheDiskBackWhatDeletionsLeft)
+{
+    for (const char* pMadeFor : {"NONE", "INCREMENTAL"}) {
+        m_pWriter.reset();
+        fromOutside(std::string("PRAGMA auto_vacuum = ") + pMadeFor + "; VACUUM"); // as an older daemon made it, or not
+        m_pWriter.emplace(m_path);
+        const KeyId large = makeKey(900, std::string(15000, 'x'));
+        const KeyId kept = makeKey(20, std::string(15000, 'y'));
+        commit([&](WritableStore& store) { store.removeKey(store.key(large).value()); });
+        m_pWriter->restartLog();
+        if (*pMadeFor == 'N') {
+            const StoreLock daemons(m_path);
+            EXPECT_THROW(compactStore(m_path), std::runtime_error) << "it is rewritten as a whole";
+        }
+        if (*pMadeFor == 'N')
+            m_pWriter.reset();
+        const Compaction done = compactStore(m_path);
+        EXPECT_TRUE(done.isInFile);
+        EXPECT_GT(done.before, 13'000'000);
+        EXPECT_LT(done.after, 1'000'000);
+        EXPECT_EQ(done.after, std::filesystem::file_size(m_path));
+        if (!m_pWriter)
+            m_pWriter.emplace(m_path);
+        makeKey(10);
+        expectSound();
+        EXPECT_TRUE(m_pWriter->hasValue(kept, "v19"));
+        commit([&](WritableStore& store) { store.removeKey(store.key(kept).value()); });
+        EXPECT_LT(compactStore(m_path).after, done.after) << "beside a writer, whatever it was made for";
+    }
+    fromOutside("PRAGMA application_id = 0");
+    EXPECT_THROW(compactStore(m_path), std::runtime_error) << "it is not ours";
 }
 
 TEST_F(StoreTest, AnEarlierFormatIsCopiedAndUpgraded)

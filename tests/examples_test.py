@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""The examples and what the README shows, run as a reader would:
+"""The examples and what README and docs show, run as a reader would:
 examples_test.py OBREGD SOURCES LIBRARY PROGRAM...
 
-PROGRAMs are the built examples. The README's blocks in C, C++ and Python are built and run, its console blocks typed
+PROGRAMs are the built examples. The pages' blocks in C, C++ and Python are built and run, their console blocks typed
 line by line, and what they print compared. Runs in a mount namespace of its own (in-namespace.sh).
 """
 import os
@@ -16,8 +16,10 @@ daemon, sources, library, *programs = sys.argv[1:]
 folder = os.path.dirname(library)
 with open(library, "rb") as elf:
     bits = {1: 32, 2: 64}[elf.read(5)[4]]
-with open(os.path.join(sources, "README.md"), encoding="utf-8") as readme:
-    text = readme.read()
+text = ""
+for page in "README.md", "docs/library.md", "docs/shell.md":
+    with open(os.path.join(sources, page), encoding="utf-8") as file:
+        text += file.read()
 
 work = tempfile.TemporaryDirectory()
 os.chdir(work.name)
@@ -35,7 +37,7 @@ def run(*words):
 def blocks(language):
     found = re.findall(rf"^```{language}\n(.*?)^```", text, re.M | re.S)
     if not found:
-        sys.exit(f"the README has no block in {language}")
+        sys.exit(f"the pages have no block in {language}")
     return found
 
 

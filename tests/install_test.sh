@@ -27,8 +27,9 @@ fi
 # What else there must be, by the components of the build.
 expected=(include/obreg/{obreg.h,roots.h,registry.hpp,status.hpp,value.hpp} share/cmake/obreg/obreg-config.cmake)
 if grep -q ELF64 <<<"$class"; then
-    expected+=(bin/obreg sbin/obregd lib/systemd/system/obregd.{service,socket} lib/{sysusers,tmpfiles}.d/obregd.conf
-               libexec/obregd-own-files share/zsh/vendor-completions/_obreg)
+    expected+=(bin/obreg sbin/obregd lib/systemd/system/obregd{,-backup,-compact}.service
+               lib/systemd/system/{obregd.socket,obregd-{backup,compact}.timer} lib/{sysusers,tmpfiles}.d/obregd.conf
+               libexec/obregd-{own-files,backup} share/doc/obregd/log-messages.md share/zsh/vendor-completions/_obreg)
     # The manual is there, or scdoc was not.
     [ "$(value_of OBREG_SCDOC)" = OBREG_SCDOC-NOTFOUND ] ||
         expected+=(share/man/man{3/OBRegCloseKey.3,7/obreg.7,8/obregd.8})

@@ -51,8 +51,15 @@ inside /usr/libexec/obregd-own-files
 [ "$(inside stat -c %U /etc/shadow /etc/passwd | uniq)" = root ] || fail "the daemon has got what is not its own"
 inside rm "$folder/registry.db-old" "$folder/registry.db.link"
 as_itself --check | grep -F "sound" || fail "its own user cannot use what root's daemon has left"
+backups=/var/backups/obregd
+for day in 1 2 3 4 5 6 7; do inside touch "$backups/registry-2020-01-0${day}_000000.db"; done
+inside setpriv --reuid obregd --regid obregd --clear-groups /usr/libexec/obregd-backup "$backups" /usr/sbin/obregd
+[ "$(inside find "$backups" -name '*.db' | sort | sed -n '1p;$=')" = "$backups/registry-2020-01-02_000000.db
+7" ] || fail "not the last seven backups are kept"
+[ "$(inside stat -c '%U %a' "$backups")" = "obregd 700" ] || fail "others can look into the backups"
 # shellcheck disable=SC2086 # a list
 inside dpkg --purge $names >>/mnt/dpkg.log 2>&1 || { cat /mnt/dpkg.log; fail "they cannot be purged"; }
+inside rm -r "$backups" # they have stayed, as the store has
 
 # The system's own records, and this test's files; systemd-sysusers keeps the user that the store belongs to.
 left=$(cd /mnt/changes && find . \( -type f -o -type l \) -print | grep -vE \

@@ -1,5 +1,6 @@
 // obregd: the reference registry daemon. See docs/daemon.md for what it decides.
 #include <algorithm>
+#include <cinttypes>
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -15,6 +16,7 @@
 #include "daemon/options.h"
 #include "daemon/serve/server.h"
 #include "daemon/serve/storeguard.h"
+#include "daemon/store/compaction.h"
 #include "daemon/store/diskspace.h"
 #include "daemon/store/maintenance.h"
 #include "daemon/store/quickcheck.h"
@@ -149,11 +151,21 @@ void serve(const Options& options)
     logLine(LOG_NOTICE, "stopped");
 }
 
-/// Says about the store what was asked; the exit status.
+int compact(const std::string& store)
+{
+    const Compaction done = compactStore(store);
+    std::printf("%s: %" PRIu64 " KiB before, %" PRIu64 " KiB now%s\n", store.c_str(), done.before / 1024,
+                done.after / 1024, done.isInFile ? "" : "; less once the daemon has moved its log into the file");
+    return 0;
+}
+
+/// Does with the store what was asked, and says what came of it; the exit status.
 int maintain(const Options& options)
 {
     const bool check = options.check;
     const std::string& store = options.storePath;
+    if (options.compact)
+        return compact(store);
     const StoreReport report = check ? checkStore(store) : backUpStore(store, *options.backupPath);
     for (const std::string& problem : report.problems)
         std::printf("%s: %s\n", store.c_str(), problem.c_str());
@@ -177,7 +189,7 @@ int main(int argc, char** argv)
         return exitCode;
     CDebugLevel = options->verbosity;
     umask(0077); // the store and the locks are nobody else's
-    const bool toServe = !options->check && !options->backupPath;
+    const bool toServe = !options->check && !options->backupPath && !options->compact;
     if (toServe)
         openLog();
     std::signal(SIGPIPE, SIG_IGN);

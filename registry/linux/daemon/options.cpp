@@ -66,10 +66,14 @@ std::optional<Options> parseOptions(int argc, const char* const* argv, int* pExi
         ->capture_default_str();
     CLI::Option* const pCheck = app.add_flag(
         "--check", options.check, "Check the store instead, which a daemon may be using; 1 if it is unsound");
-    app.add_option("--backup", options.backupPath,
-                   "Copy the store, which a daemon may be using, into a new file instead")
-        ->type_name("FILE")
-        ->excludes(pCheck);
+    CLI::Option* const pBackup = app.add_option("--backup", options.backupPath,
+                                                "Copy the store, which a daemon may be using, into a new file instead")
+                                     ->type_name("FILE")
+                                     ->excludes(pCheck);
+    app.add_flag("--compact", options.compact,
+                 "Give the disk back what the store's file does not use, beside a daemon, instead")
+        ->excludes(pCheck)
+        ->excludes(pBackup);
     app.add_flag("-v,--verbose", options.verbosity, "Log connections and trace messages; twice for more");
     app.footer("Sizes are in bytes; K, M and G are understood.");
 

@@ -39,6 +39,7 @@ struct Options {
     std::string socketPath = "/var/opt/quorlin/ombrel/obregd/reg-socket";
     std::string storePath;                 ///< never empty after parseOptions
     bool check = false;                    ///< check the store instead of serving
+    bool compact = false;                  ///< give the disk back what it does not use, instead of serving
     std::optional<std::string> backupPath; ///< copy the store there instead of serving
     Limits limits;
     Quota quota;

@@ -10,7 +10,7 @@ namespace {
 
 constexpr int64_t RowBytes = 48;                    // what a change takes beside name and data, about
 constexpr int64_t LeastSize = int64_t{1024} * 1024; // what watchers need
-constexpr int64_t MaxDataShare = 1024; // data that takes more of the journal than such a part is not kept
+constexpr int64_t MaxDataShare = 1024;              // data that takes more of the journal than such a part is not kept
 
 constexpr const char* Add = "INSERT INTO change (number, position, time, uid, pid, kind, key, parent, name, length) "
                             "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, nullif(?10, 0))";

@@ -149,18 +149,23 @@ void upgrade(SQLite::Database& database, const std::string& path, int format)
 
 } // namespace
 
+bool isStore(SQLite::Database& database)
+{
+    return database.execAndGet("PRAGMA application_id").getInt() == ApplicationId;
+}
+
 const std::string& prepareStoreFile(const std::string& path)
 {
     try {
         SQLite::Database database(path, SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE | SQLite::OPEN_NOMUTEX);
-        const int id = database.execAndGet("PRAGMA application_id").getInt();
         const int version = database.execAndGet("PRAGMA user_version").getInt();
         const int tables = database.execAndGet("SELECT count(*) FROM sqlite_schema").getInt();
-        if (id == 0 && version == 0 && tables == 0) {
+        if (!isStore(database) && version == 0 && tables == 0) {
+            database.exec("PRAGMA auto_vacuum = INCREMENTAL"); // for compactStore(); before anything is in the file
             database.exec("PRAGMA journal_mode = WAL");
             makeTables(database);
             logLine(LOG_WARNING, "made a new, empty registry at %s", path.c_str());
-        } else if (id != ApplicationId) {
+        } else if (!isStore(database)) {
             throw std::runtime_error(path + ": is not a registry store; give another path with --store");
         } else if (version > 0 && version < StoreFormat) {
             upgrade(database, path, version);

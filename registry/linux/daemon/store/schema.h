@@ -9,6 +9,10 @@
 
 #include <string>
 
+namespace SQLite {
+class Database;
+}
+
 namespace obregd {
 
 inline constexpr int StoreFormat = 3;
@@ -16,6 +20,9 @@ inline constexpr int StoreFormat = 3;
 /// Makes the file with its tables and roots when there is none, else makes sure that it is one of ours and of this
 /// format. Throws std::runtime_error with a message for the operator. Returns path.
 const std::string& prepareStoreFile(const std::string& path);
+
+/// Whether it is one of ours, of whatever format.
+bool isStore(SQLite::Database& database);
 
 } // namespace obregd
 
