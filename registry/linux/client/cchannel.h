@@ -123,7 +123,7 @@ private:
     bool receiveData(uint32_t reqId, int payloadLength);
     ssize_t receive(char* pBuff, size_t length) const;
     ClientReq* findReq(uint32_t reqId) const;
-    bool alone() const { return m_rcMap.size() <= 1; }
+    bool alone() const { return m_rcMap.young() <= 1; }
     void failPendingReqs();
 
     std::atomic<ChannelStates> m_state{State_Uninitialized};

@@ -28,7 +28,7 @@ public:
         if (place != m_entries.end() && place->reqId == reqId)
             return false;
         m_entries.insert(place, {reqId, pClientReq});
-        m_size.store(m_entries.size(), std::memory_order_relaxed);
+        countYoung();
         return true;
     }
 
@@ -39,7 +39,7 @@ public:
         if (place == m_entries.end() || place->reqId != reqId)
             return false;
         m_entries.erase(place);
-        m_size.store(m_entries.size(), std::memory_order_relaxed);
+        countYoung();
         return true;
     }
 
@@ -50,8 +50,10 @@ public:
         return place != m_entries.end() && place->reqId == reqId ? place->pClientReq : nullptr;
     }
 
-    /// As it was a moment ago, for who does not hold the lock that guards the rest.
-    size_t size() const { return m_size.load(std::memory_order_relaxed); }
+    /// How many there are that were made lately: those that the daemon keeps until something changes do not count, once
+    /// some other requests have come and gone. As it was a moment ago, for who does not hold the lock that guards the
+    /// rest.
+    size_t young() const { return m_young.load(std::memory_order_relaxed); }
 
     /// In ascending order of ids.
     std::vector<Entry>::const_iterator begin() const { return m_entries.begin(); }
@@ -67,8 +69,16 @@ private:
         return std::lower_bound(m_entries.begin(), m_entries.end(), reqId, less) - m_entries.begin();
     }
 
+    void countYoung()
+    {
+        constexpr uint32_t Lately = 64; // requests
+        const uint32_t newest = m_entries.empty() ? 0 : m_entries.back().reqId;
+        const ptrdiff_t old = newest < Lately ? 0 : position(newest - Lately);
+        m_young.store(m_entries.size() - static_cast<size_t>(old), std::memory_order_relaxed);
+    }
+
     std::vector<Entry> m_entries;
-    std::atomic<size_t> m_size{0};
+    std::atomic<size_t> m_young{0};
 };
 
 #endif

@@ -342,8 +342,8 @@ void Connection::answer(Job& job)
 void Connection::handOn(JobPtr pJob)
 {
     longReadOver();
-    if (pJob->wait)
-        return wait(std::move(pJob), *std::exchange(pJob->wait, std::nullopt));
+    if (const std::optional<Wait> more = std::exchange(pJob->wait, std::nullopt))
+        return wait(std::move(pJob), *more);
     pJob->needsWriter = false;
     if (m_host.isEnding())
         queue(pJob->reqId, Reply());

@@ -1,5 +1,6 @@
 #include "daemon/store/changes.h"
 
+#include <ranges>
 #include <vector>
 
 #include "daemon/store/statements.h"
@@ -97,10 +98,10 @@ const std::optional<std::string>& ChangeReader::pathBelow(KeyId id, Below& known
         }
         up = found->parent;
     }
-    for (auto step = way.rbegin(); step != way.rend(); ++step) {
+    for (const auto& [key, name] : std::views::reverse(way)) {
         const std::optional<std::string>& above = known.at(up);
-        known.emplace(step->first, above ? std::optional(joined(*above, step->second)) : std::nullopt);
-        up = step->first;
+        known.emplace(key, above ? std::optional(joined(*above, name)) : std::nullopt);
+        up = key;
     }
     return known.at(id);
 }
