@@ -1,6 +1,6 @@
 #include "daemon/store/changes.h"
 
-#include <ranges>
+#include <algorithm>
 #include <vector>
 
 #include "daemon/store/statements.h"
@@ -98,7 +98,8 @@ const std::optional<std::string>& ChangeReader::pathBelow(KeyId id, Below& known
         }
         up = found->parent;
     }
-    for (const auto& [key, name] : std::views::reverse(way)) {
+    std::reverse(way.begin(), way.end());
+    for (const auto& [key, name] : way) {
         const std::optional<std::string>& above = known.at(up);
         known.emplace(key, above ? std::optional(joined(*above, name)) : std::nullopt);
         up = key;
