@@ -95,7 +95,8 @@ protected:
     const std::string m_socket = m_folder / "s";
     const std::string m_store = m_folder / "durable.db";
     const std::string m_journal = m_folder / "journal";
-    RunningDaemon m_daemon{m_socket, m_store};
+    // A short journal: each power failure copies and checks the whole store.
+    RunningDaemon m_daemon{m_socket, m_store, {"--history=2M"}};
     std::mt19937 m_random{std::random_device{}()};
     std::array<int, Writers> m_begun{};
     std::array<std::array<int, Slots>, Writers> m_answered{};
