@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstring>
+#include <iterator>
 #include <strings.h>
 
 #include "daemon/store/clock.h"
@@ -12,7 +13,6 @@ namespace obregd {
 namespace {
 
 constexpr std::chrono::milliseconds LongestWait = std::chrono::minutes(10);
-constexpr const char* Changes = "Changes";
 
 /// Takes a number off the front of a text, and the space behind it.
 template <class Number>
@@ -29,17 +29,20 @@ class DynamicTree : public Tree {
 public:
     std::optional<Key> key(KeyId id) override
     {
-        if (id != DynamicId && id != ChangesId)
-            return std::nullopt;
-        const bool root = id == DynamicId;
-        return Key{id, root ? 0 : DynamicId, NobodysOwner, timeNow(), root ? UINT32{1} : 0, 0};
+        if (id == DynamicId)
+            return Key{id, 0, NobodysOwner, timeNow(), static_cast<UINT32>(std::size(DynamicKeys)), 0};
+        for (const DynamicKey& key : DynamicKeys)
+            if (key.id == id)
+                return Key{id, DynamicId, NobodysOwner, timeNow(), 0, 0};
+        return std::nullopt;
     }
 
     std::optional<KeyId> child(KeyId parent, const std::string& name) override
     {
-        if (parent != DynamicId || strcasecmp(name.c_str(), Changes) != 0)
-            return std::nullopt;
-        return ChangesId;
+        for (const DynamicKey& key : DynamicKeys)
+            if (parent == DynamicId && strcasecmp(name.c_str(), key.pName) == 0)
+                return key.id;
+        return std::nullopt;
     }
 
     bool wasIssued(KeyId /*id*/) override { return false; }
@@ -49,14 +52,17 @@ public:
     {
         if (index >= key.subKeys)
             return std::nullopt;
-        return SubKeyEntry{Changes, key.written};
+        return SubKeyEntry{DynamicKeys[index].pName, key.written};
     }
 
     std::optional<ValueEntry> valueAt(const Key& /*key*/, UINT32 /*index*/) override { return std::nullopt; }
 
     Longest longest(const Key& key) override
     {
-        return {key.subKeys == 0 ? 0 : static_cast<UINT32>(std::strlen(Changes)), 0, 0};
+        size_t name = 0;
+        for (size_t i = 0; i < key.subKeys; ++i)
+            name = std::max(name, std::strlen(DynamicKeys[i].pName));
+        return {static_cast<UINT32>(name), 0, 0};
     }
 };
 

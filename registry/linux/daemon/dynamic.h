@@ -25,6 +25,14 @@ namespace obregd {
 inline constexpr KeyId DynamicId = LastKeyId + 1;
 inline constexpr KeyId ChangesId = DynamicId + 1;
 
+/// The keys of HKEY_DYN_DATA, each with a handle of its own.
+struct DynamicKey {
+    KeyId id;
+    uint32_t handle;
+    const char* pName;
+};
+inline constexpr DynamicKey DynamicKeys[] = {{ChangesId, 0x80000010, "Changes"}};
+
 /// What a query of Changes asks for.
 struct Wait {
     Watched watched;

@@ -15,15 +15,20 @@ constexpr REGSTATUS Success = OBREG_STATUS_SUCCESS;
 const struct {
     HANDLE handle;
     KeyId id;
-} Roots[] = {{HKEY_CLASSES_ROOT, ClassesId}, {HKEY_LOCAL_MACHINE, MachineId},
-             {HKEY_USERS, UsersId},          {HKEY_PERFORMANCE_DATA, PerformanceId},
-             {HKEY_DYN_DATA, DynamicId},     {reinterpret_cast<HANDLE>(uintptr_t{0x80000010}), ChangesId}};
+} Roots[] = {{HKEY_CLASSES_ROOT, ClassesId},
+             {HKEY_LOCAL_MACHINE, MachineId},
+             {HKEY_USERS, UsersId},
+             {HKEY_PERFORMANCE_DATA, PerformanceId},
+             {HKEY_DYN_DATA, DynamicId}};
 
 HANDLE handleOf(KeyId id)
 {
     for (const auto& root : Roots)
         if (root.id == id)
             return root.handle;
+    for (const DynamicKey& key : DynamicKeys)
+        if (key.id == id)
+            return reinterpret_cast<HANDLE>(uintptr_t{key.handle});
     return reinterpret_cast<HANDLE>(static_cast<uintptr_t>(id));
 }
 
@@ -50,7 +55,12 @@ KeyId idOf(const Session& session, HANDLE handle)
         if (root.handle == handle)
             return root.id;
     const auto number = reinterpret_cast<uintptr_t>(handle);
-    return number > PerformanceId && number <= LastKeyId ? static_cast<KeyId>(number) : 0;
+    if (number > PerformanceId && number <= LastKeyId)
+        return static_cast<KeyId>(number);
+    for (const DynamicKey& key : DynamicKeys)
+        if (key.handle == number)
+            return key.id;
+    return 0;
 }
 
 REGSTATUS findById(const Session& session, KeyId id, Key& key)
