@@ -47,8 +47,8 @@ class WithDaemon(unittest.TestCase):
         self.start()
         self.expect(0, "add", r"HKLM/Software\Acme")  # once there is a slash, both separate
 
-    def start(self):
-        self.daemon = subprocess.Popen([os.environ["OBREGD"]], stderr=subprocess.PIPE)
+    def start(self, *options):
+        self.daemon = subprocess.Popen([os.environ["OBREGD"], *options], stderr=subprocess.PIPE)
         self.assertTrue(any(b"listening on" in line for line in self.daemon.stderr))
 
     def tearDown(self):
@@ -181,7 +181,9 @@ class WithDaemon(unittest.TestCase):
 
     def test_import_checks_first_and_says_where_it_failed(self):
         header = "REGEDIT4\n[HKLM\\Software\\Acme\\In]\n"
-        too_big = "x" * (65 << 20)  # the daemon takes 64 MiB
+        self.tearDown()
+        self.start("--max-payload", "1M")
+        too_big = "x" * (1 << 20)
         for status, lines, said in [
                 (5, '"b"=oops', "line 4, column 5"), (4, f"[HKLM\\{'n' * 300}]", "line 4: HKEY_LOCAL_MACHINE"),
                 (4, "[HKLM" + "\\k" * 513 + "]", "BAD_NAME"), (4, f'"{"n" * 16384}"="1"', "BAD_NAME"),

@@ -109,10 +109,10 @@ int wrongUsage(const Common& common, const std::string& what, const char* pVerb)
     return ExitUsage;
 }
 
-using Words = std::vector<const char*>;
+using RawWords = std::vector<const char*>;
 
 /// The number of the first word that is no option, where the verb belongs; the number of words when there is none.
-size_t placeOfVerb(const Words& words)
+size_t placeOfVerb(const RawWords& words)
 {
     size_t i = 1;
     while (i < words.size() && words[i][0] == '-')
@@ -121,9 +121,9 @@ size_t placeOfVerb(const Words& words)
 }
 
 /// The words as the grammar has them: no -- in front of the verb, and "help" as the option.
-Words plainWords(int argc, const char* const* argv)
+RawWords plainWords(int argc, const char* const* argv)
 {
-    Words words(argv, argv + argc);
+    RawWords words(argv, argv + argc);
     const auto isMark = [](const char* pWord) { return strcmp(pWord, "--") == 0; };
     const auto verb = [&words] { return words.begin() + static_cast<std::ptrdiff_t>(placeOfVerb(words)); };
     if (const auto mark = std::find_if(words.begin(), verb(), isMark); mark != verb())
@@ -184,7 +184,7 @@ int runTool(int argc, const char* const* argv)
             puts(word.c_str());
         return ExitDone;
     }
-    const Words words = plainWords(argc, argv);
+    const RawWords words = plainWords(argc, argv);
     const size_t place = placeOfVerb(words);
     const char* const pVerb = place < words.size() ? words[place] : nullptr;
     try {

@@ -13,7 +13,7 @@ namespace obregtool {
 
 namespace {
 
-constexpr size_t PieceSize = size_t{64} * 1024;
+constexpr size_t ReadSize = size_t{64} * 1024;
 
 int keepOpen(FILE* /*pFile*/) { return 0; }
 
@@ -30,7 +30,7 @@ File openToRead(const std::string& name)
 template <class Take>
 void readPieces(FILE* pFile, const std::string& name, const Take& take)
 {
-    std::string piece(PieceSize, '\0');
+    std::string piece(ReadSize, '\0');
     errno = 0;
     while (const size_t count = fread(piece.data(), 1, piece.size(), pFile))
         take(std::string_view(piece.data(), count));

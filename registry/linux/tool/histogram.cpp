@@ -9,7 +9,7 @@ namespace obregtool {
 
 namespace {
 
-constexpr uint64_t BarWidth = 50;
+constexpr uint64_t LongestBar = 50;
 
 double tenths(double number) { return std::round(number * 10) / 10; }
 
@@ -57,7 +57,7 @@ void Histogram::draw(Output& output)
         char label[48];
         const double upTo = upperEnd(static_cast<size_t>(pBar - bars.begin()) * PerDoubling + PerDoubling - 1);
         snprintf(label, sizeof(label), "\33[K< %9.0f us %9llu ", upTo, static_cast<unsigned long long>(*pBar));
-        text += label + std::string(static_cast<size_t>(*pBar * BarWidth / longest), '#') + '\n';
+        text += label + std::string(static_cast<size_t>(*pBar * LongestBar / longest), '#') + '\n';
     }
     output.bytes(text);
     output.flush();

@@ -9,7 +9,7 @@ namespace {
 // Where a batch ends.
 constexpr auto BatchTime = std::chrono::milliseconds(10);
 constexpr size_t BatchBytes = size_t{4} * 1024 * 1024;
-constexpr size_t PagesOfOne = 8192; // what a small write adds to the log, about
+constexpr size_t BytesOfOne = 8192; // what a small write adds to the log, about
 
 /// Whoever has a write done that takes so much longer than the disk takes for any leaves it to the others for ten times
 /// as long.
@@ -78,7 +78,7 @@ JobList Committer::runBatch(JobPtr pFirst)
             --more;
         }
         if (pJob != nullptr)
-            bytes += pJob->cost() + PagesOfOne;
+            bytes += pJob->cost() + BytesOfOne;
         return pJob;
     };
     JobList batch = m_transactions.run(std::ref(next));

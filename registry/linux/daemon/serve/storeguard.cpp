@@ -6,11 +6,10 @@ namespace obregd {
 
 namespace {
 
-constexpr uint64_t PageSize = 4096;
 constexpr uint64_t PagesOfOne = 3;              // that a small write changes, when it comes with others
 constexpr uint64_t Least = uint64_t{64} * 1024; // what the first one may take
 
-uint64_t toWrite(const Job& job) { return job.cost() + PagesOfOne * PageSize; }
+uint64_t toWrite(const Job& job) { return job.cost() + PagesOfOne * StorePageSize; }
 
 } // namespace
 
@@ -20,7 +19,7 @@ bool StoreGuard::look(const Job& first)
     m_store.journal().keepData(!m_space.isShort());
     m_wanted = Least;
     m_granted = 0;
-    m_inLog = static_cast<uint64_t>(m_store.logPages()) * PageSize;
+    m_inLog = static_cast<uint64_t>(m_store.logPages()) * StorePageSize;
     return !m_kept || first.pOperation->frees || grants(m_wanted + toWrite(first)) || m_inLog == 0;
 }
 
@@ -39,7 +38,7 @@ REGSTATUS StoreGuard::judge(const Job& job)
 bool StoreGuard::grants(uint64_t bytes)
 {
     if (bytes > m_granted)
-        m_granted = m_space.grant({bytes, m_inLog, m_store.freePages() * PageSize});
+        m_granted = m_space.grant({bytes, m_inLog, m_store.freePages() * StorePageSize});
     return bytes <= m_granted;
 }
 
@@ -55,7 +54,7 @@ bool StoreGuard::tidy()
 {
     m_check.stop(); // it keeps the log from beginning anew
     const bool restarted = m_store.restartLog();
-    m_inLog = restarted ? 0 : static_cast<uint64_t>(m_store.finishTidying()) * PageSize;
+    m_inLog = restarted ? 0 : static_cast<uint64_t>(m_store.finishTidying()) * StorePageSize;
     return restarted;
 }
 

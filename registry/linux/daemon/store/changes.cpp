@@ -13,7 +13,7 @@ constexpr size_t MaxLevels = 1024;             // more than any path has: no cir
 constexpr size_t MostText = size_t{64} * 1024; // told at once; the rest when it is asked for
 constexpr const char* Kinds[] = {"", "key-made", "key-deleted", "value-set", "value-deleted"};
 
-constexpr const char* Since = "SELECT number, kind, key, parent, name FROM change WHERE number > ? ORDER BY number";
+constexpr const char* Later = "SELECT number, kind, key, parent, name FROM change WHERE number > ? ORDER BY number";
 /// Of a key that is deleted, where it was.
 constexpr const char* WhereIs = "SELECT parent, name FROM regkey WHERE id = ?1 "
                                 "UNION ALL SELECT parent, name FROM change WHERE key = ?1 AND kind = 2 LIMIT 1";
@@ -26,7 +26,7 @@ std::string joined(const std::string& path, const std::string& name)
 } // namespace
 
 ChangeReader::ChangeReader(SQLite::Database& database)
-    : m_journal(database), m_since(database, Since), m_place(database, WhereIs)
+    : m_journal(database), m_since(database, Later), m_place(database, WhereIs)
 {}
 
 Told ChangeReader::told(const Watched& watched, int64_t mostRows)

@@ -26,17 +26,17 @@ constexpr int Incremental = 2; // PRAGMA auto_vacuum
 constexpr auto Hold = std::chrono::milliseconds(10);
 constexpr int64_t PagesOfAPiece = 256;
 constexpr auto LeastPause = std::chrono::milliseconds(50);
-constexpr int PauseFactor = 10;
+constexpr int RestFactor = 10;
 constexpr int LongLog = 4000; // pages; the daemon tidies it up by then, unless somebody is in the way
-constexpr auto Look = std::chrono::milliseconds(100);
-constexpr auto Patience = std::chrono::seconds(60);
+constexpr auto LookPause = std::chrono::milliseconds(100);
+constexpr auto LogPatience = std::chrono::seconds(60);
 constexpr auto LastPatience = std::chrono::seconds(5);
 
 /// Asks for the lock each millisecond: between a busy daemon's transactions there is little time to get it.
 int waitForLock(void*, int tries)
 {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    return tries < std::chrono::milliseconds(Patience).count() ? 1 : 0;
+    return tries < std::chrono::milliseconds(LogPatience).count() ? 1 : 0;
 }
 
 /// Beside a daemon.
@@ -55,8 +55,8 @@ public:
             if (given == 0)
                 break;
             rest -= given; // no more than there was: a daemon may go on making some
-            std::this_thread::sleep_for(std::max<Clock::duration>(LeastPause, m_held * PauseFactor));
-            if (!moveLog(LongLog, Patience))
+            std::this_thread::sleep_for(std::max<Clock::duration>(LeastPause, m_held * RestFactor));
+            if (!moveLog(LongLog, LogPatience))
                 throw std::runtime_error(m_database.getFilename() +
                                          ": another program, a backup or a check perhaps, has kept the log from being "
                                          "moved into the file for a minute; what was done stays done, try again later");
@@ -101,7 +101,7 @@ private:
                 return true;
             if (Clock::now() > until)
                 return false;
-            std::this_thread::sleep_for(Look);
+            std::this_thread::sleep_for(LookPause);
         }
     }
 

@@ -12,14 +12,13 @@
 
 #include "daemon/files.h"
 #include "daemon/log.h"
+#include "daemon/options.h"
 
 namespace obregd {
 
 namespace {
 
 constexpr uint64_t KiB = 1024;
-constexpr uint64_t MiB = 1024 * KiB;
-constexpr uint64_t PageSize = 4096;
 constexpr uint64_t MostLogPages = 4000;
 constexpr uint64_t LogOverhead = 128; // so many times less than the pages themselves is what the log writes about them
 constexpr uint64_t Margin = 64 * KiB; // for what the file system writes about files
@@ -68,7 +67,7 @@ DiskSpace::DiskSpace(const std::string& storePath)
         release();
 }
 
-int DiskSpace::logPages() const { return static_cast<int>(std::min(m_size / PageSize * 3 / 4, MostLogPages)); }
+int DiskSpace::logPages() const { return static_cast<int>(std::min(m_size / StorePageSize * 3 / 4, MostLogPages)); }
 
 uint64_t DiskSpace::grant(const Demand& demand)
 {

@@ -16,6 +16,8 @@
 
 namespace obregd {
 
+inline constexpr uint64_t StorePageSize = 4096; ///< bytes
+
 class DiskSpace {
 public:
     /// Makes the reserve, `<store>-reserve` (0600). When that cannot be done the log says so, and it is tried again

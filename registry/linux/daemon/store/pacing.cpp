@@ -4,7 +4,7 @@ namespace obregd {
 
 namespace {
 
-constexpr int Piece = 1024 * 1024;
+constexpr int FlushPiece = 1024 * 1024;
 
 } // namespace
 
@@ -32,7 +32,7 @@ int Pacing::write(sqlite3_file* pFile, const void* pData, int length, sqlite3_in
     auto& self = const_cast<Methods&>(static_cast<const Methods&>(*pFile->pMethods));
     const int result = self.pOriginal->xWrite(pFile, pData, length, offset);
     self.unflushed += length;
-    if (result != SQLITE_OK || self.unflushed < Piece)
+    if (result != SQLITE_OK || self.unflushed < FlushPiece)
         return result;
     self.unflushed = 0;
     return self.pOriginal->xSync(pFile, SQLITE_SYNC_NORMAL | SQLITE_SYNC_DATAONLY);

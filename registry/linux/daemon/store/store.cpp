@@ -16,7 +16,7 @@ constexpr const char* ReaderCache = "PRAGMA cache_size = -16384"; // KiB
 constexpr auto MaxStateAge = std::chrono::milliseconds(100);
 constexpr UINT32 BriefWalk = 2000;
 constexpr int64_t BriefData = 65536;
-constexpr UINT32 FewSteps = 16; // no better place is looked for than an end that is so near
+constexpr UINT32 NearEnd = 16; // no better place is looked for than an end that is so near
 constexpr size_t MaxWorkedOut = 1024;
 
 /// A number that a store which is not damaged keeps within 32 bits.
@@ -168,7 +168,7 @@ SQLite::Statement* Store::entryAt(Entries entries, const Key& key, UINT32 count,
     if (index >= count)
         return nullptr;
     Walk way = shortestWalk(index, count, nullptr);
-    if (way.skip <= FewSteps || sqlite3_get_autocommit(m_database.getHandle()) != 0)
+    if (way.skip <= NearEnd || sqlite3_get_autocommit(m_database.getHandle()) != 0)
         return &walk(entries, key, way, maxData());
     const Positions::Place place{key.id, entries, key.written, m_view};
     way = m_pShared->positions.shortest(place, index, count, way);

@@ -12,7 +12,7 @@ namespace obregd {
 namespace {
 
 constexpr auto FirstPause = std::chrono::milliseconds(100);
-constexpr auto LongestPause = std::chrono::seconds(4);
+constexpr auto LongestBackOff = std::chrono::seconds(4);
 constexpr auto Quiet = std::chrono::milliseconds(100); // without a commit: the thread does the rest itself
 constexpr int MostRounds = 8;
 constexpr auto Patience = std::chrono::milliseconds(500); // with readers who have been asked
@@ -136,7 +136,7 @@ Tidier::Progress Tidier::move()
 /// Ends a round of tidying; with the lock held.
 void Tidier::end(bool progress)
 {
-    m_pause = progress ? FirstPause : std::min<Clock::duration>(m_pause * 2, LongestPause);
+    m_pause = progress ? FirstPause : std::min<Clock::duration>(m_pause * 2, LongestBackOff);
     m_notBefore = Clock::now() + (progress ? Clock::duration::zero() : m_pause);
     m_prevented = !progress;
     m_phase = Phase::Idle;
