@@ -17,7 +17,8 @@
 #define HKEY_USERS ((HANDLE)(uintptr_t)0x80000003u)
 /* What the daemon counts of its own work, for reading only. */
 #define HKEY_PERFORMANCE_DATA ((HANDLE)(uintptr_t)0x80000004u)
-/* What the daemon makes on demand: its key Changes tells what changes, when it does (docs/daemon.md). */
+/* What the daemon makes on demand: its key Changes tells what changes, when it does, and History what
+ * has changed (docs/daemon.md). */
 #define HKEY_DYN_DATA ((HANDLE)(uintptr_t)0x80000006u)
 
 /* Statuses of the daemon; each is of the error class. */
@@ -73,6 +74,10 @@
 #define KEY_EXECUTE KEY_READ
 #define KEY_WRITE 0x20006u
 #define KEY_ALL_ACCESS 0xF003Fu
+
+/* A value of this name, whatever its data, marks its key and all keys below it as secret: the daemon keeps no former
+ * data of their values. */
+#define OBREG_SECRET_VALUE "obreg.secret"
 
 /* The longest names, in bytes, and how many keys a path may name. Longer ones are OBREG_STATUS_BAD_NAME. */
 #define OBREG_MAX_KEY_NAME 255u

@@ -10,6 +10,17 @@
 // told, and ` lost` behind it when changes are missing and what is watched is to be read anew; then, for each change,
 // its number, what was done (key-made, key-deleted, value-set, value-deleted), the path from the watched key and the
 // value's name, separated by tabs, which no name has.
+//
+// `History` answers likewise a query of what has changed, by whom, and what was there before:
+//
+//     HANDLE FROM DIRECTION MOST SCOPE REST        80000002 now before 100 tree Software\Acme
+//
+// the key's handle; a change's number, or `now`; `before` (changes before that number, newest first) or `after` (oldest
+// first); how many changes at most; `key` or `tree`, and then perhaps a path below the key, of a key that need not be
+// there any more, or `value` and the name of a value of the key. The data are strings again: first the number from
+// which the next question goes on, that of the oldest change that is kept, and that of the last one; then, for each
+// change, its number, time, uid, pid, what was done, the path from the asked key, the value's name, what was there
+// before (see docs/daemon.md), and `secret` for a value of a secret key, separated by tabs.
 #ifndef OBREG_DAEMON_DYNAMIC_H
 #define OBREG_DAEMON_DYNAMIC_H
 
@@ -24,6 +35,7 @@ namespace obregd {
 /// The keys' numbers: behind all that keys of the store can have.
 inline constexpr KeyId DynamicId = LastKeyId + 1;
 inline constexpr KeyId ChangesId = DynamicId + 1;
+inline constexpr KeyId HistoryId = DynamicId + 3;
 
 /// The keys of HKEY_DYN_DATA, each with a handle of its own.
 struct DynamicKey {
@@ -31,7 +43,7 @@ struct DynamicKey {
     uint32_t handle;
     const char* pName;
 };
-inline constexpr DynamicKey DynamicKeys[] = {{ChangesId, 0x80000010, "Changes"}};
+inline constexpr DynamicKey DynamicKeys[] = {{ChangesId, 0x80000010, "Changes"}, {HistoryId, 0x80000012, "History"}};
 
 /// What a query of Changes asks for.
 struct Wait {
@@ -47,7 +59,14 @@ struct ParsedWait {
 };
 std::optional<ParsedWait> parseWait(const std::string& name);
 
-/// The data of the answer.
+/// What a query of History asks for. The key of `question` is left open.
+struct ParsedHistory {
+    uint32_t handle;
+    HistoryQuestion question;
+};
+std::optional<ParsedHistory> parseHistory(const std::string& name);
+
+/// The data of the answer to a query of Changes.
 std::string answerText(const Told& told);
 
 /// The tree of DynamicId and the keys below it.

@@ -173,6 +173,22 @@ REGSTATUS queryChanges(const Session& session, const std::string& name, std::str
     return Success;
 }
 
+/// Tells what has happened to a key, as the name asks. See dynamic.h.
+REGSTATUS queryHistory(const Session& session, const std::string& name, std::string& text)
+{
+    std::optional<ParsedHistory> parsed = parseHistory(name);
+    if (!parsed)
+        return OBREG_STATUS_BAD_NAME;
+    const KeyId id = idOf(session, reinterpret_cast<HANDLE>(uintptr_t{parsed->handle}));
+    Key key;
+    const REGSTATUS status = findById(session, id, key);
+    if (status == OBREG_STATUS_BAD_HANDLE || &session.at(id) != &session.store)
+        return OBREG_STATUS_BAD_HANDLE;
+    parsed->question.key = id; // which may be deleted
+    text = session.store.history(parsed->question);
+    return Success;
+}
+
 } // namespace
 
 REGSTATUS openKey(const Session& session, const OpenKeyReqMsg& request, HANDLE& key)
@@ -265,9 +281,9 @@ REGSTATUS queryValue(const Session& session, const QueryValueReqMsg& request, UI
     if (!isValueName(request.m_valueName))
         return OBREG_STATUS_BAD_NAME;
     const KeyId id = idOf(session, request.m_keyHandle);
-    if (id == ChangesId) {
+    if (id == ChangesId || id == HistoryId) {
         static thread_local std::string text;
-        const REGSTATUS status = queryChanges(session, request.m_valueName, text);
+        const REGSTATUS status = (id == ChangesId ? queryChanges : queryHistory)(session, request.m_valueName, text);
         if (status != Success)
             return status;
         type = REG_MULTI_SZ;

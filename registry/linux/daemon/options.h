@@ -5,8 +5,10 @@
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "daemon/govern/quota.h"
+#include "daemon/govern/secrecy.h"
 
 namespace obregd {
 
@@ -43,7 +45,8 @@ struct Options {
     std::optional<std::string> backupPath; ///< copy the store there instead of serving
     Limits limits;
     Quota quota;
-    uint64_t history = 64 * MiB; ///< bytes of the journal; 0: what watchers need
+    uint64_t history = 64 * MiB;        ///< bytes of the journal; 0: what watchers need
+    std::vector<SecretPattern> secrets; ///< keys of whose values the journal keeps no data
     int verbosity = 0;
 };
 

@@ -8,9 +8,9 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <unordered_map>
 
 #include "daemon/store/journal.h"
+#include "daemon/store/places.h"
 #include "daemon/tree.h"
 
 namespace obregd {
@@ -44,18 +44,9 @@ public:
     int64_t last() { return m_journal.last(); }
 
 private:
-    struct Place {
-        KeyId parent;
-        std::string name;
-    };
-    /// Paths from the watched key; none for a key that is not below it.
-    using Below = std::unordered_map<KeyId, std::optional<std::string>>;
-
-    std::optional<Place> place(KeyId id);
-    const std::optional<std::string>& pathBelow(KeyId id, Below& known);
-
     JournalReader m_journal;
-    SQLite::Statement m_since, m_place;
+    Places m_places;
+    SQLite::Statement m_since;
 };
 
 } // namespace obregd

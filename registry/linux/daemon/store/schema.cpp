@@ -10,6 +10,7 @@
 #include "daemon/store/facts.h"
 #include "daemon/store/maintenance.h"
 #include "daemon/store/statements.h"
+#include "obreg/roots.h"
 
 namespace obregd {
 
@@ -75,9 +76,12 @@ constexpr const char* Format3 = R"(
         name TEXT NOT NULL COLLATE NOCASE,
         type INTEGER,
         length INTEGER,
-        data BLOB
+        data BLOB,
+        secret INTEGER
     ) STRICT;
     CREATE INDEX change_deleted ON change (key) WHERE kind = 2;
+
+    CREATE INDEX regvalue_secret ON regvalue (key) WHERE name = ')" OBREG_SECRET_VALUE R"(';
 )";
 
 void setFormat(SQLite::Database& database) { database.exec("PRAGMA user_version = " + std::to_string(StoreFormat)); }

@@ -23,8 +23,10 @@
 
 #include "daemon/govern/quota.h"
 #include "daemon/store/changes.h"
+#include "daemon/store/history.h"
 #include "daemon/store/journal.h"
 #include "daemon/store/lengths.h"
+#include "daemon/store/secrets.h"
 #include "daemon/store/shared.h"
 #include "daemon/tree.h"
 
@@ -49,6 +51,8 @@ public:
     /// What has changed at a key. See changes.h.
     Told told(const Watched& watched);
     int64_t lastChange() { return m_changes.last(); }
+    /// What has happened to a key. See history.h. A brief Store throws TooLong.
+    std::string history(const HistoryQuestion& question);
     /// The key above a key, one that is deleted included; nothing when it is not known, 0 above a root.
     std::optional<KeyId> parentOf(KeyId id) { return m_changes.parentOf(id); }
 
@@ -118,6 +122,7 @@ private:
     SQLite::Statement m_begin, m_end, m_version, m_key, m_row, m_child, m_lastId, m_value, m_hasValue, m_longestSubKey,
         m_longestValue;
     ChangeReader m_changes;
+    HistoryReader m_history;
     SQLite::Statement m_entriesUp[2], m_entriesDown[2];
     SQLite::Statement* m_pHeld = nullptr;
     bool m_brief = false;
@@ -160,9 +165,12 @@ public:
 
     /// Where each change is noted.
     JournalWriter& journal() { return m_journal; }
+    /// Keys of which the journal keeps no data, beside those that are marked.
+    void setSecret(std::vector<SecretPattern> patterns) { m_secrets.setPatterns(std::move(patterns)); }
 
-    /// Whether there are values of deleted keys, or changes that the journal has no room for, to be cleared away.
-    bool hasToClear() const { return m_hasToClear || m_journal.isTooLong(); }
+    /// Whether there are values of deleted keys, changes that the journal has no room for, or data of secret values in
+    /// it, to be cleared away.
+    bool hasToClear() const { return m_hasToClear || m_journal.isTooLong() || m_secrets.hasToClear(); }
     /// Clears away up to that many of them, and not too many bytes. True when more is left.
     bool clearSome(int maxRows);
 
@@ -192,9 +200,7 @@ private:
     struct Account {
         Usage now, stored;
     };
-    struct FoundValue {
-        int64_t row, nameLength, dataLength;
-    };
+    using FoundValue = JournalWriter::ValueRow;
 
     Row changing(KeyId id);
     void setPatience();
@@ -215,6 +221,7 @@ private:
         m_replaceValue, m_addValue, m_removeValue, m_lastValueRow, m_usage, m_setUsage, m_addLeftover, m_firstLeftover,
         m_leftValues, m_clearValues, m_removeLeftover, m_lastNumber, m_freePages, m_valuesOf;
     JournalWriter m_journal;
+    Secrets m_secrets;
     Quota m_quota;
     std::unordered_map<Owner, Account> m_accounts; // of those who were met
     std::vector<Owner> m_changedAccounts;          // since begin()

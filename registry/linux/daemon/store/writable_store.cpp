@@ -48,11 +48,11 @@ WritableStore::WritableStore(const std::string& path)
       m_clearValues(m_database, "DELETE FROM regvalue INDEXED BY regvalue_order WHERE key = ? AND id <= ?"),
       m_removeLeftover(m_database, "DELETE FROM leftover WHERE key = ?"),
       m_lastNumber(m_database, "SELECT seq FROM sqlite_sequence WHERE name = 'regkey'"),
-      m_freePages(m_database, "PRAGMA freelist_count"), m_valuesOf(m_database, ValuesOf), m_journal(m_database)
+      m_freePages(m_database, "PRAGMA freelist_count"), m_valuesOf(m_database, ValuesOf), m_journal(m_database),
+      m_secrets(m_database)
 {
     m_database.exec(WriterCache);
     m_database.exec("PRAGMA synchronous = FULL");
-    m_database.exec("PRAGMA secure_delete = FAST");
     m_database.exec("PRAGMA journal_size_limit = 33554432");
     // In place of automatic checkpoints, which would delay the answers of the commit that sets them off.
     const auto note = [](void* pPages, sqlite3*, const char*, int pages) {
@@ -79,6 +79,7 @@ void WritableStore::begin()
     lookAround();
     if (othersWrote())
         distrust();
+    m_secrets.begun();
 }
 
 void WritableStore::commit()
@@ -92,6 +93,7 @@ void WritableStore::commit()
         m_accounts[owner].stored = m_accounts[owner].now;
     m_changedAccounts.clear();
     m_journal.committed();
+    m_secrets.committed();
     if (m_cleared) {
         m_pShared->leftovers.gone();
         m_hasToClear = m_cleared = false;
@@ -112,6 +114,7 @@ void WritableStore::rollback()
         m_accounts[owner].now = m_accounts[owner].stored;
     m_changedAccounts.clear();
     m_journal.rolledBack();
+    m_secrets.rolledBack();
     m_cleared = false;
 }
 
@@ -122,6 +125,7 @@ void WritableStore::distrust()
     m_accounts.clear();
     m_changedAccounts.clear();
     m_journal.distrust();
+    m_secrets.distrust();
     m_lastValueRowUsed = std::max(m_lastValueRowUsed, [this] {
         const Use use(m_lastValueRow);
         m_lastValueRow.executeStep();
@@ -250,11 +254,12 @@ void WritableStore::leaveValues(const Key& key)
 void WritableStore::removeValues(const Key& key, uint64_t time)
 {
     int64_t bytes = 0;
+    const bool secret = m_secrets.has(key.id); // before the mark goes
     {
         const Use use(m_valuesOf);
         for (bindAll(m_valuesOf, key.id); m_valuesOf.executeStep();) {
             const auto at = [&](int column) { return m_valuesOf.getColumn(column).getInt64(); };
-            m_journal.valueChanges(ChangeKind::ValueDeleted, key.id, at(0), at(1), at(2), time);
+            m_journal.valueChanges(ChangeKind::ValueDeleted, key.id, {at(0), at(1), at(2)}, secret, time);
             bytes += at(1) + at(2);
         }
     }
@@ -266,7 +271,9 @@ bool WritableStore::clearSome(int maxRows)
 {
     if (m_journal.isTooLong())
         m_journal.dropSome(maxRows);
-    return (m_hasToClear && clearLeftovers(maxRows)) || m_journal.isTooLong();
+    if (m_secrets.hasToClear())
+        m_secrets.clearSome(maxRows);
+    return (m_hasToClear && clearLeftovers(maxRows)) || m_journal.isTooLong() || m_secrets.hasToClear();
 }
 
 bool WritableStore::clearLeftovers(int maxRows)
@@ -325,8 +332,8 @@ void WritableStore::setValue(KeyId key, const std::string& name, UINT32 type, co
     };
     Row row = changing(key);
     if (const auto old = findValue(key, name)) {
-        m_journal.valueChanges(ChangeKind::ValueSet, key, old->row, old->nameLength, old->dataLength, row.written);
-        store(m_replaceValue, old->row);
+        m_journal.valueChanges(ChangeKind::ValueSet, key, *old, m_secrets.has(key), row.written);
+        store(m_replaceValue, old->id);
         if (!row.lengths.valueData.remove(old->dataLength))
             throwDamaged(key, "a value is longer than its longest");
         if (old->dataLength != length) {
@@ -334,7 +341,7 @@ void WritableStore::setValue(KeyId key, const std::string& name, UINT32 type, co
             change(row.owner).bytes += length;
         }
     } else {
-        m_journal.valueMade(key, name, row.written);
+        m_journal.valueMade(key, name, m_secrets.has(key), row.written);
         store(m_addValue, ++m_lastValueRowUsed);
         ++row.values;
         row.lengths.valueName.add(size(name));
@@ -342,6 +349,8 @@ void WritableStore::setValue(KeyId key, const std::string& name, UINT32 type, co
     }
     row.lengths.valueData.add(length);
     writeRow(key, row);
+    if (isSecretMark(name))
+        m_secrets.marked(key, m_journal.last());
 }
 
 bool WritableStore::removeValue(KeyId key, const std::string& name)
@@ -350,14 +359,16 @@ bool WritableStore::removeValue(KeyId key, const std::string& name)
     if (!old)
         return false;
     Row row = changing(key);
-    m_journal.valueChanges(ChangeKind::ValueDeleted, key, old->row, old->nameLength, old->dataLength, row.written);
-    run(m_removeValue, old->row);
+    m_journal.valueChanges(ChangeKind::ValueDeleted, key, *old, m_secrets.has(key), row.written);
+    run(m_removeValue, old->id);
+    if (isSecretMark(name))
+        m_secrets.unmarked(key);
     if (--row.values < 0 || !row.lengths.valueName.remove(old->nameLength) ||
         !row.lengths.valueData.remove(old->dataLength))
         throwDamaged(key, "it had not the value that is being deleted");
     giveBack(row.owner, old->nameLength + old->dataLength);
     writeRow(key, row);
-    m_pShared->positions.removing(key, Entries::Values, row.written, old->row);
+    m_pShared->positions.removing(key, Entries::Values, row.written, old->id);
     return true;
 }
 
