@@ -103,7 +103,7 @@ KeyPath nearest(const KeyPath& key)
 {
     KeyPath above = key.parent();
     std::error_code error;
-    while (!above.isRoot() && !above.open(KEY_READ, error))
+    while (!above.isRoot() && !openKey(above, KEY_READ, error))
         above = above.parent();
     return above;
 }

@@ -1,8 +1,10 @@
-#include "regreader.h"
+#include "regtext/regreader.h"
 
-#include "valuetext.h"
+#include <utility>
 
-namespace obregtool {
+#include "regtext/meaning.h"
+
+namespace regtext {
 
 namespace {
 
@@ -420,4 +422,4 @@ void RegReader::finishValue()
     m_sink.value(std::move(value.name), std::move(value.value), value.place);
 }
 
-} // namespace obregtool
+} // namespace regtext

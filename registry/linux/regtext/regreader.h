@@ -3,8 +3,8 @@
 // A reader is fed the file's bytes in pieces of any size and calls its sink for each statement as soon as it is
 // complete, so what it holds does not grow with the file. It knows nothing of files or of the registry: one reader and
 // its sink belong to one thread, and two readers have nothing to do with each other.
-#ifndef OBREG_TOOL_REGREADER_H
-#define OBREG_TOOL_REGREADER_H
+#ifndef OBREG_REGTEXT_REGREADER_H
+#define OBREG_REGTEXT_REGREADER_H
 
 #include <optional>
 #include <stdexcept>
@@ -13,10 +13,10 @@
 
 #include <obreg/value.hpp>
 
-#include "keypath.h"
-#include "text.h"
+#include "regtext/characters.h"
+#include "regtext/keypath.h"
 
-namespace obregtool {
+namespace regtext {
 
 struct Place {
     uint64_t line = 0; ///< from 1
@@ -96,6 +96,6 @@ private:
     Place m_firstUtf16Alike;
 };
 
-} // namespace obregtool
+} // namespace regtext
 
 #endif
