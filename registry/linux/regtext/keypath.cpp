@@ -19,19 +19,35 @@ const std::vector<Root>& roots()
 
 namespace {
 
-const Root& rootOf(HANDLE handle)
+constexpr size_t HandleDigits = 8;
+
+std::string rootName(HANDLE handle)
 {
     for (const Root& root : roots())
         if (root.handle == handle)
-            return root;
-    return roots().front(); // cannot be: a KeyPath's root comes from the table
+            return root.pName;
+    return '#' + hexOfNumber(reinterpret_cast<uintptr_t>(handle), HandleDigits);
+}
+
+/// The handle of "#0000002a"; null when it is none.
+HANDLE handleOf(std::string_view name)
+{
+    uintptr_t number = 0;
+    if (name.size() != 1 + HandleDigits)
+        return nullptr;
+    for (const char c : name.substr(1)) {
+        if (hexDigit(c) < 0)
+            return nullptr;
+        number = number << 4 | static_cast<uintptr_t>(hexDigit(c));
+    }
+    return reinterpret_cast<HANDLE>(number);
 }
 
 } // namespace
 
-std::string KeyPath::text() const { return rootOf(root).pName + (path.empty() ? "" : '\\' + path); }
+std::string KeyPath::text() const { return rootName(root) + (path.empty() ? "" : '\\' + path); }
 
-std::string KeyPath::name() const { return path.empty() ? rootOf(root).pName : path.substr(path.rfind('\\') + 1); }
+std::string KeyPath::name() const { return path.empty() ? rootName(root) : path.substr(path.rfind('\\') + 1); }
 
 KeyPath KeyPath::child(const std::string& name) const { return {root, path.empty() ? name : path + '\\' + name}; }
 
@@ -59,11 +75,16 @@ bool KeyPath::isWithin(const KeyPath& other) const
     return mine.compare(0, outer.size(), outer) == 0;
 }
 
-KeyPath parseKey(std::string_view text, bool slashes)
+KeyPath parseKey(std::string_view text, KeyForm form)
 {
-    const size_t end = std::min(text.find_first_of(slashes ? "\\/" : "\\"), text.size());
+    const size_t end = std::min(text.find_first_of(form == KeyForm::Slashes ? "\\/" : "\\"), text.size());
     const std::string name = folded(text.substr(0, end));
     KeyPath key;
+    if (form == KeyForm::Handles && !name.empty() && name.front() == '#') {
+        key.root = handleOf(name);
+        if (key.root == nullptr)
+            throw BadKey{"a key by its handle begins with # and eight hexadecimal digits, not all 0", 0};
+    }
     std::string known;
     std::vector<std::string> names;
     for (const Root& root : roots()) {
@@ -75,7 +96,8 @@ KeyPath parseKey(std::string_view text, bool slashes)
     if (key.root == nullptr)
         throw BadKey{"a key begins with a root (" + known + " or their long names" + didYouMean(name, names) + ')', 0};
 
-    const std::string_view separators = slashes && end < text.size() && text[end] == '/' ? "\\/" : "\\";
+    const std::string_view separators =
+        form == KeyForm::Slashes && end < text.size() && text[end] == '/' ? "\\/" : "\\";
     for (size_t begin = end + 1; begin < text.size();) {
         const size_t stop = std::min(text.find_first_of(separators, begin), text.size());
         const std::string one(text.substr(begin, stop - begin));

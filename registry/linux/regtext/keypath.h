@@ -20,11 +20,11 @@ struct Root {
 const std::vector<Root>& roots();
 
 struct KeyPath {
-    HANDLE root = nullptr;
-    std::string path; ///< names separated by backslashes; empty for the root itself
+    HANDLE root = nullptr; ///< a predefined root, or any key by its handle
+    std::string path;      ///< names separated by backslashes; empty for the root itself
 
     bool isRoot() const { return path.empty(); }
-    std::string text() const; ///< "HKEY_LOCAL_MACHINE\Software\Acme"
+    std::string text() const; ///< "HKEY_LOCAL_MACHINE\Software\Acme", or "#0000002a\Acme"
     std::string name() const; ///< the last name; the root's for a root
     KeyPath child(const std::string& name) const;
     KeyPath parent() const; ///< a root is its own parent
@@ -42,10 +42,15 @@ struct BadKey {
     size_t offset;
 };
 
-/// Reads "HKLM\Software\Acme", long root names and any case of a root too. When `slashes`, a slash after the root makes
-/// both kinds of slash separators; otherwise, and after a backslash, a slash is an ordinary byte of a name. Throws
-/// BadKey.
-KeyPath parseKey(std::string_view text, bool slashes);
+/// How the text of a key is to be read.
+enum class KeyForm {
+    Plain,   ///< a root and names, with backslashes between; a slash is an ordinary byte of a name
+    Slashes, ///< a slash after the root makes both kinds of slash separators
+    Handles, ///< as Plain, and "#" with the eight hexadecimal digits of a handle may stand for the root
+};
+
+/// Reads "HKLM\Software\Acme", long root names and any case of a root too. Throws BadKey.
+KeyPath parseKey(std::string_view text, KeyForm form);
 
 } // namespace regtext
 

@@ -32,7 +32,7 @@ obreg::Key makeKey(const KeyPath& path, bool* pCreated, std::error_code& error)
 KeyPath keyArgument(const std::string& text)
 {
     try {
-        return parseKey(text, true);
+        return parseKey(text, KeyForm::Slashes);
     } catch (const BadKey& bad) {
         throw UsageError("key \"" + escaped(text, Escape::Name) + "\": " + bad.message +
                          "; write it like HKLM/Software/Acme or 'HKLM\\Software\\Acme'");
