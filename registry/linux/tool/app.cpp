@@ -9,7 +9,7 @@
 
 #include "alarm.h"
 #include "complete.h"
-#include "nearmiss.h"
+#include "regtext/nearmiss.h"
 #include "terminal.h"
 #include "text.h"
 #include "verbs.h"

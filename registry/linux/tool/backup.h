@@ -13,8 +13,8 @@
 
 #include "files.h"
 #include "keyprobe.h"
-#include "regreader.h"
-#include "regwriter.h"
+#include "regtext/regreader.h"
+#include "regtext/regwriter.h"
 
 namespace obregtool {
 

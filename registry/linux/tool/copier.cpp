@@ -75,7 +75,7 @@ void Copier::writeKey(const Key& key)
 {
     endIfInterrupted();
     std::error_code error;
-    const obreg::Key target = key.target.create(nullptr, error);
+    const obreg::Key target = makeKey(key.target, nullptr, error);
     check(error, key.target);
     ++m_keys;
     for (const obreg::NamedValue& value : key.values) {

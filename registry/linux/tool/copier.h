@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "errors.h"
-#include "regreader.h"
+#include "regtext/regreader.h"
 #include "treereader.h"
 
 namespace obregtool {

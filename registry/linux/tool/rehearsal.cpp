@@ -81,7 +81,7 @@ void Rehearsal::removeValue(std::string&& name, const Place& place)
         if (m_missing == Missing::Passes)
             return;
         std::error_code error;
-        m_key.open().get<obreg::Value>(name, error);
+        openKey(m_key).get<obreg::Value>(name, error);
         check(error, m_key, &name);
     });
 }

@@ -11,7 +11,7 @@
 #define OBREG_TOOL_REHEARSAL_H
 
 #include "keyprobe.h"
-#include "regreader.h"
+#include "regtext/regreader.h"
 
 namespace obregtool {
 

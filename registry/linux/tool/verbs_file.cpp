@@ -6,8 +6,8 @@
 #include "files.h"
 #include "importer.h"
 #include "readtree.h"
-#include "regreader.h"
-#include "regwriter.h"
+#include "regtext/regreader.h"
+#include "regtext/regwriter.h"
 #include "sieve.h"
 #include "verbs.h"
 
@@ -180,7 +180,7 @@ int exportKey(const FileOptions& options, Output& output)
 
     uint64_t keys = 0;
     uint64_t values = 0;
-    const obreg::Key found = path.open(); // before a file is made
+    const obreg::Key found = openKey(path); // before a file is made
     NewFile file(options.file);
     letInterruptsEndWork();
     const RegFormat format = options.utf16      ? RegFormat::Utf16

@@ -61,7 +61,7 @@ public:
     {
         forEachParallel(seen.size(), [this](size_t i) {
             std::error_code error;
-            const obreg::KeyInfo info = seen[i].path.open().info(error);
+            const obreg::KeyInfo info = openKey(seen[i].path).info(error);
             check(error, seen[i].path);
             if (info.lastWriteTime != seen[i].lastWriteTime)
                 fail(shown(seen[i].path));
@@ -87,7 +87,7 @@ private:
 bool isThere(const KeyPath& path, const std::string* pValueName)
 {
     std::error_code error;
-    const obreg::Key key = path.open(KEY_READ, error);
+    const obreg::Key key = openKey(path, KEY_READ, error);
     if (!error && pValueName != nullptr)
         key.get<obreg::Value>(*pValueName, error);
     if (error != obreg::Status::notFound)
@@ -99,7 +99,7 @@ void copyAndDelete(const KeyPath& from, const KeyPath& to, Copier& copier)
 {
     bool created = false;
     std::error_code error;
-    to.create(&created, error);
+    makeKey(to, &created, error);
     check(error, to);
     if (!created)
         refuseExisting(shown(to));
@@ -127,7 +127,7 @@ int moveKey(const KeyPath& from, const KeyPath& to, const Caution& caution, Outp
         throw UsageError(from.text() + " is a root and stays where it is; name a key below it");
     if (to.isWithin(from))
         throw UsageError("a key cannot be moved to itself, in whatever case, or below itself; choose another place");
-    from.open(KEY_ALL_ACCESS); // the right to delete it
+    openKey(from, KEY_ALL_ACCESS); // the right to delete it
     if (isThere(to, nullptr))
         refuseExisting(shown(to));
     const Changes changes = [&](RegSink& sink) {
@@ -162,7 +162,7 @@ struct ValuePlace {
 void copyAndDelete(const ValuePlace& from, const obreg::Key& fromKey, const obreg::Value& value, const ValuePlace& to)
 {
     std::error_code error;
-    const obreg::Key toKey = to.key.create(nullptr, error);
+    const obreg::Key toKey = makeKey(to.key, nullptr, error);
     check(error, to.key);
     toKey.set(to.name, value, error);
     check(error, to.key, &to.name, value.data.size());
@@ -180,7 +180,7 @@ int moveValue(const ValuePlace& from, const ValuePlace& to, const Caution& cauti
 {
     if (from.key.identity() == to.key.identity() && compareValueNames(from.name, to.name) == 0)
         throw UsageError("a value cannot be moved to itself, in whatever case; choose another name");
-    const obreg::Key fromKey = from.key.open(KEY_ALL_ACCESS);
+    const obreg::Key fromKey = openKey(from.key, KEY_ALL_ACCESS);
     const obreg::Value value = read(from.key, fromKey, from.name);
     if (isThere(to.key, &to.name))
         refuseExisting(shown(to.key, to.name));

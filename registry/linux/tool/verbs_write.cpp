@@ -55,7 +55,7 @@ std::string readText()
 std::optional<UINT32> storedType(const KeyPath& path, const std::string& name)
 {
     std::error_code error;
-    const obreg::Key key = path.open(KEY_READ, error);
+    const obreg::Key key = openKey(path, KEY_READ, error);
     const obreg::Value value = error ? obreg::Value() : key.get<obreg::Value>(name, error);
     if (error == obreg::Status::notFound || error == obreg::Status::badName) // a bad name is refused when it is written
         return std::nullopt;
@@ -126,7 +126,7 @@ int store(const WriteOptions& options, Output& output)
     if (!prepare(options.caution, Rehearsal::Missing::Fails, changes, output))
         return ExitDone;
     std::error_code error;
-    const obreg::Key key = path.create(nullptr, error);
+    const obreg::Key key = makeKey(path, nullptr, error);
     check(error, path);
     key.set(options.name, value, error);
     check(error, path, &options.name, value.data.size());
@@ -144,7 +144,7 @@ int createKey(const WriteOptions& options, Output& output)
         return ExitDone;
     bool created = false;
     std::error_code error;
-    path.create(&created, error);
+    makeKey(path, &created, error);
     check(error, path);
     Fact fact = keyFact(path, created ? "created" : "exists");
     fact.showKind = true;
@@ -155,7 +155,7 @@ int createKey(const WriteOptions& options, Output& output)
 int removeValue(const WriteOptions& options, Output& output)
 {
     const KeyPath path = keyArgument(options.key);
-    const obreg::Key key = path.open();
+    const obreg::Key key = openKey(path);
     const Changes changes = [&](RegSink& sink) {
         sink.key(path, {});
         sink.removeValue(std::string(options.name), {});
@@ -196,7 +196,7 @@ int removeAllValues(const WriteOptions& options, Output& output)
     const KeyPath path = keyArgument(options.key);
     if (!options.caution.dryRun)
         letInterruptsEndWork(); // already while it reads
-    const obreg::Key key = path.open();
+    const obreg::Key key = openKey(path);
     const KeyContent content = readKey(key, path, Read::Values);
     const Changes changes = [&](RegSink& sink) {
         sink.key(path, {});
@@ -219,7 +219,7 @@ std::string counted(UINT32 count, const char* pWhat)
 void confirmRemoval(const KeyPath& path)
 {
     std::error_code error;
-    const obreg::KeyInfo info = path.open().info(error);
+    const obreg::KeyInfo info = openKey(path).info(error);
     check(error, path);
     if (info.subKeys == 0 && info.values <= ManyValues)
         return;

@@ -22,7 +22,7 @@ const obreg::Key& Target::key()
     const std::lock_guard lock(m_mutex);
     if (!m_key) {
         std::error_code error;
-        m_key = m_path.create(nullptr, error);
+        m_key = makeKey(m_path, nullptr, error);
         check(error, m_path);
     }
     return m_key;
