@@ -10,6 +10,8 @@
 // told, and ` lost` behind it when changes are missing and what is watched is to be read anew; then, for each change,
 // its number, what was done (key-made, key-deleted, value-set, value-deleted), the path from the watched key and the
 // value's name, separated by tabs, which no name has.
+//
+// `Transactions` takes several writes as one: see plan.h for what is set there, and outcomes.h for what is told of it.
 #ifndef OBREG_DAEMON_DYNAMIC_H
 #define OBREG_DAEMON_DYNAMIC_H
 
@@ -24,6 +26,7 @@ namespace obregd {
 /// The keys' numbers: behind all that keys of the store can have.
 inline constexpr KeyId DynamicId = LastKeyId + 1;
 inline constexpr KeyId ChangesId = DynamicId + 1;
+inline constexpr KeyId TransactionsId = DynamicId + 2;
 
 /// The keys of HKEY_DYN_DATA, each with a handle of its own.
 struct DynamicKey {
@@ -31,7 +34,9 @@ struct DynamicKey {
     uint32_t handle;
     const char* pName;
 };
-inline constexpr DynamicKey DynamicKeys[] = {{ChangesId, 0x80000010, "Changes"}};
+inline constexpr uint32_t TransactionsHandle = 0x80000011;
+inline constexpr DynamicKey DynamicKeys[] = {{ChangesId, 0x80000010, "Changes"},
+                                             {TransactionsId, TransactionsHandle, "Transactions"}};
 
 /// What a query of Changes asks for.
 struct Wait {
