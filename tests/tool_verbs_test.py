@@ -127,7 +127,7 @@ class WithDaemon(unittest.TestCase):
                       ["set", KEY, "x", "--data-file", "-"], ["set", KEY, "x", "--separator", ",", "--data-file", TOOL],
                       ["copy", KEY, KEY + r"\Below", "-s"]):
             self.expect(2, *words, err="")
-        self.expect(4, "add", "HKLM/" + "n" * 300, err="BAD_NAME")
+        self.expect(4, "add", "HKLM/" + "n" * 1025, err="BAD_NAME")
         with open(FOLDER + "big", "wb") as big:
             big.truncate(65 << 20)
         self.expect(4, "set", KEY, "x", "--data-file", FOLDER + "big", err="max-payload")
@@ -183,7 +183,7 @@ class WithDaemon(unittest.TestCase):
         header = "REGEDIT4\n[HKLM\\Software\\Acme\\In]\n"
         too_big = "x" * (65 << 20)  # the daemon takes 64 MiB
         for status, lines, said in [
-                (5, '"b"=oops', "line 4, column 5"), (4, f"[HKLM\\{'n' * 300}]", "line 4: HKEY_LOCAL_MACHINE"),
+                (5, '"b"=oops', "line 4, column 5"), (4, f"[HKLM\\{'n' * 1025}]", "line 4: HKEY_LOCAL_MACHINE"),
                 (4, "[HKLM" + "\\k" * 513 + "]", "BAD_NAME"), (4, f'"{"n" * 16384}"="1"', "BAD_NAME"),
                 (4, f'"b"="{too_big}"', "max-payload"), (4, "[-HKPD\\Requests]", "ACCESS_DENIED"),
                 (4, '[HKPD]\n"b"="1"', "line 5: HKEY_PERFORMANCE"), (4, "[HKPD\\New]", "can only be read")]:
@@ -232,7 +232,7 @@ class WithDaemon(unittest.TestCase):
 
     def test_an_import_that_is_refused(self):
         lines = [f'"v{i}"="{i}"\n' for i in range(3000)]
-        lines[500:502] = ["[HKLM\\" + "n" * 300 + "]\n", '"x"="y"\n', "[HKLM\\In]\n"]
+        lines[500:502] = ["[HKLM\\" + "n" * 1025 + "]\n", '"x"="y"\n', "[HKLM\\In]\n"]
         lines[700] = '"v699"=hex(0):\n'
         text = ("REGEDIT4\n[HKLM\\In]\n" + "".join(lines)).encode()
         self.expect(4, "import", "-", stdin=text, err="line 503: ")
@@ -252,6 +252,7 @@ class WithDaemon(unittest.TestCase):
             file.write("REGEDIT4\n[HKLM\\In]\n" + "".join(f'"v{i}"="{i}"\n' for i in range(3, 20000)))
         # Ctrl-C, while it looks and while it writes; a daemon that is killed
         for status, *words in (130,), (130, "--keep-going"), (3, "--keep-going"):
+            run("rm", r"HKLM\In", "--yes")
             os.kill(self.daemon.pid, signal.SIGSTOP)
             with subprocess.Popen([TOOL, "import", *words, "--json", FOLDER + "in.reg"],
                                   stderr=subprocess.PIPE) as ended:

@@ -11,6 +11,8 @@
 // its number, what was done (key-made, key-deleted, value-set, value-deleted), the path from the watched key and the
 // value's name, separated by tabs, which no name has.
 //
+// `Transactions` takes several writes as one: see plan.h for what is set there, and outcomes.h for what is told of it.
+//
 // `History` answers likewise a query of what has changed, by whom, and what was there before:
 //
 //     HANDLE FROM DIRECTION MOST SCOPE REST        80000002 now before 100 tree Software\Acme
@@ -35,6 +37,7 @@ namespace obregd {
 /// The keys' numbers: behind all that keys of the store can have.
 inline constexpr KeyId DynamicId = LastKeyId + 1;
 inline constexpr KeyId ChangesId = DynamicId + 1;
+inline constexpr KeyId TransactionsId = DynamicId + 2;
 inline constexpr KeyId HistoryId = DynamicId + 3;
 
 /// The keys of HKEY_DYN_DATA, each with a handle of its own.
@@ -43,7 +46,10 @@ struct DynamicKey {
     uint32_t handle;
     const char* pName;
 };
-inline constexpr DynamicKey DynamicKeys[] = {{ChangesId, 0x80000010, "Changes"}, {HistoryId, 0x80000012, "History"}};
+inline constexpr uint32_t TransactionsHandle = 0x80000011;
+inline constexpr DynamicKey DynamicKeys[] = {{ChangesId, 0x80000010, "Changes"},
+                                             {TransactionsId, TransactionsHandle, "Transactions"},
+                                             {HistoryId, 0x80000012, "History"}};
 
 /// What a query of Changes asks for.
 struct Wait {

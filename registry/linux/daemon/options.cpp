@@ -70,6 +70,11 @@ std::optional<Options> parseOptions(int argc, const char* const* argv, int* pExi
     app.add_option("--quota-watches", limits.maxWatches, "Requests of one user that wait for changes")
         ->type_name("NUMBER")
         ->capture_default_str();
+    app.add_option("--max-statements", limits.maxStatements,
+                   "Statements of a transaction; of root's ten times as many, and of bytes 1K for each")
+        ->check(CLI::PositiveNumber.description(""))
+        ->type_name("NUMBER")
+        ->capture_default_str();
     app.add_option("--max-per-user", limits.maxPerUser, "Connections of one user [half of the descriptors]")
         ->check(CLI::PositiveNumber.description(""))
         ->type_name("NUMBER");

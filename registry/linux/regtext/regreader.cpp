@@ -47,8 +47,8 @@ bool isBlank(char c) { return c == ' ' || c == '\t'; }
 
 } // namespace
 
-RegSyntaxError::RegSyntaxError(Place where, const std::string& complaint)
-    : std::runtime_error(placeText(where) + complaint), place(where)
+RegSyntaxError::RegSyntaxError(Place where, const std::string& what)
+    : std::runtime_error(placeText(where) + what), place(where), complaint(what)
 {}
 
 /// A position in one line.

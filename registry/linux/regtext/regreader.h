@@ -25,8 +25,9 @@ struct Place {
 
 /// The first mistake in the text. what() is "line 3, column 7: expected ...".
 struct RegSyntaxError : std::runtime_error {
-    RegSyntaxError(Place where, const std::string& complaint);
+    RegSyntaxError(Place where, const std::string& what);
     Place place;
+    std::string complaint; ///< what() without the place
 };
 
 class RegSink {

@@ -27,6 +27,11 @@ bool prepare(const Caution& caution, Rehearsal::Missing missing, const Changes& 
         Preview preview(rehearsal, output);
         changes(preview);
         preview.finish();
+        if (const uint64_t failed = preview.failedConditions(); failed != 0) {
+            output.finish();
+            throw Failure(ExitCondition, std::to_string(failed) + (failed == 1 ? " condition does" : " conditions do") +
+                                             " not hold: as it is, nothing would be changed");
+        }
         return false;
     }
     if (!caution.backup.empty()) {

@@ -35,6 +35,7 @@ const struct Advice {
      "(--quota-requests)"},
     {OBREG_STATUS_STORE_FULL, ExitFailed, "make room on the daemon's disk, or delete keys and values"},
     {OBREG_STATUS_STORE_FAILED, ExitFailed, "%l tells how"},
+    {OBREG_STATUS_CONDITION_FAILED, ExitCondition, "nothing was changed; look at what is there now"},
 };
 
 constexpr const char* DaemonWasAway =

@@ -6,9 +6,11 @@ namespace obregd {
 
 namespace {
 
-constexpr size_t MostText = size_t{64} * 1024; // told at once; the rest when it is asked for
+constexpr size_t EnoughText = size_t{64} * 1024; // told at once; the rest when it is asked for
+constexpr size_t MostText = size_t{64} << 20;    // of what belongs together
 
-constexpr const char* Since = "SELECT number, kind, key, parent, name FROM change WHERE number > ? ORDER BY number";
+constexpr const char* Since =
+    "SELECT number, kind, key, parent, name, joined FROM change WHERE number > ? ORDER BY number";
 
 } // namespace
 
@@ -29,6 +31,10 @@ Told ChangeReader::told(const Watched& watched, int64_t mostRows)
         if (rows > mostRows)
             throw TooLong();
         const auto at = [this](int column) { return m_since.getColumn(column).getInt64(); };
+        if (told.text.size() > (m_since.isColumnNull(5) ? EnoughText : MostText)) {
+            told.upTo = at(0) - 1;
+            break;
+        }
         const int64_t kind = at(1);
         const bool ofKey =
             kind == static_cast<int64_t>(ChangeKind::KeyMade) || kind == static_cast<int64_t>(ChangeKind::KeyDeleted);
@@ -47,10 +53,6 @@ Told ChangeReader::told(const Watched& watched, int64_t mostRows)
         const std::string keyPath = ofKey && !itself ? joined(path, name) : path;
         told.text += std::to_string(at(0)) + '\t' + ChangeNames[kind] + '\t' + keyPath + '\t' + (ofKey ? "" : name);
         told.text += '\0';
-        if (told.text.size() > MostText) {
-            told.upTo = at(0);
-            break;
-        }
     }
     return told;
 }

@@ -24,7 +24,7 @@ struct Watched {
 
 /// What there is to tell.
 struct Told {
-    int64_t upTo; ///< all changes up to that number have been looked at
+    int64_t upTo; ///< all changes up to that number have been looked at, and no request's in part
     bool lost;    ///< changes are missing, because the journal no longer has them: what is watched is to be read anew
     std::string text; ///< strings, each with its NUL: number, kind, path from the watched key, value name, by tabs
     bool empty() const { return !lost && text.empty(); }

@@ -10,13 +10,16 @@ constexpr int64_t RowBytes = 48;                    // what a change takes besid
 constexpr int64_t LeastSize = int64_t{1024} * 1024; // what watchers need
 constexpr int64_t MaxDataShare = 1024;              // data that takes more of the journal than such a part is not kept
 
+constexpr int JoinedParameter = 12; // of the two that follow
 constexpr const char* Add =
-    "INSERT INTO change (number, position, time, uid, pid, kind, key, parent, name, length, secret) "
-    "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, nullif(?10, 0), nullif(?11, 0))";
+    "INSERT INTO change (number, position, time, uid, pid, kind, key, parent, name, length, secret, joined) "
+    "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, nullif(?10, 0), nullif(?11, 0), nullif(?12, 0))";
 constexpr const char* AddFormer =
-    "INSERT INTO change (number, position, time, uid, pid, kind, key, parent, name, type, length, data, secret) "
+    "INSERT INTO change (number, position, time, uid, pid, kind, key, parent, name, type, length, data, secret, "
+    "joined) "
     "SELECT ?1, ?2, ?3, ?4, ?5, ?6, key, 0, name, type, length(data), CASE WHEN length(data) <= ?8 THEN data END, "
-    "nullif(?9, 0) FROM regvalue WHERE id = ?7";
+    "nullif(?9, 0), nullif(?12, 0) "
+    "FROM regvalue WHERE id = ?7";
 constexpr const char* BothEnds = "SELECT ifnull(max(number), 0), ifnull(max(position), 0), "
                                  "ifnull((SELECT position FROM change ORDER BY number LIMIT 1), 0) FROM "
                                  "(SELECT number, position FROM change ORDER BY number DESC LIMIT 1)";
@@ -55,12 +58,15 @@ void JournalWriter::next(int64_t bytes, KeyId key, KeyId parent)
     ++m_now.number;
     m_now.position += RowBytes + bytes;
     m_touched.push_back({m_now.number, key, parent});
+    for (SQLite::Statement* const pStatement : {&m_add, &m_addFormer})
+        pStatement->bind(JoinedParameter, m_joins ? 1 : 0);
+    m_joins = true;
 }
 
-void JournalWriter::rolledBack()
+void JournalWriter::rolledBack(const Ends& to)
 {
-    m_now = m_stored;
-    while (!m_touched.empty() && m_touched.back().number > m_stored.number)
+    m_now = to;
+    while (!m_touched.empty() && m_touched.back().number > to.number)
         m_touched.pop_back();
 }
 

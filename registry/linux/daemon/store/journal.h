@@ -67,7 +67,12 @@ public:
     void setSize(uint64_t size);
     /// Data is kept from now on, or not, as long as it is not too long.
     void keepData(bool keep) { m_keepData = keep; }
-    void setAuthor(Author author) { m_author = author; }
+    /// The changes that follow are his, and belong together: a reader of the journal is told of all of them or none.
+    void setAuthor(Author author)
+    {
+        m_author = author;
+        m_joins = false;
+    }
 
     void keyMade(KeyId key, KeyId parent, const std::string& name, uint64_t time);
     /// valuesLost: of its values, so many were not noted before.
@@ -83,7 +88,16 @@ public:
     /// The number of the last change, committed or not.
     int64_t last() const { return m_now.number; }
     void committed() { m_stored = m_now; }
-    void rolledBack();
+    /// How far it is, to go back there.
+    struct Ends {
+        int64_t number = 0;
+        int64_t position = 0;
+        int64_t first = 0; // position of the oldest
+    };
+    const Ends& ends() const { return m_now; }
+    /// What has been noted since then is undone in the file.
+    void rolledBack(const Ends& to);
+    void rolledBack() { rolledBack(m_stored); }
     /// What has been committed since the last call.
     std::vector<Touched> takeTouched() { return std::exchange(m_touched, {}); }
     /// What is known of the file is not to be relied on any more.
@@ -94,11 +108,6 @@ public:
     void dropSome(int rows);
 
 private:
-    struct Ends {
-        int64_t number = 0;
-        int64_t position = 0;
-        int64_t first = 0; // position of the oldest
-    };
     void next(int64_t bytes, KeyId key, KeyId parent);
 
     SQLite::Statement m_add, m_addFormer, m_ends, m_oldest, m_drop;
@@ -106,6 +115,7 @@ private:
     int64_t m_maxData = 0;
     bool m_keepData = true;
     Author m_author{};
+    bool m_joins = false; // the next change belongs to the one before it
     std::vector<Touched> m_touched;
     Ends m_stored{}, m_now{};
 };

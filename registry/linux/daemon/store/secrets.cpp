@@ -72,7 +72,8 @@ void Secrets::distrust()
     }
     const Use use(m_last);
     m_upTo = hasAny() && m_last.executeStep() ? m_last.getColumn(0).getInt64() : 0;
-    m_stored = m_now = {};
+    m_stored = {};
+    m_now = {0, m_now.marks};
     forget();
     m_isStale = false;
 }

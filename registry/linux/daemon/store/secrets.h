@@ -25,19 +25,20 @@ public:
     void setPatterns(std::vector<SecretPattern> patterns);
 
     /// Whether the values of a key are secret. The key may be deleted, if the journal knows of it.
-    bool has(KeyId key) { return hasAny() && isSecret(key); }
+    bool has(KeyId key)
+    {
+        if (m_isStale)
+            distrust();
+        return hasAny() && isSecret(key);
+    }
 
     /// A key has been given the value that marks it, or has it no more. The last change then: what the journal has up
     /// to there is cleared.
     void marked(KeyId key, int64_t lastChange);
     void unmarked(KeyId key);
 
-    void begun()
-    {
-        if (m_isStale)
-            distrust();
-    }
     void committed();
+    /// All, or a part of it, has been undone.
     void rolledBack();
     /// What is known of the file is not to be relied on any more.
     void distrust();

@@ -77,7 +77,7 @@ Store::Store(const std::string& path, int flags)
       m_lastId(m_database, "SELECT seq FROM sqlite_sequence WHERE name = 'regkey'"), m_value(m_database, OneValue),
       m_hasValue(m_database, "SELECT 1 FROM regvalue WHERE key = ? AND name = ?"),
       m_longestSubKey(m_database, LongestSubKey), m_longestValue(m_database, LongestValue), m_changes(m_database),
-      m_history(m_database), m_entriesUp{{m_database, SubKeysUp}, {m_database, ValuesUp}},
+      m_history(m_database), m_tokens(m_database), m_entriesUp{{m_database, SubKeysUp}, {m_database, ValuesUp}},
       m_entriesDown{{m_database, SubKeysDown}, {m_database, ValuesDown}}
 {
     m_database.exec(ReaderCache);

@@ -48,11 +48,14 @@ WritableStore::WritableStore(const std::string& path)
       m_clearValues(m_database, "DELETE FROM regvalue INDEXED BY regvalue_order WHERE key = ? AND id <= ?"),
       m_removeLeftover(m_database, "DELETE FROM leftover WHERE key = ?"),
       m_lastNumber(m_database, "SELECT seq FROM sqlite_sequence WHERE name = 'regkey'"),
-      m_freePages(m_database, "PRAGMA freelist_count"), m_valuesOf(m_database, ValuesOf), m_journal(m_database),
-      m_secrets(m_database)
+      m_freePages(m_database, "PRAGMA freelist_count"), m_valuesOf(m_database, ValuesOf),
+      m_savepoint(m_database, "SAVEPOINT part"), m_rollbackTo(m_database, "ROLLBACK TO part"),
+      m_releaseSavepoint(m_database, "RELEASE part"), m_journal(m_database), m_secrets(m_database),
+      m_tokenWriter(m_database)
 {
     m_database.exec(WriterCache);
     m_database.exec("PRAGMA synchronous = FULL");
+    m_database.exec("PRAGMA temp_store = MEMORY"); // what a savepoint goes back to: it needs no room on another disk
     m_database.exec("PRAGMA journal_size_limit = 33554432");
     // In place of automatic checkpoints, which would delay the answers of the commit that sets them off.
     const auto note = [](void* pPages, sqlite3*, const char*, int pages) {
@@ -79,7 +82,6 @@ void WritableStore::begin()
     lookAround();
     if (othersWrote())
         distrust();
-    m_secrets.begun();
 }
 
 void WritableStore::commit()
@@ -94,6 +96,7 @@ void WritableStore::commit()
     m_changedAccounts.clear();
     m_journal.committed();
     m_secrets.committed();
+    m_tokenWriter.committed();
     if (m_cleared) {
         m_pShared->leftovers.gone();
         m_hasToClear = m_cleared = false;
@@ -115,7 +118,42 @@ void WritableStore::rollback()
     m_changedAccounts.clear();
     m_journal.rolledBack();
     m_secrets.rolledBack();
+    m_tokenWriter.rolledBack();
     m_cleared = false;
+}
+
+WritableStore::Savepoint::Savepoint(WritableStore& store)
+    : m_store(store), m_journal(store.m_journal.ends()), m_removals(store.m_pShared->positions.noted())
+{
+    for (const Owner owner : store.m_changedAccounts)
+        m_accounts.emplace_back(owner, store.m_accounts[owner].now);
+    store.release();
+    run(store.m_savepoint);
+}
+
+void WritableStore::Savepoint::keep()
+{
+    m_store.release();
+    run(m_store.m_releaseSavepoint);
+    m_kept = true;
+}
+
+WritableStore::Savepoint::~Savepoint()
+{
+    if (m_kept)
+        return;
+    m_store.release();
+    for (SQLite::Statement* const pStatement : {&m_store.m_rollbackTo, &m_store.m_releaseSavepoint}) {
+        pStatement->tryExecuteStep(); // when it fails, all is rolled back, or cannot be committed
+        pStatement->tryReset();
+    }
+    for (const Owner owner : m_store.m_changedAccounts)
+        m_store.m_accounts[owner].now = m_store.m_accounts[owner].stored;
+    for (const auto& [owner, usage] : m_accounts)
+        m_store.m_accounts[owner].now = usage;
+    m_store.m_journal.rolledBack(m_journal);
+    m_store.m_secrets.rolledBack();
+    m_store.m_pShared->positions.takeBack(m_removals);
 }
 
 /// What is known of the file is not to be relied on any more.
@@ -126,6 +164,7 @@ void WritableStore::distrust()
     m_changedAccounts.clear();
     m_journal.distrust();
     m_secrets.distrust();
+    m_tokenWriter.distrust();
     m_lastValueRowUsed = std::max(m_lastValueRowUsed, [this] {
         const Use use(m_lastValueRow);
         m_lastValueRow.executeStep();
@@ -407,13 +446,25 @@ void WritableStore::storeUsage()
     }
 }
 
+/// The last key number that was given out.
+int64_t WritableStore::lastNumber()
+{
+    const Use use(m_lastNumber);
+    return m_lastNumber.executeStep() ? m_lastNumber.getColumn(0).getInt64() : 0;
+}
+
 bool WritableStore::allowsKeys(Owner owner, uint64_t count, uint64_t nameBytes)
 {
     const Usage taken = usage(owner);
-    const Use use(m_lastNumber);
-    const int64_t given = m_lastNumber.executeStep() ? m_lastNumber.getColumn(0).getInt64() : 0;
     return taken.keys + count <= m_quota.keys && taken.bytes + nameBytes <= m_quota.bytes &&
-           leavesNumbers(taken, count, LastKeyId - ReservedKeyNumbers - given);
+           leavesNumbers(taken, count, LastKeyId - ReservedKeyNumbers - lastNumber());
+}
+
+bool WritableStore::fitsQuota(Owner owner, const Usage& before)
+{
+    const Usage taken = usage(owner);
+    return taken.keys <= std::max(m_quota.keys, before.keys) && taken.bytes <= std::max(m_quota.bytes, before.bytes) &&
+           (taken.numbers == before.numbers || leavesNumbers(taken, 0, LastKeyId - ReservedKeyNumbers - lastNumber()));
 }
 
 bool WritableStore::allowsValue(const Key& key, const std::string& name, UINT32 length)
