@@ -47,14 +47,18 @@ class WithDaemon(unittest.TestCase):
         self.start()
         self.expect(0, "add", r"HKLM/Software\Acme")  # once there is a slash, both separate
 
-    def start(self):
-        self.daemon = subprocess.Popen([os.environ["OBREGD"]], stderr=subprocess.PIPE)
+    def start(self, *words):
+        self.daemon = subprocess.Popen([os.environ["OBREGD"], *words], stderr=subprocess.PIPE)
         self.assertTrue(any(b"listening on" in line for line in self.daemon.stderr))
 
     def tearDown(self):
         self.daemon.kill()
         self.daemon.wait()
         self.daemon.stderr.close()
+
+    def restart(self, *words):
+        self.tearDown()
+        self.start(*words)
 
     def expect(self, status, *words, out=None, err=None, stdin=b""):
         """Runs the tool; compares the exit status, the whole output and a part of the errors."""
@@ -70,6 +74,8 @@ class WithDaemon(unittest.TestCase):
         lines = "".join(f'"v{i}"="{data}"\n' for i in range(count))
         self.expect(0, "import", "-", stdin=f"REGEDIT4\n[{key}]\n{lines}".encode())
 
+
+class Verbs(WithDaemon):
     def test_values_of_every_type(self):
         cases = [  # type, data words, stored bytes, printed
             ("REG_SZ", ["héllo\n"], "héllo\n\0".encode(), "héllo\n\n"),

@@ -116,15 +116,9 @@ std::optional<ParsedHistory> parseHistory(const std::string& name)
         question.most <= 0)
         return std::nullopt;
     const std::string scope = takeWord();
-    std::string rest(pText, pEnd);
     question.subTree = scope == "tree";
-    if (scope == "value")
-        question.value = std::move(rest);
-    else if (scope == "key" || scope == "tree")
-        question.path = std::move(rest);
-    else
-        return std::nullopt;
-    return parsed;
+    question.path.assign(pText, pEnd);
+    return question.subTree || scope == "key" ? std::optional(parsed) : std::nullopt;
 }
 
 std::string answerText(const Told& told)

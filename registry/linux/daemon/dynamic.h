@@ -15,14 +15,14 @@
 //
 // `History` answers likewise a query of what has changed, by whom, and what was there before:
 //
-//     HANDLE FROM DIRECTION MOST SCOPE REST        80000002 now before 100 tree Software\Acme
+//     HANDLE FROM DIRECTION MOST SCOPE PATH        80000002 now before 100 tree Software\Acme
 //
 // the key's handle; a change's number, or `now`; `before` (changes before that number, newest first) or `after` (oldest
-// first); how many changes at most; `key` or `tree`, and then perhaps a path below the key, of a key that need not be
-// there any more, or `value` and the name of a value of the key. The data are strings again: first the number from
-// which the next question goes on, that of the oldest change that is kept, and that of the last one; then, for each
-// change, its number, time, uid, pid, what was done, the path from the asked key, the value's name, what was there
-// before (see docs/daemon.md), and `secret` for a value of a secret key, separated by tabs.
+// first); how many changes at most; `key` or `tree`; and, perhaps, the path from there to the key that is meant, which
+// need not be there any more. The data are strings again: first the number from which the next question goes on, that
+// of the oldest change that is kept, and that of the last one; then, for each change, its number, time, uid, pid, what
+// was done, the path from the asked key, the value's name, what was there before (docs/daemon.md tells how), and
+// `secret` for a value of a secret key, separated by tabs.
 #ifndef OBREG_DAEMON_DYNAMIC_H
 #define OBREG_DAEMON_DYNAMIC_H
 

@@ -39,7 +39,8 @@ void Undoing::take(const PastChange& change)
         key.existed = change.kind == PastChange::KeyDeleted;
         key.lostBy = change.lost != 0 ? change.number : 0;
         if (!*key.existed)
-            key.values.clear();
+            for (auto& [id, value] : key.values)
+                value.past = {};
         return;
     }
     const std::string id = isUnnamed(change.name) ? "" : folded(change.name);

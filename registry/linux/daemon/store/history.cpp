@@ -62,26 +62,24 @@ std::string HistoryReader::answer(const HistoryQuestion& question)
         stretch.key = question.key;
     int64_t next = question.newestFirst ? stretch.after + 1 : stretch.before - 1; // when all of it is looked at
     Places::Below known{{question.key, std::string()}};
-    std::string path;
+    const auto concerns = [&](const std::string& in, const std::string& changed) {
+        return question.subTree ? isWithin(changed, question.path)
+                                : isSame(in, question.path) || isSame(changed, question.path);
+    };
+    const std::string* pIn = nullptr; // the path of the key whose values or sub-keys have changed, or which has itself
     const auto wants = [&](ChangeKind kind, KeyId key, KeyId parent) {
-        if (question.value && isOfKey(kind))
-            return false;
-        const bool itself = isOfKey(kind) && key == question.key;
-        const auto& above = itself ? known.at(key) : m_places.pathBelow(isOfKey(kind) ? parent : key, known);
-        if (above)
-            path = *above;
-        return above.has_value();
+        const bool ofKey = isOfKey(kind);
+        const bool itself = ofKey && key == question.key;
+        const auto& in = itself ? known.at(key) : m_places.pathBelow(ofKey ? parent : key, known);
+        pIn = in ? &*in : nullptr;
+        return in && (ofKey || concerns(*in, *in));
     };
     int64_t told = 0;
     std::string text;
     const auto see = [&](const Change& change) {
         const bool ofKey = isOfKey(change.kind);
-        const std::string in = path; // the key whose values or sub-keys have changed
-        if (ofKey && change.key != question.key)
-            path = joined(path, change.name);
-        const bool concerns = question.subTree ? isWithin(path, question.path)
-                                               : isSame(in, question.path) || (ofKey && isSame(path, question.path));
-        if (!concerns || (question.value && !isSame(change.name, *question.value)))
+        const std::string path = ofKey && change.key != question.key ? joined(*pIn, change.name) : *pIn;
+        if (ofKey && !concerns(*pIn, path))
             return true;
         text += std::to_string(change.number) + '\t' + std::to_string(change.time) + '\t' +
                 std::to_string(change.author.uid) + '\t' + std::to_string(change.author.pid) + '\t' +
