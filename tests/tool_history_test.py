@@ -52,7 +52,7 @@ class History(tool.WithDaemon):
         now = self.last()
         self.expect(0, "delete", KEY, "-y")
         added = self.expect(0, "undo", self.last(), "--dry-run")
-        self.assertEqual(added.count(b"added-"), 5)
+        self.assertEqual(added.count(b"added-"), 6)
         self.expect(0, "undo", self.last())
         self.assertEqual(self.expect(0, "export", KEY), before)
         self.expect(0, "rm", KEY, "n")
