@@ -11,6 +11,7 @@ namespace {
 
 constexpr size_t MostAnswers = 65536;
 constexpr size_t MaxLevels = 1024;
+constexpr auto FadingTime = std::chrono::minutes(1);
 
 constexpr const char* AllMarks =
     "SELECT key FROM regvalue INDEXED BY regvalue_secret WHERE name = '" OBREG_SECRET_VALUE "'";
@@ -35,6 +36,7 @@ void Secrets::setPatterns(std::vector<SecretPattern> patterns)
 
 void Secrets::marked(KeyId key, int64_t lastChange)
 {
+    m_fading.erase(key);
     if (!m_marks.insert(key).second)
         return;
     m_now = {0, true};
@@ -44,10 +46,22 @@ void Secrets::marked(KeyId key, int64_t lastChange)
 
 void Secrets::unmarked(KeyId key)
 {
-    if (m_marks.erase(key) == 0)
-        return;
     m_now.marks = true;
-    forget();
+    if (m_marks.contains(key))
+        m_fading[key] = Clock::now() + FadingTime;
+}
+
+void Secrets::fade()
+{
+    const Clock::time_point now = Clock::now();
+    const auto isOver = [&](const auto& one) {
+        if (one.second > now)
+            return false;
+        m_marks.erase(one.first);
+        return true;
+    };
+    if (std::erase_if(m_fading, isOver) != 0)
+        forget();
 }
 
 void Secrets::committed()
@@ -70,6 +84,7 @@ void Secrets::distrust()
         while (m_allMarks.executeStep())
             m_marks.insert(m_allMarks.getColumn(0).getInt64());
     }
+    std::erase_if(m_fading, [this](const auto& one) { return !m_marks.insert(one.first).second; }); // it is there again
     const Use use(m_last);
     m_upTo = hasAny() && m_last.executeStep() ? m_last.getColumn(0).getInt64() : 0;
     m_stored = {};

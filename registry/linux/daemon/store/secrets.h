@@ -9,6 +9,7 @@
 #define OBREG_DAEMON_STORE_SECRETS_H
 
 #include <SQLiteCpp/SQLiteCpp.h>
+#include <chrono>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -29,13 +30,15 @@ public:
     {
         if (m_isStale)
             distrust();
+        if (!m_fading.empty())
+            fade();
         return hasAny() && isSecret(key);
     }
 
     /// A key has been given the value that marks it, or has it no more. The last change then: what the journal has up
     /// to there is cleared.
     void marked(KeyId key, int64_t lastChange);
-    void unmarked(KeyId key);
+    void unmarked(KeyId key); ///< which counts a minute later, for whoever deletes all values in whatever order
 
     void committed();
     /// All, or a part of it, has been undone.
@@ -48,6 +51,7 @@ public:
     void clearSome(int rows);
 
 private:
+    using Clock = std::chrono::steady_clock;
     struct State {
         int64_t cleared = 0; // changes up to there have been looked at
         bool marks = false;  // have changed
@@ -55,14 +59,16 @@ private:
 
     bool hasAny() const { return !m_marks.empty() || !m_patterns.empty(); }
     bool isSecret(KeyId key);
+    void fade();
     void forget();
 
     SQLite::Database& m_database;
     Places m_places;
     SQLite::Statement m_allMarks, m_uncleared, m_clear, m_last;
     std::vector<SecretPattern> m_patterns;
-    std::unordered_set<KeyId> m_marks;         // keys that have the mark; a deleted one does no harm
-    std::unordered_map<KeyId, bool> m_answers; // of isSecret()
+    std::unordered_set<KeyId> m_marks;                     // keys that have the mark; a deleted one does no harm
+    std::unordered_map<KeyId, Clock::time_point> m_fading; // those that have it no more, and until when that counts not
+    std::unordered_map<KeyId, bool> m_answers;             // of isSecret()
     State m_stored, m_now;
     bool m_isStale = false;
     int64_t m_upTo = 0; // changes that have to be looked at
