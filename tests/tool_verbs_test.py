@@ -300,16 +300,18 @@ class Verbs(WithDaemon):
             self.assertIn(b"Acme", reader.stdout.read())
         self.assertTrue(os.path.exists(FOLDER + "pipe") and not os.path.isfile(FOLDER + "pipe"))
         self.import_many(r"HKLM\Many", 20000)
-        for ending, status in (signal.SIGTERM, -signal.SIGTERM), (None, 3):  # None: --timeout
-            with subprocess.Popen([TOOL, "--timeout", "2", "export", "HKLM", FOLDER + "half"],
-                                  stderr=subprocess.DEVNULL) as half:
+        for ending, status, *words in [(signal.SIGTERM, -signal.SIGTERM, "export", "HKLM"), (None, 3, "export", "HKLM"),
+                                       (signal.SIGINT, 130, "rm", "HKLM/Many", "-y", "--backup")]:  # None: --timeout
+            with subprocess.Popen([TOOL, "--timeout", "2", *words, FOLDER + "half"], stderr=subprocess.DEVNULL) as half:
                 while not [name for name in os.listdir(FOLDER) if "half.new" in name]:
                     time.sleep(0.001)
-                os.kill(self.daemon.pid, signal.SIGSTOP)
+                if ending != signal.SIGINT:  # which ends work that goes on
+                    os.kill(self.daemon.pid, signal.SIGSTOP)
                 if ending:
                     half.send_signal(ending)
             os.kill(self.daemon.pid, signal.SIGCONT)
             self.assertEqual(half.returncode, status)
+            self.assertEqual(json.loads(self.expect(0, "info", "HKLM/Many", "--json"))["values"], 20000)
             self.assertEqual([name for name in os.listdir(FOLDER) if "half" in name], [])
 
     def test_a_tree_is_read_whole_while_it_changes(self):
@@ -373,13 +375,50 @@ class Verbs(WithDaemon):
         for words in ["rename", KEY, "ACME"], ["move", KEY, KEY + r"\Deep"], ["rename", KEY, "a\\b"], ["move", "HKLM", "HKU/x"]:
             self.expect(2, *words, err="")
         self.expect(0, "move", KEY, "HKLM/New/Place")
-        self.expect(0, "rename", "HKLM/New/Place", "Acme")
+        self.assertIn(b'"one transaction"', self.expect(0, "rename", "HKLM/New/Place", "Acme", "--json"))
         self.expect(0, "rename", "HKLM/New/Acme", "-v", "z", "q")
         self.expect(1, "get", "HKLM/New/Acme", "q", "z", "a", out=b"z\na\n", err='"z"')
         self.expect(0, "rename", "HKLM/New/Acme", "-v", "q", "z")
         self.expect(0, "move", "HKLM/New/Acme", KEY)
         self.assertEqual(run("export", KEY)[1], before)
         self.expect(0, "tree", "HKLM/New", out=b"key\tHKEY_LOCAL_MACHINE\\New\n")
+
+    def test_conditions(self):
+        for status, words in [  # each on what those before it have left
+                (6, ["set", KEY, "n", "1", "--if-equals", "0"]), (0, ["set", KEY, "n", "5", "-t", "dword", "--if-absent"]),
+                (6, ["set", KEY, "n", "6", "--if-absent"]), (6, ["set", KEY, "n", "6", "--if-equals", "4"]),
+                (0, ["set", KEY, "n", "6", "--if-equals", "0x5", "--dry-run"]), (0, ["set", KEY, "n", "6", "--if-equals", "5"]),
+                (6, ["rm", KEY, "n", "--if-equals", "5", "--dry-run"]), (2, ["rm", KEY, "--if-equals", "6"]),
+                (0, ["set", "HKLM/New/Key", "l", "a", "b", "--if-absent"]),
+                (0, ["set", "HKLM/New/Key", "l", "c", "--if-equals", "a", "--if-equals", "b"]),
+                (6, ["delete", "HKLM/None", "-v", "n", "--if-equals", "5"]), (4, ["set", "HKPD", "n", "5", "--if-absent"]),
+                (0, ["delete", KEY, "-v", "n", "--if-equals", "6"])]:
+            self.expect(status, *words, err="" if status else None)
+        self.expect(0, "ls", KEY, out=b"")
+        for lines, holds in [(f'[?{KEY}]\n"n"=-\n[?-HKLM\\X]\n[HKLM\\X]\n"a"="1"\n', True), ("[?HKLM\\Y]", False),
+                             ('[HKLM\\Z]\n[?HKLM\\X]\n"a"="2"\n', False), ('[?HKLM\\X]\n"a"=-', False), ("[?-HKLM\\X]", False),
+                             ('[?HKLM\\X]\n"a"="1"\n[-HKLM\\X]', True)]:
+            text = ("REGEDIT4\n" + lines).encode()
+            before = self.expect(0, "export", "HKLM")
+            shown = self.expect(0 if holds else 6, "import", "--atomic", "-", "--dry-run", stdin=text, err=None if holds else "not hold")
+            self.assertEqual(b"condition-fails" in shown, not holds)
+            self.expect(0 if holds else 6, "import", "--atomic", "-", "--check", stdin=text, err=None if holds else ", line ")
+            self.assertEqual(self.expect(0, "export", "HKLM"), before)
+            self.expect(5, "import", "-", stdin=text, err="--atomic")
+            self.expect(0 if holds else 6, "import", "--atomic", "-", stdin=text, err=None if holds else ", column 1: ")
+            self.assertEqual(self.expect(0, "export", "HKLM") != before, holds)
+        for status, line, said in [(5, '"a"=oops', "line 3, column 5"), (4, '[HKPD\\x]', "line 3, column 1: "),
+                                   (4, '"b"=hex(0):', "line 3, column 1: "), (4, "[HKLM\\" + "n" * 1025 + "]", "BAD_NAME"),
+                                   (4, '"x"="y"\n' * 100001, "--max-statements")]:
+            self.expect(status, "import", "--atomic", "-", stdin=f"REGEDIT4\n[HKLM\\X]\n{line}\n".encode(), err=said)
+            self.expect(1, "ls", r"HKLM\X", err="NOT_FOUND")
+
+    def test_processes_that_count_together_lose_nothing(self):
+        steps = 40 * int(os.environ.get("OBREG_TORTURE", 1))
+        script = os.path.join(os.path.dirname(__file__), "../examples/counter.sh")
+        environment = {**os.environ, "PATH": os.path.dirname(TOOL) + ":" + os.environ["PATH"]}
+        subprocess.run([script, KEY, "n", str(steps)], env=environment, timeout=3000, check=True)
+        self.expect(0, "get", KEY, "n", out=f"{steps}\n".encode())
 
     def test_lines_fit_the_terminal(self):
         self.expect(0, "set", KEY, "long", "é漢" * 60)

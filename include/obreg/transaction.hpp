@@ -387,7 +387,8 @@ private:
     std::error_code m_mistake;   // of the last statement, which could not be sent
 };
 
-/// Stores `desired` when the value is `expected`, which may be `absent`. False when it is not: then nothing was done.
+/// Stores `desired` when the value is `expected`, which may be `absent`. False when it is not, or its key is gone: then
+/// nothing was done.
 template <class Expected, class Desired>
 bool compareAndSet(const Key& key, const std::string& name, const Expected& expected, const Desired& desired,
                    std::error_code& error)

@@ -164,7 +164,7 @@ constexpr const char* Footer =
     "other bytes are pairs of hexadecimal digits, with hex: in front where the type promises text or a number.\n"
     "\"obreg help VERB\" tells about a verb. Behind -- no word is an option.\n"
     "Exit status: 0 done, 1 not found or different, 2 usage, 3 no daemon, 4 refused or failed, 5 a malformed file,\n"
-    "130 interrupted.";
+    "6 a condition did not hold, 130 interrupted.";
 
 } // namespace
 

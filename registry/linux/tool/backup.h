@@ -20,7 +20,7 @@ namespace obregtool {
 
 class Backup : public RegSink {
 public:
-    /// The file must not exist, unless it may be replaced. Throws Failure, as all do.
+    /// The file must not exist, unless it may be replaced. Throws Failure, as all do; also when Ctrl-C came.
     Backup(const std::string& file, bool replace);
 
     void key(const KeyPath& key, const Place& place) override;

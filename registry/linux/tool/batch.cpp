@@ -101,15 +101,15 @@ BatchFailure Batch::failureOfCommit(const std::error_code& error) const
     if (!known && !unanswered)
         return {noTransactions(""), {}, true};
     const obreg::Transaction::Outcome outcome = m_transaction.outcome(unanswered);
-    if (outcome.error == error && outcome.statement != 0) {
+    const bool tooLarge = error == obreg::Status::tooLarge; // which statement was one too many says little
+    if (outcome.error == error && outcome.statement != 0 && !tooLarge) {
         const Statement& statement = m_statements[outcome.statement - 1];
         const std::string* const pName = statement.name ? &*statement.name : nullptr;
         return {failureOf(m_keys[statement.key], pName, error), statement.place, false};
     }
     // A request that the daemon does not take, for its length, ends the connection.
     const bool lost = error == obreg::Status::requestFailed;
-    return {
-        failureOfAll(m_keys.front(), error, size(), bytes()), {}, error == obreg::Status::tooLarge || (lost && known)};
+    return {failureOfAll(m_keys.front(), error, size(), bytes()), {}, tooLarge || (lost && known)};
 }
 
 } // namespace obregtool

@@ -11,7 +11,7 @@ namespace obregtool {
 
 namespace {
 
-constexpr size_t MostWaiting = 512;    // keys
+constexpr size_t MostWaiting = 4096;   // statements
 constexpr size_t MostOfPiece = 256;    // costs
 constexpr size_t BytesOfOneCost = 256; // of a value: each makes it cost one more
 constexpr size_t PieceThreads = 8;
@@ -34,6 +34,9 @@ void Copier::copyTree(const KeyPath& from, const KeyPath& to, uint64_t depth)
         }
         finish();
     } catch (Failure& failure) {
+        m_failed = true;
+        if (m_writing.valid())
+            m_writing.wait(); // it counts
         failure.details = {{"keys", keys()}, {"values", values()}};
         throw;
     }
@@ -65,7 +68,7 @@ void Copier::copy(TreeReader::Entry& from, const KeyPath& target)
     });
     m_statements += 1 + entries.size();
     entries.clear();
-    if (m_asOne ? m_statements > MostAsOne : m_waiting.size() >= MostWaiting)
+    if (m_statements > (m_asOne ? MostAsOne : MostWaiting))
         write();
 }
 
@@ -77,13 +80,26 @@ void Copier::finish()
         all.push_back({&key, 0, key.values.size()});
     if (!m_asOne || !writeAsOne(all))
         write();
+    wait();
 }
 
 void Copier::write()
 {
     m_asOne = false;
-    const std::vector<Key> keys = std::exchange(m_waiting, {});
     m_bytes = 0;
+    m_statements = 0;
+    wait();
+    m_writing = std::async([this, keys = std::exchange(m_waiting, {})] { writeKeys(keys); });
+}
+
+void Copier::wait()
+{
+    if (m_writing.valid())
+        m_writing.get();
+}
+
+void Copier::writeKeys(const std::vector<Key>& keys)
+{
     const std::vector<Chain> chains = chainsOf(keys);
     const auto one = [&](size_t i) {
         try {

@@ -1,11 +1,12 @@
 // Copies keys with their values: in one transaction when it is not too much for that, else in many of some hundred
 // values, several at once; each key's values one after the other, so that their order is kept.
 //
-// Owned and called by one thread. A key is written when enough has come together.
+// Owned and called by one thread. Keys are written when enough has come together, while the next are read.
 #ifndef OBREG_TOOL_COPIER_H
 #define OBREG_TOOL_COPIER_H
 
 #include <atomic>
+#include <future>
 #include <string>
 #include <vector>
 
@@ -46,15 +47,18 @@ private:
     void copy(TreeReader::Entry& from, const KeyPath& target);
     void finish();
     void write();
+    void wait();
+    void writeKeys(const std::vector<Key>& keys);
     std::vector<Chain> chainsOf(const std::vector<Key>& keys) const;
     void writePiece(const Piece& piece);
     bool writeAsOne(const Piece& piece);
     void writeSlice(const Slice& slice);
 
     std::vector<Key> m_waiting;
-    size_t m_bytes = 0;      // of those
-    size_t m_statements = 0; // that copy all of those
-    bool m_asOne = true;     // nothing was written yet
+    size_t m_bytes = 0;          // of those
+    size_t m_statements = 0;     // that copy all of those
+    bool m_asOne = true;         // nothing was written yet
+    std::future<void> m_writing; // what was waiting, while others are read
     std::atomic<bool> m_failed{false};
     std::atomic<bool> m_apart{false}; // each value is written by itself
     std::atomic<uint64_t> m_keys{0};
