@@ -10,16 +10,18 @@ constexpr int64_t RowBytes = 48;                    // what a change takes besid
 constexpr int64_t LeastSize = int64_t{1024} * 1024; // what watchers need
 constexpr int64_t MaxDataShare = 1024;              // data that takes more of the journal than such a part is not kept
 
-constexpr int JoinedParameter = 12; // of the two that follow
+constexpr int JoinedParameter = 12; // of the two that add
+constexpr int SecretParameter = 13; // of the second
 constexpr const char* Add =
     "INSERT INTO change (number, position, time, uid, pid, kind, key, parent, name, length, secret, joined) "
     "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, nullif(?10, 0), nullif(?11, 0), nullif(?12, 0))";
+/// Not one statement that reads and adds: inside a savepoint that takes the longer the more has been done in it.
+constexpr const char* FormerOf = "SELECT name, type, length(data), CASE WHEN length(data) <= ?2 THEN data END "
+                                 "FROM regvalue WHERE id = ?1";
 constexpr const char* AddFormer =
-    "INSERT INTO change (number, position, time, uid, pid, kind, key, parent, name, type, length, data, secret, "
-    "joined) "
-    "SELECT ?1, ?2, ?3, ?4, ?5, ?6, key, 0, name, type, length(data), CASE WHEN length(data) <= ?8 THEN data END, "
-    "nullif(?9, 0), nullif(?12, 0) "
-    "FROM regvalue WHERE id = ?7";
+    "INSERT INTO change (number, position, time, uid, pid, kind, key, name, type, length, data, parent, joined, "
+    "secret) "
+    "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, 0, nullif(?12, 0), nullif(?13, 0))";
 constexpr const char* BothEnds = "SELECT ifnull(max(number), 0), ifnull(max(position), 0), "
                                  "ifnull((SELECT position FROM change ORDER BY number LIMIT 1), 0) FROM "
                                  "(SELECT number, position FROM change ORDER BY number DESC LIMIT 1)";
@@ -31,8 +33,8 @@ constexpr const char* StretchRows =
 } // namespace
 
 JournalWriter::JournalWriter(SQLite::Database& database)
-    : m_add(database, Add), m_addFormer(database, AddFormer), m_ends(database, BothEnds), m_oldest(database, Oldest),
-      m_drop(database, "DELETE FROM change WHERE number <= ?")
+    : m_add(database, Add), m_former(database, FormerOf), m_addFormer(database, AddFormer), m_ends(database, BothEnds),
+      m_oldest(database, Oldest), m_drop(database, "DELETE FROM change WHERE number <= ?")
 {
     setSize(0);
     distrust();
@@ -95,8 +97,21 @@ void JournalWriter::valueChanges(ChangeKind kind, KeyId key, const ValueRow& row
 {
     const int64_t maxData = m_keepData && !isSecret ? m_maxData : -1;
     next(row.nameLength + (row.dataLength <= maxData ? row.dataLength : 0), key, 0);
-    run(m_addFormer, m_now.number, m_now.position, time, m_author.uid, m_author.pid, static_cast<int>(kind), row.id,
-        maxData, isSecret);
+    const Use former(m_former);
+    const Use added(m_addFormer);
+    bindAll(m_former, row.id, maxData);
+    if (!m_former.executeStep())
+        return;
+    bindAll(m_addFormer, m_now.number, m_now.position, time, m_author.uid, m_author.pid, static_cast<int>(kind), key);
+    m_addFormer.bindNoCopy(8, m_former.getColumn(0).getText());
+    m_addFormer.bind(9, m_former.getColumn(1).getInt64());
+    m_addFormer.bind(10, m_former.getColumn(2).getInt64());
+    if (const SQLite::Column data = m_former.getColumn(3); data.isNull())
+        m_addFormer.bind(11);
+    else
+        m_addFormer.bindNoCopy(11, data.getBlob() == nullptr ? "" : data.getBlob(), data.getBytes());
+    m_addFormer.bind(SecretParameter, isSecret ? 1 : 0);
+    m_addFormer.exec();
 }
 
 void JournalWriter::dropSome(int rows)
