@@ -12,8 +12,9 @@ SHARED = "obreg/ platform.h common/"
 STREAMS = "standardstreams.h"
 TOP = " ".join(f"daemon/{name}.h" for name in ("figures", "files", "log", "options", "tree"))
 ROOMS = {  # each folder of the product, and all that it may include of ours: folders and files
-    "obreg": "obreg/", "": "none", "common": SHARED, "client": f"{SHARED} client/", "tool": f"obreg/ tool/ {STREAMS}",
-    "daemon": f"{SHARED} daemon/ {STREAMS}", "daemon/serve": f"{SHARED} daemon/",
+    "obreg": "obreg/", "": "none", "common": SHARED, "client": f"{SHARED} client/", "regtext": "obreg/ regtext/",
+    "tool": f"obreg/ tool/ regtext/ {STREAMS}",
+    "daemon": f"{SHARED} daemon/ regtext/ {STREAMS}", "daemon/serve": f"{SHARED} daemon/ regtext/",
     "daemon/store": f"{SHARED} {TOP} daemon/store/ daemon/govern/", "daemon/govern": f"{SHARED} {TOP} daemon/govern/",
 }
 INSIDE = {"IpcInit", "IpcShutdown", "OBRegForkHandler", "ReqReply", "getCChannel"}  # visible, but nobody's to call

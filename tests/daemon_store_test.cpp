@@ -3,6 +3,7 @@
 #include <atomic>
 #include <deque>
 #include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <optional>
 #include <random>
@@ -307,13 +308,80 @@ TEST_F(StoreTest, AnEarlierFormatIsCopiedAndUpgraded)
     for (const auto& row : rows) {
         SCOPED_TRACE(row.pCopy);
         m_pWriter.reset();
-        fromOutside(row.down + "DROP TABLE change; PRAGMA user_version = " + row.pFormat);
+        fromOutside(
+            row.down +
+            "DROP TABLE change; DROP TABLE token; DROP INDEX regvalue_secret; PRAGMA user_version = " + row.pFormat);
         EXPECT_EQ(checkStore(m_path).values, 49);
         m_pWriter.emplace(m_path);
         EXPECT_EQ(checkStore(m_folder / row.pCopy).summary(), checkStore(m_path).summary());
         expectSound();
         EXPECT_EQ(m_pWriter->usage(Ann), usage);
     }
+}
+
+TEST_F(StoreTest, WhatWasSecretIsNowhereInTheFile)
+{
+    using Act = std::function<void(KeyId top, KeyId sub)>;
+    const auto mark = [&](KeyId key) { set(key, OBREG_SECRET_VALUE, "x"); };
+    const auto replace = [&](KeyId key) { set(key, "v", "new"); };
+    const auto remove = [&](KeyId key) { m_pWriter->removeKey(*m_pWriter->key(key)); };
+    const auto undone = [&](KeyId key) { // a part of a transaction
+        const WritableStore::Savepoint part(*m_pWriter);
+        mark(key);
+    };
+    const struct {
+        const char* pName; ///< and the key's
+        bool kept;
+        Act before, act;
+    } rows[] = {
+        {"of a pattern, replaced", false, {}, [&](KeyId, KeyId sub) { replace(sub); }},
+        {"of a pattern, deleted", false, {}, [&](KeyId, KeyId sub) { m_pWriter->removeValue(sub, "v"); }},
+        {"of a pattern, with its key", false, {}, [&](KeyId, KeyId sub) { remove(sub); }},
+        {"below a mark", false, [&](KeyId top, KeyId) { mark(top); }, [&](KeyId, KeyId sub) { replace(sub); }},
+        {"gone with its mark", false, [&](KeyId, KeyId sub) { mark(sub); }, [&](KeyId, KeyId sub) { remove(sub); }},
+        {"marked later", false, [&](KeyId, KeyId sub) { replace(sub); }, [&](KeyId top, KeyId) { mark(top); }},
+        {"gone, and marked later", false, [&](KeyId, KeyId sub) { remove(sub); }, [&](KeyId top, KeyId) { mark(top); }},
+        {"not secret", true, {}, [&](KeyId, KeyId sub) { replace(sub); }},
+        {"unmarked a moment ago", false, [&](KeyId top, KeyId) { mark(top); },
+         [&](KeyId top, KeyId sub) {
+             m_pWriter->removeValue(top, OBREG_SECRET_VALUE);
+             replace(sub);
+         }},
+        {"marked in what was undone", true, [&](KeyId, KeyId sub) { undone(sub); },
+         [&](KeyId, KeyId sub) { replace(sub); }},
+    };
+    m_pWriter->journal().setSize(64 << 20);
+    m_pWriter->setSecret({secretPattern("HKLM/of a *").value()});
+    const auto data = [](const char* pName, bool isLong) { // one that takes pages of its own
+        const std::string text = (isLong ? "long, " : "short, ") + std::string(pName) + '|';
+        return isLong ? text + std::string(20000, '.') + text : text;
+    };
+    for (const bool isLong : {false, true})
+        for (const auto& row : rows) {
+            KeyId top = 0;
+            KeyId sub = 0;
+            commit([&](WritableStore& store) {
+                top = store.addKey(MachineId, row.pName + std::string(isLong ? " " : ""), MachineOwner);
+                sub = store.addKey(top, "Sub", MachineOwner);
+                set(sub, "v", data(row.pName, isLong));
+            });
+            for (const Act& act : {row.before, row.act})
+                if (act)
+                    commit([&](WritableStore&) { act(top, sub); });
+        }
+    while (m_pWriter->hasToClear())
+        commit([](WritableStore& store) { store.clearSome(7); });
+    m_pWriter.reset(); // which moves the log into the file
+    std::ifstream file(m_path, std::ios::binary);
+    const std::string bytes(std::istreambuf_iterator<char>(file), {});
+    for (const bool isLong : {false, true})
+        for (const auto& row : rows) {
+            const std::string text = data(row.pName, isLong);
+            const std::string end = text.substr(text.size() - std::min<size_t>(text.size(), 30));
+            EXPECT_EQ(bytes.find(text.substr(0, 30)) != std::string::npos || bytes.find(end) != std::string::npos,
+                      row.kept)
+                << text.substr(0, 30);
+        }
 }
 
 /// A change as text: who, what, and what was there before.
@@ -333,7 +401,8 @@ TEST_F(StoreTest, TheJournalTellsEachChangeOnceWithWhatWasThere)
     const auto journal = [&](int64_t after) {
         SQLite::Database database(m_path);
         std::vector<std::string> lines;
-        JournalReader(database).since(after, [&](const Change& change) {
+        const auto all = [](auto...) { return true; };
+        JournalReader(database).read({after, INT64_MAX}, all, [&](const Change& change) {
             EXPECT_EQ(change.number, after + static_cast<int64_t>(lines.size()) + 1);
             lines.push_back(told(change));
             return true;

@@ -1,12 +1,13 @@
-// The C++ face: what it stores and reads through the real daemon; and, against a scripted one, what it does when a
-// value grows between two calls, when a range breaks off, and when a key closes.
+// The C++ face: what it stores and reads through the real daemon, singly and in transactions; and, against a scripted
+// one, what it does when a value grows between two calls, when a range breaks off, and when a key closes.
 #include <atomic>
+#include <csignal>
 #include <functional>
 #include <map>
 
 #include <gtest/gtest.h>
 
-#include "obreg/registry.hpp"
+#include "obreg/transaction.hpp"
 #include "support/running_daemon.h"
 #include "support/scripted_daemon.h"
 
@@ -127,6 +128,112 @@ TEST_F(WithDaemon, ReportsFailuresByNameEitherWay)
         EXPECT_EQ(error, status);
     }
     EXPECT_NE(errorCode(0xC7F2FFFF).message().find("C7F2FFFF"), std::string::npos); // one that nobody knows
+}
+
+TEST_F(WithDaemon, ATransactionStoresExactlyWhatItWasGiven)
+{
+    std::string everyByte;
+    for (int i = 0; i < 256; ++i)
+        everyByte += static_cast<char>(i);
+    const std::string plain = everyByte.substr(' ');
+    std::map<std::string, Value> stored;
+    for (const UINT32 type : {REG_NONE, REG_SZ, REG_DWORD, REG_MULTI_SZ, 0xFFFFFFFFu})
+        for (const std::string& data : {everyByte, plain, plain + '\0', "\0"s, "\n\0"s, "1234"s})
+            stored[std::to_string(stored.size())] = {type, data};
+    for (const char* const pName : {"default", "\"", "\\", "]", " ", ";", "=-", "hex:00", "\x80\xFF"})
+        stored[pName] = {REG_SZ, pName + "\0"s};
+    stored[plain] = stored["0"];
+    const std::string path = plain.substr(1, plain.find('\\') - 1) + "\\[-a]\\ ]"; // one backslash would be two names
+    Transaction all;
+    for (const auto& [name, value] : stored)
+        all.set(m_key, path, name, value);
+    all.commit();
+    const Key key = Key::open(m_key, path);
+    std::map<std::string, Value> found;
+    Transaction same;
+    for (const auto& [name, value] : key.values()) {
+        found[name] = value;
+        same.require(key, name, value).require(m_key, path, name, value);
+    }
+    EXPECT_EQ(found, stored);
+    same.requireKey(m_key, path).remove(m_key, path).commit();
+    EXPECT_THROW(key.info(), std::system_error);
+}
+
+TEST_F(WithDaemon, ATransactionTellsWhichStatementIsRefusedAndDoesNothing)
+{
+    const auto good = [this](Transaction&& transaction) { return transaction.set(m_key, "a\\b", "v", "new"); };
+    m_key.set("n", 1u);
+    const struct {
+        Transaction transaction;
+        Status status;
+        size_t statement;
+    } cases[] = {
+        {good(Transaction()).require(m_key, "n", 2u), Status::conditionFailed, 2},
+        {good(Transaction()).require(m_key, "n", "1"), Status::conditionFailed, 2},
+        {good(Transaction()).require(m_key, "n", absent).require(m_key, "n", 2u), Status::conditionFailed, 2},
+        {good(Transaction()).requireKey(m_key, "").requireNoKey(localMachine(), "Software"), Status::conditionFailed,
+         3},
+        {good(Transaction()).create(m_key, "c").requireKey(m_key, "c"), Status::conditionFailed, 3},
+        {good(Transaction()).set(performanceData(), "x", 1u).removeValue(m_key, "n"), Status::accessDenied, 2},
+        {good(Transaction()).remove(performanceData(), "Requests"), Status::accessDenied, 2},
+        {good(Transaction()).create(m_key, std::string(OBREG_MAX_KEY_NAME + 1, 'n')), Status::badName, 2},
+        {good(Transaction()).set(m_key, "two\nlines", 1u).create(m_key, "c"), Status::badName, 2},
+        {good(Transaction()).create(m_key, "a\\\\b"), Status::badName, 2},
+        {good(Transaction()).remove(m_key, ""), Status::badName, 2},
+        {good(Transaction()).set(m_key, "empty", Bytes{}), Status::invalidParameter, 2},
+        {good(Transaction()).create(Key(), "c"), Status::invalidParameter, 2},
+        {good(Transaction("no token")), Status::badName, 0},
+    };
+    for (const auto& [built, status, statement] : cases) {
+        Transaction transaction = built;
+        SCOPED_TRACE(transaction.text());
+        std::error_code error;
+        transaction.commit(error);
+        EXPECT_EQ(error, status);
+        const Transaction::Outcome outcome = transaction.outcome(error);
+        EXPECT_EQ(outcome.statement, statement);
+        EXPECT_TRUE(statement == 0 || (outcome.state == Transaction::Outcome::Refused && outcome.error == status));
+        EXPECT_EQ(m_key.info().subKeys, 0u);
+        EXPECT_EQ(m_key.info().values, 1u);
+    }
+}
+
+TEST_F(WithDaemon, ATransactionActsOnce)
+{
+    Transaction once("my-token_1.0");
+    EXPECT_EQ(Transaction::outcomeOf(once.token()).state, Transaction::Outcome::Unknown);
+    once.set(m_key, "n", 1u);
+    once.commit();
+    const UINT64 number = once.outcome().number;
+    EXPECT_GT(number, 0u);
+    m_key.removeValue("n");
+    m_daemon.stop(SIGKILL);
+    m_daemon.start();
+    once.commit(); // whoever does not know whether it was done
+    EXPECT_EQ(m_key.info().values, 0u);
+    EXPECT_EQ(Transaction::outcomeOf(once.token()).number, number);
+    std::error_code error;
+    once.set(m_key, "n", 2u).commit(error);
+    EXPECT_EQ(error, Status::tokenUsed);
+
+    EXPECT_TRUE(compareAndSet(m_key, "n", absent, 1u));
+    EXPECT_FALSE(compareAndSet(m_key, "n", absent, 2u));
+    EXPECT_FALSE(compareAndSet(m_key, "n", "1", 2u));
+    EXPECT_TRUE(compareAndSet(m_key, "n", 1u, "two"));
+    EXPECT_EQ(m_key.get<std::string>("n"), "two");
+    Key::open(localMachine(), "Software").remove("Acme");
+    EXPECT_FALSE(compareAndSet(m_key, "n", absent, 3u)); // of a key that is gone
+}
+
+TEST(RegistryHpp, TellsADaemonWithoutTransactions)
+{
+    const ScriptedDaemon daemon(ScriptedDaemon::answering(
+        [](const std::string&) { return encoded(OpenKeyRespMsg(OBREG_STATUS_BAD_HANDLE, nullptr)); }));
+    EXPECT_FALSE(Transaction::isKnown());
+    std::error_code error;
+    EXPECT_FALSE(compareAndSet(localMachine(), "n", absent, 1u, error));
+    EXPECT_EQ(error, Status::badHandle);
 }
 
 TEST(RegistryHpp, AsksAgainUntilAValueStopsGrowing)

@@ -47,14 +47,18 @@ class WithDaemon(unittest.TestCase):
         self.start()
         self.expect(0, "add", r"HKLM/Software\Acme")  # once there is a slash, both separate
 
-    def start(self, *options):
-        self.daemon = subprocess.Popen([os.environ["OBREGD"], *options], stderr=subprocess.PIPE)
+    def start(self, *words):
+        self.daemon = subprocess.Popen([os.environ["OBREGD"], *words], stderr=subprocess.PIPE)
         self.assertTrue(any(b"listening on" in line for line in self.daemon.stderr))
 
     def tearDown(self):
         self.daemon.kill()
         self.daemon.wait()
         self.daemon.stderr.close()
+
+    def restart(self, *words):
+        self.tearDown()
+        self.start(*words)
 
     def expect(self, status, *words, out=None, err=None, stdin=b""):
         """Runs the tool; compares the exit status, the whole output and a part of the errors."""
@@ -70,6 +74,8 @@ class WithDaemon(unittest.TestCase):
         lines = "".join(f'"v{i}"="{data}"\n' for i in range(count))
         self.expect(0, "import", "-", stdin=f"REGEDIT4\n[{key}]\n{lines}".encode())
 
+
+class Verbs(WithDaemon):
     def test_values_of_every_type(self):
         cases = [  # type, data words, stored bytes, printed
             ("REG_SZ", ["héllo\n"], "héllo\n\0".encode(), "héllo\n\n"),
@@ -127,7 +133,7 @@ class WithDaemon(unittest.TestCase):
                       ["set", KEY, "x", "--data-file", "-"], ["set", KEY, "x", "--separator", ",", "--data-file", TOOL],
                       ["copy", KEY, KEY + r"\Below", "-s"]):
             self.expect(2, *words, err="")
-        self.expect(4, "add", "HKLM/" + "n" * 300, err="BAD_NAME")
+        self.expect(4, "add", "HKLM/" + "n" * 1025, err="BAD_NAME")
         with open(FOLDER + "big", "wb") as big:
             big.truncate(65 << 20)
         self.expect(4, "set", KEY, "x", "--data-file", FOLDER + "big", err="max-payload")
@@ -185,7 +191,7 @@ class WithDaemon(unittest.TestCase):
         self.start("--max-payload", "1M")
         too_big = "x" * (1 << 20)
         for status, lines, said in [
-                (5, '"b"=oops', "line 4, column 5"), (4, f"[HKLM\\{'n' * 300}]", "line 4: HKEY_LOCAL_MACHINE"),
+                (5, '"b"=oops', "line 4, column 5"), (4, f"[HKLM\\{'n' * 1025}]", "line 4: HKEY_LOCAL_MACHINE"),
                 (4, "[HKLM" + "\\k" * 513 + "]", "BAD_NAME"), (4, f'"{"n" * 16384}"="1"', "BAD_NAME"),
                 (4, f'"b"="{too_big}"', "max-payload"), (4, "[-HKPD\\Requests]", "ACCESS_DENIED"),
                 (4, '[HKPD]\n"b"="1"', "line 5: HKEY_PERFORMANCE"), (4, "[HKPD\\New]", "can only be read")]:
@@ -234,7 +240,7 @@ class WithDaemon(unittest.TestCase):
 
     def test_an_import_that_is_refused(self):
         lines = [f'"v{i}"="{i}"\n' for i in range(3000)]
-        lines[500:502] = ["[HKLM\\" + "n" * 300 + "]\n", '"x"="y"\n', "[HKLM\\In]\n"]
+        lines[500:502] = ["[HKLM\\" + "n" * 1025 + "]\n", '"x"="y"\n', "[HKLM\\In]\n"]
         lines[700] = '"v699"=hex(0):\n'
         text = ("REGEDIT4\n[HKLM\\In]\n" + "".join(lines)).encode()
         self.expect(4, "import", "-", stdin=text, err="line 503: ")
@@ -254,6 +260,7 @@ class WithDaemon(unittest.TestCase):
             file.write("REGEDIT4\n[HKLM\\In]\n" + "".join(f'"v{i}"="{i}"\n' for i in range(3, 20000)))
         # Ctrl-C, while it looks and while it writes; a daemon that is killed
         for status, *words in (130,), (130, "--keep-going"), (3, "--keep-going"):
+            run("rm", r"HKLM\In", "--yes")
             os.kill(self.daemon.pid, signal.SIGSTOP)
             with subprocess.Popen([TOOL, "import", *words, "--json", FOLDER + "in.reg"],
                                   stderr=subprocess.PIPE) as ended:
@@ -295,16 +302,18 @@ class WithDaemon(unittest.TestCase):
             self.assertIn(b"Acme", reader.stdout.read())
         self.assertTrue(os.path.exists(FOLDER + "pipe") and not os.path.isfile(FOLDER + "pipe"))
         self.import_many(r"HKLM\Many", 20000)
-        for ending, status in (signal.SIGTERM, -signal.SIGTERM), (None, 3):  # None: --timeout
-            with subprocess.Popen([TOOL, "--timeout", "2", "export", "HKLM", FOLDER + "half"],
-                                  stderr=subprocess.DEVNULL) as half:
+        for ending, status, *words in [(signal.SIGTERM, -signal.SIGTERM, "export", "HKLM"), (None, 3, "export", "HKLM"),
+                                       (signal.SIGINT, 130, "rm", "HKLM/Many", "-y", "--backup")]:  # None: --timeout
+            with subprocess.Popen([TOOL, "--timeout", "2", *words, FOLDER + "half"], stderr=subprocess.DEVNULL) as half:
                 while not [name for name in os.listdir(FOLDER) if "half.new" in name]:
                     time.sleep(0.001)
-                os.kill(self.daemon.pid, signal.SIGSTOP)
+                if ending != signal.SIGINT:  # which ends work that goes on
+                    os.kill(self.daemon.pid, signal.SIGSTOP)
                 if ending:
                     half.send_signal(ending)
             os.kill(self.daemon.pid, signal.SIGCONT)
             self.assertEqual(half.returncode, status)
+            self.assertEqual(json.loads(self.expect(0, "info", "HKLM/Many", "--json"))["values"], 20000)
             self.assertEqual([name for name in os.listdir(FOLDER) if "half" in name], [])
 
     def test_a_tree_is_read_whole_while_it_changes(self):
@@ -368,13 +377,50 @@ class WithDaemon(unittest.TestCase):
         for words in ["rename", KEY, "ACME"], ["move", KEY, KEY + r"\Deep"], ["rename", KEY, "a\\b"], ["move", "HKLM", "HKU/x"]:
             self.expect(2, *words, err="")
         self.expect(0, "move", KEY, "HKLM/New/Place")
-        self.expect(0, "rename", "HKLM/New/Place", "Acme")
+        self.assertIn(b'"one transaction"', self.expect(0, "rename", "HKLM/New/Place", "Acme", "--json"))
         self.expect(0, "rename", "HKLM/New/Acme", "-v", "z", "q")
         self.expect(1, "get", "HKLM/New/Acme", "q", "z", "a", out=b"z\na\n", err='"z"')
         self.expect(0, "rename", "HKLM/New/Acme", "-v", "q", "z")
         self.expect(0, "move", "HKLM/New/Acme", KEY)
         self.assertEqual(run("export", KEY)[1], before)
         self.expect(0, "tree", "HKLM/New", out=b"key\tHKEY_LOCAL_MACHINE\\New\n")
+
+    def test_conditions(self):
+        for status, words in [  # each on what those before it have left
+                (6, ["set", KEY, "n", "1", "--if-equals", "0"]), (0, ["set", KEY, "n", "5", "-t", "dword", "--if-absent"]),
+                (6, ["set", KEY, "n", "6", "--if-absent"]), (6, ["set", KEY, "n", "6", "--if-equals", "4"]),
+                (0, ["set", KEY, "n", "6", "--if-equals", "0x5", "--dry-run"]), (0, ["set", KEY, "n", "6", "--if-equals", "5"]),
+                (6, ["rm", KEY, "n", "--if-equals", "5", "--dry-run"]), (2, ["rm", KEY, "--if-equals", "6"]),
+                (0, ["set", "HKLM/New/Key", "l", "a", "b", "--if-absent"]),
+                (0, ["set", "HKLM/New/Key", "l", "c", "--if-equals", "a", "--if-equals", "b"]),
+                (6, ["delete", "HKLM/None", "-v", "n", "--if-equals", "5"]), (4, ["set", "HKPD", "n", "5", "--if-absent"]),
+                (0, ["delete", KEY, "-v", "n", "--if-equals", "6"])]:
+            self.expect(status, *words, err="" if status else None)
+        self.expect(0, "ls", KEY, out=b"")
+        for lines, holds in [(f'[?{KEY}]\n"n"=-\n[?-HKLM\\X]\n[HKLM\\X]\n"a"="1"\n', True), ("[?HKLM\\Y]", False),
+                             ('[HKLM\\Z]\n[?HKLM\\X]\n"a"="2"\n', False), ('[?HKLM\\X]\n"a"=-', False), ("[?-HKLM\\X]", False),
+                             ('[?HKLM\\X]\n"a"="1"\n[-HKLM\\X]', True)]:
+            text = ("REGEDIT4\n" + lines).encode()
+            before = self.expect(0, "export", "HKLM")
+            shown = self.expect(0 if holds else 6, "import", "--atomic", "-", "--dry-run", stdin=text, err=None if holds else "not hold")
+            self.assertEqual(b"condition-fails" in shown, not holds)
+            self.expect(0 if holds else 6, "import", "--atomic", "-", "--check", stdin=text, err=None if holds else ", line ")
+            self.assertEqual(self.expect(0, "export", "HKLM"), before)
+            self.expect(5, "import", "-", stdin=text, err="--atomic")
+            self.expect(0 if holds else 6, "import", "--atomic", "-", stdin=text, err=None if holds else ", column 1: ")
+            self.assertEqual(self.expect(0, "export", "HKLM") != before, holds)
+        for status, line, said in [(5, '"a"=oops', "line 3, column 5"), (4, '[HKPD\\x]', "line 3, column 1: "),
+                                   (4, '"b"=hex(0):', "line 3, column 1: "), (4, "[HKLM\\" + "n" * 1025 + "]", "BAD_NAME"),
+                                   (4, '"x"="y"\n' * 100001, "--max-statements")]:
+            self.expect(status, "import", "--atomic", "-", stdin=f"REGEDIT4\n[HKLM\\X]\n{line}\n".encode(), err=said)
+            self.expect(1, "ls", r"HKLM\X", err="NOT_FOUND")
+
+    def test_processes_that_count_together_lose_nothing(self):
+        steps = 40 * int(os.environ.get("OBREG_TORTURE", 1))
+        script = os.path.join(os.path.dirname(__file__), "../examples/counter.sh")
+        environment = {**os.environ, "PATH": os.path.dirname(TOOL) + ":" + os.environ["PATH"]}
+        subprocess.run([script, KEY, "n", str(steps)], env=environment, timeout=3000, check=True)
+        self.expect(0, "get", KEY, "n", out=f"{steps}\n".encode())
 
     def test_lines_fit_the_terminal(self):
         self.expect(0, "set", KEY, "long", "é漢" * 60)

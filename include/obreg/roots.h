@@ -17,7 +17,8 @@
 #define HKEY_USERS ((HANDLE)(uintptr_t)0x80000003u)
 /* What the daemon counts of its own work, for reading only. */
 #define HKEY_PERFORMANCE_DATA ((HANDLE)(uintptr_t)0x80000004u)
-/* What the daemon makes on demand: its key Changes tells what changes, when it does (docs/daemon.md). */
+/* What the daemon makes on demand: its key Changes tells what changes, when it does, its key History what has changed,
+ * and what is set in its key Transactions is done whole or not at all (docs/daemon.md). */
 #define HKEY_DYN_DATA ((HANDLE)(uintptr_t)0x80000006u)
 
 /* Statuses of the daemon; each is of the error class. */
@@ -31,11 +32,17 @@
 #define OBREG_STATUS_STORE_FULL ((REGSTATUS)0xC7F20070u)
 /* A name is empty where it may not be, too long, or holds bytes that a name cannot hold. */
 #define OBREG_STATUS_BAD_NAME ((REGSTATUS)0xC7F2007Bu)
+/* The token of a transaction was used for another transaction. */
+#define OBREG_STATUS_TOKEN_USED ((REGSTATUS)0xC7F200B7u)
 /* The user's programs wait for as many changes as they may. */
 #define OBREG_STATUS_TOO_MANY_WATCHES ((REGSTATUS)0xC7F2012Au)
+/* A condition of a transaction does not hold; nothing of it was done. */
+#define OBREG_STATUS_CONDITION_FAILED ((REGSTATUS)0xC7F21A2Cu)
+/* The text of a transaction cannot be read; nothing of it was done. */
+#define OBREG_STATUS_BAD_TRANSACTION ((REGSTATUS)0xC7F21A2Fu)
 /* What the user's tree may take is used up. */
 #define OBREG_STATUS_QUOTA_EXCEEDED ((REGSTATUS)0xC7F20718u)
-/* Value data is longer than the daemon keeps. */
+/* Value data is longer than the daemon keeps, or a transaction than it carries out. */
 #define OBREG_STATUS_TOO_LARGE ((REGSTATUS)0xC7F200DFu)
 /* An enumeration's position is past the last entry. */
 #define OBREG_STATUS_NO_MORE_ENTRIES ((REGSTATUS)0xC7F20103u)
@@ -74,8 +81,12 @@
 #define KEY_WRITE 0x20006u
 #define KEY_ALL_ACCESS 0xF003Fu
 
+/* A value of this name, whatever its data, marks its key and all keys below it as secret: the daemon keeps no former
+ * data of their values. */
+#define OBREG_SECRET_VALUE "obreg.secret"
+
 /* The longest names, in bytes, and how many keys a path may name. Longer ones are OBREG_STATUS_BAD_NAME. */
-#define OBREG_MAX_KEY_NAME 255u
+#define OBREG_MAX_KEY_NAME 1024u
 #define OBREG_MAX_VALUE_NAME 16383u
 #define OBREG_MAX_PATH_KEYS 512u
 

@@ -37,6 +37,9 @@ inline constexpr StatusText statusTexts[] = {
     {OBREG_STATUS_KEY_HAS_SUBKEYS, "KEY_HAS_SUBKEYS", "the key has sub-keys"},
     {OBREG_STATUS_STORE_FAILED, "STORE_FAILED", "the registry's store failed; the daemon's log says how"},
     {OBREG_STATUS_TOO_MANY_WATCHES, "TOO_MANY_WATCHES", "this user's programs wait for as many changes as they may"},
+    {OBREG_STATUS_TOKEN_USED, "TOKEN_USED", "the token was used for another transaction"},
+    {OBREG_STATUS_CONDITION_FAILED, "CONDITION_FAILED", "a condition of the transaction does not hold"},
+    {OBREG_STATUS_BAD_TRANSACTION, "BAD_TRANSACTION", "the text of the transaction cannot be read"},
     {OBREG_STATUS_QUOTA_EXCEEDED, "QUOTA_EXCEEDED", "what this user's tree may take is used up"},
 };
 
@@ -87,6 +90,9 @@ enum class Status : REGSTATUS {
     keyHasSubKeys = OBREG_STATUS_KEY_HAS_SUBKEYS,
     storeFailed = OBREG_STATUS_STORE_FAILED,
     tooManyWatches = OBREG_STATUS_TOO_MANY_WATCHES,
+    tokenUsed = OBREG_STATUS_TOKEN_USED,
+    conditionFailed = OBREG_STATUS_CONDITION_FAILED,
+    badTransaction = OBREG_STATUS_BAD_TRANSACTION,
     quotaExceeded = OBREG_STATUS_QUOTA_EXCEEDED,
 };
 

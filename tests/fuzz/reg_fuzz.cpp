@@ -1,10 +1,10 @@
 // The .reg reader: the same statements whether the text comes whole or in pieces, and what the writer makes of them is
 // read back the same.
 #include "fuzz/fuzz.h"
-#include "regwriter.h"
+#include "regtext/regwriter.h"
 #include "support/read_reg.h"
 
-using namespace obregtool;
+using namespace regtext;
 
 namespace {
 

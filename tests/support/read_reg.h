@@ -6,17 +6,17 @@
 #include <string>
 #include <string_view>
 
-#include "regreader.h"
+#include "regtext/regreader.h"
 
 /// Returns the first mistake; empty when there is none.
-inline std::string readReg(std::string_view text, size_t piece, obregtool::RegSink& sink)
+inline std::string readReg(std::string_view text, size_t piece, regtext::RegSink& sink)
 {
     try {
-        obregtool::RegReader reader(sink);
+        regtext::RegReader reader(sink);
         for (; !text.empty(); text.remove_prefix(std::min(piece, text.size())))
             reader.feed(text.substr(0, piece));
         reader.finish();
-    } catch (const obregtool::RegSyntaxError& error) {
+    } catch (const regtext::RegSyntaxError& error) {
         return error.what();
     }
     return "";

@@ -92,6 +92,35 @@ std::optional<ParsedWait> parseWait(const std::string& name)
     return parsed;
 }
 
+std::optional<ParsedHistory> parseHistory(const std::string& name)
+{
+    ParsedHistory parsed{};
+    HistoryQuestion& question = parsed.question;
+    const char* pText = name.data();
+    const char* const pEnd = pText + name.size();
+    const auto takeWord = [&] {
+        const char* const pBegin = pText;
+        pText = std::find(pText, pEnd, ' ');
+        return std::string(pBegin, pText == pEnd ? pText : pText++);
+    };
+    if (!takeNumber(pText, pEnd, parsed.handle, 16))
+        return std::nullopt;
+    question.from = HistoryQuestion::Now;
+    if (pEnd - pText > 4 && std::memcmp(pText, "now ", 4) == 0)
+        pText += 4;
+    else if (!takeNumber(pText, pEnd, question.from, 10) || question.from < 0)
+        return std::nullopt;
+    const std::string direction = takeWord();
+    question.newestFirst = direction == "before";
+    if ((!question.newestFirst && direction != "after") || !takeNumber(pText, pEnd, question.most, 10) ||
+        question.most <= 0)
+        return std::nullopt;
+    const std::string scope = takeWord();
+    question.subTree = scope == "tree";
+    question.path.assign(pText, pEnd);
+    return question.subTree || scope == "key" ? std::optional(parsed) : std::nullopt;
+}
+
 std::string answerText(const Told& told)
 {
     return std::to_string(told.upTo) + (told.lost ? " lost" : "") + '\0' + told.text + '\0';

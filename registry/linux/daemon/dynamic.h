@@ -10,6 +10,19 @@
 // told, and ` lost` behind it when changes are missing and what is watched is to be read anew; then, for each change,
 // its number, what was done (key-made, key-deleted, value-set, value-deleted), the path from the watched key and the
 // value's name, separated by tabs, which no name has.
+//
+// `Transactions` takes several writes as one: see plan.h for what is set there, and outcomes.h for what is told of it.
+//
+// `History` answers likewise a query of what has changed, by whom, and what was there before:
+//
+//     HANDLE FROM DIRECTION MOST SCOPE PATH        80000002 now before 100 tree Software\Acme
+//
+// the key's handle; a change's number, or `now`; `before` (changes before that number, newest first) or `after` (oldest
+// first); how many changes at most; `key` or `tree`; and, perhaps, the path from there to the key that is meant, which
+// need not be there any more. The data are strings again: first the number from which the next question goes on, that
+// of the oldest change that is kept, and that of the last one; then, for each change, its number, time, uid, pid, what
+// was done, the path from the asked key, the value's name, what was there before (docs/daemon.md tells how), and
+// `secret` for a value of a secret key, separated by tabs.
 #ifndef OBREG_DAEMON_DYNAMIC_H
 #define OBREG_DAEMON_DYNAMIC_H
 
@@ -24,6 +37,8 @@ namespace obregd {
 /// The keys' numbers: behind all that keys of the store can have.
 inline constexpr KeyId DynamicId = LastKeyId + 1;
 inline constexpr KeyId ChangesId = DynamicId + 1;
+inline constexpr KeyId TransactionsId = DynamicId + 2;
+inline constexpr KeyId HistoryId = DynamicId + 3;
 
 /// The keys of HKEY_DYN_DATA, each with a handle of its own.
 struct DynamicKey {
@@ -31,7 +46,10 @@ struct DynamicKey {
     uint32_t handle;
     const char* pName;
 };
-inline constexpr DynamicKey DynamicKeys[] = {{ChangesId, 0x80000010, "Changes"}};
+inline constexpr uint32_t TransactionsHandle = 0x80000011;
+inline constexpr DynamicKey DynamicKeys[] = {{ChangesId, 0x80000010, "Changes"},
+                                             {TransactionsId, TransactionsHandle, "Transactions"},
+                                             {HistoryId, 0x80000012, "History"}};
 
 /// What a query of Changes asks for.
 struct Wait {
@@ -47,7 +65,14 @@ struct ParsedWait {
 };
 std::optional<ParsedWait> parseWait(const std::string& name);
 
-/// The data of the answer.
+/// What a query of History asks for. The key of `question` is left open.
+struct ParsedHistory {
+    uint32_t handle;
+    HistoryQuestion question;
+};
+std::optional<ParsedHistory> parseHistory(const std::string& name);
+
+/// The data of the answer to a query of Changes.
 std::string answerText(const Told& told);
 
 /// The tree of DynamicId and the keys below it.

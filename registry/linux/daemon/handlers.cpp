@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "daemon/carryout.h"
 #include "daemon/govern/names.h"
 #include "obreg/roots.h"
 
@@ -132,10 +133,12 @@ REGSTATUS findToChange(const Session& session, HANDLE handle, const std::string&
     return isValueName(valueName) ? findByHandle(session, handle, key) : OBREG_STATUS_BAD_NAME;
 }
 
+bool looksAtQuota(const Session& session, Owner owner) { return !session.quotaLater && isLimited(session.peer, owner); }
+
 /// Whether the quota of the tree lets the peer make keys of these names, from the given one on.
 bool allowsKeys(const Session& session, Owner owner, const std::vector<std::string>& names, size_t first)
 {
-    if (!isLimited(session.peer, owner))
+    if (!looksAtQuota(session, owner))
         return true;
     size_t bytes = 0;
     for (size_t i = first; i < names.size(); ++i)
@@ -170,6 +173,22 @@ REGSTATUS queryChanges(const Session& session, const std::string& name, std::str
         throw MustWait{wait};
     }
     text = answerText(told);
+    return Success;
+}
+
+/// Tells what has happened to a key, as the name asks. See dynamic.h.
+REGSTATUS queryHistory(const Session& session, const std::string& name, std::string& text)
+{
+    std::optional<ParsedHistory> parsed = parseHistory(name);
+    if (!parsed)
+        return OBREG_STATUS_BAD_NAME;
+    const KeyId id = idOf(session, reinterpret_cast<HANDLE>(uintptr_t{parsed->handle}));
+    Key key;
+    const REGSTATUS status = findById(session, id, key);
+    if (status == OBREG_STATUS_BAD_HANDLE || &session.at(id) != &session.store)
+        return OBREG_STATUS_BAD_HANDLE;
+    parsed->question.key = id; // which may be deleted
+    text = session.store.history(parsed->question);
     return Success;
 }
 
@@ -247,13 +266,15 @@ REGSTATUS deleteKey(const Session& session, const DeleteKeyReqMsg& request)
 REGSTATUS setValue(const Session& session, const SetValueReqMsg& request)
 {
     Key key;
+    if (session.pWriter == nullptr && idOf(session, request.m_keyHandle) == TransactionsId)
+        return takeTransaction(session, request);
     const REGSTATUS status = findToChange(session, request.m_keyHandle, request.m_valueName, key);
     if (status != Success)
         return status;
     if (!mayWrite(session.peer, key.owner))
         return OBREG_STATUS_ACCESS_DENIED;
     WritableStore& writer = session.writer();
-    if (isLimited(session.peer, key.owner) && !writer.allowsValue(key, request.m_valueName, request.m_valueDataLen))
+    if (looksAtQuota(session, key.owner) && !writer.allowsValue(key, request.m_valueName, request.m_valueDataLen))
         return OBREG_STATUS_QUOTA_EXCEEDED;
     writer.setValue(key.id, request.m_valueName, request.m_valueType, request.m_pValueData, request.m_valueDataLen);
     return Success;
@@ -265,12 +286,13 @@ REGSTATUS queryValue(const Session& session, const QueryValueReqMsg& request, UI
     if (!isValueName(request.m_valueName))
         return OBREG_STATUS_BAD_NAME;
     const KeyId id = idOf(session, request.m_keyHandle);
-    if (id == ChangesId) {
+    if (id == ChangesId || id == TransactionsId || id == HistoryId) {
         static thread_local std::string text;
-        const REGSTATUS status = queryChanges(session, request.m_valueName, text);
+        const auto answer = id == ChangesId ? queryChanges : id == HistoryId ? queryHistory : queryTransaction;
+        const REGSTATUS status = answer(session, request.m_valueName, text);
         if (status != Success)
             return status;
-        type = REG_MULTI_SZ;
+        type = id == TransactionsId ? REG_SZ : REG_MULTI_SZ;
         pData = text.data();
         length = static_cast<UINT32>(text.size());
         return Success;

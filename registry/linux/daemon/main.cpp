@@ -136,6 +136,7 @@ void serve(const Options& options)
     WritableStore writableStore(options.storePath);
     writableStore.setQuota(options.quota);
     writableStore.journal().setSize(options.history);
+    writableStore.setSecret(options.secrets);
     writableStore.setMaxLogPages(diskSpace.logPages());
     Store store(options.storePath);
     StoreIdentity storeIdentity(options.storePath);

@@ -78,6 +78,18 @@ std::optional<Reply> tellChanges(Store& store, Wait& wait, bool timeIsUp)
     return encode(QueryValueRespMsg(OBREG_STATUS_SUCCESS, REG_MULTI_SZ, text.data(), static_cast<UINT32>(text.size())));
 }
 
+bool isTransaction(const Operation& operation, std::string_view request)
+{
+    // However the number is written, these digits are in it; only the name and the data may be long.
+    constexpr size_t enough = 2 * OBREG_MAX_VALUE_NAME;
+    const std::string_view lines = request.substr(0, std::min(request.find("\r\n\r\n"), enough));
+    if (operation.type != ReqMessage::SetValueReqMsgType || lines.find("80000011") == std::string_view::npos)
+        return false;
+    const std::unique_ptr<SetValueReqMsg> pRequest(
+        SetValueReqMsg::deserialize(request.data(), static_cast<int>(request.size()), ValueData::Borrowed));
+    return pRequest != nullptr && reinterpret_cast<uintptr_t>(pRequest->m_keyHandle) == TransactionsHandle;
+}
+
 const Operation* findOperation(std::string_view request)
 {
     if (request.size() <= MsgTypeTemplateS.size()) // a type line and its end would not fit

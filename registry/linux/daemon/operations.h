@@ -15,6 +15,7 @@
 #include "common/msgproto.h"
 #include "daemon/dynamic.h"
 #include "daemon/figures.h"
+#include "daemon/plan.h"
 #include "daemon/store/store.h"
 
 namespace obregd {
@@ -26,11 +27,19 @@ struct MustWait {
     Wait wait;
 };
 
+/// Thrown by a session that cannot write: the request is a transaction, which has been read. It is carried out
+/// (carryout.h), not served again.
+struct Planned {
+    std::shared_ptr<const Plan> pPlan;
+};
+
 struct Session {
     Store& store;
     WritableStore* pWriter; ///< the same store when it can be written, else null
     Peer peer;
     bool mayWait = false;
+    size_t maxStatements = DefaultMaxStatements; ///< of a transaction
+    bool quotaLater = false;                     ///< somebody looks at the quota when all is done
 
     /// Where the key of that number is to be found.
     Tree& at(KeyId id) const
@@ -61,8 +70,8 @@ struct Operation {
     bool writes;
     /// Takes something away and adds nothing: done even when the disk is full.
     bool frees;
-    /// No text when the request cannot be decoded. Throws NeedsWriter, MustWait, TooLong, SQLite::Exception or
-    /// std::bad_alloc.
+    /// No text when the request cannot be decoded. Throws NeedsWriter, Planned, MustWait, TooLong,
+    /// SQLite::Exception or std::bad_alloc.
     Reply (*serve)(const Session& session, std::string_view request);
     /// The response that gives a status and nothing else.
     Reply (*refuse)(REGSTATUS status);
@@ -71,6 +80,9 @@ struct Operation {
 /// The answer to a query of changes whose wait is over; nothing when there is nothing to tell and the time is not up.
 /// The wait goes on from what was looked at.
 std::optional<Reply> tellChanges(Store& store, Wait& wait, bool timeIsUp);
+
+/// Whether a request to set a value is a transaction. It is to be served in a session that cannot write.
+bool isTransaction(const Operation& operation, std::string_view request);
 
 /// The operation that a request asks for by its first line; null when there is none of that name.
 const Operation* findOperation(std::string_view request);

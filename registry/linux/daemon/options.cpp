@@ -54,7 +54,25 @@ std::optional<Options> parseOptions(int argc, const char* const* argv, int* pExi
         ->transform(asSize)
         ->type_name("SIZE")
         ->default_str("64M");
+    const auto addSecret = [&options](const std::string& text) {
+        std::optional<SecretPattern> pattern = secretPattern(text);
+        if (!pattern)
+            throw CLI::ValidationError("--secret", text + " names no key; write HKLM, HKCR or HKU and the names below "
+                                                          "it, with * for any text, such as 'HKU\\*\\Passwords'");
+        options.secrets.push_back(*std::move(pattern));
+    };
+    app.add_option_function<std::string>("--secret", addSecret,
+                                         "Keys, with all below them, of whose values no former data is kept; may be "
+                                         "given again")
+        ->type_name("PATTERN")
+        ->take_all()
+        ->trigger_on_parse();
     app.add_option("--quota-watches", limits.maxWatches, "Requests of one user that wait for changes")
+        ->type_name("NUMBER")
+        ->capture_default_str();
+    app.add_option("--max-statements", limits.maxStatements,
+                   "Statements of a transaction; of root's ten times as many; and 512 bytes of text for each")
+        ->check(CLI::PositiveNumber.description(""))
         ->type_name("NUMBER")
         ->capture_default_str();
     app.add_option("--max-per-user", limits.maxPerUser, "Connections of one user [half of the descriptors]")

@@ -5,8 +5,11 @@
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "daemon/govern/quota.h"
+#include "daemon/govern/secrecy.h"
+#include "daemon/plan.h"
 
 namespace obregd {
 
@@ -29,6 +32,8 @@ struct Limits {
     size_t maxPerUser = 0;
     /// Requests of one user in a second. Beyond it they are refused. 0: as many as there are.
     size_t maxRequests = 1'000'000;
+    /// Statements of a transaction. Beyond it is refused; root's may have ten times as many.
+    size_t maxStatements = DefaultMaxStatements;
     /// Requests of one user's that wait for changes. Beyond it they are refused.
     size_t maxWatches = 16384;
     /// Seconds that a request may take to arrive, once it has begun. Beyond it the client is cut off.
@@ -43,7 +48,8 @@ struct Options {
     std::optional<std::string> backupPath; ///< copy the store there instead of serving
     Limits limits;
     Quota quota;
-    uint64_t history = 64 * MiB; ///< bytes of the journal; 0: what watchers need
+    uint64_t history = 64 * MiB;        ///< bytes of the journal; 0: what watchers need
+    std::vector<SecretPattern> secrets; ///< keys of whose values the journal keeps no data
     int verbosity = 0;
 };
 

@@ -7,7 +7,7 @@
 #include <CLI/Formatter.hpp>
 
 #include "errors.h"
-#include "nearmiss.h"
+#include "regtext/nearmiss.h"
 #include "text.h"
 
 namespace obregtool {

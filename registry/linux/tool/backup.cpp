@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include "alarm.h"
 #include "errors.h"
 #include "readtree.h"
 
@@ -22,9 +23,12 @@ const std::string& unused(const std::string& file, bool replace)
 void writeTree(const KeyPath& top, RegWriter& writer)
 {
     walk(top, true, [&](const KeyPath& path, const obreg::Key& key, KeyContent& content, size_t /*depth*/) {
+        endIfInterrupted();
         writer.key(path.text());
-        forEachValue(key, path, content.values,
-                     [&](const obreg::NamedValue& value) { writer.value(value.name, value.value); });
+        forEachValue(key, path, content.values, [&](const obreg::NamedValue& value) {
+            endIfInterrupted();
+            writer.value(value.name, value.value);
+        });
     });
 }
 
@@ -32,10 +36,13 @@ void writeTree(const KeyPath& top, RegWriter& writer)
 
 Backup::Backup(const std::string& file, bool replace)
     : m_file(unused(file, replace)), m_writer(RegFormat::Utf8, [this](std::string_view bytes) { m_file.write(bytes); })
-{}
+{
+    letInterruptsEndWork(); // again, for the file looks after signals itself
+}
 
 void Backup::key(const KeyPath& key, const Place& /*place*/)
 {
+    endIfInterrupted();
     m_path = key;
     m_named = false;
     m_key = m_probe.open(key);
@@ -59,6 +66,7 @@ void Backup::removeValue(std::string&& name, const Place& /*place*/) { saveValue
 
 void Backup::saveValue(const std::string& name)
 {
+    endIfInterrupted();
     if (!m_key)
         return;
     if (!m_named)

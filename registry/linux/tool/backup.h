@@ -13,14 +13,14 @@
 
 #include "files.h"
 #include "keyprobe.h"
-#include "regreader.h"
-#include "regwriter.h"
+#include "regtext/regreader.h"
+#include "regtext/regwriter.h"
 
 namespace obregtool {
 
 class Backup : public RegSink {
 public:
-    /// The file must not exist, unless it may be replaced. Throws Failure, as all do.
+    /// The file must not exist, unless it may be replaced. Throws Failure, as all do; also when Ctrl-C came.
     Backup(const std::string& file, bool replace);
 
     void key(const KeyPath& key, const Place& place) override;

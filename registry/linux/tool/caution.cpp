@@ -1,5 +1,6 @@
 #include "caution.h"
 
+#include "alarm.h"
 #include "backup.h"
 #include "errors.h"
 #include "preview.h"
@@ -20,6 +21,23 @@ void addDryRunAndBackup(Arguments& arguments, Caution& caution)
     arguments.flag("--force", caution.force, "Replace the file of --backup if it exists");
 }
 
+namespace {
+
+void makeBackup(const Caution& caution, const Changes& changes)
+{
+    Backup backup(caution.backup, caution.force);
+    try {
+        changes(backup);
+        endIfInterrupted();
+    } catch (Failure& failure) {
+        failure.addAdvice("no backup was made and nothing was changed");
+        throw;
+    }
+    backup.commit();
+}
+
+} // namespace
+
 bool prepare(const Caution& caution, Rehearsal::Missing missing, const Changes& changes, Output& output)
 {
     Rehearsal rehearsal(missing);
@@ -27,13 +45,16 @@ bool prepare(const Caution& caution, Rehearsal::Missing missing, const Changes& 
         Preview preview(rehearsal, output);
         changes(preview);
         preview.finish();
+        if (const uint64_t failed = preview.failedConditions(); failed != 0) {
+            output.finish();
+            throw Failure(ExitCondition, std::to_string(failed) + (failed == 1 ? " condition does" : " conditions do") +
+                                             " not hold: as it is, nothing would be changed");
+        }
         return false;
     }
     if (!caution.backup.empty()) {
         changes(rehearsal);
-        Backup backup(caution.backup, caution.force);
-        changes(backup);
-        backup.commit();
+        makeBackup(caution, changes);
     }
     return true;
 }

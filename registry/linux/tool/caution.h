@@ -26,7 +26,7 @@ void addDryRun(Arguments& arguments, Caution& caution);
 void addDryRunAndBackup(Arguments& arguments, Caution& caution);
 
 /// Does what was asked for before the changes are made, and says whether they are to be made. Throws the Failure of a
-/// change that would be refused.
+/// change that would be refused, also for a condition that does not hold.
 bool prepare(const Caution& caution, Rehearsal::Missing missing, const Changes& changes, Output& output);
 
 /// Runs what makes the changes. A failure says, where there is a backup, that it brings back what was there.

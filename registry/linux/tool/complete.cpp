@@ -36,7 +36,7 @@ Words keys(const std::string& word)
     const char separator = word[first];
     const std::string parent = word.substr(0, word.find_last_of(separator == '/' ? "\\/" : "\\"));
     const KeyPath path = keyArgument(parent + separator);
-    for (const obreg::SubKey& subKey : readKeyOnce(path.open(), path, Read::SubKeys).subKeys)
+    for (const obreg::SubKey& subKey : readKeyOnce(openKey(path), path, Read::SubKeys).subKeys)
         all.push_back(parent + separator + subKey.name + separator);
     return all;
 }
@@ -45,7 +45,7 @@ Words valueNames(const std::string& key)
 {
     const KeyPath path = keyArgument(key);
     Words all;
-    for (const ValueEntry& value : readKeyOnce(path.open(), path, Read::Values).values)
+    for (const ValueEntry& value : readKeyOnce(openKey(path), path, Read::Values).values)
         all.push_back(isUnnamed(value.name) ? "@" : value.name);
     return all;
 }

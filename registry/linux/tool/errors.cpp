@@ -25,7 +25,7 @@ const struct Advice {
     {OBREG_STATUS_ACCESS_DENIED, ExitFailed, "only root and the daemon's own user write there; run this as root"},
     {OBREG_STATUS_BAD_HANDLE, ExitFailed, "the store has been replaced meanwhile; run this again"},
     {OBREG_STATUS_KEY_HAS_SUBKEYS, ExitFailed, "\"obreg delete %k\" deletes it with all below it"},
-    {OBREG_STATUS_BAD_NAME, ExitFailed, "a key's name has 1 to 255 bytes and no control characters, a path 512 names",
+    {OBREG_STATUS_BAD_NAME, ExitFailed, "a key's name has 1 to 1024 bytes and no control characters, a path 512 names",
      "a value's name has up to 16383 bytes and no control characters"},
     {OBREG_STATUS_INVALID_PARAMETER, ExitFailed, "a name holds no NUL",
      "give at least one byte of data: an empty value cannot be stored; and no NUL in the name"},
@@ -35,6 +35,7 @@ const struct Advice {
      "(--quota-requests)"},
     {OBREG_STATUS_STORE_FULL, ExitFailed, "make room on the daemon's disk, or delete keys and values"},
     {OBREG_STATUS_STORE_FAILED, ExitFailed, "%l tells how"},
+    {OBREG_STATUS_CONDITION_FAILED, ExitCondition, "nothing was changed; look at what is there now"},
 };
 
 constexpr const char* DaemonWasAway =
@@ -103,7 +104,7 @@ KeyPath nearest(const KeyPath& key)
 {
     KeyPath above = key.parent();
     std::error_code error;
-    while (!above.isRoot() && !above.open(KEY_READ, error))
+    while (!above.isRoot() && !openKey(above, KEY_READ, error))
         above = above.parent();
     return above;
 }

@@ -17,11 +17,12 @@ namespace obregtool {
 
 enum Exit : int {
     ExitDone = 0,
-    ExitNotFound = 1, ///< not found; of a comparison: different
-    ExitUsage = 2,    ///< the command line, or a question that could not be asked
-    ExitNoDaemon = 3, ///< no daemon, or no answer in time
-    ExitFailed = 4,   ///< refused or failed
-    ExitBadFile = 5,  ///< a file is not what it should be; nothing was done
+    ExitNotFound = 1,  ///< not found; of a comparison: different
+    ExitUsage = 2,     ///< the command line, or a question that could not be asked
+    ExitNoDaemon = 3,  ///< no daemon, or no answer in time
+    ExitFailed = 4,    ///< refused or failed
+    ExitBadFile = 5,   ///< a file is not what it should be; nothing was done
+    ExitCondition = 6, ///< a condition did not hold; nothing was done
     ExitDifferent = ExitNotFound,
     ExitInterrupted = 130, ///< by Ctrl-C, as shells count signals
 };

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "output.h"
-#include "regreader.h"
+#include "regtext/regreader.h"
 #include "writequeue.h"
 
 namespace obregtool {

@@ -1,124 +1,38 @@
 #include "keypath.h"
 
-#include <unistd.h>
-
 #include "errors.h"
-#include "nearmiss.h"
 #include "text.h"
 
 namespace obregtool {
 
-const std::vector<Root>& roots()
-{
-    static const std::vector<Root> all = {
-        {"HKLM", "HKEY_LOCAL_MACHINE", HKEY_LOCAL_MACHINE},       {"HKCU", "HKEY_CURRENT_USER", HKEY_CURRENT_USER},
-        {"HKCR", "HKEY_CLASSES_ROOT", HKEY_CLASSES_ROOT},         {"HKU", "HKEY_USERS", HKEY_USERS},
-        {"HKPD", "HKEY_PERFORMANCE_DATA", HKEY_PERFORMANCE_DATA},
-    };
-    return all;
-}
-
-namespace {
-
-const Root& rootOf(HANDLE handle)
-{
-    for (const Root& root : roots())
-        if (root.handle == handle)
-            return root;
-    return roots().front(); // cannot be: a KeyPath's root comes from the table
-}
-
-} // namespace
-
-std::string KeyPath::text() const { return rootOf(root).pName + (path.empty() ? "" : '\\' + path); }
-
-std::string KeyPath::name() const { return path.empty() ? rootOf(root).pName : path.substr(path.rfind('\\') + 1); }
-
-KeyPath KeyPath::child(const std::string& name) const { return {root, path.empty() ? name : path + '\\' + name}; }
-
-KeyPath KeyPath::parent() const
-{
-    const size_t last = path.rfind('\\');
-    return {root, last == std::string::npos ? "" : path.substr(0, last)};
-}
-
-std::string KeyPath::identity() const
-{
-    KeyPath key = *this;
-    if (root == HKEY_CURRENT_USER) {
-        key = {HKEY_USERS, std::to_string(geteuid())};
-        if (!path.empty())
-            key = key.child(path);
-    }
-    return folded(key.text());
-}
-
-bool KeyPath::isWithin(const KeyPath& other) const
-{
-    const std::string mine = identity() + '\\';
-    const std::string outer = other.identity() + '\\';
-    return mine.compare(0, outer.size(), outer) == 0;
-}
-
-obreg::Key KeyPath::open(UINT32 access, std::error_code& error) const
+obreg::Key openKey(const KeyPath& path, UINT32 access, std::error_code& error)
 {
     error.clear();
-    const obreg::Key top = obreg::Key::root(root);
-    return path.empty() ? obreg::Key::root(root) : obreg::Key::open(top, path, access, error);
+    return path.isRoot() ? obreg::Key::root(path.root)
+                         : obreg::Key::open(obreg::Key::root(path.root), path.path, access, error);
 }
 
-obreg::Key KeyPath::open(UINT32 access) const
+obreg::Key openKey(const KeyPath& path, UINT32 access)
 {
     std::error_code error;
-    obreg::Key key = open(access, error);
-    check(error, *this);
+    obreg::Key key = openKey(path, access, error);
+    check(error, path);
     return key;
 }
 
-obreg::Key KeyPath::create(bool* pCreated, std::error_code& error) const
+obreg::Key makeKey(const KeyPath& path, bool* pCreated, std::error_code& error)
 {
     error.clear();
     if (pCreated != nullptr)
         *pCreated = false;
-    const obreg::Key top = obreg::Key::root(root);
-    return path.empty() ? obreg::Key::root(root) : obreg::Key::create(top, path, KEY_ALL_ACCESS, pCreated, error);
-}
-
-KeyPath parseKey(std::string_view text, bool slashes)
-{
-    const size_t end = std::min(text.find_first_of(slashes ? "\\/" : "\\"), text.size());
-    const std::string name = folded(text.substr(0, end));
-    KeyPath key;
-    std::string known;
-    std::vector<std::string> names;
-    for (const Root& root : roots()) {
-        if (name == folded(root.pShortName) || name == folded(root.pName))
-            key.root = root.handle;
-        known += std::string(known.empty() ? "" : ", ") + root.pShortName;
-        names.insert(names.end(), {root.pShortName, root.pName});
-    }
-    if (key.root == nullptr)
-        throw BadKey{"a key begins with a root (" + known + " or their long names" + didYouMean(name, names) + ')', 0};
-
-    const std::string_view separators = slashes && end < text.size() && text[end] == '/' ? "\\/" : "\\";
-    for (size_t begin = end + 1; begin < text.size();) {
-        const size_t stop = std::min(text.find_first_of(separators, begin), text.size());
-        const std::string one(text.substr(begin, stop - begin));
-        for (size_t i = 0; i < one.size(); ++i)
-            if (isControl(one[i]))
-                throw BadKey{"a key's name has no control characters", begin + i};
-        if (one.empty())
-            throw BadKey{"a key's name is not empty", begin};
-        key = key.child(one);
-        begin = stop + 1; // one separator at the end is overlooked
-    }
-    return key;
+    return path.isRoot() ? obreg::Key::root(path.root)
+                         : obreg::Key::create(obreg::Key::root(path.root), path.path, KEY_ALL_ACCESS, pCreated, error);
 }
 
 KeyPath keyArgument(const std::string& text)
 {
     try {
-        return parseKey(text, true);
+        return parseKey(text, KeyForm::Slashes);
     } catch (const BadKey& bad) {
         throw UsageError("key \"" + escaped(text, Escape::Name) + "\": " + bad.message +
                          "; write it like HKLM/Software/Acme or 'HKLM\\Software\\Acme'");

@@ -1,58 +1,21 @@
-// Where a key is: a predefined root and the path below it, and how people write that.
-//
-// Stateless values; any thread.
+// Keys as the tool opens them and as the command line names them. Stateless; any thread.
 #ifndef OBREG_TOOL_KEYPATH_H
 #define OBREG_TOOL_KEYPATH_H
 
-#include <string>
-#include <string_view>
-#include <vector>
-
 #include <obreg/registry.hpp>
+
+#include "regtext/keypath.h"
 
 namespace obregtool {
 
-struct Root {
-    const char* pShortName;
-    const char* pName;
-    HANDLE handle;
-};
-const std::vector<Root>& roots();
+using namespace regtext;
 
-struct KeyPath {
-    HANDLE root = nullptr;
-    std::string path; ///< names separated by backslashes; empty for the root itself
+/// Opens or makes a key; a root is not asked for.
+obreg::Key openKey(const KeyPath& path, UINT32 access, std::error_code& error);
+obreg::Key openKey(const KeyPath& path, UINT32 access = KEY_READ); ///< throws Failure
+obreg::Key makeKey(const KeyPath& path, bool* pCreated, std::error_code& error);
 
-    bool isRoot() const { return path.empty(); }
-    std::string text() const; ///< "HKEY_LOCAL_MACHINE\Software\Acme"
-    std::string name() const; ///< the last name; the root's for a root
-    KeyPath child(const std::string& name) const;
-    KeyPath parent() const; ///< a root is its own parent
-
-    /// The same for all spellings of one key: ASCII letters in lower case, the current user's root as its key below the
-    /// users' root.
-    std::string identity() const;
-    /// True when this is the other key or is below it.
-    bool isWithin(const KeyPath& other) const;
-
-    /// Opens it; a root is not asked for.
-    obreg::Key open(UINT32 access, std::error_code& error) const;
-    obreg::Key open(UINT32 access = KEY_READ) const; ///< throws Failure
-    obreg::Key create(bool* pCreated, std::error_code& error) const;
-};
-
-/// What is wrong with the text of a key, and at which byte.
-struct BadKey {
-    std::string message;
-    size_t offset;
-};
-
-/// Reads "HKLM\Software\Acme", long root names and any case of a root too. When `slashes`, a slash after the root makes
-/// both kinds of slash separators; otherwise, and after a backslash, a slash is an ordinary byte of a name. Throws
-/// BadKey.
-KeyPath parseKey(std::string_view text, bool slashes);
-
-/// The same for the command line: slashes allowed, throws UsageError.
+/// parseKey() for the command line: slashes allowed, throws UsageError.
 KeyPath keyArgument(const std::string& text);
 
 /// "", "@" and "default" in any case all are a key's unnamed value.

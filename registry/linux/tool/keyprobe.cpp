@@ -31,7 +31,7 @@ obreg::Key KeyProbe::open(const KeyPath& key)
     obreg::Key opened;
     if (!missing) {
         std::error_code error;
-        opened = key.open(KEY_READ, error);
+        opened = openKey(key, KEY_READ, error);
         if (error != obreg::Status::notFound)
             check(error, key);
     }

@@ -1,6 +1,7 @@
 #include "preview.h"
 
 #include "changes.h"
+#include "condition.h"
 #include "errors.h"
 #include "readtree.h"
 
@@ -77,6 +78,39 @@ void Preview::removeValue(std::string&& name, const Place& place)
     if (const std::optional<obreg::Value> old = valueNow(name))
         found(valueChange(Change::Removed, m_key, {name, *old}));
     m_states[stateOf(m_key, name)] = {false, std::nullopt};
+}
+
+void Preview::requireKey(const KeyPath& key, const Place& /*place*/)
+{
+    m_key = key;
+    judged(key, nullptr, whyNoKey(key));
+}
+
+void Preview::requireNoKey(const KeyPath& key, const Place& /*place*/) { judged(key, nullptr, whyKey(key)); }
+
+void Preview::requireValue(std::string&& name, obreg::Value&& value, const Place& /*place*/)
+{
+    judged(m_key, &name, whyNotEqual(m_key, name, value));
+}
+
+void Preview::requireNoValue(std::string&& name, const Place& /*place*/)
+{
+    judged(m_key, &name, whyNotAbsent(m_key, name));
+}
+
+void Preview::judged(const KeyPath& key, const std::string* pValueName, const std::string& why)
+{
+    Fact fact = keyFact(key, why.empty() ? "condition-holds" : "condition-fails");
+    fact.lead = why.empty() ? "= " : "! ";
+    fact.leadStyle = why.empty() ? Style::Good : Style::Bad;
+    const Field name{"name", pValueName != nullptr ? shownName(*pValueName) : "", Style::Name};
+    const Field because{"because", why};
+    if (pValueName != nullptr)
+        fact.fields.push_back(name);
+    if (!why.empty())
+        fact.fields.push_back(because);
+    m_failedConditions += why.empty() ? 0 : 1;
+    m_output.fact(fact);
 }
 
 void Preview::finish() { m_output.summary({"dry-run", {{"changes", m_changes}}, "nothing was written; changes: "}); }

@@ -1,4 +1,5 @@
-// What changes would make of the registry, as facts like those of compare: for --dry-run.
+// What changes would make of the registry, as facts like those of compare, and whether their conditions hold: for
+// --dry-run.
 //
 // A preview gets the changes in their order, has each rehearsed, and gives a fact for each that makes a difference. It
 // remembers what was changed so far, so that later changes are compared with what earlier ones would leave; what it
@@ -23,9 +24,14 @@ public:
     void removeKey(const KeyPath& key, const Place& place) override;
     void value(std::string&& name, obreg::Value&& value, const Place& place) override;
     void removeValue(std::string&& name, const Place& place) override;
+    void requireKey(const KeyPath& key, const Place& place) override;
+    void requireNoKey(const KeyPath& key, const Place& place) override;
+    void requireValue(std::string&& name, obreg::Value&& value, const Place& place) override;
+    void requireNoValue(std::string&& name, const Place& place) override;
 
     /// Says on a terminal how much it was.
     void finish();
+    uint64_t failedConditions() const { return m_failedConditions; }
 
 private:
     /// A key or value after the changes so far. What is below a key of which this is known is known as well.
@@ -35,6 +41,7 @@ private:
     };
 
     void found(const Fact& fact);
+    void judged(const KeyPath& key, const std::string* pValueName, const std::string& why);
     const State* changed(const KeyPath& key) const;
     bool exists(const KeyPath& key);
     void make(const KeyPath& key);
@@ -47,6 +54,7 @@ private:
     /// By identity, each key's with a backslash at its end, so that what is in a key comes behind it.
     std::map<std::string, State> m_states;
     uint64_t m_changes = 0;
+    uint64_t m_failedConditions = 0;
 };
 
 } // namespace obregtool

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "condition.h"
 #include "errors.h"
 #include "writequeue.h"
 
@@ -25,6 +26,12 @@ void at(const Place& place, const Step& step)
 bool isName(std::string_view name, size_t longest)
 {
     return name.size() <= longest && std::none_of(name.begin(), name.end(), isControl);
+}
+
+void mustHold(const Place& place, const KeyPath& key, const std::string* pValueName, const std::string& why)
+{
+    if (!why.empty())
+        at(place, [&] { throw conditionFailure(key, pValueName, why); });
 }
 
 void checkNames(const KeyPath& key)
@@ -81,9 +88,27 @@ void Rehearsal::removeValue(std::string&& name, const Place& place)
         if (m_missing == Missing::Passes)
             return;
         std::error_code error;
-        m_key.open().get<obreg::Value>(name, error);
+        openKey(m_key).get<obreg::Value>(name, error);
         check(error, m_key, &name);
     });
+}
+
+void Rehearsal::requireKey(const KeyPath& key, const Place& place)
+{
+    m_key = key;
+    mustHold(place, key, nullptr, whyNoKey(key));
+}
+
+void Rehearsal::requireNoKey(const KeyPath& key, const Place& place) { mustHold(place, key, nullptr, whyKey(key)); }
+
+void Rehearsal::requireValue(std::string&& name, obreg::Value&& value, const Place& place)
+{
+    mustHold(place, m_key, &name, whyNotEqual(m_key, name, value));
+}
+
+void Rehearsal::requireNoValue(std::string&& name, const Place& place)
+{
+    mustHold(place, m_key, &name, whyNotAbsent(m_key, name));
 }
 
 void Rehearsal::checkValue(const std::string& name)

@@ -11,7 +11,7 @@
 #define OBREG_TOOL_REHEARSAL_H
 
 #include "keyprobe.h"
-#include "regreader.h"
+#include "regtext/regreader.h"
 
 namespace obregtool {
 
@@ -26,6 +26,10 @@ public:
     void removeKey(const KeyPath& key, const Place& place) override;
     void value(std::string&& name, obreg::Value&& value, const Place& place) override;
     void removeValue(std::string&& name, const Place& place) override;
+    void requireKey(const KeyPath& key, const Place& place) override;
+    void requireNoKey(const KeyPath& key, const Place& place) override;
+    void requireValue(std::string&& name, obreg::Value&& value, const Place& place) override;
+    void requireNoValue(std::string&& name, const Place& place) override;
 
     KeyProbe& probe() { return m_probe; }
 

@@ -13,7 +13,7 @@
 #include <unordered_set>
 
 #include "output.h"
-#include "regreader.h"
+#include "regtext/regreader.h"
 
 namespace obregtool {
 

@@ -15,7 +15,7 @@ constexpr size_t FewEach = 4;     // fewer keys are not worth a thread
 TreeReader::TreeReader(const KeyPath& path, uint64_t depth, Read what) : m_depth(depth), m_what(what)
 {
     auto pTop = std::make_shared<Node>(Order(), path, m_held);
-    pTop->entry.key = path.open();
+    pTop->entry.key = openKey(path);
     pTop->entry.content = readKey(pTop->entry.key, path, what, pTop->held);
     m_way.push_back(std::move(pTop));
     settle(m_way.back());

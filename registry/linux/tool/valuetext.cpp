@@ -13,27 +13,24 @@ using obreg::StringList;
 using obreg::Value;
 using obreg::ValueOf;
 
-enum class Nature { Text, List, Number32, Number64, Bytes };
-
 const struct Type {
     UINT32 type;
-    Nature nature;
     const char* pName;
 } Types[] = {
-    {REG_NONE, Nature::Bytes, "REG_NONE"},
-    {REG_SZ, Nature::Text, "REG_SZ"},
-    {REG_EXPAND_SZ, Nature::Text, "REG_EXPAND_SZ"},
-    {REG_BINARY, Nature::Bytes, "REG_BINARY"},
-    {REG_DWORD, Nature::Number32, "REG_DWORD"},
-    {REG_DWORD_BIG_ENDIAN, Nature::Number32, "REG_DWORD_BIG_ENDIAN"},
-    {REG_LINK, Nature::Text, "REG_LINK"},
-    {REG_MULTI_SZ, Nature::List, "REG_MULTI_SZ"},
-    {REG_RESOURCE_LIST, Nature::Bytes, "REG_RESOURCE_LIST"},
-    {REG_FULL_RESOURCE_DESCRIPTOR, Nature::Bytes, "REG_FULL_RESOURCE_DESCRIPTOR"},
-    {REG_RESOURCE_REQUIREMENTS_LIST, Nature::Bytes, "REG_RESOURCE_REQUIREMENTS_LIST"},
-    {REG_QWORD, Nature::Number64, "REG_QWORD"},
-    {REG_DWORD, Nature::Number32, "REG_DWORD_LITTLE_ENDIAN"},
-    {REG_QWORD, Nature::Number64, "REG_QWORD_LITTLE_ENDIAN"},
+    {REG_NONE, "REG_NONE"},
+    {REG_SZ, "REG_SZ"},
+    {REG_EXPAND_SZ, "REG_EXPAND_SZ"},
+    {REG_BINARY, "REG_BINARY"},
+    {REG_DWORD, "REG_DWORD"},
+    {REG_DWORD_BIG_ENDIAN, "REG_DWORD_BIG_ENDIAN"},
+    {REG_LINK, "REG_LINK"},
+    {REG_MULTI_SZ, "REG_MULTI_SZ"},
+    {REG_RESOURCE_LIST, "REG_RESOURCE_LIST"},
+    {REG_FULL_RESOURCE_DESCRIPTOR, "REG_FULL_RESOURCE_DESCRIPTOR"},
+    {REG_RESOURCE_REQUIREMENTS_LIST, "REG_RESOURCE_REQUIREMENTS_LIST"},
+    {REG_QWORD, "REG_QWORD"},
+    {REG_DWORD, "REG_DWORD_LITTLE_ENDIAN"},
+    {REG_QWORD, "REG_QWORD_LITTLE_ENDIAN"},
 };
 
 const Type* typeOf(UINT32 type)
@@ -44,36 +41,7 @@ const Type* typeOf(UINT32 type)
     return nullptr;
 }
 
-Nature natureOf(UINT32 type)
-{
-    const Type* const pType = typeOf(type);
-    return pType == nullptr ? Nature::Bytes : pType->nature;
-}
-
 constexpr std::string_view HexMark = "hex:";
-
-Meaning textMeaning(std::string_view data)
-{
-    if (data.empty() || data.find('\0') != data.size() - 1)
-        return {};
-    return {Meaning::Text, data.substr(0, data.size() - 1)};
-}
-
-Meaning listMeaning(std::string_view data)
-{
-    using namespace std::string_view_literals;
-    if (data == "\0"sv)
-        return {Meaning::List};
-    if (data.size() < 2 || data[0] == '\0' || data.find("\0\0"sv) != data.size() - 2)
-        return {};
-    return {Meaning::List, data.substr(0, data.size() - 2)};
-}
-
-Meaning numberMeaning(const Value& value)
-{
-    const std::optional<UINT64> number = ValueOf<UINT64>::decode(value);
-    return number ? Meaning{Meaning::Number, {}, *number} : Meaning{};
-}
 
 Value numberValue(UINT32 type, uint64_t number)
 {
@@ -94,24 +62,6 @@ void writeHex(const Value& value, const TakeText& take)
 }
 
 } // namespace
-
-Meaning meaningOf(const Value& value)
-{
-    switch (natureOf(value.type)) {
-    case Nature::Text:
-        return textMeaning(value.data);
-    case Nature::List:
-        return listMeaning(value.data);
-    case Nature::Number32:
-    case Nature::Number64:
-        return numberMeaning(value);
-    case Nature::Bytes:
-        break;
-    }
-    return {};
-}
-
-bool isStringType(UINT32 type) { return type == REG_SZ || type == REG_EXPAND_SZ || type == REG_MULTI_SZ; }
 
 std::string typeName(UINT32 type)
 {

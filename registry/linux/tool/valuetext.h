@@ -9,39 +9,22 @@
 
 #include <obreg/registry.hpp>
 
+#include "regtext/meaning.h"
+
 namespace obregtool {
+
+using namespace regtext;
 
 /// "REG_SZ"; a type without a name as "0x00000020".
 std::string typeName(UINT32 type);
 /// REG_SZ, SZ, any case, or a number. Throws UsageError.
 UINT32 typeArgument(const std::string& text);
 
-/// REG_SZ, REG_EXPAND_SZ and REG_MULTI_SZ: strings, which other systems store in UTF-16.
-bool isStringType(UINT32 type);
-
 /// The names of all types, for help and messages.
 std::string typeNames();
 
 /// A value from what was written on the command line: one text for each --data. Throws UsageError.
 obreg::Value valueOfArguments(UINT32 type, const std::vector<std::string>& data);
-
-/// What data say, when they are stored just as `set` stores what they say; else nothing but bytes. A text ends in its
-/// one NUL, a list in two, and neither has others but between the strings. Views into the value.
-struct Meaning {
-    enum Kind { Bytes, Text, List, Number } kind = Bytes;
-    std::string_view text = {}; ///< of a list: the strings with a NUL between
-    uint64_t number = 0;
-};
-Meaning meaningOf(const obreg::Value& value);
-template <class F>
-void forEachString(std::string_view list, const F& f)
-{
-    while (!list.empty()) {
-        const size_t end = std::min(list.find('\0'), list.size());
-        f(list.substr(0, end));
-        list.remove_prefix(std::min(end + 1, list.size()));
-    }
-}
 
 // How data are shown. What says nothing is written as pairs of hexadecimal digits, where its type promises more with
 // "hex:" in front. Two values of one type never look alike.

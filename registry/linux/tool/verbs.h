@@ -33,6 +33,9 @@ Run declareRename(Arguments& arguments);
 Run declareMove(Arguments& arguments);
 Run declareWatch(Arguments& arguments);
 Run declarePing(Arguments& arguments);
+Run declareLog(Arguments& arguments);
+Run declareBlame(Arguments& arguments);
+Run declareUndo(Arguments& arguments);
 
 } // namespace obregtool
 

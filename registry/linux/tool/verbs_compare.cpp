@@ -2,7 +2,7 @@
 #include <algorithm>
 
 #include "comparison.h"
-#include "regwriter.h"
+#include "regtext/regwriter.h"
 #include "text.h"
 #include "treereader.h"
 #include "valuetext.h"

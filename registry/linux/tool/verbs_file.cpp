@@ -2,12 +2,13 @@
 #include <unistd.h>
 
 #include "alarm.h"
+#include "batch.h"
 #include "caution.h"
 #include "files.h"
 #include "importer.h"
 #include "readtree.h"
-#include "regreader.h"
-#include "regwriter.h"
+#include "regtext/regreader.h"
+#include "regtext/regwriter.h"
 #include "sieve.h"
 #include "verbs.h"
 
@@ -24,6 +25,7 @@ struct FileOptions {
     bool yes = false;
     bool checkOnly = false;
     bool keepGoing = false;
+    bool atomic = false;
     Caution caution;
 };
 
@@ -34,17 +36,25 @@ public:
     void removeKey(const KeyPath& /*key*/, const Place& /*place*/) override { ++deletions; }
     void value(std::string&& /*name*/, obreg::Value&& /*value*/, const Place& /*place*/) override { ++values; }
     void removeValue(std::string&& /*name*/, const Place& /*place*/) override { ++deletions; }
+    void requireKey(const KeyPath& /*key*/, const Place& /*place*/) override { ++conditions; }
+    void requireNoKey(const KeyPath& /*key*/, const Place& /*place*/) override { ++conditions; }
+    void requireValue(std::string&& /*name*/, obreg::Value&& /*value*/, const Place& /*place*/) override
+    {
+        ++conditions;
+    }
+    void requireNoValue(std::string&& /*name*/, const Place& /*place*/) override { ++conditions; }
 
     uint64_t all() const { return keys + values + deletions; }
 
     uint64_t keys = 0;
     uint64_t values = 0;
     uint64_t deletions = 0;
+    uint64_t conditions = 0;
 };
 
-RegReader readFile(RereadableFile& file, RegSink& sink, bool utf16Data)
+RegReader readFile(RereadableFile& file, RegSink& sink, const FileOptions& options)
 {
-    RegReader reader(sink, utf16Data);
+    RegReader reader(sink, options.utf16Data, options.atomic ? RegKind::Transaction : RegKind::File);
     file.read([&reader](std::string_view bytes) {
         endIfInterrupted();
         reader.feed(bytes);
@@ -59,7 +69,7 @@ uint64_t importFile(RereadableFile& file, const FileOptions& options, uint64_t t
     letInterruptsEndWork();
     Importer importer(file.name(), total, options.keepGoing ? WriteQueue::GoOn : WriteQueue::Stop, output);
     try {
-        readFile(file, importer, options.utf16Data);
+        readFile(file, importer, options);
         importer.finish();
     } catch (const RegSyntaxError& error) {
         throw importer.end({ExitFailed, error.what(), "the file has changed while it was read"});
@@ -103,12 +113,12 @@ bool prepareImport(RereadableFile& file, const FileOptions& options, uint64_t to
     constexpr auto passes = Rehearsal::Missing::Passes;
     const Changes changes = [&](RegSink& sink) {
         sieve.lookWith(sink);
-        readFile(file, sieve, options.utf16Data);
+        readFile(file, options.atomic ? sink : sieve, options);
     };
     try {
         if (!prepare(options.caution, passes, changes, output))
             return false;
-        const bool findsInWriting = options.keepGoing && !options.checkOnly;
+        const bool findsInWriting = (options.keepGoing || options.atomic) && !options.checkOnly;
         if (options.caution.backup.empty() && !findsInWriting) {
             Rehearsal rehearsal(passes);
             changes(rehearsal);
@@ -126,12 +136,50 @@ bool prepareImport(RereadableFile& file, const FileOptions& options, uint64_t to
     return !options.checkOnly;
 }
 
+/// What became of a file that was to be imported as one transaction.
+Failure asOneFailure(const BatchFailure& failure, const std::string& file, uint64_t total)
+{
+    const auto& [line, column] = failure.place;
+    const bool isLine = line != 0;
+    const std::string place =
+        isLine ? ", line " + std::to_string(line) + ", column " + std::to_string(column) + ": " : ": ";
+    const char* pAdvice = "nothing was written";
+    if (failure.status == OBREG_STATUS_REQUEST_FAILED && !failure.asOne)
+        pAdvice = "no answer came: it was carried out whole or not at all";
+    else if (failure.status == OBREG_STATUS_TOO_LARGE)
+        pAdvice = "nothing was written; divide the file into parts that belong together, have the daemon take more "
+                  "(obregd --max-statements), or import it without --atomic";
+    else if (failure.asOne && failure.status == 0)
+        pAdvice = "nothing was written; without --atomic its statements are imported one by one";
+    Failure located = inFile(failure, file + place, failure.status == OBREG_STATUS_CONDITION_FAILED ? "" : pAdvice);
+    located.details = {{"file", file}, {"line", line}, {"column", uint64_t{column}}, {"total", total}};
+    return located;
+}
+
+/// Carries out the whole file or nothing of it.
+void importAsOne(RereadableFile& file, const FileOptions& options, uint64_t total)
+{
+    letInterruptsEndWork();
+    Batch batch;
+    try {
+        readFile(file, batch, options);
+        batch.commit();
+    } catch (const BatchFailure& failure) {
+        throw asOneFailure(failure, file.name(), total);
+    } catch (const RegSyntaxError& error) {
+        throw Failure(ExitBadFile, file.name() + ", " + error.what(),
+                      "the file has changed while it was read; nothing was written");
+    } catch (const Failure& failure) {
+        throw beforeImporting(failure, file.name(), total);
+    }
+}
+
 int import(const FileOptions& options, Output& output)
 {
     RereadableFile file(options.file);
     Counter counter;
     try {
-        warnOfUtf16(file, readFile(file, counter, options.utf16Data), output);
+        warnOfUtf16(file, readFile(file, counter, options), output);
     } catch (const RegSyntaxError& error) {
         throw Failure(ExitBadFile, file.name() + ", " + error.what(),
                       "nothing was written; mend that line and try again");
@@ -139,16 +187,19 @@ int import(const FileOptions& options, Output& output)
     const bool looksOnly = options.checkOnly || options.caution.dryRun;
     Sieve sieve(file.name(), options.keepGoing, looksOnly ? &output : nullptr); // else the importer tells
     uint64_t refused = 0;
-    if (prepareImport(file, options, counter.all(), sieve, output))
-        carryOut(options.caution, [&] { refused = importFile(file, options, counter.all(), output); });
-    else
+    if (!prepareImport(file, options, counter.all(), sieve, output))
         refused = sieve.leftOut();
+    else if (options.atomic)
+        importAsOne(file, options, counter.all());
+    else
+        carryOut(options.caution, [&] { refused = importFile(file, options, counter.all(), output); });
     if (!options.caution.dryRun)
         output.summary({options.checkOnly ? "checked" : "imported",
                         {{"file", file.name()},
                          {"keys", counter.keys},
                          {"values", counter.values},
                          {"deletions", counter.deletions},
+                         {"conditions", counter.conditions},
                          {"refused", refused}},
                         "",
                         Style::Normal,
@@ -180,7 +231,7 @@ int exportKey(const FileOptions& options, Output& output)
 
     uint64_t keys = 0;
     uint64_t values = 0;
-    const obreg::Key found = path.open(); // before a file is made
+    const obreg::Key found = openKey(path); // before a file is made
     NewFile file(options.file);
     letInterruptsEndWork();
     const RegFormat format = options.utf16      ? RegFormat::Utf16
@@ -237,6 +288,8 @@ Run declareImport(Arguments& arguments)
     arguments.flag("--check", pOptions->checkOnly,
                    "Read the file, find what the daemon would refuse of it, and write nothing", "--backup");
     arguments.flag("--keep-going", pOptions->keepGoing, "Name what is refused, and go on");
+    arguments.flag("--atomic", pOptions->atomic,
+                   "Carry out all of FILE or nothing, as one transaction; FILE may have conditions", "--keep-going");
     arguments.flag("--utf16-data", pOptions->utf16Data,
                    "Strings that stand as bytes are UTF-16LE; store them as UTF-8");
     return [=](Output& output) { return import(*pOptions, output); };

@@ -62,7 +62,7 @@ private:
     void add(const KeyPath& path, bool news)
     {
         std::error_code error;
-        Node node{path, path.open(KEY_READ, error), 0, {}};
+        Node node{path, openKey(path, KEY_READ, error), 0, {}};
         if (error == obreg::Status::notFound)
             return;
         check(error, path);
@@ -130,7 +130,7 @@ int watch(const LiveOptions& options, Output& output)
 {
     Watched watched(keyArgument(options.key), output);
     if (watched.empty())
-        keyArgument(options.key).open(); // fails and says so
+        openKey(keyArgument(options.key)); // fails and says so
     catchInterrupts();
     while (!interrupted() && (options.count == 0 || watched.changes() < options.count)) {
         pause(options.interval);

@@ -1,6 +1,7 @@
-// rename and move: a key with all below it, or a value, to another place. What is moved is copied, compared with the
-// copy, and only then deleted.
+// rename and move: a key with all below it, or a value, to another place: in one transaction when it is not too much
+// for that. Otherwise what is moved is copied, compared with the copy, and only then deleted.
 #include "alarm.h"
+#include "batch.h"
 #include "caution.h"
 #include "comparison.h"
 #include "copier.h"
@@ -34,48 +35,55 @@ Failure standing(const Failure& failure, const std::string& what)
     return told;
 }
 
-/// Compares the copy with the original, whose keys it notes.
-class Verification : public Comparer {
+[[noreturn]] void failChanged(const std::string& where)
+{
+    throw Failure(ExitFailed, where + ": was changed by somebody else while it was moved");
+}
+
+/// Keys that were read, and when they had last changed.
+class SeenKeys {
 public:
+    void add(const TreeReader::Entry& entry) { m_seen.push_back({entry.path, entry.content.lastWriteTime}); }
+
+    /// Fails when one of the keys has changed since.
+    void checkUnchanged() const
+    {
+        forEachParallel(m_seen.size(), [this](size_t i) {
+            std::error_code error;
+            const obreg::KeyInfo info = openKey(m_seen[i].path).info(error);
+            check(error, m_seen[i].path);
+            if (info.lastWriteTime != m_seen[i].lastWriteTime)
+                failChanged(shown(m_seen[i].path));
+        });
+    }
+
+private:
     struct Seen {
         KeyPath path;
         UINT64 lastWriteTime;
     };
+    std::vector<Seen> m_seen;
+};
 
-    void missingRight(TreeReader::Entry& left) override { fail(shown(left.path)); }
-    void missingLeft(TreeReader::Entry& /*right*/, const KeyPath& place) override { fail(shown(place)); }
+/// Compares the copy with the original, whose keys it notes.
+class Verification : public Comparer {
+public:
+    void missingRight(TreeReader::Entry& left) override { failChanged(shown(left.path)); }
+    void missingLeft(TreeReader::Entry& /*right*/, const KeyPath& place) override { failChanged(shown(place)); }
     void value(const TreeReader::Entry& left, const TreeReader::Entry& /*right*/, const obreg::NamedValue* pLeft,
                const obreg::NamedValue* pRight) override
     {
-        fail(shown(left.path, (pLeft != nullptr ? pLeft : pRight)->name));
+        failChanged(shown(left.path, (pLeft != nullptr ? pLeft : pRight)->name));
     }
     void key(const TreeReader::Entry& left) override
     {
-        seen.push_back({left.path, left.content.lastWriteTime});
+        seen.add(left);
         levels.resize(std::max(levels.size(), left.depth + 1));
         levels[left.depth].push_back(left.path);
     }
 
-    /// Fails when one of the keys has changed since it was compared.
-    void checkUnchanged() const
-    {
-        forEachParallel(seen.size(), [this](size_t i) {
-            std::error_code error;
-            const obreg::KeyInfo info = seen[i].path.open().info(error);
-            check(error, seen[i].path);
-            if (info.lastWriteTime != seen[i].lastWriteTime)
-                fail(shown(seen[i].path));
-        });
-    }
-
-    std::vector<Seen> seen;
+    SeenKeys seen;
     std::vector<std::vector<KeyPath>> levels;
-
-private:
-    [[noreturn]] static void fail(const std::string& where)
-    {
-        throw Failure(ExitFailed, where + ": was changed by somebody else while it was moved");
-    }
 };
 
 [[noreturn]] void refuseExisting(const std::string& what)
@@ -87,7 +95,7 @@ private:
 bool isThere(const KeyPath& path, const std::string* pValueName)
 {
     std::error_code error;
-    const obreg::Key key = path.open(KEY_READ, error);
+    const obreg::Key key = openKey(path, KEY_READ, error);
     if (!error && pValueName != nullptr)
         key.get<obreg::Value>(*pValueName, error);
     if (error != obreg::Status::notFound)
@@ -95,19 +103,26 @@ bool isThere(const KeyPath& path, const std::string* pValueName)
     return !error;
 }
 
-void copyAndDelete(const KeyPath& from, const KeyPath& to, Copier& copier)
+/// How many keys and values were moved.
+struct Moved {
+    uint64_t keys = 0;
+    uint64_t values = 0;
+};
+
+Moved copyAndDelete(const KeyPath& from, const KeyPath& to)
 {
     bool created = false;
     std::error_code error;
-    to.create(&created, error);
+    makeKey(to, &created, error);
     check(error, to);
     if (!created)
         refuseExisting(shown(to));
     Verification verification;
+    Copier copier;
     try {
         copier.copyTree(from, to, UINT64_MAX);
         compareTrees(from, to, UINT64_MAX, verification);
-        verification.checkUnchanged();
+        verification.seen.checkUnchanged();
         endIfInterrupted();
     } catch (const Failure& failure) {
         throw standing(failure, shown(from) + " is as it was; " + shown(to) +
@@ -119,6 +134,63 @@ void copyAndDelete(const KeyPath& from, const KeyPath& to, Copier& copier)
         throw standing(failure, shown(to) + " is complete; of " + shown(from) +
                                     " a part is left: delete that when nothing new is in it");
     }
+    return {copier.keys(), copier.values()};
+}
+
+/// Carries out a move. False when it cannot be done as one; then nothing was done.
+bool commitMove(Batch& batch)
+{
+    try {
+        batch.commit();
+        return true;
+    } catch (const BatchFailure& failure) {
+        if (failure.asOne)
+            return false;
+        if (failure.status == OBREG_STATUS_CONDITION_FAILED)
+            failChanged(escaped(failure.key, Escape::Name));
+        throw;
+    }
+}
+
+/// Puts into a batch that the key and its values are as they were read, and the same under another key.
+void addMove(Batch& batch, TreeReader::Entry& from, const KeyPath& to)
+{
+    sortByPosition(from.content.values);
+    std::vector<obreg::NamedValue> values;
+    batch.requireKey(from.path, {});
+    forEachValue(from.key, from.path, from.content.values, [&](obreg::NamedValue&& value) {
+        batch.requireValue(std::string(value.name), obreg::Value(value.value), {});
+        values.push_back(std::move(value));
+    });
+    batch.key(to, {});
+    for (obreg::NamedValue& value : values)
+        batch.value(std::move(value.name), std::move(value.value), {});
+}
+
+/// Moves a key in one transaction; nothing when it is too much for one, and then nothing was done.
+std::optional<Moved> moveAsOne(const KeyPath& from, const KeyPath& to)
+{
+    letInterruptsEndWork();
+    Moved moved;
+    SeenKeys seen; // what is new in them would be deleted unseen
+    Batch batch;
+    batch.requireNoKey(to, {});
+    TreeReader reader(from, UINT64_MAX, Read::All);
+    while (TreeReader::Entry* const pEntry = reader.next()) {
+        endIfInterrupted();
+        seen.add(*pEntry);
+        ++moved.keys;
+        moved.values += pEntry->content.values.size();
+        size_t bytes = batch.bytes();
+        for (const ValueEntry& value : pEntry->content.values)
+            bytes += 2 * size_t{value.length}; // at least
+        if (batch.size() + 2 * pEntry->content.values.size() > MostAsOne || bytes > MostBytesAsOne)
+            return std::nullopt;
+        addMove(batch, *pEntry, obregtool::moved(pEntry->path, from, to));
+    }
+    batch.removeKey(from, {});
+    seen.checkUnchanged();
+    return commitMove(batch) ? std::optional(moved) : std::nullopt;
 }
 
 int moveKey(const KeyPath& from, const KeyPath& to, const Caution& caution, Output& output)
@@ -127,7 +199,7 @@ int moveKey(const KeyPath& from, const KeyPath& to, const Caution& caution, Outp
         throw UsageError(from.text() + " is a root and stays where it is; name a key below it");
     if (to.isWithin(from))
         throw UsageError("a key cannot be moved to itself, in whatever case, or below itself; choose another place");
-    from.open(KEY_ALL_ACCESS); // the right to delete it
+    openKey(from, KEY_ALL_ACCESS); // the right to delete it
     if (isThere(to, nullptr))
         refuseExisting(shown(to));
     const Changes changes = [&](RegSink& sink) {
@@ -136,10 +208,25 @@ int moveKey(const KeyPath& from, const KeyPath& to, const Caution& caution, Outp
     };
     if (!prepare(caution, Rehearsal::Missing::Fails, changes, output))
         return ExitDone;
-    Copier copier;
-    carryOut(caution, [&] { copyAndDelete(from, to, copier); });
+    std::optional<Moved> moved;
+    carryOut(caution, [&] {
+        try {
+            moved = moveAsOne(from, to);
+        } catch (const Failure& failure) {
+            throw standing(failure, failure.status == OBREG_STATUS_REQUEST_FAILED
+                                        ? "no answer came: it was moved whole or not at all"
+                                        : "nothing was changed");
+        }
+    });
+    const bool isOne = moved.has_value();
+    if (!isOne)
+        carryOut(caution, [&] { moved = copyAndDelete(from, to); });
     output.summary({"moved",
-                    {{"from", from.text()}, {"to", to.text()}, {"keys", copier.keys()}, {"values", copier.values()}},
+                    {{"from", from.text()},
+                     {"to", to.text()},
+                     {"keys", moved->keys},
+                     {"values", moved->values},
+                     {"as", isOne ? "one transaction" : "a copy, then a deletion"}},
                     "",
                     Style::Normal,
                     true});
@@ -159,10 +246,29 @@ struct ValuePlace {
     std::string name;
 };
 
+/// Moves a value in one transaction. False where the daemon has none.
+bool moveAsOne(const ValuePlace& from, const obreg::Value& value, const ValuePlace& to)
+{
+    Batch batch;
+    batch.requireKey(from.key, {});
+    batch.requireValue(std::string(from.name), obreg::Value(value), {});
+    if (isThere(to.key, nullptr)) {
+        batch.requireKey(to.key, {});
+        batch.requireNoValue(std::string(to.name), {});
+    } else {
+        batch.requireNoKey(to.key, {});
+        batch.key(to.key, {});
+    }
+    batch.value(std::string(to.name), obreg::Value(value), {});
+    batch.key(from.key, {});
+    batch.removeValue(std::string(from.name), {});
+    return commitMove(batch);
+}
+
 void copyAndDelete(const ValuePlace& from, const obreg::Key& fromKey, const obreg::Value& value, const ValuePlace& to)
 {
     std::error_code error;
-    const obreg::Key toKey = to.key.create(nullptr, error);
+    const obreg::Key toKey = makeKey(to.key, nullptr, error);
     check(error, to.key);
     toKey.set(to.name, value, error);
     check(error, to.key, &to.name, value.data.size());
@@ -180,7 +286,7 @@ int moveValue(const ValuePlace& from, const ValuePlace& to, const Caution& cauti
 {
     if (from.key.identity() == to.key.identity() && compareValueNames(from.name, to.name) == 0)
         throw UsageError("a value cannot be moved to itself, in whatever case; choose another name");
-    const obreg::Key fromKey = from.key.open(KEY_ALL_ACCESS);
+    const obreg::Key fromKey = openKey(from.key, KEY_ALL_ACCESS);
     const obreg::Value value = read(from.key, fromKey, from.name);
     if (isThere(to.key, &to.name))
         refuseExisting(shown(to.key, to.name));
@@ -192,7 +298,10 @@ int moveValue(const ValuePlace& from, const ValuePlace& to, const Caution& cauti
     };
     if (!prepare(caution, Rehearsal::Missing::Fails, changes, output))
         return ExitDone;
-    carryOut(caution, [&] { copyAndDelete(from, fromKey, value, to); });
+    carryOut(caution, [&] {
+        if (!moveAsOne(from, value, to))
+            copyAndDelete(from, fromKey, value, to);
+    });
     output.summary({"moved",
                     {{"from", from.key.text()},
                      {"name", shownName(from.name)},

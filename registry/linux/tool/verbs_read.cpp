@@ -60,7 +60,7 @@ void valueFacts(Output& output, const KeyPath& path, const obreg::Key& key, std:
 obreg::NamedValue readValue(const KeyPath& path, const std::string& name)
 {
     std::error_code error;
-    const obreg::Key key = path.open();
+    const obreg::Key key = openKey(path);
     obreg::NamedValue value{name, key.get<obreg::Value>(name, error)};
     check(error, path, &name);
     return value;
@@ -118,7 +118,7 @@ int get(const ReadOptions& options, Output& output)
     if (options.raw)
         throw UsageError("--raw prints one value: between several nothing would say where one ends");
     output.makeList();
-    const obreg::Key key = path.open();
+    const obreg::Key key = openKey(path);
     int status = ExitDone;
     for (const std::string& name : options.names) {
         std::error_code error;
@@ -138,7 +138,7 @@ int get(const ReadOptions& options, Output& output)
 int ls(const ReadOptions& options, Output& output)
 {
     const KeyPath path = keyArgument(options.key);
-    const obreg::Key key = path.open();
+    const obreg::Key key = openKey(path);
     KeyContent content = readKey(key, path);
     for (const obreg::SubKey& subKey : content.subKeys) {
         Fact fact{"subkey", {{"name", subKey.name, Style::Key}}};
@@ -215,7 +215,7 @@ int info(const ReadOptions& options, Output& output)
 {
     const KeyPath path = keyArgument(options.key);
     std::error_code error;
-    const obreg::KeyInfo info = path.open().info(error);
+    const obreg::KeyInfo info = openKey(path).info(error);
     check(error, path);
     if (output.form() == Form::Terminal) {
         output.makeList(); // no "key: " in front

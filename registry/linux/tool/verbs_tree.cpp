@@ -35,7 +35,11 @@ int copy(const TwoKeys& options, Output& output)
         }
     });
     output.summary({"copied",
-                    {{"from", from.text()}, {"to", to.text()}, {"keys", copier.keys()}, {"values", copier.values()}},
+                    {{"from", from.text()},
+                     {"to", to.text()},
+                     {"keys", copier.keys()},
+                     {"values", copier.values()},
+                     {"as", copier.how()}},
                     "",
                     Style::Normal,
                     true});

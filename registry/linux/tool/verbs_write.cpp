@@ -5,6 +5,7 @@
 
 #include "alarm.h"
 #include "caution.h"
+#include "condition.h"
 #include "files.h"
 #include "readtree.h"
 #include "text.h"
@@ -27,7 +28,14 @@ struct WriteOptions {
     bool yes = false;
     bool allValues = false;
     bool forceType = false;
+    ValueCondition condition;
     Caution caution;
+
+    void tellCondition(const KeyPath& path, RegSink& sink) const
+    {
+        if (condition.given())
+            condition.tell(path, name, sink);
+    }
 };
 
 std::vector<std::string> split(const std::string& text, const std::string& separator)
@@ -55,7 +63,7 @@ std::string readText()
 std::optional<UINT32> storedType(const KeyPath& path, const std::string& name)
 {
     std::error_code error;
-    const obreg::Key key = path.open(KEY_READ, error);
+    const obreg::Key key = openKey(path, KEY_READ, error);
     const obreg::Value value = error ? obreg::Value() : key.get<obreg::Value>(name, error);
     if (error == obreg::Status::notFound || error == obreg::Status::badName) // a bad name is refused when it is written
         return std::nullopt;
@@ -115,21 +123,30 @@ obreg::Value valueOf(const WriteOptions& options, const KeyPath& path)
     }
 }
 
+void setValue(const KeyPath& path, const std::string& name, const obreg::Value& value)
+{
+    std::error_code error;
+    const obreg::Key key = makeKey(path, nullptr, error);
+    check(error, path);
+    key.set(name, value, error);
+    check(error, path, &name, value.data.size());
+}
+
 int store(const WriteOptions& options, Output& output)
 {
     const KeyPath path = keyArgument(options.key);
     const obreg::Value value = valueOf(options, path);
     const Changes changes = [&](RegSink& sink) {
+        options.tellCondition(path, sink);
         sink.key(path, {});
         sink.value(std::string(options.name), obreg::Value(value), {});
     };
     if (!prepare(options.caution, Rehearsal::Missing::Fails, changes, output))
         return ExitDone;
-    std::error_code error;
-    const obreg::Key key = path.create(nullptr, error);
-    check(error, path);
-    key.set(options.name, value, error);
-    check(error, path, &options.name, value.data.size());
+    if (options.condition.given())
+        makeAsOne(changes);
+    else
+        setValue(path, options.name, value);
     Fact fact = valueFact(path, {options.name, value}, "set");
     fact.showKind = true;
     output.summary(fact);
@@ -144,7 +161,7 @@ int createKey(const WriteOptions& options, Output& output)
         return ExitDone;
     bool created = false;
     std::error_code error;
-    path.create(&created, error);
+    makeKey(path, &created, error);
     check(error, path);
     Fact fact = keyFact(path, created ? "created" : "exists");
     fact.showKind = true;
@@ -155,18 +172,29 @@ int createKey(const WriteOptions& options, Output& output)
 int removeValue(const WriteOptions& options, Output& output)
 {
     const KeyPath path = keyArgument(options.key);
-    const obreg::Key key = path.open();
     const Changes changes = [&](RegSink& sink) {
+        options.tellCondition(path, sink);
         sink.key(path, {});
         sink.removeValue(std::string(options.name), {});
     };
+    const obreg::Key key = options.condition.given() ? obreg::Key() : openKey(path);
     if (!prepare(options.caution, Rehearsal::Missing::Fails, changes, output))
         return ExitDone;
-    std::error_code error;
-    key.removeValue(options.name, error);
-    check(error, path, &options.name);
+    if (options.condition.given()) {
+        makeAsOne(changes);
+    } else {
+        std::error_code error;
+        key.removeValue(options.name, error);
+        check(error, path, &options.name);
+    }
     output.summary({"deleted", {{"key", path.text()}, {"name", shownName(options.name)}}, "", Style::Normal, true});
     return ExitDone;
+}
+
+void requireOneValue(const WriteOptions& options)
+{
+    if (options.condition.given())
+        throw UsageError("--if-equals is about one value; name it");
 }
 
 /// Throws Failure, which says how many were deleted.
@@ -194,9 +222,10 @@ void removeValues(const KeyPath& path, const obreg::Key& key, const std::vector<
 int removeAllValues(const WriteOptions& options, Output& output)
 {
     const KeyPath path = keyArgument(options.key);
+    requireOneValue(options);
     if (!options.caution.dryRun)
         letInterruptsEndWork(); // already while it reads
-    const obreg::Key key = path.open();
+    const obreg::Key key = openKey(path);
     const KeyContent content = readKey(key, path, Read::Values);
     const Changes changes = [&](RegSink& sink) {
         sink.key(path, {});
@@ -219,7 +248,7 @@ std::string counted(UINT32 count, const char* pWhat)
 void confirmRemoval(const KeyPath& path)
 {
     std::error_code error;
-    const obreg::KeyInfo info = path.open().info(error);
+    const obreg::KeyInfo info = openKey(path).info(error);
     check(error, path);
     if (info.subKeys == 0 && info.values <= ManyValues)
         return;
@@ -233,6 +262,7 @@ void confirmRemoval(const KeyPath& path)
 int removeKey(const WriteOptions& options, Output& output)
 {
     const KeyPath path = keyArgument(options.key);
+    requireOneValue(options);
     if (path.isRoot())
         throw UsageError(path.text() + " is a root and cannot be deleted; name a key below it");
     if (!options.yes && !options.caution.dryRun)
@@ -267,6 +297,7 @@ void addDataOptions(Arguments& arguments, WriteOptions& options)
 
 void addRemovalOptions(Arguments& arguments, WriteOptions& options)
 {
+    addIfEquals(arguments, options.condition);
     arguments.flag("-y,--yes", options.yes, "Do not ask before deleting a key that has sub-keys or many values");
     addDryRunAndBackup(arguments, options.caution);
 }
@@ -295,6 +326,8 @@ Run declareSet(Arguments& arguments)
     arguments.texts(
         "DATA", pOptions->data,
         "Text, number, or bytes as hexadecimal digits; several for REG_MULTI_SZ; - for the text on standard input");
+    addIfEquals(arguments, pOptions->condition);
+    addIfAbsent(arguments, pOptions->condition);
     addDataOptions(arguments, *pOptions);
     return [=](Output& output) {
         if (pOptions->data.empty() && pOptions->dataFile.empty() && pOptions->type.empty())

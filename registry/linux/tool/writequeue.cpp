@@ -11,9 +11,12 @@ namespace obregtool {
 
 namespace {
 
-constexpr size_t MaxQueued = 1024;
+constexpr size_t MaxQueued = 4096;
 constexpr size_t MaxQueuedBytes = 16u << 20;
 constexpr size_t MaxUnsettled = 16384;
+constexpr size_t MostAsOne = 256; // writes in a transaction
+constexpr size_t MostBytesAsOne = 256u << 10;
+constexpr size_t ThreadsOfTransactions = 4;
 
 } // namespace
 
@@ -22,7 +25,7 @@ const obreg::Key& Target::key()
     const std::lock_guard lock(m_mutex);
     if (!m_key) {
         std::error_code error;
-        m_key = m_path.create(nullptr, error);
+        m_key = makeKey(m_path, nullptr, error);
         check(error, m_path);
     }
     return m_key;
@@ -73,11 +76,8 @@ void WriteQueue::add(Write&& write)
     write.number = m_given++;
     m_size += size;
     ++m_unfinished;
-    if (write.name)
-        m_writes.push_back(std::move(write));
-    else // first, so that its values do not wait for it
-        m_writes.push_front(std::move(write));
-    if (m_writes.size() > m_idle && m_threads.size() < RequestThreads) {
+    m_writes.push_back(std::move(write));
+    if (m_writes.size() > m_idle && m_threads.size() < (m_apart ? RequestThreads : ThreadsOfTransactions)) {
         try {
             m_threads.emplace_back([this] { work(); });
         } catch (const std::system_error&) { // fewer do it as well
@@ -132,7 +132,7 @@ std::vector<WriteFailure> WriteQueue::takeRefused()
     return std::exchange(m_refused, {});
 }
 
-WriteFailure WriteQueue::failureOfStop(std::unique_lock<std::mutex>& lock)
+WriteFailure WriteQueue::failureOfStop(Lock& lock)
 {
     m_less.wait(lock, [this] { return m_unfinished == 0; }); // an earlier one may be refused as well
     const Outcome& first = m_outcomes.at(*m_stop);
@@ -147,7 +147,7 @@ WriteFailure WriteQueue::failureOfStop(std::unique_lock<std::mutex>& lock)
     return failure;
 }
 
-void WriteQueue::throwFailure(std::unique_lock<std::mutex>& lock)
+void WriteQueue::throwFailure(Lock& lock)
 {
     if (m_stop)
         throw failureOfStop(lock);
@@ -155,30 +155,108 @@ void WriteQueue::throwFailure(std::unique_lock<std::mutex>& lock)
 
 void WriteQueue::work()
 {
-    std::unique_lock lock(m_mutex);
+    Lock lock(m_mutex);
     for (;;) {
         ++m_idle;
         m_more.wait(lock, [this] { return m_ending || !m_writes.empty(); });
         --m_idle;
         if (m_writes.empty())
             return;
-        Write write = std::move(m_writes.front());
-        m_writes.pop_front();
-        m_begun = std::max(m_begun, write.number);
-        if (!isBehindStop(write.number)) {
-            lock.unlock();
-            Outcome outcome = outcomeOf(write);
-            lock.lock();
-            note(write.number, std::move(outcome));
-        }
-        m_size -= write.size();
-        --m_unfinished;
+        Writes writes = take();
+        size_t size = 0;
+        for (const Write& write : writes)
+            size += write.size();
+        const size_t count = writes.size();
+        carryOut(writes, lock);
+        lock.unlock();
+        writes.clear(); // may close keys
+        lock.lock();
+        m_size -= size;
+        m_unfinished -= count;
         m_less.notify_one();
     }
 }
 
+/// The writes that come next, one or what makes a transaction.
+WriteQueue::Writes WriteQueue::take()
+{
+    Writes writes;
+    size_t size = 0;
+    do {
+        size += m_writes.front().size();
+        writes.push_back(std::move(m_writes.front()));
+        m_writes.pop_front();
+    } while (!m_apart && !m_writes.empty() && writes.size() < MostAsOne &&
+             size + m_writes.front().size() <= MostBytesAsOne);
+    m_begun = std::max(m_begun, writes.back().number);
+    return writes;
+}
+
+void WriteQueue::carryOut(const Writes& writes, Lock& lock)
+{
+    for (size_t i = 0; i < writes.size() && !isBehindStop(writes[i].number);) {
+        const size_t end = carryOutAsOne(writes, i, lock);
+        if (end == i)
+            carryOutSingle(writes[i], lock);
+        i = std::max(end, i + 1);
+    }
+}
+
+/// Carries out writes in one transaction. A failure's place has for its line the number of the write, from 1.
+std::optional<BatchFailure> WriteQueue::commit(const Writes& writes, size_t begin, size_t end)
+{
+    try {
+        Batch batch;
+        const Target* pTarget = nullptr;
+        for (size_t i = begin; i < end; ++i) {
+            const Write& write = writes[i];
+            const Place place{i - begin + 1, 0};
+            if (!write.name || write.pTarget.get() != pTarget)
+                batch.key(write.pTarget->path(), place);
+            pTarget = write.pTarget.get();
+            if (write.value)
+                batch.set(*write.name, *write.value, place);
+            else if (write.name)
+                batch.removeValue(std::string(*write.name), place);
+        }
+        batch.commit();
+        return std::nullopt;
+    } catch (const BatchFailure& failure) {
+        return failure;
+    } catch (const std::exception& caught) {
+        return BatchFailure({ExitFailed, caught.what()}, {}, true);
+    }
+}
+
+/// Carries out the writes from `begin` on in one transaction, or as many as that may be. Returns the first of those
+/// that are left: `begin` when that has to be written by itself.
+size_t WriteQueue::carryOutAsOne(const Writes& writes, size_t begin, Lock& lock)
+{
+    for (size_t end = writes.size(); !m_apart && end - begin > 1;) {
+        lock.unlock();
+        const std::optional<BatchFailure> failure = commit(writes, begin, end);
+        lock.lock();
+        if (!failure || (failure->exit == ExitNoDaemon && !failure->asOne)) { // all are done, or of none it is known
+            for (size_t i = begin; i < end; ++i)
+                note(writes[i].number, {writes[i].line, failure});
+            return end;
+        }
+        m_apart = m_apart || failure->asOne;
+        end = failure->place.line != 0 ? begin + failure->place.line - 1 : begin;
+    }
+    return begin;
+}
+
+void WriteQueue::carryOutSingle(const Write& write, Lock& lock)
+{
+    lock.unlock();
+    Outcome outcome = outcomeOf(write);
+    lock.lock();
+    note(write.number, std::move(outcome));
+}
+
 /// Carries the write out.
-WriteQueue::Outcome WriteQueue::outcomeOf(Write& write)
+WriteQueue::Outcome WriteQueue::outcomeOf(const Write& write)
 {
     Outcome outcome{write.line, {}};
     try {
@@ -188,7 +266,6 @@ WriteQueue::Outcome WriteQueue::outcomeOf(Write& write)
     } catch (const std::exception& caught) {
         outcome.failure.emplace(ExitFailed, caught.what());
     }
-    write.pTarget.reset(); // may close the key
     return outcome;
 }
 
@@ -208,7 +285,7 @@ void WriteQueue::note(uint64_t number, Outcome&& outcome)
     }
 }
 
-void WriteQueue::run(Write& write)
+void WriteQueue::run(const Write& write)
 {
     const KeyPath& path = write.pTarget->path();
     const obreg::Key& key = write.pTarget->key();

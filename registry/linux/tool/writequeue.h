@@ -1,6 +1,7 @@
-// Writing many values fast although each is durable: a bounded number of writes in flight at once.
+// Writing many values fast although each is durable: what waits is written in transactions, some of them at once.
 //
-// Writes that are in flight together share one commit of the daemon, so the queue keeps many threads writing. What the
+// A transaction that is refused has done nothing: it is cut where the refused write is, and that one is written by
+// itself. Where the daemon has no transactions each write is one request, and many are in flight at once. What the
 // writes leave behind is the same as one after the other: a second write to a value waits for the first. Everything
 // that deletes keys calls wait() first.
 //
@@ -25,7 +26,7 @@
 
 #include <obreg/registry.hpp>
 
-#include "errors.h"
+#include "batch.h"
 
 namespace obregtool {
 
@@ -97,14 +98,22 @@ private:
         std::optional<Failure> failure;
     };
 
+    using Lock = std::unique_lock<std::mutex>;
+    using Writes = std::vector<Write>;
+
     void add(Write&& write);
     void work();
-    static void run(Write& write);
-    static Outcome outcomeOf(Write& write);
+    Writes take();
+    void carryOut(const Writes& writes, Lock& lock);
+    size_t carryOutAsOne(const Writes& writes, size_t begin, Lock& lock);
+    void carryOutSingle(const Write& write, Lock& lock);
+    static std::optional<BatchFailure> commit(const Writes& writes, size_t begin, size_t end);
+    static void run(const Write& write);
+    static Outcome outcomeOf(const Write& write);
     void note(uint64_t number, Outcome&& outcome);
     bool isBehindStop(uint64_t number) const { return m_stop && number > *m_stop; }
-    WriteFailure failureOfStop(std::unique_lock<std::mutex>& lock);
-    void throwFailure(std::unique_lock<std::mutex>& lock);
+    WriteFailure failureOfStop(Lock& lock);
+    void throwFailure(Lock& lock);
 
     const bool m_goesOn;
     mutable std::mutex m_mutex; // guards all that follows but the threads and m_unsettled
@@ -116,6 +125,7 @@ private:
     size_t m_idle = 0; // threads that wait for a write
     uint64_t m_done = 0;
     bool m_ending = false;
+    bool m_apart = false; // each write is a request of its own
 
     uint64_t m_given = 0;                   // the number of the next write
     uint64_t m_settled = 0;                 // all writes below are done, or refused and noted

@@ -15,6 +15,12 @@ bool hasControlCharacter(std::string_view name)
 
 bool isValueName(std::string_view name) { return name.size() <= MaxValueNameLength && !hasControlCharacter(name); }
 
+bool isToken(std::string_view name)
+{
+    constexpr std::string_view allowed = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_.";
+    return !name.empty() && name.size() <= MaxTokenLength && name.find_first_not_of(allowed) == std::string_view::npos;
+}
+
 bool splitPath(std::string_view path, std::vector<std::string>& names)
 {
     if (path.size() > 1 && path.back() == '\\')

@@ -15,11 +15,15 @@ namespace obregd {
 
 inline constexpr size_t MaxKeyNameLength = OBREG_MAX_KEY_NAME;
 inline constexpr size_t MaxValueNameLength = OBREG_MAX_VALUE_NAME;
+inline constexpr size_t MaxTokenLength = 64;
 inline constexpr size_t MaxPathLevels = OBREG_MAX_PATH_KEYS;
 
 /// True for a name that a value can have: at most MaxValueNameLength bytes, none of them a control character. The empty
 /// name is the key's unnamed value.
 bool isValueName(std::string_view name);
+
+/// True for what a transaction's token can be: 1 to MaxTokenLength letters, digits, "-", "_" and ".".
+bool isToken(std::string_view name);
 
 /// Cuts a path at its backslashes into key names, outermost first; the empty path gives none. False when a name is
 /// empty, too long or holds a control character, or when there are too many. One backslash at the end is overlooked.

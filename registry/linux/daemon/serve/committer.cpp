@@ -89,14 +89,16 @@ JobList Committer::runBatch(JobPtr pFirst)
 /// Tells the queue. Others' writes come before the next long one of the same user.
 void Committer::done(const JobList& batch, Clock::duration taken)
 {
-    const auto cost = static_cast<double>(batch.cost());
+    const auto work = [](const Job& job) { return static_cast<double>(job.cost() + job.extraWork); };
+    double all = 0;
+    for (const Job* pJob = batch.first(); pJob != nullptr; pJob = pJob->pNext.get())
+        all += work(*pJob);
     m_leastNow = std::min(m_leastNow, taken);
     const Clock::duration least = std::min(m_leastBefore, m_leastNow);
     if (++m_batches % BatchesLookedAt == 0)
         m_leastBefore = std::exchange(m_leastNow, Clock::duration::max());
     for (const Job* pJob = batch.first(); pJob != nullptr; pJob = pJob->pNext.get()) {
-        const auto own =
-            std::chrono::duration_cast<Clock::duration>((taken - least) * (static_cast<double>(pJob->cost()) / cost));
+        const auto own = std::chrono::duration_cast<Clock::duration>((taken - least) * (work(*pJob) / all));
         m_queue.done(*pJob, own >= Long ? std::min(own * PauseFactor, LongestPause) : Clock::duration::zero());
     }
 }

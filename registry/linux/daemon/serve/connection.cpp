@@ -254,9 +254,10 @@ void Connection::serve(std::string_view request)
         count(*m_pUser->pCounts, UserFigure::Refused);
         return queue(m_reqId, pOperation->refuse(OBREG_STATUS_QUOTA_EXCEEDED));
     }
-    if (pOperation->writes)
+    const bool takesLong = pOperation->writes ? isTransaction(*pOperation, request) : request.size() > LongRequest;
+    if (pOperation->writes && !takesLong)
         return write(makeJob(*pOperation, request));
-    if (request.size() > LongRequest)
+    if (takesLong)
         return readLater(makeJob(*pOperation, request));
     try {
         queue(m_reqId, pOperation->serve({m_host.store(), nullptr, m_peer, true}, request));

@@ -30,13 +30,17 @@ struct Job {
     const Operation* pOperation = nullptr;
     Payload request{};
     Reply reply{};
-    JobLane* pLane = nullptr;     ///< of the queue that it went through last
-    bool needsWriter = false;     ///< in place of a reply: it is one for the committer
-    std::optional<Wait> wait{};   ///< in place of a reply: there is nothing to tell yet
-    std::unique_ptr<Job> pNext{}; ///< in a JobList
+    JobLane* pLane = nullptr;            ///< of the queue that it went through last
+    bool needsWriter = false;            ///< in place of a reply: it is one for the committer
+    std::shared_ptr<const Plan> pPlan{}; ///< of a transaction, which takes the request's place
+    size_t extraWork = 0;                ///< that it made, in bytes that would have been as much
+    std::optional<Wait> wait{};          ///< in place of a reply: there is nothing to tell yet
+    std::unique_ptr<Job> pNext{};        ///< in a JobList
 
     /// Bytes that it makes the daemon hold; a job without data has its cost too.
-    size_t cost() const { return request.capacity() + Overhead; }
+    size_t cost() const { return request.capacity() + (pPlan == nullptr ? 0 : pPlan->bytes) + Overhead; }
+    /// Whether it takes something away and adds nothing.
+    bool frees() const { return pPlan == nullptr ? pOperation->frees : pPlan->frees; }
     static constexpr size_t Overhead = 512;
 };
 

@@ -13,8 +13,8 @@ constexpr int Niceness = 5; // behind the thread that answers everybody
 
 } // namespace
 
-Readers::Readers(const std::string& storePath, JobQueue& queue, Answered answered)
-    : m_queue(queue), m_answered(std::move(answered))
+Readers::Readers(const std::string& storePath, JobQueue& queue, size_t maxStatements, Answered answered)
+    : m_queue(queue), m_maxStatements(maxStatements), m_answered(std::move(answered))
 {
     for (int i = 0; i < Threads; ++i)
         m_stores.push_back(std::make_unique<Store>(storePath));
@@ -53,8 +53,12 @@ void Readers::read(Job& job, Store& store)
         refuse(job, status);
     };
     try {
-        job.reply = job.pOperation->serve({store, nullptr, job.peer, true}, job.request.text());
+        job.reply = job.pOperation->serve({store, nullptr, job.peer, true, m_maxStatements}, job.request.text());
     } catch (const NeedsWriter&) {
+        job.needsWriter = true;
+    } catch (const Planned& planned) {
+        job.pPlan = planned.pPlan;
+        job.request = Payload();
         job.needsWriter = true;
     } catch (const MustWait& must) {
         job.wait = must.wait;

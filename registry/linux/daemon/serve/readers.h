@@ -23,7 +23,7 @@ public:
     /// Called on a reader's thread, for each job; must not block.
     using Answered = std::function<void(JobPtr)>;
 
-    Readers(const std::string& storePath, JobQueue& queue, Answered answered);
+    Readers(const std::string& storePath, JobQueue& queue, size_t maxStatements, Answered answered);
     ~Readers();
 
     /// Lets the jobs that have begun fail soon. Any thread.
@@ -36,6 +36,7 @@ private:
     void end();
 
     JobQueue& m_queue;
+    const size_t m_maxStatements; // of a transaction
     const Answered m_answered;
     std::mutex m_logMutex; // guards m_log
     LogLimit m_log;

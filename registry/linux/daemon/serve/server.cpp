@@ -65,7 +65,7 @@ Server::Server(int listeningDescriptor, Store& store, WritableStore& writableSto
     : m_store(store), m_descriptors(descriptorsToHave()), m_limits(completed(limits, m_descriptors)),
       m_work(m_io.get_executor()), m_acceptor(m_io), m_signals(m_io, SIGTERM, SIGINT), m_deadline(m_io),
       m_lastReads(m_io), m_pause(m_io), m_teller(m_io, store, m_limits.maxWatches),
-      m_readers(store.path(), m_reads,
+      m_readers(store.path(), m_reads, m_limits.maxStatements,
                 [this](JobPtr pJob) {
                     JobList jobs;
                     jobs.append(std::move(pJob));

@@ -6,10 +6,14 @@ namespace obregd {
 
 namespace {
 
-constexpr uint64_t PagesOfOne = 3;              // that a small write changes, when it comes with others
+constexpr uint64_t PagesOfOne = 3;              // that a small write, or statement, changes when it comes with others
 constexpr uint64_t Least = uint64_t{64} * 1024; // what the first one may take
 
-uint64_t toWrite(const Job& job) { return job.cost() + PagesOfOne * StorePageSize; }
+uint64_t toWrite(const Job& job)
+{
+    const size_t statements = job.pPlan == nullptr ? 0 : job.pPlan->steps.size();
+    return job.cost() + (statements + 1) * PagesOfOne * StorePageSize;
+}
 
 } // namespace
 
@@ -20,14 +24,14 @@ bool StoreGuard::look(const Job& first)
     m_wanted = Least;
     m_granted = 0;
     m_inLog = static_cast<uint64_t>(m_store.logPages()) * StorePageSize;
-    return !m_kept || first.pOperation->frees || grants(m_wanted + toWrite(first)) || m_inLog == 0;
+    return !m_kept || first.frees() || grants(m_wanted + toWrite(first)) || m_inLog == 0;
 }
 
-REGSTATUS StoreGuard::judge(const Job& job)
+REGSTATUS StoreGuard::judge(const Job& job, bool frees)
 {
     if (!m_kept)
         return OBREG_STATUS_STORE_FAILED;
-    if (job.pOperation->frees)
+    if (frees)
         return OBREG_STATUS_SUCCESS;
     if (!grants(m_wanted + toWrite(job)))
         return OBREG_STATUS_STORE_FULL;

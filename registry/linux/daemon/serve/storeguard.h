@@ -20,7 +20,7 @@ public:
     {}
 
     bool look(const Job& first) override;
-    REGSTATUS judge(const Job& job) override;
+    REGSTATUS judge(const Job& job, bool frees) override;
     bool tidy() override;
     void giveReserve() override;
 

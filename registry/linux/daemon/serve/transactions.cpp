@@ -3,7 +3,9 @@
 #include <new>
 #include <thread>
 
+#include "daemon/carryout.h"
 #include "obreg/roots.h"
+#include "obreg/status.hpp"
 
 namespace obregd {
 
@@ -12,6 +14,7 @@ namespace {
 // How long readers have to give up their states when the log needs their room.
 constexpr int RoomTries = 20;
 constexpr auto RoomPause = std::chrono::milliseconds(5);
+constexpr size_t StatementWork = 512; // bytes that take as long to write as a statement to carry out, about
 
 template <class Action>
 void forEach(const JobList& jobs, Action action)
@@ -130,11 +133,35 @@ void Transactions::runAgain(JobList& jobs, const Failure& failure)
 
 void Transactions::serve(Job& job)
 {
-    const REGSTATUS refusal = m_pGuard == nullptr ? OBREG_STATUS_SUCCESS : m_pGuard->judge(job);
+    const REGSTATUS refusal = judge(job, job.frees());
     m_store.journal().setAuthor({job.peer.uid, job.peer.pid});
-    job.reply = refusal == OBREG_STATUS_SUCCESS
-                    ? job.pOperation->serve({m_store, &m_store, job.peer}, job.request.text())
-                    : job.pOperation->refuse(refusal);
+    if (refusal != OBREG_STATUS_SUCCESS)
+        refuse(job, refusal);
+    else if (job.pPlan == nullptr)
+        job.reply = job.pOperation->serve({m_store, &m_store, job.peer}, job.request.text());
+    else
+        carryOut(job);
+}
+
+void Transactions::carryOut(Job& job)
+{
+    const auto mayAdd = [&] { return judge(job, false) == OBREG_STATUS_SUCCESS; };
+    const Done done = obregd::carryOut({m_store, &m_store, job.peer}, *job.pPlan, mayAdd);
+    job.reply = job.pOperation->refuse(done.status);
+    job.extraWork = done.steps * StatementWork;
+}
+
+/// A transaction's refusal is remembered.
+void Transactions::refuse(Job& job, REGSTATUS status)
+{
+    obregd::refuse(job, status);
+    if (job.pPlan == nullptr)
+        return;
+    try {
+        const obreg::StatusText* const pText = obreg::statusText(status);
+        rememberRefusal(job.peer.uid, job.pPlan->token, {status, {}, pText == nullptr ? "" : pText->sentence});
+    } catch (const std::bad_alloc&) { // the status is all there is to know
+    }
 }
 
 } // namespace obregd

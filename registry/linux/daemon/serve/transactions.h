@@ -22,8 +22,8 @@ public:
     /// Looks at it anew, before a transaction whose first job is this. False when there would be room if the store's
     /// log could begin anew.
     virtual bool look(const Job& first) = 0;
-    /// OBREG_STATUS_SUCCESS, or the status with which the job is refused.
-    virtual REGSTATUS judge(const Job& job) = 0;
+    /// OBREG_STATUS_SUCCESS, or the status with which the job is refused. frees: it takes away and adds nothing.
+    virtual REGSTATUS judge(const Job& job, bool frees) = 0;
     /// Lets the log begin anew; false when a reader's state is in the way.
     virtual bool tidy() = 0;
     /// A transaction has failed for want of room: gives what only takes away the room that was kept for it.
@@ -56,6 +56,9 @@ private:
     void runPart(JobList& jobs);
     void runAgain(JobList& jobs, const Failure& failure);
     void serve(Job& job);
+    void carryOut(Job& job);
+    REGSTATUS judge(const Job& job, bool frees) { return m_pGuard == nullptr ? 0 : m_pGuard->judge(job, frees); }
+    static void refuse(Job& job, REGSTATUS status);
 
     WritableStore& m_store;
     WriteGuard* const m_pGuard;

@@ -8,9 +8,9 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <unordered_map>
 
 #include "daemon/store/journal.h"
+#include "daemon/store/places.h"
 #include "daemon/tree.h"
 
 namespace obregd {
@@ -24,7 +24,7 @@ struct Watched {
 
 /// What there is to tell.
 struct Told {
-    int64_t upTo; ///< all changes up to that number have been looked at
+    int64_t upTo; ///< all changes up to that number have been looked at, and no request's in part
     bool lost;    ///< changes are missing, because the journal no longer has them: what is watched is to be read anew
     std::string text; ///< strings, each with its NUL: number, kind, path from the watched key, value name, by tabs
     bool empty() const { return !lost && text.empty(); }
@@ -44,18 +44,9 @@ public:
     int64_t last() { return m_journal.last(); }
 
 private:
-    struct Place {
-        KeyId parent;
-        std::string name;
-    };
-    /// Paths from the watched key; none for a key that is not below it.
-    using Below = std::unordered_map<KeyId, std::optional<std::string>>;
-
-    std::optional<Place> place(KeyId id);
-    const std::optional<std::string>& pathBelow(KeyId id, Below& known);
-
     JournalReader m_journal;
-    SQLite::Statement m_since, m_place;
+    Places m_places;
+    SQLite::Statement m_since;
 };
 
 } // namespace obregd

@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "daemon/store/statements.h"
-
 namespace obregd {
 
 namespace {
@@ -12,24 +10,31 @@ constexpr int64_t RowBytes = 48;                    // what a change takes besid
 constexpr int64_t LeastSize = int64_t{1024} * 1024; // what watchers need
 constexpr int64_t MaxDataShare = 1024;              // data that takes more of the journal than such a part is not kept
 
-constexpr const char* Add = "INSERT INTO change (number, position, time, uid, pid, kind, key, parent, name, length) "
-                            "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, nullif(?10, 0))";
+constexpr int JoinedParameter = 12; // of the two that add
+constexpr int SecretParameter = 13; // of the second
+constexpr const char* Add =
+    "INSERT INTO change (number, position, time, uid, pid, kind, key, parent, name, length, secret, joined) "
+    "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, nullif(?10, 0), nullif(?11, 0), nullif(?12, 0))";
+/// Not one statement that reads and adds: inside a savepoint that takes the longer the more has been done in it.
+constexpr const char* FormerOf = "SELECT name, type, length(data), CASE WHEN length(data) <= ?2 THEN data END "
+                                 "FROM regvalue WHERE id = ?1";
 constexpr const char* AddFormer =
-    "INSERT INTO change (number, position, time, uid, pid, kind, key, parent, name, type, length, data) "
-    "SELECT ?1, ?2, ?3, ?4, ?5, ?6, key, 0, name, type, length(data), CASE WHEN length(data) <= ?8 THEN data END "
-    "FROM regvalue WHERE id = ?7";
+    "INSERT INTO change (number, position, time, uid, pid, kind, key, name, type, length, data, parent, joined, "
+    "secret) "
+    "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, 0, nullif(?12, 0), nullif(?13, 0))";
 constexpr const char* BothEnds = "SELECT ifnull(max(number), 0), ifnull(max(position), 0), "
                                  "ifnull((SELECT position FROM change ORDER BY number LIMIT 1), 0) FROM "
                                  "(SELECT number, position FROM change ORDER BY number DESC LIMIT 1)";
 constexpr const char* Oldest = "SELECT number, position FROM change ORDER BY number LIMIT ?";
-constexpr const char* Since = "SELECT number, time, uid, pid, kind, key, parent, name, type, length, data FROM change "
-                              "WHERE number > ? ORDER BY number";
+constexpr const char* StretchRows =
+    "SELECT number, kind, key, parent, time, uid, pid, name, type, length, secret, data FROM change "
+    "WHERE number > ?1 AND number < ?2 AND (?3 = 0 OR key = ?3 OR parent = ?3) ORDER BY number";
 
 } // namespace
 
 JournalWriter::JournalWriter(SQLite::Database& database)
-    : m_add(database, Add), m_addFormer(database, AddFormer), m_ends(database, BothEnds), m_oldest(database, Oldest),
-      m_drop(database, "DELETE FROM change WHERE number <= ?")
+    : m_add(database, Add), m_former(database, FormerOf), m_addFormer(database, AddFormer), m_ends(database, BothEnds),
+      m_oldest(database, Oldest), m_drop(database, "DELETE FROM change WHERE number <= ?")
 {
     setSize(0);
     distrust();
@@ -55,12 +60,15 @@ void JournalWriter::next(int64_t bytes, KeyId key, KeyId parent)
     ++m_now.number;
     m_now.position += RowBytes + bytes;
     m_touched.push_back({m_now.number, key, parent});
+    for (SQLite::Statement* const pStatement : {&m_add, &m_addFormer})
+        pStatement->bind(JoinedParameter, m_joins ? 1 : 0);
+    m_joins = true;
 }
 
-void JournalWriter::rolledBack()
+void JournalWriter::rolledBack(const Ends& to)
 {
-    m_now = m_stored;
-    while (!m_touched.empty() && m_touched.back().number > m_stored.number)
+    m_now = to;
+    while (!m_touched.empty() && m_touched.back().number > to.number)
         m_touched.pop_back();
 }
 
@@ -68,30 +76,42 @@ void JournalWriter::keyMade(KeyId key, KeyId parent, const std::string& name, ui
 {
     next(static_cast<int64_t>(name.size()), key, parent);
     run(m_add, m_now.number, m_now.position, time, m_author.uid, m_author.pid, static_cast<int>(ChangeKind::KeyMade),
-        key, parent, name, 0);
+        key, parent, name, 0, 0);
 }
 
 void JournalWriter::keyDeleted(KeyId key, KeyId parent, const std::string& name, uint64_t valuesLost, uint64_t time)
 {
     next(static_cast<int64_t>(name.size()), key, parent);
     run(m_add, m_now.number, m_now.position, time, m_author.uid, m_author.pid, static_cast<int>(ChangeKind::KeyDeleted),
-        key, parent, name, valuesLost);
+        key, parent, name, valuesLost, 0);
 }
 
-void JournalWriter::valueMade(KeyId key, const std::string& name, uint64_t time)
+void JournalWriter::valueMade(KeyId key, const std::string& name, bool isSecret, uint64_t time)
 {
     next(static_cast<int64_t>(name.size()), key, 0);
     run(m_add, m_now.number, m_now.position, time, m_author.uid, m_author.pid, static_cast<int>(ChangeKind::ValueSet),
-        key, 0, name, 0);
+        key, 0, name, 0, isSecret);
 }
 
-void JournalWriter::valueChanges(ChangeKind kind, KeyId key, int64_t row, int64_t nameLength, int64_t dataLength,
-                                 uint64_t time)
+void JournalWriter::valueChanges(ChangeKind kind, KeyId key, const ValueRow& row, bool isSecret, uint64_t time)
 {
-    const int64_t maxData = m_keepData ? m_maxData : -1;
-    next(nameLength + (dataLength <= maxData ? dataLength : 0), key, 0);
-    run(m_addFormer, m_now.number, m_now.position, time, m_author.uid, m_author.pid, static_cast<int>(kind), row,
-        maxData);
+    const int64_t maxData = m_keepData && !isSecret ? m_maxData : -1;
+    next(row.nameLength + (row.dataLength <= maxData ? row.dataLength : 0), key, 0);
+    const Use former(m_former);
+    const Use added(m_addFormer);
+    bindAll(m_former, row.id, maxData);
+    if (!m_former.executeStep())
+        return;
+    bindAll(m_addFormer, m_now.number, m_now.position, time, m_author.uid, m_author.pid, static_cast<int>(kind), key);
+    m_addFormer.bindNoCopy(8, m_former.getColumn(0).getText());
+    m_addFormer.bind(9, m_former.getColumn(1).getInt64());
+    m_addFormer.bind(10, m_former.getColumn(2).getInt64());
+    if (const SQLite::Column data = m_former.getColumn(3); data.isNull())
+        m_addFormer.bind(11);
+    else
+        m_addFormer.bindNoCopy(11, data.getBlob() == nullptr ? "" : data.getBlob(), data.getBytes());
+    m_addFormer.bind(SecretParameter, isSecret ? 1 : 0);
+    m_addFormer.exec();
 }
 
 void JournalWriter::dropSome(int rows)
@@ -112,7 +132,8 @@ void JournalWriter::dropSome(int rows)
 
 JournalReader::JournalReader(SQLite::Database& database)
     : m_last(database, "SELECT ifnull(max(number), 0) FROM change"),
-      m_first(database, "SELECT number FROM change ORDER BY number LIMIT 1"), m_since(database, Since)
+      m_first(database, "SELECT number FROM change ORDER BY number LIMIT 1"), m_up(database, StretchRows),
+      m_down(database, std::string(StretchRows) + " DESC")
 {}
 
 int64_t JournalReader::last()
@@ -128,31 +149,22 @@ int64_t JournalReader::first()
     return m_first.executeStep() ? m_first.getColumn(0).getInt64() : last() + 1;
 }
 
-void JournalReader::begin(int64_t number)
+Change JournalReader::change(const SQLite::Statement& row)
 {
-    m_since.tryReset();
-    bindAll(m_since, number);
-}
-
-void JournalReader::end() { m_since.tryReset(); }
-
-std::optional<Change> JournalReader::next()
-{
-    if (!m_since.executeStep())
-        return std::nullopt;
-    const auto number = [&](int column) { return m_since.getColumn(column).getInt64(); };
+    const auto number = [&](int column) { return row.getColumn(column).getInt64(); };
     Change change{number(0),
-                  static_cast<uint64_t>(number(1)),
-                  {static_cast<uid_t>(number(2)), static_cast<pid_t>(number(3))},
-                  static_cast<ChangeKind>(number(4)),
-                  number(5),
-                  number(6),
-                  m_since.getColumn(7).getString(),
-                  std::nullopt};
-    if (!m_since.isColumnNull(9)) {
+                  static_cast<uint64_t>(number(4)),
+                  {static_cast<uid_t>(number(5)), static_cast<pid_t>(number(6))},
+                  static_cast<ChangeKind>(number(1)),
+                  number(2),
+                  number(3),
+                  row.getColumn(7).getString(),
+                  std::nullopt,
+                  number(10) != 0};
+    if (!row.isColumnNull(9)) {
         change.former.emplace(Former{static_cast<UINT32>(number(8)), static_cast<uint64_t>(number(9)), std::nullopt});
-        if (!m_since.isColumnNull(10))
-            change.former->data = m_since.getColumn(10).getString();
+        if (!row.isColumnNull(11))
+            change.former->data = row.getColumn(11).getString();
     }
     return change;
 }

@@ -15,11 +15,16 @@
 #include <utility>
 #include <vector>
 
+#include "daemon/store/statements.h"
 #include "daemon/tree.h"
 
 namespace obregd {
 
 enum class ChangeKind : int { KeyMade = 1, KeyDeleted, ValueSet, ValueDeleted };
+/// As clients read them, by kind.
+inline constexpr const char* ChangeNames[] = {"", "key-made", "key-deleted", "value-set", "value-deleted"};
+
+inline bool isOfKey(ChangeKind kind) { return kind == ChangeKind::KeyMade || kind == ChangeKind::KeyDeleted; }
 
 /// Who makes a change.
 struct Author {
@@ -43,6 +48,7 @@ struct Change {
     KeyId parent;                 ///< of a key that was made or deleted, else 0
     std::string name;             ///< of that key or of the value
     std::optional<Former> former; ///< none when there was no such value; of a deleted key the number of values lost
+    bool isSecret;                ///< the value's key is: no data of it is kept
 };
 
 /// Which keys a change concerns: a key and, when it was made or deleted, its parent.
@@ -61,19 +67,37 @@ public:
     void setSize(uint64_t size);
     /// Data is kept from now on, or not, as long as it is not too long.
     void keepData(bool keep) { m_keepData = keep; }
-    void setAuthor(Author author) { m_author = author; }
+    /// The changes that follow are his, and belong together: a reader of the journal is told of all of them or none.
+    void setAuthor(Author author)
+    {
+        m_author = author;
+        m_joins = false;
+    }
 
     void keyMade(KeyId key, KeyId parent, const std::string& name, uint64_t time);
     /// valuesLost: of its values, so many were not noted before.
     void keyDeleted(KeyId key, KeyId parent, const std::string& name, uint64_t valuesLost, uint64_t time);
-    void valueMade(KeyId key, const std::string& name, uint64_t time);
-    /// The value in a row of the table of values is about to be replaced or deleted. Lengths in bytes.
-    void valueChanges(ChangeKind kind, KeyId key, int64_t row, int64_t nameLength, int64_t dataLength, uint64_t time);
+    void valueMade(KeyId key, const std::string& name, bool isSecret, uint64_t time);
+    /// A value's row in the table of values, and lengths in bytes.
+    struct ValueRow {
+        int64_t id, nameLength, dataLength;
+    };
+    /// The value in that row is about to be replaced or deleted. What is secret is kept without its data.
+    void valueChanges(ChangeKind kind, KeyId key, const ValueRow& row, bool isSecret, uint64_t time);
 
     /// The number of the last change, committed or not.
     int64_t last() const { return m_now.number; }
     void committed() { m_stored = m_now; }
-    void rolledBack();
+    /// How far it is, to go back there.
+    struct Ends {
+        int64_t number = 0;
+        int64_t position = 0;
+        int64_t first = 0; // position of the oldest
+    };
+    const Ends& ends() const { return m_now; }
+    /// What has been noted since then is undone in the file.
+    void rolledBack(const Ends& to);
+    void rolledBack() { rolledBack(m_stored); }
     /// What has been committed since the last call.
     std::vector<Touched> takeTouched() { return std::exchange(m_touched, {}); }
     /// What is known of the file is not to be relied on any more.
@@ -84,18 +108,14 @@ public:
     void dropSome(int rows);
 
 private:
-    struct Ends {
-        int64_t number = 0;
-        int64_t position = 0;
-        int64_t first = 0; // position of the oldest
-    };
     void next(int64_t bytes, KeyId key, KeyId parent);
 
-    SQLite::Statement m_add, m_addFormer, m_ends, m_oldest, m_drop;
+    SQLite::Statement m_add, m_former, m_addFormer, m_ends, m_oldest, m_drop;
     int64_t m_size = 0;
     int64_t m_maxData = 0;
     bool m_keepData = true;
     Author m_author{};
+    bool m_joins = false; // the next change belongs to the one before it
     std::vector<Touched> m_touched;
     Ends m_stored{}, m_now{};
 };
@@ -110,22 +130,30 @@ public:
     /// The number of the first change that is still there; last() + 1 when there is none.
     int64_t first();
 
-    /// Calls see(change) for the changes after that number in their order, until it returns false.
-    template <class See>
-    void since(int64_t number, See see)
+    /// A part of the journal, read from one of its ends.
+    struct Stretch {
+        int64_t after, before; ///< the numbers between these two
+        bool newestFirst = false;
+        std::optional<KeyId> key{}; ///< only changes of that key, its values and the list of its sub-keys
+    };
+    /// Calls see(change) for those of its changes for which wants(kind, key, parent), until it returns false.
+    template <class Wants, class See>
+    void read(const Stretch& stretch, Wants wants, See see)
     {
-        for (begin(number); const std::optional<Change> change = next();)
-            if (!see(*change))
+        SQLite::Statement& rows = stretch.newestFirst ? m_down : m_up;
+        const Use use(rows);
+        bindAll(rows, stretch.after, stretch.before, stretch.key.value_or(0));
+        while (rows.executeStep()) {
+            const auto at = [&](int column) { return rows.getColumn(column).getInt64(); };
+            if (wants(static_cast<ChangeKind>(at(1)), KeyId{at(2)}, KeyId{at(3)}) && !see(change(rows)))
                 break;
-        end();
+        }
     }
 
 private:
-    void begin(int64_t number);
-    std::optional<Change> next();
-    void end();
+    static Change change(const SQLite::Statement& row);
 
-    SQLite::Statement m_last, m_first, m_since;
+    SQLite::Statement m_last, m_first, m_up, m_down;
 };
 
 } // namespace obregd

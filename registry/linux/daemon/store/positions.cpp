@@ -89,6 +89,23 @@ void Positions::removing(KeyId key, Entries entries, uint64_t written, int64_t r
     ++m_noted;
 }
 
+uint64_t Positions::noted() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_noted;
+}
+
+void Positions::takeBack(uint64_t noted)
+{
+    const std::lock_guard lock(m_mutex);
+    if (m_noted == noted)
+        return;
+    if (m_noted > m_removals.size()) // what they took the places of is lost
+        return forgetAll();
+    m_removals.resize(noted);
+    m_noted = noted;
+}
+
 void Positions::committed()
 {
     const std::lock_guard lock(m_mutex);
@@ -98,6 +115,11 @@ void Positions::committed()
 void Positions::forget()
 {
     const std::lock_guard lock(m_mutex);
+    forgetAll();
+}
+
+void Positions::forgetAll()
+{
     ++m_epoch;
     m_byId.clear();
     m_sets.clear();

@@ -70,6 +70,10 @@ public:
 
     /// An entry is being removed; `written` is the key's new time.
     void removing(KeyId key, Entries entries, uint64_t written, int64_t row);
+    /// How many removals were noted.
+    uint64_t noted() const;
+    /// Those that were noted since then are undone.
+    void takeBack(uint64_t noted);
     /// All that was noted is in the store now.
     void committed();
     /// What was noted is not, or somebody else has changed the store. Any thread may say so.
@@ -96,6 +100,7 @@ private:
     };
     using Rows = std::vector<int64_t>; // sorted
 
+    void forgetAll();
     Set* find(const Place& place);
     bool remembers(uint64_t mark) const { return m_noted - mark <= m_removals.size(); }
     Rows removed(const Id& id, uint64_t mark, uint64_t after, uint64_t until) const;

@@ -10,6 +10,7 @@
 #include "daemon/store/facts.h"
 #include "daemon/store/maintenance.h"
 #include "daemon/store/statements.h"
+#include "obreg/roots.h"
 
 namespace obregd {
 
@@ -73,11 +74,25 @@ constexpr const char* Format3 = R"(
         key INTEGER NOT NULL,
         parent INTEGER NOT NULL,
         name TEXT NOT NULL COLLATE NOCASE,
+        joined INTEGER,
         type INTEGER,
         length INTEGER,
-        data BLOB
+        data BLOB,
+        secret INTEGER
     ) STRICT;
     CREATE INDEX change_deleted ON change (key) WHERE kind = 2;
+
+    CREATE INDEX regvalue_secret ON regvalue (key) WHERE name = ')" OBREG_SECRET_VALUE R"(';
+    CREATE TABLE token (
+        id INTEGER PRIMARY KEY,
+        uid INTEGER NOT NULL,
+        name TEXT NOT NULL,
+        hash INTEGER NOT NULL,
+        number INTEGER NOT NULL,
+        time INTEGER NOT NULL
+    ) STRICT;
+    CREATE UNIQUE INDEX token_name ON token (uid, name);
+    CREATE INDEX token_order ON token (uid);
 )";
 
 void setFormat(SQLite::Database& database) { database.exec("PRAGMA user_version = " + std::to_string(StoreFormat)); }

@@ -76,8 +76,8 @@ Store::Store(const std::string& path, int flags)
       m_child(m_database, "SELECT id FROM regkey WHERE parent = ? AND name = ?"),
       m_lastId(m_database, "SELECT seq FROM sqlite_sequence WHERE name = 'regkey'"), m_value(m_database, OneValue),
       m_hasValue(m_database, "SELECT 1 FROM regvalue WHERE key = ? AND name = ?"),
-      m_longestSubKey(m_database, LongestSubKey), m_longestValue(m_database, LongestValue),
-      m_changes(m_database), m_entriesUp{{m_database, SubKeysUp}, {m_database, ValuesUp}},
+      m_longestSubKey(m_database, LongestSubKey), m_longestValue(m_database, LongestValue), m_changes(m_database),
+      m_history(m_database), m_tokens(m_database), m_entriesUp{{m_database, SubKeysUp}, {m_database, ValuesUp}},
       m_entriesDown{{m_database, SubKeysDown}, {m_database, ValuesDown}}
 {
     m_database.exec(ReaderCache);
@@ -237,6 +237,13 @@ Longest Store::longest(const Key& key)
 Told Store::told(const Watched& watched)
 {
     return m_changes.told(watched, m_brief ? BriefWalk : std::numeric_limits<int64_t>::max());
+}
+
+std::string Store::history(const HistoryQuestion& question)
+{
+    if (m_brief)
+        throw TooLong();
+    return m_history.answer(question);
 }
 
 std::map<Owner, Usage> Store::usages() { return usageSaid(m_database); }

@@ -23,9 +23,12 @@
 
 #include "daemon/govern/quota.h"
 #include "daemon/store/changes.h"
+#include "daemon/store/history.h"
 #include "daemon/store/journal.h"
 #include "daemon/store/lengths.h"
+#include "daemon/store/secrets.h"
 #include "daemon/store/shared.h"
+#include "daemon/store/tokens.h"
 #include "daemon/tree.h"
 
 namespace obregd {
@@ -49,8 +52,13 @@ public:
     /// What has changed at a key. See changes.h.
     Told told(const Watched& watched);
     int64_t lastChange() { return m_changes.last(); }
+    /// What has happened to a key. See history.h. A brief Store throws TooLong.
+    std::string history(const HistoryQuestion& question);
     /// The key above a key, one that is deleted included; nothing when it is not known, 0 above a root.
     std::optional<KeyId> parentOf(KeyId id) { return m_changes.parentOf(id); }
+
+    /// What is kept of a transaction of a user's that was done.
+    std::optional<Token> token(uid_t uid, const std::string& name) { return m_tokens.find(uid, name); }
 
     /// What all owners' trees take, as it is in the file.
     std::map<Owner, Usage> usages();
@@ -118,6 +126,8 @@ private:
     SQLite::Statement m_begin, m_end, m_version, m_key, m_row, m_child, m_lastId, m_value, m_hasValue, m_longestSubKey,
         m_longestValue;
     ChangeReader m_changes;
+    HistoryReader m_history;
+    TokenReader m_tokens;
     SQLite::Statement m_entriesUp[2], m_entriesDown[2];
     SQLite::Statement* m_pHeld = nullptr;
     bool m_brief = false;
@@ -149,6 +159,24 @@ public:
     /// Undoes everything since begin(). Does not throw.
     void rollback();
 
+    /// Undoes what is done in its lifetime, if it is not kept, and nothing that was done before. Inside begin() and
+    /// commit(), one at a time.
+    class Savepoint {
+    public:
+        explicit Savepoint(WritableStore& store);
+        ~Savepoint();
+        Savepoint(const Savepoint&) = delete;
+        Savepoint& operator=(const Savepoint&) = delete;
+        void keep();
+
+    private:
+        WritableStore& m_store;
+        const JournalWriter::Ends m_journal;
+        const uint64_t m_removals;
+        std::vector<std::pair<Owner, Usage>> m_accounts; // of those who were changed before
+        bool m_kept = false;
+    };
+
     /// The name must be new to the parent.
     KeyId addKey(KeyId parent, const std::string& name, Owner owner);
     /// Removes the key and its values; it must have no sub-keys. Many values stay behind, where nobody sees them, for
@@ -158,11 +186,20 @@ public:
     /// False when there is no such value.
     bool removeValue(KeyId key, const std::string& name);
 
+    /// Keeps a transaction's token: it was done. The user has none of that name.
+    void addToken(uid_t uid, const std::string& name, int64_t hash)
+    {
+        m_tokenWriter.add(uid, name, {hash, m_journal.last()});
+    }
+
     /// Where each change is noted.
     JournalWriter& journal() { return m_journal; }
+    /// Keys of which the journal keeps no data, beside those that are marked.
+    void setSecret(std::vector<SecretPattern> patterns) { m_secrets.setPatterns(std::move(patterns)); }
 
-    /// Whether there are values of deleted keys, or changes that the journal has no room for, to be cleared away.
-    bool hasToClear() const { return m_hasToClear || m_journal.isTooLong(); }
+    /// Whether there are values of deleted keys, changes that the journal has no room for, or data of secret values in
+    /// it, to be cleared away.
+    bool hasToClear() const { return m_hasToClear || m_journal.isTooLong() || m_secrets.hasToClear(); }
     /// Clears away up to that many of them, and not too many bytes. True when more is left.
     bool clearSome(int maxRows);
 
@@ -174,6 +211,8 @@ public:
     bool allowsKeys(Owner owner, uint64_t count, uint64_t nameBytes);
     /// Whether a value fits the quota of its key's tree. One that is not longer than what it replaces does.
     bool allowsValue(const Key& key, const std::string& name, UINT32 length);
+    /// Whether what an owner's tree takes fits its quota, or has not grown since it took that much.
+    bool fitsQuota(Owner owner, const Usage& before);
 
     /// The pages that the file has and does not use.
     uint64_t freePages();
@@ -192,10 +231,9 @@ private:
     struct Account {
         Usage now, stored;
     };
-    struct FoundValue {
-        int64_t row, nameLength, dataLength;
-    };
+    using FoundValue = JournalWriter::ValueRow;
 
+    int64_t lastNumber();
     Row changing(KeyId id);
     void setPatience();
     void writeRow(KeyId id, Row& row);
@@ -214,7 +252,10 @@ private:
     SQLite::Statement m_beginWrite, m_commit, m_rollback, m_addKey, m_setRow, m_removeKey, m_removeValues, m_findValue,
         m_replaceValue, m_addValue, m_removeValue, m_lastValueRow, m_usage, m_setUsage, m_addLeftover, m_firstLeftover,
         m_leftValues, m_clearValues, m_removeLeftover, m_lastNumber, m_freePages, m_valuesOf;
+    SQLite::Statement m_savepoint, m_rollbackTo, m_releaseSavepoint;
     JournalWriter m_journal;
+    Secrets m_secrets;
+    TokenWriter m_tokenWriter;
     Quota m_quota;
     std::unordered_map<Owner, Account> m_accounts; // of those who were met
     std::vector<Owner> m_changedAccounts;          // since begin()

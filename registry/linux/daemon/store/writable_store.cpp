@@ -48,11 +48,14 @@ WritableStore::WritableStore(const std::string& path)
       m_clearValues(m_database, "DELETE FROM regvalue INDEXED BY regvalue_order WHERE key = ? AND id <= ?"),
       m_removeLeftover(m_database, "DELETE FROM leftover WHERE key = ?"),
       m_lastNumber(m_database, "SELECT seq FROM sqlite_sequence WHERE name = 'regkey'"),
-      m_freePages(m_database, "PRAGMA freelist_count"), m_valuesOf(m_database, ValuesOf), m_journal(m_database)
+      m_freePages(m_database, "PRAGMA freelist_count"), m_valuesOf(m_database, ValuesOf),
+      m_savepoint(m_database, "SAVEPOINT part"), m_rollbackTo(m_database, "ROLLBACK TO part"),
+      m_releaseSavepoint(m_database, "RELEASE part"), m_journal(m_database), m_secrets(m_database),
+      m_tokenWriter(m_database)
 {
     m_database.exec(WriterCache);
     m_database.exec("PRAGMA synchronous = FULL");
-    m_database.exec("PRAGMA secure_delete = FAST");
+    m_database.exec("PRAGMA temp_store = MEMORY"); // what a savepoint goes back to: it needs no room on another disk
     m_database.exec("PRAGMA journal_size_limit = 33554432");
     // In place of automatic checkpoints, which would delay the answers of the commit that sets them off.
     const auto note = [](void* pPages, sqlite3*, const char*, int pages) {
@@ -92,6 +95,8 @@ void WritableStore::commit()
         m_accounts[owner].stored = m_accounts[owner].now;
     m_changedAccounts.clear();
     m_journal.committed();
+    m_secrets.committed();
+    m_tokenWriter.committed();
     if (m_cleared) {
         m_pShared->leftovers.gone();
         m_hasToClear = m_cleared = false;
@@ -112,7 +117,43 @@ void WritableStore::rollback()
         m_accounts[owner].now = m_accounts[owner].stored;
     m_changedAccounts.clear();
     m_journal.rolledBack();
+    m_secrets.rolledBack();
+    m_tokenWriter.rolledBack();
     m_cleared = false;
+}
+
+WritableStore::Savepoint::Savepoint(WritableStore& store)
+    : m_store(store), m_journal(store.m_journal.ends()), m_removals(store.m_pShared->positions.noted())
+{
+    for (const Owner owner : store.m_changedAccounts)
+        m_accounts.emplace_back(owner, store.m_accounts[owner].now);
+    store.release();
+    run(store.m_savepoint);
+}
+
+void WritableStore::Savepoint::keep()
+{
+    m_store.release();
+    run(m_store.m_releaseSavepoint);
+    m_kept = true;
+}
+
+WritableStore::Savepoint::~Savepoint()
+{
+    if (m_kept)
+        return;
+    m_store.release();
+    for (SQLite::Statement* const pStatement : {&m_store.m_rollbackTo, &m_store.m_releaseSavepoint}) {
+        pStatement->tryExecuteStep(); // when it fails, all is rolled back, or cannot be committed
+        pStatement->tryReset();
+    }
+    for (const Owner owner : m_store.m_changedAccounts)
+        m_store.m_accounts[owner].now = m_store.m_accounts[owner].stored;
+    for (const auto& [owner, usage] : m_accounts)
+        m_store.m_accounts[owner].now = usage;
+    m_store.m_journal.rolledBack(m_journal);
+    m_store.m_secrets.rolledBack();
+    m_store.m_pShared->positions.takeBack(m_removals);
 }
 
 /// What is known of the file is not to be relied on any more.
@@ -122,6 +163,8 @@ void WritableStore::distrust()
     m_accounts.clear();
     m_changedAccounts.clear();
     m_journal.distrust();
+    m_secrets.distrust();
+    m_tokenWriter.distrust();
     m_lastValueRowUsed = std::max(m_lastValueRowUsed, [this] {
         const Use use(m_lastValueRow);
         m_lastValueRow.executeStep();
@@ -250,11 +293,12 @@ void WritableStore::leaveValues(const Key& key)
 void WritableStore::removeValues(const Key& key, uint64_t time)
 {
     int64_t bytes = 0;
+    const bool secret = m_secrets.has(key.id); // before the mark goes
     {
         const Use use(m_valuesOf);
         for (bindAll(m_valuesOf, key.id); m_valuesOf.executeStep();) {
             const auto at = [&](int column) { return m_valuesOf.getColumn(column).getInt64(); };
-            m_journal.valueChanges(ChangeKind::ValueDeleted, key.id, at(0), at(1), at(2), time);
+            m_journal.valueChanges(ChangeKind::ValueDeleted, key.id, {at(0), at(1), at(2)}, secret, time);
             bytes += at(1) + at(2);
         }
     }
@@ -266,7 +310,9 @@ bool WritableStore::clearSome(int maxRows)
 {
     if (m_journal.isTooLong())
         m_journal.dropSome(maxRows);
-    return (m_hasToClear && clearLeftovers(maxRows)) || m_journal.isTooLong();
+    if (m_secrets.hasToClear())
+        m_secrets.clearSome(maxRows);
+    return (m_hasToClear && clearLeftovers(maxRows)) || m_journal.isTooLong() || m_secrets.hasToClear();
 }
 
 bool WritableStore::clearLeftovers(int maxRows)
@@ -325,8 +371,8 @@ void WritableStore::setValue(KeyId key, const std::string& name, UINT32 type, co
     };
     Row row = changing(key);
     if (const auto old = findValue(key, name)) {
-        m_journal.valueChanges(ChangeKind::ValueSet, key, old->row, old->nameLength, old->dataLength, row.written);
-        store(m_replaceValue, old->row);
+        m_journal.valueChanges(ChangeKind::ValueSet, key, *old, m_secrets.has(key), row.written);
+        store(m_replaceValue, old->id);
         if (!row.lengths.valueData.remove(old->dataLength))
             throwDamaged(key, "a value is longer than its longest");
         if (old->dataLength != length) {
@@ -334,7 +380,7 @@ void WritableStore::setValue(KeyId key, const std::string& name, UINT32 type, co
             change(row.owner).bytes += length;
         }
     } else {
-        m_journal.valueMade(key, name, row.written);
+        m_journal.valueMade(key, name, m_secrets.has(key), row.written);
         store(m_addValue, ++m_lastValueRowUsed);
         ++row.values;
         row.lengths.valueName.add(size(name));
@@ -342,6 +388,8 @@ void WritableStore::setValue(KeyId key, const std::string& name, UINT32 type, co
     }
     row.lengths.valueData.add(length);
     writeRow(key, row);
+    if (isSecretMark(name))
+        m_secrets.marked(key, m_journal.last());
 }
 
 bool WritableStore::removeValue(KeyId key, const std::string& name)
@@ -350,14 +398,16 @@ bool WritableStore::removeValue(KeyId key, const std::string& name)
     if (!old)
         return false;
     Row row = changing(key);
-    m_journal.valueChanges(ChangeKind::ValueDeleted, key, old->row, old->nameLength, old->dataLength, row.written);
-    run(m_removeValue, old->row);
+    m_journal.valueChanges(ChangeKind::ValueDeleted, key, *old, m_secrets.has(key), row.written);
+    run(m_removeValue, old->id);
+    if (isSecretMark(name))
+        m_secrets.unmarked(key);
     if (--row.values < 0 || !row.lengths.valueName.remove(old->nameLength) ||
         !row.lengths.valueData.remove(old->dataLength))
         throwDamaged(key, "it had not the value that is being deleted");
     giveBack(row.owner, old->nameLength + old->dataLength);
     writeRow(key, row);
-    m_pShared->positions.removing(key, Entries::Values, row.written, old->row);
+    m_pShared->positions.removing(key, Entries::Values, row.written, old->id);
     return true;
 }
 
@@ -396,13 +446,25 @@ void WritableStore::storeUsage()
     }
 }
 
+/// The last key number that was given out.
+int64_t WritableStore::lastNumber()
+{
+    const Use use(m_lastNumber);
+    return m_lastNumber.executeStep() ? m_lastNumber.getColumn(0).getInt64() : 0;
+}
+
 bool WritableStore::allowsKeys(Owner owner, uint64_t count, uint64_t nameBytes)
 {
     const Usage taken = usage(owner);
-    const Use use(m_lastNumber);
-    const int64_t given = m_lastNumber.executeStep() ? m_lastNumber.getColumn(0).getInt64() : 0;
     return taken.keys + count <= m_quota.keys && taken.bytes + nameBytes <= m_quota.bytes &&
-           leavesNumbers(taken, count, LastKeyId - ReservedKeyNumbers - given);
+           leavesNumbers(taken, count, LastKeyId - ReservedKeyNumbers - lastNumber());
+}
+
+bool WritableStore::fitsQuota(Owner owner, const Usage& before)
+{
+    const Usage taken = usage(owner);
+    return taken.keys <= std::max(m_quota.keys, before.keys) && taken.bytes <= std::max(m_quota.bytes, before.bytes) &&
+           (taken.numbers == before.numbers || leavesNumbers(taken, 0, LastKeyId - ReservedKeyNumbers - lastNumber()));
 }
 
 bool WritableStore::allowsValue(const Key& key, const std::string& name, UINT32 length)

@@ -1,13 +1,13 @@
-#include "regwriter.h"
+#include "regtext/regwriter.h"
 
 #include <algorithm>
 #include <stdexcept>
 
-#include "keypath.h"
-#include "text.h"
-#include "valuetext.h"
+#include "regtext/characters.h"
+#include "regtext/keypath.h"
+#include "regtext/meaning.h"
 
-namespace obregtool {
+namespace regtext {
 
 namespace {
 
@@ -142,4 +142,4 @@ void RegWriter::finish()
     m_text.clear();
 }
 
-} // namespace obregtool
+} // namespace regtext

@@ -1,10 +1,10 @@
-#include "nearmiss.h"
+#include "regtext/nearmiss.h"
 
 #include <algorithm>
 
-#include "text.h"
+#include "regtext/characters.h"
 
-namespace obregtool {
+namespace regtext {
 
 namespace {
 
@@ -55,4 +55,4 @@ std::string didYouMean(std::string_view word, const std::vector<std::string>& ca
     return nearest.empty() ? "" : ", did you mean " + nearest + '?';
 }
 
-} // namespace obregtool
+} // namespace regtext

@@ -1,12 +1,12 @@
 // What somebody who mistyped a word may have meant. Pure functions; any thread.
-#ifndef OBREG_TOOL_NEARMISS_H
-#define OBREG_TOOL_NEARMISS_H
+#ifndef OBREG_REGTEXT_NEARMISS_H
+#define OBREG_REGTEXT_NEARMISS_H
 
 #include <string>
 #include <string_view>
 #include <vector>
 
-namespace obregtool {
+namespace regtext {
 
 /// The one of the candidates that is nearest to the word, whatever its case; empty when none is near.
 std::string nearMiss(std::string_view word, const std::vector<std::string>& candidates);
@@ -14,6 +14,6 @@ std::string nearMiss(std::string_view word, const std::vector<std::string>& cand
 /// The same as the end of a message: ", did you mean query?", or nothing.
 std::string didYouMean(std::string_view word, const std::vector<std::string>& candidates);
 
-} // namespace obregtool
+} // namespace regtext
 
 #endif

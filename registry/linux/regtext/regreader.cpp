@@ -1,8 +1,10 @@
-#include "regreader.h"
+#include "regtext/regreader.h"
 
-#include "valuetext.h"
+#include <utility>
 
-namespace obregtool {
+#include "regtext/meaning.h"
+
+namespace regtext {
 
 namespace {
 
@@ -45,8 +47,8 @@ bool isBlank(char c) { return c == ' ' || c == '\t'; }
 
 } // namespace
 
-RegSyntaxError::RegSyntaxError(Place where, const std::string& complaint)
-    : std::runtime_error(placeText(where) + complaint), place(where)
+RegSyntaxError::RegSyntaxError(Place where, const std::string& what)
+    : std::runtime_error(placeText(where) + what), place(where), complaint(what)
 {}
 
 /// A position in one line.
@@ -265,20 +267,30 @@ void RegReader::keyStatement(Cursor& cursor)
         cursor.skip(cursor.rest().size());
         cursor.expected("] after the key");
     }
+    const size_t begin = cursor.at();
+    const bool condition = cursor.peek() == '?';
+    if (condition && !m_isTransaction)
+        cursor.expected("a key ([? begins a condition, which only a transaction has: import the file with --atomic)");
+    cursor.skip(condition ? 1 : 0);
     const bool remove = cursor.accept('-');
-    const std::string_view text = cursor.rest().substr(0, close - (remove ? 1 : 0));
+    const std::string_view text = cursor.rest().substr(0, close - (cursor.at() - begin));
     KeyPath key;
     try {
-        key = parseKey(text, false);
+        key = parseKey(text, m_isTransaction ? KeyForm::Handles : KeyForm::Plain);
     } catch (const BadKey& bad) {
         throw RegSyntaxError(cursor.placeAt(cursor.at() + bad.offset), "expected a key, but " + bad.message);
     }
-    if (remove && key.isRoot())
+    if (remove && !condition && key.isRoot())
         cursor.expected("a key below the root: a root cannot be deleted");
     cursor.skip(text.size() + 1);
     cursor.endOfStatement("the key");
     m_haveKey = !remove;
-    if (remove)
+    m_isCondition = condition;
+    if (condition && remove)
+        m_sink.requireNoKey(key, place);
+    else if (condition)
+        m_sink.requireKey(key, place);
+    else if (remove)
         m_sink.removeKey(key, place);
     else
         m_sink.key(key, place);
@@ -307,7 +319,10 @@ void RegReader::valueStatement(Cursor& cursor)
     cursor.skipBlanks();
     if (cursor.accept('-')) {
         cursor.endOfStatement("the -");
-        m_sink.removeValue(std::move(name), place);
+        if (m_isCondition)
+            m_sink.requireNoValue(std::move(name), place);
+        else
+            m_sink.removeValue(std::move(name), place);
     } else if (cursor.accept('"')) {
         m_value = {std::move(name), {REG_SZ, {}}, place, true};
         readString(cursor);
@@ -315,7 +330,7 @@ void RegReader::valueStatement(Cursor& cursor)
         cursor.skipBlanks();
         const UINT32 dword = hexNumber(cursor, "1 to 8 hexadecimal digits");
         cursor.endOfStatement("the number");
-        m_sink.value(std::move(name), obreg::ValueOf<UINT32>::encode(dword), place);
+        takeValue(std::move(name), obreg::ValueOf<UINT32>::encode(dword), place);
     } else {
         UINT32 type = REG_BINARY;
         if (cursor.acceptWord("hex(")) {
@@ -414,10 +429,18 @@ void RegReader::readUtf16(Cursor& cursor)
         m_firstUtf16Alike = m_value->place;
 }
 
+void RegReader::takeValue(std::string&& name, obreg::Value&& value, const Place& place)
+{
+    if (m_isCondition)
+        m_sink.requireValue(std::move(name), std::move(value), place);
+    else
+        m_sink.value(std::move(name), std::move(value), place);
+}
+
 void RegReader::finishValue()
 {
     Unfinished value = *std::exchange(m_value, std::nullopt);
-    m_sink.value(std::move(value.name), std::move(value.value), value.place);
+    takeValue(std::move(value.name), std::move(value.value), value.place);
 }
 
-} // namespace obregtool
+} // namespace regtext

@@ -3,8 +3,8 @@
 // A reader is fed the file's bytes in pieces of any size and calls its sink for each statement as soon as it is
 // complete, so what it holds does not grow with the file. It knows nothing of files or of the registry: one reader and
 // its sink belong to one thread, and two readers have nothing to do with each other.
-#ifndef OBREG_TOOL_REGREADER_H
-#define OBREG_TOOL_REGREADER_H
+#ifndef OBREG_REGTEXT_REGREADER_H
+#define OBREG_REGTEXT_REGREADER_H
 
 #include <optional>
 #include <stdexcept>
@@ -13,10 +13,10 @@
 
 #include <obreg/value.hpp>
 
-#include "keypath.h"
-#include "text.h"
+#include "regtext/characters.h"
+#include "regtext/keypath.h"
 
-namespace obregtool {
+namespace regtext {
 
 struct Place {
     uint64_t line = 0; ///< from 1
@@ -25,8 +25,9 @@ struct Place {
 
 /// The first mistake in the text. what() is "line 3, column 7: expected ...".
 struct RegSyntaxError : std::runtime_error {
-    RegSyntaxError(Place where, const std::string& complaint);
+    RegSyntaxError(Place where, const std::string& what);
     Place place;
+    std::string complaint; ///< what() without the place
 };
 
 class RegSink {
@@ -39,12 +40,27 @@ public:
     /// The data may be empty.
     virtual void value(std::string&& name, obreg::Value&& value, const Place& place) = 0;
     virtual void removeValue(std::string&& name, const Place& place) = 0;
+
+    // The conditions of a transaction; no other text has any.
+    /// [?key] and [?-key].
+    virtual void requireKey(const KeyPath& /*key*/, const Place& /*place*/) {}
+    virtual void requireNoKey(const KeyPath& /*key*/, const Place& /*place*/) {}
+    /// What the key of the last requireKey() has, and has not.
+    virtual void requireValue(std::string&& /*name*/, obreg::Value&& /*value*/, const Place& /*place*/) {}
+    virtual void requireNoValue(std::string&& /*name*/, const Place& /*place*/) {}
+};
+
+enum class RegKind {
+    File,
+    Transaction, ///< may have conditions, and keys by their handles
 };
 
 class RegReader {
 public:
     /// `utf16Data`: strings that are written as bytes are UTF-16LE.
-    explicit RegReader(RegSink& sink, bool utf16Data = false) : m_sink(sink), m_utf16Data(utf16Data) {}
+    explicit RegReader(RegSink& sink, bool utf16Data = false, RegKind kind = RegKind::File)
+        : m_sink(sink), m_utf16Data(utf16Data), m_isTransaction(kind == RegKind::Transaction)
+    {}
 
     /// Takes the next bytes. Throws RegSyntaxError, after which the reader is of no more use, and what the sink throws.
     void feed(std::string_view bytes);
@@ -79,10 +95,12 @@ private:
     void readString(Cursor& cursor);
     void readHex(Cursor& cursor);
     void readUtf16(Cursor& cursor);
+    void takeValue(std::string&& name, obreg::Value&& value, const Place& place);
     void finishValue();
 
     RegSink& m_sink;
     const bool m_utf16Data;
+    const bool m_isTransaction;
     Encoding m_encoding = Encoding::Unknown;
     std::string m_start; // while the encoding is unknown
     Utf16Reader m_utf16;
@@ -91,11 +109,12 @@ private:
     uint64_t m_lines = 0;
     bool m_haveHeader = false;
     bool m_haveKey = false;
+    bool m_isCondition = false; // what is said of that key
     std::optional<Unfinished> m_value;
     uint64_t m_utf16Alike = 0;
     Place m_firstUtf16Alike;
 };
 
-} // namespace obregtool
+} // namespace regtext
 
 #endif

@@ -2,8 +2,8 @@
 //
 // What a writer writes, a RegReader reads back to the same names, types and bytes. It holds one piece of text and knows
 // nothing of files or of the registry. One writer belongs to one thread.
-#ifndef OBREG_TOOL_REGWRITER_H
-#define OBREG_TOOL_REGWRITER_H
+#ifndef OBREG_REGTEXT_REGWRITER_H
+#define OBREG_REGTEXT_REGWRITER_H
 
 #include <functional>
 #include <string>
@@ -11,7 +11,7 @@
 
 #include <obreg/value.hpp>
 
-namespace obregtool {
+namespace regtext {
 
 enum class RegFormat {
     Utf8,     ///< Version 5.00, UTF-8, lines end in LF
@@ -48,6 +48,6 @@ private:
     std::string m_text;
 };
 
-} // namespace obregtool
+} // namespace regtext
 
 #endif
