@@ -21,7 +21,7 @@ namespace obregd {
 
 struct NeedsWriter {};
 
-/// Thrown where a session may wait: there is nothing to tell yet.
+/// Thrown where a session may wait: there is nothing to tell yet, or it is others' waits that are to end.
 struct MustWait {
     Wait wait;
 };
@@ -71,6 +71,9 @@ struct Operation {
 /// The answer to a query of changes whose wait is over; nothing when there is nothing to tell and the time is not up.
 /// The wait goes on from what was looked at.
 std::optional<Reply> tellChanges(Store& store, Wait& wait, bool timeIsUp);
+
+/// The answer to a query that has ended as many waits.
+Reply tellEnded(size_t waits);
 
 /// The operation that a request asks for by its first line; null when there is none of that name.
 const Operation* findOperation(std::string_view request);
