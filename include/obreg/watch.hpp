@@ -233,7 +233,8 @@ private:
         const auto spent = [](Clock::time_point from) {
             return std::chrono::duration_cast<Milliseconds>(Clock::now() - from);
         };
-        std::optional<Clock::time_point> away; // since when the daemon is
+        bool away = false; // the daemon, since a time
+        Clock::time_point awaySince = begun;
         Told told{{since, false, {}}, {}};
         for (;;) {
             if (!beginAsking())
@@ -249,12 +250,12 @@ private:
                 if (told.error || !told.changes.empty() || spent(begun) >= limit)
                     return told;
                 since = told.changes.number;
-                away.reset();
+                away = false;
                 continue;
             }
-            if (!away)
-                away = Clock::now();
-            if (spent(begun) >= limit || spent(*away) >= Patience)
+            if (!std::exchange(away, true))
+                awaySince = Clock::now();
+            if (spent(begun) >= limit || spent(awaySince) >= Patience)
                 return told;
             sleep(std::min(left, Pause));
         }
