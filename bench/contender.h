@@ -19,6 +19,7 @@ struct Load {
     bool shared = false; // all threads on one connection, where a contender has the choice
     size_t keys = 10000; // of a registry with real data
     size_t values = 10;  // of each key
+    size_t parked = 0;   // the registry: watches that wait beside
 };
 
 class Contender {

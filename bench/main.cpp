@@ -2,7 +2,7 @@
 // and what the client process spent. bench/run calls it, in turn for every contender.
 //
 //   obreg_bench CONTENDER [threads=1] [ms=200] [requests=0] [bytes=16] [operation=query] [address=PATH] [shared=0]
-//               [keys=10000] [values=10]
+//               [keys=10000] [values=10] [parked=0]
 //
 // With requests, one thread makes that many and nothing is timed: for counting instructions. In place of a contender,
 // "fill" and "enumerate" (registry.cpp), and "serve-dbus" and "serve-nats", which answer.
@@ -121,8 +121,13 @@ void measure(Contender& contender, unsigned threads, std::chrono::milliseconds t
 void run(const std::string& name, std::map<std::string, std::string> options)
 {
     const auto number = [&](const char* pOption) { return std::strtoul(options[pOption].c_str(), nullptr, 10); };
-    const Load load{options["operation"] == "set", number("bytes"), options["address"],
-                    number("shared") != 0,         number("keys"),  number("values")};
+    const Load load{options["operation"] == "set",
+                    number("bytes"),
+                    options["address"],
+                    number("shared") != 0,
+                    number("keys"),
+                    number("values"),
+                    number("parked")};
     if (const auto action = Actions.find(name); action != Actions.end())
         return action->second(load);
     const auto contender = Contenders.find(name);
@@ -141,9 +146,9 @@ void run(const std::string& name, std::map<std::string, std::string> options)
 
 int main(int argc, char** argv)
 {
-    std::map<std::string, std::string> options = {{"threads", "1"},  {"ms", "200"},   {"bytes", "16"},
-                                                  {"requests", "0"}, {"shared", "0"}, {"operation", "query"},
-                                                  {"keys", "10000"}, {"values", "10"}};
+    std::map<std::string, std::string> options = {{"threads", "1"},  {"ms", "200"},    {"bytes", "16"},
+                                                  {"requests", "0"}, {"shared", "0"},  {"operation", "query"},
+                                                  {"keys", "10000"}, {"values", "10"}, {"parked", "0"}};
     for (int i = 2; i < argc; ++i) {
         const std::string option = argv[i];
         options[option.substr(0, option.find('='))] = option.substr(option.find('=') + 1);

@@ -1,6 +1,7 @@
 // The library with obregd behind it and real data: a registry of many keys with the same number of values each.
 //
-// "fill" makes it, the contender queries or sets its values at random, "enumerate" reads the first key's values by
+// "fill" makes it, the contender queries or sets its values at random, beside as many parked watches on the same
+// connection as it is told, "enumerate" reads the first key's values by
 // index.
 #include <algorithm>
 #include <atomic>
@@ -11,6 +12,7 @@
 
 #include <obreg/obreg.h>
 #include <obreg/roots.h>
+#include <obreg/watch.hpp>
 
 #include "contender.h"
 
@@ -78,7 +80,13 @@ private:
 
 class Registry : public Contender {
 public:
-    explicit Registry(const Load& load) : m_load(load) {}
+    explicit Registry(const Load& load) : m_load(load)
+    {
+        for (size_t i = 0; i < load.parked; ++i) {
+            m_watches.push_back(obreg::Watch::start(obreg::users()));
+            m_watches.back().descriptor(); // it waits from now on
+        }
+    }
 
     std::function<void()> newCall() override
     {
@@ -100,6 +108,7 @@ public:
 private:
     const Load m_load;
     std::atomic<unsigned> m_calls{0};
+    std::vector<obreg::Watch> m_watches;
 };
 
 } // namespace

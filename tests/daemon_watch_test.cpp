@@ -1,15 +1,16 @@
 // Queries of HKEY_DYN_DATA\Changes, which wait in the daemon until there is something to tell.
-#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <functional>
 #include <sstream>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 #include "support/raw_client.h"
 #include "support/running_daemon.h"
-#include "support/scale.h"
 
 namespace {
 
@@ -101,7 +102,8 @@ TEST_F(WatchTest, AChangeWakesThoseWhomItConcerns)
     };
     EXPECT_EQ(status(question(mid, "100", 0, "key")), 0u) << "lost: there is no such number yet";
     EXPECT_EQ(status(question(HKEY_PERFORMANCE_DATA, "1", 0, "key")), OBREG_STATUS_BAD_HANDLE);
-    for (const char* pName : {"", "80000002", "80000002 1 1", "80000002 1 1 all", "80000002 -1 1 key", "x 1 1 key"})
+    for (const char* pName : {"", "80000002", "80000002 1 1", "80000002 1 1 all", "80000002 -1 1 key", "x 1 1 key",
+                              "80000002 1 1 key 0", "80000002 1 1 key ", "end", "end g"})
         EXPECT_EQ(status(pName), OBREG_STATUS_BAD_NAME) << pName;
     const std::string now = writer.query(Changes, question(HKEY_LOCAL_MACHINE, "now", 0, "key"));
     EXPECT_EQ(status(question(mid, now.c_str(), 400, "key")), OBREG_STATUS_KEY_DELETED);
@@ -135,78 +137,21 @@ TEST_F(WatchTest, AUsersWatchesAreLimitedAndGoWithTheirConnections)
     }
 }
 
-TEST_F(WatchTest, EachWatcherSeesEachChangeOnceAndInOrderOverKills)
+TEST_F(WatchTest, AWaitIsEndedByItsUserAndItsId)
 {
-    const int kills = static_cast<int>(scaled(8));
-    std::atomic<bool> over = false;
-    std::atomic<int64_t> end = INT64_MAX;
-    const auto reconnecting = [&](auto action) {
-        std::unique_ptr<RawClient> pClient;
-        while (!over || end == INT64_MAX)
-            try {
-                if (pClient == nullptr)
-                    pClient = std::make_unique<RawClient>(m_socket);
-                if (!action(*pClient))
-                    return;
-            } catch (const std::exception&) {
-                pClient.reset();
-                std::this_thread::sleep_for(std::chrono::milliseconds(2));
-            }
-    };
-    std::vector<std::thread> writers;
-    for (int i = 0; i < 4; ++i)
-        writers.emplace_back([&, i] {
-            int count = 0;
-            reconnecting([&](RawClient& client) {
-                const HANDLE key = client.create(("W" + std::to_string(i)).c_str());
-                while (!over)
-                    client.set(key, "v", std::to_string(++count));
-                return false;
-            });
-        });
-    std::vector<int64_t> seen(8, 0);
-    std::vector<std::string> wrong(seen.size());
-    std::vector<std::thread> watchers;
-    for (size_t i = 0; i < seen.size(); ++i)
-        watchers.emplace_back([&, i] {
-            reconnecting([&](RawClient& client) {
-                while (seen[i] < end) {
-                    const std::string answer =
-                        client.query(Changes, question(HKEY_LOCAL_MACHINE, std::to_string(seen[i]), 200, "tree"));
-                    std::istringstream strings(answer);
-                    std::string line;
-                    std::getline(strings, line, '\0');
-                    if (line.find("lost") != std::string::npos)
-                        wrong[i] = line;
-                    while (std::getline(strings, line, '\0') && !line.empty())
-                        if (std::stoll(line) != ++seen[i])
-                            wrong[i] = line + " and not " + std::to_string(seen[i]);
-                    if (!wrong[i].empty())
-                        return false;
-                }
-                return false;
-            });
-        });
-    for (int i = 0; i < kills; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(30));
-        RawClient client(m_socket);
-        EXPECT_EQ(client.set(client.create("Main"), "v", std::to_string(i)), 0u); // one at least, however slow all is
-        m_daemon.stop(SIGKILL);
-        m_daemon.start();
-    }
-    over = true;
-    for (std::thread& writer : writers)
-        writer.join();
-    end = std::stoll(RawClient(m_socket).query(Changes, question(HKEY_LOCAL_MACHINE, "now", 0, "key")));
-    for (std::thread& watcher : watchers)
-        watcher.join();
-    for (size_t i = 0; i < seen.size(); ++i) {
-        EXPECT_EQ(wrong[i], "");
-        EXPECT_EQ(seen[i], end);
-    }
-    EXPECT_GT(end, kills);
-    std::printf("FIGURE watch: %d kills, %zu watchers saw %lld changes each\n", kills, seen.size(),
-                static_cast<long long>(end));
+    chmod(m_socket.substr(0, m_socket.rfind('/')).c_str(), 0755); // for the other user
+    const RawClient waiting(m_socket);
+    waiting.send(packet(7, encoded(QueryValueReqMsg(Changes, question(HKEY_USERS, "0", 60000, "key aB").c_str()))));
+    EXPECT_FALSE(waiting.hasMore(50));
+    RawClient client(m_socket);
+    std::thread([&] {
+        if (syscall(SYS_setresuid, -1, 12345, -1) == 0) { // of this thread only
+            EXPECT_EQ(RawClient(m_socket).query(Changes, "end ab"), std::string("0\0", 3));
+        }
+    }).join();
+    for (const auto& [name, ended] : {std::pair("end ac", '0'), {"end AB", '1'}, {"end ab", '0'}})
+        EXPECT_EQ(client.query(Changes, name), std::string(1, ended) + std::string(2, '\0')) << name;
+    EXPECT_TRUE(waiting.hasMore(1000));
 }
 
 } // namespace

@@ -57,18 +57,33 @@ def type_in(block):
             sys.exit(f"{command}\nprints\n{printed}and should print\n{expected}")
 
 
+def run_watch(*words):
+    """One that watches what the first example writes."""
+    with subprocess.Popen([*words, "1"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True) as watch:
+        if "watching" not in watch.stdout.readline():
+            sys.exit(f"{words} does not watch")
+        run(programs[0])
+        told = watch.communicate(timeout=20)[0]
+        if not re.fullmatch(r"\d+.*set\s.*Title\n", told) or watch.returncode != 0:
+            sys.exit(f"{words} ends with {watch.returncode} and says\n{told}")
+
+
 with subprocess.Popen([daemon], stderr=subprocess.PIPE) as process:
     if not any(b"listening on" in line for line in process.stderr):
         sys.exit("the daemon does not come up")
     try:
         for program in programs:
-            print(run(program))
+            if "watch" in program.rsplit("/", 1)[-1]:
+                run_watch(program)
+            else:
+                print(run(program))
         for one in blocks("c"):
             compile_and_run(one, "cc", ".c", "c99")
         for one in blocks("cpp"):
             compile_and_run(one, "c++", ".cpp", "c++17")
         if struct.calcsize("P") * 8 == bits:
             print(run(sys.executable, os.path.join(sources, "examples", "example.py")))
+            run_watch(sys.executable, os.path.join(sources, "examples", "watch.py"))
             for one in blocks("python"):
                 run(sys.executable, "-c", one)
         for one in blocks("console"):

@@ -335,16 +335,19 @@ class Verbs(WithDaemon):
         self.expect(0, "copy", KEY, KEY + "Twin", "-s")  # beside it, not below it
         self.expect(0, "copy", KEY, "HKLM/Twin", "-s")
         self.expect(0, "compare", KEY, "HKLM/Twin", "-s", out=b"")
-        with subprocess.Popen([TOOL, "watch", "HKLM/Twin", "--interval", "0.05", "--count", "4", "--json"],
+        with subprocess.Popen([TOOL, "watch", "HKLM/Twin", "--count", "5", "--json"],
                               stdout=subprocess.PIPE) as watch:
             time.sleep(0.5)
             self.expect(0, "set", "HKLM/Twin", "n", "2")
             self.assertIn(b"changed-value", watch.stdout.readline())
+            self.tearDown()
+            self.start()
             self.expect(0, "rm", "HKLM/Twin/Sub")
             self.assertIn(b"removed-key", watch.stdout.readline())
             self.expect(0, "add", "HKLM/Twin/More", "-v", "v", "-d", "x")
+            self.expect(0, "rm", "HKLM/Twin/More", "v")
             rest = [json.loads(line)["kind"] for line in watch.stdout]
-            self.assertEqual(rest, ["added-key", "added-value"])
+            self.assertEqual(rest, ["added-key", "added-value", "removed-value"])
         self.assertEqual(watch.returncode, 0)
         self.expect(1, "compare", KEY, "HKLM/Twin", "-s", out=(
             f"value-differs\t{KEY}\tn\tREG_SZ\t1\tREG_SZ\t2\nkey-missing-left\tHKEY_LOCAL_MACHINE\\Twin\\More\n"
@@ -430,6 +433,26 @@ class Verbs(WithDaemon):
             self.assertEqual(len(shown[0]) + shown[0].count("漢"), width)
             self.assertEqual(shown[0].index("é"), shown[1].index("00"))
 
+    def test_wait_ends_when_its_condition_holds(self):
+        self.expect(0, "set", KEY, "there", "12", "--type", "REG_DWORD")
+        self.expect(0, "wait", KEY, "there", out=b"12\n")
+        self.expect(0, "wait", KEY, "there", "--equals", "0xc", out=b"12\n")
+        self.expect(7, "--timeout", "0.1", "wait", KEY, "there", "--changed", err="the time is up")
+        self.expect(2, "wait", KEY, "there", "--absent", "--changed", err="--absent and --changed")
+        waits = [["later", "--equals", "ready"], ["later", "--not-equals", "not yet"], ["there", "--absent"],
+                 ["there", "--changed"]]
+        waiting = [subprocess.Popen([TOOL, "wait", "HKLM/To/Come", *words], stdout=subprocess.PIPE) for words in waits]
+        self.assertEqual(waiting[2].wait(), 0)  # absent from the beginning
+        time.sleep(0.3)
+        for text in "not yet", "ready":
+            self.expect(0, "set", "HKLM/To/Come", "later", text)
+        self.tearDown()
+        self.start()
+        self.assertIsNone(waiting[3].poll())
+        self.expect(0, "set", "HKLM/To/Come", "there", "")
+        self.assertEqual([each.communicate(timeout=20)[0] for each in waiting], [b"ready\n", b"ready\n", b"", b"\n"])
+        self.assertEqual([each.returncode for each in waiting], [0] * 4)
+
     def test_a_reader_that_leaves_ends_it_quietly(self):
         self.import_many(r"HKLM\Many", 3000, "x" * 200)
         for verb in ("query", "export"):
@@ -443,7 +466,7 @@ class Verbs(WithDaemon):
         self.expect(3, "get", KEY, err="run this again")  # the daemon was not there yet
         self.assertEqual([os.readlink(f"/proc/{self.daemon.pid}/fd/{fd}") for fd in range(3)], ["/dev/null"] * 3)
         self.expect(0, "set", KEY, "v", "x" * 100)
-        with subprocess.Popen(f"exec '{TOOL}' watch '{KEY}' --interval 0.05 >&-", shell=True, stderr=subprocess.PIPE) as watch:
+        with subprocess.Popen(f"exec '{TOOL}' watch '{KEY}' >&-", shell=True, stderr=subprocess.PIPE) as watch:
             time.sleep(0.5)
             self.expect(0, "set", KEY, "v", "y" * 100)
             self.assertIn(b"standard output: ", watch.stderr.read())

@@ -11,8 +11,7 @@ namespace obregd {
 
 namespace {
 
-constexpr REGSTATUS Success = OBREG_STATUS_SUCCESS;
-constexpr UINT32 FewValues = 1000; // of a key that is deleted; more are cleared away later
+constexpr UINT32 CountedValues = 1000; // of a key that is deleted; more are cleared away later
 
 std::string meaningOf(REGSTATUS status)
 {
@@ -178,7 +177,7 @@ private:
     void countRemoved(uintptr_t handle, const Step& step, bool isBelow)
     {
         const auto key = m_session.store.key(static_cast<KeyId>(handle));
-        m_steps += (isBelow ? 1 : 0) + (key && key->values <= FewValues ? key->values : 0);
+        m_steps += (isBelow ? 1 : 0) + (key && key->values <= CountedValues ? key->values : 0);
         if (m_steps > m_plan.mostSteps)
             refuse(OBREG_STATUS_TOO_LARGE, step,
                    "with the keys and values below it, a transaction has at most " + std::to_string(m_plan.mostSteps) +

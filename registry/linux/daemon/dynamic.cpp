@@ -25,6 +25,15 @@ bool takeNumber(const char*& pText, const char* pEnd, Number& number, int base)
     return true;
 }
 
+/// Takes the id that ends a text, and the space in front of it.
+bool takeId(const char* pText, const char* pEnd, uint64_t& id)
+{
+    if (pText == pEnd || *pText != ' ')
+        return false;
+    const auto [pNext, error] = std::from_chars(pText + 1, pEnd, id, 16);
+    return error == std::errc() && pNext == pEnd && id != 0;
+}
+
 class DynamicTree : public Tree {
 public:
     std::optional<Key> key(KeyId id) override
@@ -75,6 +84,9 @@ std::optional<ParsedWait> parseWait(const std::string& name)
     const char* const pEnd = pText + name.size();
     int64_t milliseconds = 0;
     Wait& wait = parsed.wait;
+    wait.ends = name.starts_with("end ");
+    if (wait.ends)
+        return takeId(pText + 3, pEnd, wait.id) ? std::optional(parsed) : std::nullopt;
     if (!takeNumber(pText, pEnd, parsed.handle, 16))
         return std::nullopt;
     wait.now = pEnd - pText > 4 && std::memcmp(pText, "now ", 4) == 0;
@@ -84,8 +96,9 @@ std::optional<ParsedWait> parseWait(const std::string& name)
         return std::nullopt;
     if (!takeNumber(pText, pEnd, milliseconds, 10) || milliseconds < 0 || wait.watched.since < 0)
         return std::nullopt;
-    const std::string scope(pText, pEnd);
-    if (scope != "key" && scope != "tree")
+    const char* const pScopeEnd = std::find(pText, pEnd, ' ');
+    const std::string scope(pText, pScopeEnd);
+    if ((scope != "key" && scope != "tree") || (pScopeEnd != pEnd && !takeId(pScopeEnd, pEnd, wait.id)))
         return std::nullopt;
     wait.watched.subTree = scope == "tree";
     wait.atMost = std::min(std::chrono::milliseconds(milliseconds), LongestWait);
@@ -125,6 +138,8 @@ std::string answerText(const Told& told)
 {
     return std::to_string(told.upTo) + (told.lost ? " lost" : "") + '\0' + told.text + '\0';
 }
+
+std::string endedText(size_t waits) { return std::to_string(waits) + '\0' + '\0'; }
 
 Tree& dynamicTree()
 {

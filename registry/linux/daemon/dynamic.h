@@ -2,7 +2,7 @@
 //
 // `Changes` answers a query for a value whose name says what is watched:
 //
-//     HANDLE SINCE WAIT SCOPE        80000002 1041 60000 tree
+//     HANDLE SINCE WAIT SCOPE [ID]        80000002 1041 60000 tree
 //
 // the key's handle (hexadecimal), the number of the last change that the client knows or `now`, the milliseconds that
 // it waits for another one (at most ten minutes; 0: not at all), and `key` (the key's values and the list of its
@@ -10,6 +10,9 @@
 // told, and ` lost` behind it when changes are missing and what is watched is to be read anew; then, for each change,
 // its number, what was done (key-made, key-deleted, value-set, value-deleted), the path from the watched key and the
 // value's name, separated by tabs, which no name has.
+//
+// With an ID (a number but 0, hexadecimal, the client's choice) a wait can be ended: a query for the value `end ID` has
+// all waits of that user and ID answered at once. Its own data are their number as the only string.
 //
 // `Transactions` takes several writes as one: see plan.h for what is set there, and outcomes.h for what is told of it.
 //
@@ -56,6 +59,8 @@ struct Wait {
     Watched watched;
     bool now; ///< only the last number
     std::chrono::milliseconds atMost;
+    uint64_t id; ///< by which it is ended; 0: none
+    bool ends;   ///< it ends the waits with its id, and says nothing else
 };
 
 /// The handle and what else a name says; nothing when it says no such thing. The key of `watched` is left open.
@@ -74,6 +79,8 @@ std::optional<ParsedHistory> parseHistory(const std::string& name);
 
 /// The data of the answer to a query of Changes.
 std::string answerText(const Told& told);
+/// The data of the answer to one that ends waits.
+std::string endedText(size_t waits);
 
 /// The tree of DynamicId and the keys below it.
 Tree& dynamicTree();

@@ -10,8 +10,6 @@ namespace obregd {
 
 namespace {
 
-constexpr REGSTATUS Success = OBREG_STATUS_SUCCESS;
-
 /// The predefined roots that are always the same key, by handle.
 const struct {
     HANDLE handle;
@@ -153,6 +151,8 @@ REGSTATUS queryChanges(const Session& session, const std::string& name, std::str
     if (!parsed)
         return OBREG_STATUS_BAD_NAME;
     Wait& wait = parsed->wait;
+    if (wait.ends && session.mayWait)
+        throw MustWait{wait};
     Key key;
     const KeyId id = idOf(session, reinterpret_cast<HANDLE>(uintptr_t{parsed->handle}));
     const REGSTATUS status = findById(session, id, key);

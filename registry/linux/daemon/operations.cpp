@@ -52,6 +52,11 @@ constexpr Operation operation(ReqMessage::MessageTypes type, bool writes = false
     return {type, writes, frees, Serving<Response, handler>::serve, Serving<Response, handler>::refuse};
 }
 
+Reply answerStrings(const std::string& text)
+{
+    return encode(QueryValueRespMsg(OBREG_STATUS_SUCCESS, REG_MULTI_SZ, text.data(), static_cast<UINT32>(text.size())));
+}
+
 constexpr Operation Operations[] = {
     operation<CloseKeyRespMsg, closeKey>(ReqMessage::CloseKeyReqMsgType),
     operation<CreateKeyRespMsg, createKey>(ReqMessage::CreateKeyReqMsgType), // most creates only open
@@ -74,10 +79,10 @@ std::optional<Reply> tellChanges(Store& store, Wait& wait, bool timeIsUp)
     wait.watched.since = std::max(wait.watched.since, told.upTo);
     if (told.empty() && !timeIsUp)
         return std::nullopt;
-    const std::string text = answerText(told);
-    return encode(QueryValueRespMsg(OBREG_STATUS_SUCCESS, REG_MULTI_SZ, text.data(), static_cast<UINT32>(text.size())));
+    return answerStrings(answerText(told));
 }
 
+Reply tellEnded(size_t waits) { return answerStrings(endedText(waits)); }
 bool isTransaction(const Operation& operation, std::string_view request)
 {
     // However the number is written, these digits are in it; only the name and the data may be long.

@@ -20,9 +20,11 @@
 
 namespace obregd {
 
+inline constexpr REGSTATUS Success = OBREG_STATUS_SUCCESS;
+
 struct NeedsWriter {};
 
-/// Thrown where a session may wait: there is nothing to tell yet.
+/// Thrown where a session may wait: there is nothing to tell yet, or it is others' waits that are to end.
 struct MustWait {
     Wait wait;
 };
@@ -81,6 +83,8 @@ struct Operation {
 /// The wait goes on from what was looked at.
 std::optional<Reply> tellChanges(Store& store, Wait& wait, bool timeIsUp);
 
+/// The answer to a query that has ended as many waits.
+Reply tellEnded(size_t waits);
 /// Whether a request to set a value is a transaction. It is to be served in a session that cannot write.
 bool isTransaction(const Operation& operation, std::string_view request);
 

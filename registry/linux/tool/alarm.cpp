@@ -6,6 +6,7 @@
 #include <cmath>
 #include <csignal>
 #include <ctime>
+#include <poll.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -18,6 +19,7 @@ namespace {
 
 // Written before the handlers are in place, and read by them.
 std::string timeoutMessage;
+int timeoutExit = ExitNoDaemon;
 itimerval timeout{};
 std::string hangingMessage; // for an interrupt that the daemon leaves without an end
 std::atomic<bool> workInterrupted{false};
@@ -39,7 +41,7 @@ extern "C" void onAlarm(int /*signal*/)
     removeUnfinishedFile();
     const std::string& message = workInterrupted ? hangingMessage : timeoutMessage;
     [[maybe_unused]] const ssize_t heard = write(STDERR_FILENO, message.data(), message.size());
-    _exit(workInterrupted ? ExitInterrupted : ExitNoDaemon);
+    _exit(workInterrupted ? ExitInterrupted : timeoutExit);
 }
 
 extern "C" void onKill(int signal)
@@ -81,6 +83,14 @@ void setTimeout(double seconds, const std::string& message)
     restartTimeout();
 }
 
+void changeTimeout(const std::string& message, int exit)
+{
+    stopTimeout();
+    timeoutMessage = message;
+    timeoutExit = exit;
+    restartTimeout();
+}
+
 void restartTimeout() { setitimer(ITIMER_REAL, &timeout, nullptr); }
 
 void stopTimeout()
@@ -107,6 +117,20 @@ void removeWhenKilled(const std::string& path)
 }
 
 bool interrupted() { return interruptCame != 0; }
+
+bool waitReadable(int descriptor)
+{
+    sigset_t interrupts;
+    sigset_t before;
+    sigemptyset(&interrupts);
+    for (const int signal : {SIGINT, SIGTERM})
+        sigaddset(&interrupts, signal);
+    sigprocmask(SIG_BLOCK, &interrupts, &before); // one that comes now is met by ppoll
+    pollfd poller{descriptor, POLLIN, 0};
+    const bool ready = !interrupted() && ppoll(&poller, 1, nullptr, &before) == 1;
+    sigprocmask(SIG_SETMASK, &before, nullptr);
+    return ready;
+}
 
 void letInterruptsEndWork()
 {

@@ -37,6 +37,7 @@ const struct Verb {
     {"tree", "Draw the keys below a key", Shape::List, declareTree},
     {"info", "Show a key's figures", Shape::Record, declareInfo},
     {"watch", "Show what changes, while it changes", Shape::Stream, declareWatch},
+    {"wait", "Wait until a value is there, or is what it should be, and print it", Shape::Record, declareWait},
     {"log", "Show what has changed, when, and who did it", Shape::List, declareLog},
     {"blame", "Show who set each value of a key last", Shape::List, declareBlame},
     {"undo", "Take changes back", Shape::Record, declareUndo},
@@ -164,7 +165,7 @@ constexpr const char* Footer =
     "other bytes are pairs of hexadecimal digits, with hex: in front where the type promises text or a number.\n"
     "\"obreg help VERB\" tells about a verb. Behind -- no word is an option.\n"
     "Exit status: 0 done, 1 not found or different, 2 usage, 3 no daemon, 4 refused or failed, 5 a malformed file,\n"
-    "6 a condition did not hold, 130 interrupted.";
+    "6 a condition did not hold, 7 the time of a wait was up, 130 interrupted.";
 
 } // namespace
 

@@ -33,6 +33,7 @@ const struct Advice {
     {OBREG_STATUS_QUOTA_EXCEEDED, ExitFailed,
      "delete what this user's tree does not need (obregd --quota-bytes, --quota-keys), or ask less often "
      "(--quota-requests)"},
+    {OBREG_STATUS_TOO_MANY_WATCHES, ExitFailed, "end some of them, or let a user have more (obregd --quota-watches)"},
     {OBREG_STATUS_STORE_FULL, ExitFailed, "make room on the daemon's disk, or delete keys and values"},
     {OBREG_STATUS_STORE_FAILED, ExitFailed, "%l tells how"},
     {OBREG_STATUS_CONDITION_FAILED, ExitCondition, "nothing was changed; look at what is there now"},

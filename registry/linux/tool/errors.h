@@ -23,6 +23,7 @@ enum Exit : int {
     ExitFailed = 4,    ///< refused or failed
     ExitBadFile = 5,   ///< a file is not what it should be; nothing was done
     ExitCondition = 6, ///< a condition did not hold; nothing was done
+    ExitTimeUp = 7,    ///< what was waited for did not come in time
     ExitDifferent = ExitNotFound,
     ExitInterrupted = 130, ///< by Ctrl-C, as shells count signals
 };

@@ -187,6 +187,21 @@ void Output::finish()
     flush();
 }
 
+void printValue(Output& output, const KeyPath& key, obreg::NamedValue value)
+{
+    if (output.form() == Form::Json) {
+        output.fact(valueFact(key, std::move(value)));
+        return;
+    }
+    const bool terminal = output.form() == Form::Terminal;
+    const bool bare = writeBare(
+        value.value, [&](std::string_view piece) { output.bytes(terminal ? escaped(piece, Escape::Screen) : piece); });
+    output.bytes("\n");
+    if (!bare)
+        output.warning("the data cannot be written as the text or number that its type " + typeName(value.value.type) +
+                       " promises: these are its bytes; --raw gives them as they are");
+}
+
 std::string failureText(bool json, const Failure& failure)
 {
     if (json)

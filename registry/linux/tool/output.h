@@ -83,6 +83,9 @@ private:
 Fact keyFact(const KeyPath& key, const char* pKind = "key");
 Fact valueFact(const KeyPath& key, obreg::NamedValue value, const char* pKind = "value");
 
+/// The data of a value by themselves; JSON: the value as a fact.
+void printValue(Output& output, const KeyPath& key, obreg::NamedValue value);
+
 /// What is said of a failure on standard error.
 std::string failureText(bool json, const Failure& failure);
 

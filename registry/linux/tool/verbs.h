@@ -32,6 +32,7 @@ Run declareFind(Arguments& arguments);
 Run declareRename(Arguments& arguments);
 Run declareMove(Arguments& arguments);
 Run declareWatch(Arguments& arguments);
+Run declareWait(Arguments& arguments);
 Run declarePing(Arguments& arguments);
 Run declareLog(Arguments& arguments);
 Run declareBlame(Arguments& arguments);

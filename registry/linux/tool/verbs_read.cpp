@@ -89,21 +89,6 @@ int queryValue(const ReadOptions& options, Output& output)
     return ExitDone;
 }
 
-void printValue(Output& output, const KeyPath& path, obreg::NamedValue&& value)
-{
-    if (output.form() == Form::Json) {
-        output.fact(valueFact(path, std::move(value)));
-        return;
-    }
-    const bool terminal = output.form() == Form::Terminal;
-    const bool bare = writeBare(
-        value.value, [&](std::string_view piece) { output.bytes(terminal ? escaped(piece, Escape::Screen) : piece); });
-    output.bytes("\n");
-    if (!bare)
-        output.warning("the data cannot be written as the text or number that its type " + typeName(value.value.type) +
-                       " promises: these are its bytes; --raw gives them as they are");
-}
-
 int get(const ReadOptions& options, Output& output)
 {
     const KeyPath path = keyArgument(options.key);

@@ -294,6 +294,8 @@ void Connection::write(JobPtr pJob)
 /// Answers when there is something to tell, or when the time is up.
 void Connection::wait(JobPtr pJob, const Wait& wait)
 {
+    if (wait.ends)
+        return queue(pJob->reqId, tellEnded(m_host.endWatches(*m_pUser, wait.id)));
     const size_t cost = pJob->cost();
     if (m_host.watch(*m_pUser, pJob, wait))
         return setHeld(m_watching, m_watching + cost);

@@ -45,6 +45,8 @@ public:
     virtual bool isQuiet() const = 0;
     /// Keeps a request until there is something to tell; false when the user has as many of them as he may.
     virtual bool watch(User& user, JobPtr& pJob, const Wait& wait) = 0;
+    /// Answers a user's requests that are kept under that id, and says how many they are.
+    virtual size_t endWatches(const User& user, uint64_t id) = 0;
     /// The connection is closed: the requests that are kept for it go.
     virtual void dropWatches(const Connection& connection) = 0;
     /// So many reads more, or less, are to be done by the readers.

@@ -64,6 +64,7 @@ private:
     void countLongReads(ptrdiff_t more) override;
     bool isEnding() const override { return m_ending; }
     bool watch(User& user, JobPtr& pJob, const Wait& wait) override { return m_teller.watch(user, pJob, wait); }
+    size_t endWatches(const User& user, uint64_t id) override { return m_teller.end(user, id); }
     void dropWatches(const Connection& connection) override { m_teller.drop(connection); }
     void closed(Connection& connection) override;
 

@@ -23,6 +23,13 @@ bool Teller::watch(User& user, JobPtr& pJob, const Wait& wait)
     return true;
 }
 
+size_t Teller::end(const User& user, uint64_t id)
+{
+    const size_t ended = m_watches.end(user, id);
+    tellAwake();
+    return ended;
+}
+
 void Teller::drop(const Connection& connection)
 {
     for (const Watches::Watch& watch : m_watches.takeOf(connection))

@@ -20,6 +20,8 @@ public:
 
     /// Keeps a request until there is something to tell; false when the user has as many of them as he may.
     bool watch(User& user, JobPtr& pJob, const Wait& wait);
+    /// Answers a user's requests with that id, and says how many they are.
+    size_t end(const User& user, uint64_t id);
     /// Lets those go that are kept for a connection.
     void drop(const Connection& connection);
     /// Wakes those who want to know of changes, which the store has.

@@ -18,6 +18,8 @@
 
 namespace obregd {
 
+struct User;
+
 class Watches {
 public:
     using Clock = std::chrono::steady_clock;
@@ -45,6 +47,9 @@ public:
     void wakeAll();
     void wakeAll(KeyId key) { wake(key, false, INT64_MAX); }
 
+    /// Wakes a user's with that id: their time is up. Returns how many they are.
+    size_t end(const User& user, uint64_t id);
+
     /// One that is awake; it is the caller's now. There is one.
     Watch takeAwake();
     bool isAnyAwake() const { return !m_awake.empty(); }
@@ -56,17 +61,22 @@ private:
     struct Entry;
     using Entries = std::list<Entry>;
     using ByTime = std::multimap<Clock::time_point, Entries::iterator>;
+    using ById = std::multimap<std::pair<const User*, uint64_t>, Entries::iterator>;
     struct Entry {
         Watch watch;
         ByTime::iterator time;
+        ById::iterator id; // none: the end
     };
 
     void insert(Watch&& watch);
     void wake(KeyId key, bool above, int64_t number);
-    void wake(Entries& entries, Entries::iterator entry);
+    void wake(Entries::iterator entry);
+    void erase(Entries& entries, Entries::iterator entry);
+    void erase(Entries::iterator entry);
 
     std::unordered_map<KeyId, Entries> m_waiting; // by what they watch
     ByTime m_byTime;                              // the same
+    ById m_byId;                                  // those of them that have one
     std::list<Watch> m_awake;
 };
 

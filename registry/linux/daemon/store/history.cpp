@@ -13,7 +13,7 @@ namespace {
 constexpr int64_t MostRows = 50'000;
 constexpr int64_t MostRowsOfOneKey = 400'000; // which SQLite skips by itself
 constexpr int64_t MostChanges = 2000;
-constexpr size_t MostText = size_t{256} * 1024;
+constexpr size_t LongestAnswer = size_t{256} * 1024;
 
 std::string hex(const std::string& data)
 {
@@ -85,7 +85,7 @@ std::string HistoryReader::answer(const HistoryQuestion& question)
                 std::to_string(change.author.uid) + '\t' + std::to_string(change.author.pid) + '\t' +
                 ChangeNames[static_cast<int>(change.kind)] + '\t' + path + '\t' + (ofKey ? "" : change.name) + '\t' +
                 formerText(change) + (change.isSecret ? "\tsecret" : "\t") + '\0';
-        if (++told < std::min(question.most, MostChanges) && text.size() < MostText)
+        if (++told < std::min(question.most, MostChanges) && text.size() < LongestAnswer)
             return true;
         next = change.number;
         return false;

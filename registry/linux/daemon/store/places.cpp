@@ -9,8 +9,6 @@ namespace obregd {
 
 namespace {
 
-constexpr size_t MaxLevels = 1024; // more than any path has: no circle
-
 /// Of a key that is deleted, where it was.
 constexpr const char* WhereIs = "SELECT parent, name FROM regkey WHERE id = ?1 "
                                 "UNION ALL SELECT parent, name FROM change WHERE key = ?1 AND kind = 2 LIMIT 1";

@@ -14,6 +14,8 @@
 
 namespace obregd {
 
+inline constexpr size_t MaxLevels = 1024; ///< more than any path has: who counts up to it does not go in a circle
+
 struct Place {
     KeyId parent; ///< 0 above a root
     std::string name;

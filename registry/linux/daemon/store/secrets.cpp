@@ -10,7 +10,6 @@ namespace obregd {
 namespace {
 
 constexpr size_t MostAnswers = 65536;
-constexpr size_t MaxLevels = 1024;
 constexpr auto FadingTime = std::chrono::minutes(1);
 
 constexpr const char* AllMarks =
