@@ -23,7 +23,7 @@ struct HistoryQuestion {
     KeyId key;    ///< may be a deleted one
     int64_t from; ///< changes before that number, newest first, or after it, oldest first
     bool newestFirst;
-    int64_t most;                     ///< changes in the answer
+    int64_t most;     ///< changes in the answer
     bool subTree;     ///< what is below the sub-keys, too
     std::string path; ///< from that key: only of the key there; it need not be there any more
 };
