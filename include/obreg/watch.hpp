@@ -89,7 +89,7 @@ inline Changes parseChanges(std::string data)
         if (std::exchange(first, false))
             continue;
         takeField(line);
-        const auto pKind = std::find(std::begin(kinds), std::end(kinds), takeField(line));
+        const auto* const pKind = std::find(std::begin(kinds), std::end(kinds), takeField(line));
         if (pKind == std::end(kinds))
             continue; // nothing that this version knows
         std::string path = takeField(line);
