@@ -58,5 +58,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t size)
         if (!whole.statements.empty())
             HOLDS(read(whole.text, SIZE_MAX, again) == whole.statements);
     }
+    Rewriter file(RegFormat::Utf8);
+    Rewriter transaction(RegFormat::Utf8); // takes what a file may have, and more
+    const bool isFile = readReg(input, SIZE_MAX, file).empty();
+    const bool isTransaction = readReg(input, 1 + size % 7, transaction, RegKind::Transaction).empty();
+    HOLDS(!isFile || (isTransaction && file.statements == transaction.statements));
     return 0;
 }

@@ -9,10 +9,11 @@
 #include "regtext/regreader.h"
 
 /// Returns the first mistake; empty when there is none.
-inline std::string readReg(std::string_view text, size_t piece, regtext::RegSink& sink)
+inline std::string readReg(std::string_view text, size_t piece, regtext::RegSink& sink,
+                           regtext::RegKind kind = regtext::RegKind::File)
 {
     try {
-        regtext::RegReader reader(sink);
+        regtext::RegReader reader(sink, false, kind);
         for (; !text.empty(); text.remove_prefix(std::min(piece, text.size())))
             reader.feed(text.substr(0, piece));
         reader.finish();

@@ -86,7 +86,7 @@ Reply tellEnded(size_t waits) { return answerStrings(endedText(waits)); }
 bool isTransaction(const Operation& operation, std::string_view request)
 {
     // However the number is written, these digits are in it; only the name and the data may be long.
-    constexpr size_t enough = 2 * OBREG_MAX_VALUE_NAME;
+    constexpr size_t enough = size_t{2} * OBREG_MAX_VALUE_NAME;
     const std::string_view lines = request.substr(0, std::min(request.find("\r\n\r\n"), enough));
     if (operation.type != ReqMessage::SetValueReqMsgType || lines.find("80000011") == std::string_view::npos)
         return false;
