@@ -307,7 +307,7 @@ TEST_F(StoreTest, AnEarlierFormatIsCopiedAndUpgraded)
     for (const auto& row : rows) {
         SCOPED_TRACE(row.pCopy);
         m_pWriter.reset();
-        fromOutside(row.down + "DROP TABLE change; PRAGMA user_version = " + row.pFormat);
+        fromOutside(row.down + "DROP TABLE change; DROP TABLE token; PRAGMA user_version = " + row.pFormat);
         EXPECT_EQ(checkStore(m_path).values, 49);
         m_pWriter.emplace(m_path);
         EXPECT_EQ(checkStore(m_folder / row.pCopy).summary(), checkStore(m_path).summary());

@@ -23,6 +23,11 @@ namespace {
 constexpr size_t Writers = 16;
 constexpr size_t Slots = 3; // values of each writer
 constexpr size_t Sector = 512;
+const HANDLE Transactions = reinterpret_cast<HANDLE>(uintptr_t{0x80000011});
+
+/// Every other writer writes all its values at once.
+bool transacts(size_t writer) { return writer % 2 != 0; }
+std::string tokenOf(size_t writer, int number) { return std::to_string(writer) + '-' + std::to_string(number); }
 
 std::string contents(const std::string& path)
 {
@@ -42,8 +47,39 @@ std::string valueOf(int number)
 
 std::string nameOf(size_t writer, size_t slot) { return std::to_string(writer) + "." + std::to_string(slot); }
 
+/// The transaction that takes a writer from one number to the next, and which nobody can do twice.
+std::string transactionOf(HANDLE key, size_t writer, int number)
+{
+    std::array<char, 9> handle{};
+    std::snprintf(handle.data(), handle.size(), "%08x", static_cast<unsigned>(reinterpret_cast<uintptr_t>(key)));
+    const auto line = [&](size_t slot, int of) { return '"' + nameOf(writer, slot) + "\"=\"" + valueOf(of) + "\"\n"; };
+    std::string text = "REGEDIT4\n[?#" + std::string(handle.data()) + "]\n";
+    text += number == 1 ? '"' + nameOf(writer, 0) + "\"=-\n" : line(0, number - 1);
+    text += "[#" + std::string(handle.data()) + "]\n";
+    for (size_t slot = 0; slot < Slots; ++slot)
+        text += line(slot, number);
+    return text;
+}
+
 class Durability : public testing::Test {
 protected:
+    /// The next write of a writer. What he had begun and not been answered he begins again.
+    void write(RawClient& client, HANDLE key, size_t writer)
+    {
+        int& number = m_begun[writer];
+        if (!transacts(writer)) {
+            const size_t slot = static_cast<size_t>(++number) % Slots;
+            if (client.set(key, nameOf(writer, slot), valueOf(number)) == 0)
+                m_answered[writer][slot] = number;
+            return;
+        }
+        number = m_answered[writer][0] + 1;
+        if (client.set(Transactions, tokenOf(writer, number), transactionOf(key, writer, number)) == 0)
+            m_answered[writer].fill(number);
+        else
+            ADD_FAILURE() << client.query(Transactions, tokenOf(writer, number));
+    }
+
     /// Starts the daemon, lets writers write, kills it at a random moment.
     void writeAndKill()
     {
@@ -54,11 +90,8 @@ protected:
             threads.emplace_back([&, i] {
                 try {
                     RawClient client(m_socket);
-                    for (int& number = m_begun[i];;) {
-                        const size_t slot = static_cast<size_t>(++number) % Slots;
-                        if (client.set(key, nameOf(i, slot), valueOf(number)) == 0)
-                            m_answered[i][slot] = number;
-                    }
+                    for (;;)
+                        write(client, key, i);
                 } catch (const std::runtime_error&) { // killed
                 }
             });
@@ -82,10 +115,31 @@ protected:
                 const int number = std::atoi(stored.c_str());
                 EXPECT_GE(number, m_answered[i][slot]) << "an answered write is gone";
                 EXPECT_LE(number, m_begun[i]);
-                EXPECT_TRUE(number == 0 || stored == valueOf(number)) << "half a write";
+                EXPECT_TRUE(number == 0 || stored.substr(0, stored.find('\0')) == valueOf(number)) << "half a write";
+                EXPECT_TRUE(!transacts(i) || stored == client.query(key, nameOf(i, 0))) << "half a transaction";
                 m_checked += m_answered[i][slot] != 0;
             }
+        for (size_t i = 1; i < Writers; i += 2)
+            expectTokenIsTrue(client, key, i);
         m_daemon.stop(SIGKILL);
+    }
+
+    /// Whether the last transaction was done is what its token tells, and sent again it is done once.
+    void expectTokenIsTrue(RawClient& client, HANDLE key, size_t writer)
+    {
+        const int number = m_begun[writer];
+        if (number == 0)
+            return;
+        const bool done = std::atoi(client.query(key, nameOf(writer, 0)).c_str()) == number;
+        const std::string told = client.query(Transactions, tokenOf(writer, number));
+        EXPECT_EQ(told.substr(0, 4), done ? "done" : "(non");
+        if (m_random() % 2 == 0)
+            return;
+        for (int times = 0; times < 2; ++times)
+            EXPECT_EQ(client.set(Transactions, tokenOf(writer, number), transactionOf(key, writer, number)), 0u);
+        EXPECT_EQ(std::atoi(client.query(key, nameOf(writer, 0)).c_str()), number);
+        m_answered[writer].fill(number);
+        ++m_tokens;
     }
 
     std::string pathOf(File file) const { return m_store + (file == File::Log ? "-wal" : ""); }
@@ -101,6 +155,7 @@ protected:
     std::array<int, Writers> m_begun{};
     std::array<std::array<int, Slots>, Writers> m_answered{};
     long m_checked = 0;
+    long m_tokens = 0;
 };
 
 /// Makes the files as a power failure may have left them: before, and what the journal says has reached the disk.
@@ -169,6 +224,8 @@ TEST_F(Durability, AfterAKillAndAfterAPowerFailure)
         expectAllAnswered();
     }
     EXPECT_GT(m_checked, rounds);
-    std::printf("FIGURE durability: %d kills, %d of them power failures, %ld answered writes found again\n", rounds,
-                powerFailures, m_checked);
+    EXPECT_GT(m_tokens, rounds);
+    std::printf("FIGURE durability: %d kills, %d of them power failures, %ld answered writes found again, "
+                "%ld transactions sent again\n",
+                rounds, powerFailures, m_checked, m_tokens);
 }

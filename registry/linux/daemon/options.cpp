@@ -58,7 +58,7 @@ std::optional<Options> parseOptions(int argc, const char* const* argv, int* pExi
         ->type_name("NUMBER")
         ->capture_default_str();
     app.add_option("--max-statements", limits.maxStatements,
-                   "Statements of a transaction; of root's ten times as many, and of bytes 1K for each")
+                   "Statements of a transaction; of root's ten times as many; and 512 bytes of text for each")
         ->check(CLI::PositiveNumber.description(""))
         ->type_name("NUMBER")
         ->capture_default_str();

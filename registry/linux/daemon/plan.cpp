@@ -93,7 +93,7 @@ std::vector<Step> readSteps(std::string_view text, size_t mostSteps)
 
 Plan makePlan(const std::string& token, std::string_view text, size_t mostSteps)
 {
-    if (text.size() / BytesPerStatement > mostSteps)
+    if (text.size() > mostSteps * BytesPerStatement)
         throw Refused{OBREG_STATUS_TOO_LARGE,
                       {},
                       "a transaction has at most " + std::to_string(mostSteps * BytesPerStatement) + " bytes"};

@@ -43,7 +43,7 @@ struct Plan {
 inline constexpr size_t DefaultMaxStatements = 10'000;
 inline constexpr size_t TrustedFactor = 10;
 /// Its text may have so many bytes for each of them.
-inline constexpr size_t BytesPerStatement = 1024;
+inline constexpr size_t BytesPerStatement = 512;
 
 /// A hash that two texts do not share by chance.
 int64_t hashOf(std::string_view text);

@@ -16,11 +16,12 @@ constexpr int JoinedParameter = 12; // of the two that follow
 constexpr const char* Add =
     "INSERT INTO change (number, position, time, uid, pid, kind, key, parent, name, length, joined) "
     "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, nullif(?10, 0), nullif(?12, 0))";
+/// Not one statement that reads and adds: inside a savepoint that takes the longer the more has been done in it.
+constexpr const char* FormerOf = "SELECT name, type, length(data), CASE WHEN length(data) <= ?2 THEN data END "
+                                 "FROM regvalue WHERE id = ?1";
 constexpr const char* AddFormer =
-    "INSERT INTO change (number, position, time, uid, pid, kind, key, parent, name, type, length, data, joined) "
-    "SELECT ?1, ?2, ?3, ?4, ?5, ?6, key, 0, name, type, length(data), CASE WHEN length(data) <= ?8 THEN data END, "
-    "nullif(?12, 0) "
-    "FROM regvalue WHERE id = ?7";
+    "INSERT INTO change (number, position, time, uid, pid, kind, key, name, type, length, data, parent, joined) "
+    "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, 0, nullif(?12, 0))";
 constexpr const char* BothEnds = "SELECT ifnull(max(number), 0), ifnull(max(position), 0), "
                                  "ifnull((SELECT position FROM change ORDER BY number LIMIT 1), 0) FROM "
                                  "(SELECT number, position FROM change ORDER BY number DESC LIMIT 1)";
@@ -31,8 +32,8 @@ constexpr const char* Since = "SELECT number, time, uid, pid, kind, key, parent,
 } // namespace
 
 JournalWriter::JournalWriter(SQLite::Database& database)
-    : m_add(database, Add), m_addFormer(database, AddFormer), m_ends(database, BothEnds), m_oldest(database, Oldest),
-      m_drop(database, "DELETE FROM change WHERE number <= ?")
+    : m_add(database, Add), m_former(database, FormerOf), m_addFormer(database, AddFormer), m_ends(database, BothEnds),
+      m_oldest(database, Oldest), m_drop(database, "DELETE FROM change WHERE number <= ?")
 {
     setSize(0);
     distrust();
@@ -96,8 +97,20 @@ void JournalWriter::valueChanges(ChangeKind kind, KeyId key, int64_t row, int64_
 {
     const int64_t maxData = m_keepData ? m_maxData : -1;
     next(nameLength + (dataLength <= maxData ? dataLength : 0), key, 0);
-    run(m_addFormer, m_now.number, m_now.position, time, m_author.uid, m_author.pid, static_cast<int>(kind), row,
-        maxData);
+    const Use former(m_former);
+    const Use added(m_addFormer);
+    bindAll(m_former, row, maxData);
+    if (!m_former.executeStep())
+        return;
+    bindAll(m_addFormer, m_now.number, m_now.position, time, m_author.uid, m_author.pid, static_cast<int>(kind), key);
+    m_addFormer.bindNoCopy(8, m_former.getColumn(0).getText());
+    m_addFormer.bind(9, m_former.getColumn(1).getInt64());
+    m_addFormer.bind(10, m_former.getColumn(2).getInt64());
+    if (const SQLite::Column data = m_former.getColumn(3); data.isNull())
+        m_addFormer.bind(11);
+    else
+        m_addFormer.bindNoCopy(11, data.getBlob() == nullptr ? "" : data.getBlob(), data.getBytes());
+    m_addFormer.exec();
 }
 
 void JournalWriter::dropSome(int rows)

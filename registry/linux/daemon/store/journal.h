@@ -100,7 +100,7 @@ public:
 private:
     void next(int64_t bytes, KeyId key, KeyId parent);
 
-    SQLite::Statement m_add, m_addFormer, m_ends, m_oldest, m_drop;
+    SQLite::Statement m_add, m_former, m_addFormer, m_ends, m_oldest, m_drop;
     int64_t m_size = 0;
     int64_t m_maxData = 0;
     bool m_keepData = true;
