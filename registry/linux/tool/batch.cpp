@@ -1,5 +1,7 @@
 #include "batch.h"
 
+#include "condition.h"
+
 namespace obregtool {
 
 namespace {
@@ -105,7 +107,11 @@ BatchFailure Batch::failureOfCommit(const std::error_code& error) const
     if (outcome.error == error && outcome.statement != 0 && !tooLarge) {
         const Statement& statement = m_statements[outcome.statement - 1];
         const std::string* const pName = statement.name ? &*statement.name : nullptr;
-        return {failureOf(m_keys[statement.key], pName, error), statement.place, false};
+        const KeyPath& key = m_keys[statement.key];
+        const size_t why = outcome.text.rfind(": "); // behind the daemon's name of it, by handle
+        if (error == obreg::Status::conditionFailed && why != std::string::npos)
+            return {conditionFailure(key, pName, outcome.text.substr(why + 2)), statement.place, false};
+        return {failureOf(key, pName, error), statement.place, false};
     }
     // A request that the daemon does not take, for its length, ends the connection.
     const bool lost = error == obreg::Status::requestFailed;

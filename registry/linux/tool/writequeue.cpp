@@ -242,7 +242,8 @@ size_t WriteQueue::carryOutAsOne(const Writes& writes, size_t begin, Lock& lock)
             return end;
         }
         m_apart = m_apart || failure->asOne;
-        end = failure->place.line != 0 ? begin + failure->place.line - 1 : begin;
+        const auto refused = static_cast<size_t>(failure->place.line);
+        end = refused != 0 ? begin + refused - 1 : begin;
     }
     return begin;
 }
