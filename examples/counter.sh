@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # counter.sh - several processes count together, and no step is lost: each stores the next number only while the value
-# is still the one that it has read.
+# is still the one that it has read, and otherwise waits for another one.
 #
 #   counter.sh KEY NAME STEPS [PROCESSES]
 set -euo pipefail
@@ -8,14 +8,13 @@ key=$1 name=$2 steps=$3 processes=${4:-8}
 exec 2>/dev/null # obreg tells each time that somebody was faster
 
 count() {
-    local i seen status
+    local i seen
     for ((i = 0; i < $1; ++i)); do
-        status=6 # a condition did not hold
-        while [ $status = 6 ]; do
-            seen=$(obreg get "$key" "$name")
-            obreg set "$key" "$name" $((seen + 1)) --if-equals "$seen" && status=0 || status=$?
+        seen=$(obreg wait "$key" "$name")
+        until obreg set "$key" "$name" $((seen + 1)) --if-equals "$seen"; do
+            [ $? = 6 ] || exit 1 # for another reason than that the condition did not hold
+            seen=$(obreg wait "$key" "$name" --not-equals "$seen")
         done
-        [ $status = 0 ] || exit $status
     done
 }
 

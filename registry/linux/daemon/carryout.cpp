@@ -57,7 +57,8 @@ private:
 
     [[noreturn]] void refuse(REGSTATUS status, const Step& step, const std::string& why) const
     {
-        throw Refused{status, step.place, subjectOf(*m_pKey, step.isOfKey() ? nullptr : &step) + ": " + why};
+        const Step& key = m_pKey == nullptr ? step : *m_pKey; // the reader lets no other step come first
+        throw Refused{status, step.place, subjectOf(key, step.isOfKey() ? nullptr : &step) + ": " + why};
     }
     [[noreturn]] void refuse(REGSTATUS status, const Step& step) const { refuse(status, step, meaningOf(status)); }
 
