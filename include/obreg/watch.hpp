@@ -163,8 +163,12 @@ public:
             openDescriptor();
             m_thread = std::thread([this] { serve(); });
         } catch (const std::system_error& failure) {
-            const std::lock_guard<std::mutex> lock(m_mutex);
             error = failure.code();
+        } catch (const std::bad_alloc&) {
+            error = std::make_error_code(std::errc::not_enough_memory);
+        }
+        if (error) {
+            const std::lock_guard<std::mutex> lock(m_mutex);
             closeDescriptor();
         }
         pthread_sigmask(SIG_SETMASK, &before, nullptr);

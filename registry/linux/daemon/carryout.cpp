@@ -19,6 +19,13 @@ std::string meaningOf(REGSTATUS status)
     return pText == nullptr ? "it failed" : pText->sentence;
 }
 
+/// Whether a query of its values looks through the journal, or may: too long for the thread that writes.
+bool isDynamic(HANDLE key)
+{
+    return std::any_of(std::begin(DynamicKeys), std::end(DynamicKeys),
+                       [&](const DynamicKey& one) { return one.handle == reinterpret_cast<uintptr_t>(key); });
+}
+
 class CarryingOut {
 public:
     CarryingOut(const Session& session, const Plan& plan)
@@ -87,6 +94,8 @@ private:
                 check(status, step);
             return require(isMissing == (step.kind == Step::RequireNoKey), isMissing ? "is missing" : "exists");
         }
+        if (isDynamic(m_key))
+            refuse(OBREG_STATUS_BAD_TRANSACTION, step, "what is made on demand is no condition");
         UINT32 type = 0;
         const char* pData = nullptr;
         UINT32 length = 0;

@@ -1,5 +1,7 @@
 #include "daemon/handlers.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <vector>
 
 #include "daemon/carryout.h"
@@ -9,6 +11,10 @@
 namespace obregd {
 
 namespace {
+
+// What a key's change costs those who watch above it grows with these.
+constexpr size_t MaxDepth = 768;                    ///< keys from a root down
+constexpr size_t MaxDepthBytes = size_t{64} * 1024; ///< of their names
 
 /// The predefined roots that are always the same key, by handle.
 const struct {
@@ -133,6 +139,24 @@ REGSTATUS findToChange(const Session& session, HANDLE handle, const std::string&
 
 bool looksAtQuota(const Session& session, Owner owner) { return !session.quotaLater && isLimited(session.peer, owner); }
 
+/// Whether keys of these names, from the given one on, would come to stand deeper below the root than any may.
+bool isTooDeep(const Session& session, KeyId parent, const std::vector<std::string>& names, size_t first)
+{
+    size_t levels = 0;
+    size_t bytes = 0;
+    const auto isTooMuch = [&](const std::string& name) {
+        bytes += name.size() + 1;
+        return ++levels > MaxDepth || bytes > MaxDepthBytes;
+    };
+    if (std::any_of(names.begin() + static_cast<std::ptrdiff_t>(first), names.end(), isTooMuch))
+        return true;
+    for (auto place = session.store.placeOf(parent); place && place->parent != 0;
+         place = session.store.placeOf(place->parent))
+        if (isTooMuch(place->name))
+            return true;
+    return false;
+}
+
 /// Whether the quota of the tree lets the peer make keys of these names, from the given one on.
 bool allowsKeys(const Session& session, Owner owner, const std::vector<std::string>& names, size_t first)
 {
@@ -227,6 +251,8 @@ REGSTATUS createKey(const Session& session, const CreateKeyReqMsg& request, HAND
     if (!mayWrite(session.peer, owner))
         return OBREG_STATUS_ACCESS_DENIED;
     WritableStore& writer = session.writer();
+    if (isTooDeep(session, id, search.names, search.found))
+        return OBREG_STATUS_BAD_NAME;
     if (!allowsKeys(session, owner, search.names, search.found))
         return OBREG_STATUS_QUOTA_EXCEEDED;
     for (size_t i = search.found; i < search.names.size(); ++i)

@@ -83,12 +83,14 @@ std::optional<Reply> tellChanges(Store& store, Wait& wait, bool timeIsUp)
 }
 
 Reply tellEnded(size_t waits) { return answerStrings(endedText(waits)); }
+
 bool isTransaction(const Operation& operation, std::string_view request)
 {
+    if (operation.type != ReqMessage::SetValueReqMsgType)
+        return false;
     // However the number is written, these digits are in it; only the name and the data may be long.
-    constexpr size_t enough = size_t{2} * OBREG_MAX_VALUE_NAME;
-    const std::string_view lines = request.substr(0, std::min(request.find("\r\n\r\n"), enough));
-    if (operation.type != ReqMessage::SetValueReqMsgType || lines.find("80000011") == std::string_view::npos)
+    const std::string_view head = request.substr(0, size_t{2} * OBREG_MAX_VALUE_NAME);
+    if (head.substr(0, head.find("\r\n\r\n")).find("80000011") == std::string_view::npos)
         return false;
     const std::unique_ptr<SetValueReqMsg> pRequest(
         SetValueReqMsg::deserialize(request.data(), static_cast<int>(request.size()), ValueData::Borrowed));

@@ -1,5 +1,6 @@
 #include "daemon/plan.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "obreg/roots.h"
@@ -41,7 +42,15 @@ public:
     std::vector<Step> steps;
 
 private:
-    void add(Step::Kind kind, const Key& key, const Place& place) { add({kind, place, key.root, key.path}); }
+    void add(Step::Kind kind, const Key& key, const Place& place)
+    {
+        m_names += 1 + static_cast<size_t>(std::count(key.path.begin(), key.path.end(), '\\'));
+        if (m_names > m_most * NamesPerStatement)
+            throw Refused{OBREG_STATUS_TOO_LARGE, place,
+                          "the paths of a transaction's keys have at most " +
+                              std::to_string(m_most * NamesPerStatement) + " names together"};
+        add({kind, place, key.root, key.path});
+    }
     void add(Step&& step)
     {
         if (steps.size() == m_most)
@@ -51,6 +60,7 @@ private:
     }
 
     const size_t m_most;
+    size_t m_names = 0; // in the paths of keys
 };
 
 /// Whether the steps take away and add nothing: no value is set, and no key is named for its own sake.

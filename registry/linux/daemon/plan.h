@@ -42,6 +42,8 @@ struct Plan {
 /// How many statements a transaction may have, unless an option says so; root's may have ten times as many.
 inline constexpr size_t DefaultMaxStatements = 10'000;
 inline constexpr size_t TrustedFactor = 10;
+/// Its keys' paths may have so many names for each of them.
+inline constexpr size_t NamesPerStatement = 4;
 /// Its text may have so many bytes for each of them.
 inline constexpr size_t BytesPerStatement = 512;
 

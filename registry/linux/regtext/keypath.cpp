@@ -106,7 +106,9 @@ KeyPath parseKey(std::string_view text, KeyForm form)
                 throw BadKey{"a key's name has no control characters", begin + i};
         if (one.empty())
             throw BadKey{"a key's name is not empty", begin};
-        key = key.child(one);
+        if (!key.path.empty())
+            key.path += '\\';
+        key.path += one;
         begin = stop + 1; // one separator at the end is overlooked
     }
     return key;

@@ -6,6 +6,8 @@ namespace obregtool {
 
 namespace {
 
+constexpr size_t LongText = size_t{256} * 1024; // which a daemon may not take
+
 obreg::Key rootOf(const KeyPath& key) { return obreg::Key::root(key.root); }
 
 /// The failure of the batch as a whole.
@@ -92,6 +94,12 @@ void Batch::commit()
         return;
     std::error_code error;
     m_transaction.commit(error);
+    if (error == obreg::Status::requestFailed) { // it may have been done: sent again it is not done twice
+        m_transaction.commit(error);
+        std::error_code unanswered;
+        if (error && m_transaction.outcome(unanswered).state == obreg::Transaction::Outcome::Done)
+            return;
+    }
     if (error)
         throw failureOfCommit(error);
 }
@@ -114,7 +122,7 @@ BatchFailure Batch::failureOfCommit(const std::error_code& error) const
         return {failureOf(key, pName, error), statement.place, false};
     }
     // A request that the daemon does not take, for its length, ends the connection.
-    const bool lost = error == obreg::Status::requestFailed;
+    const bool lost = error == obreg::Status::requestFailed && bytes() >= LongText;
     return {failureOfAll(m_keys.front(), error, size(), bytes()), {}, tooLarge || (lost && known)};
 }
 

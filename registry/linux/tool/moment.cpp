@@ -56,7 +56,11 @@ std::optional<int64_t> dated(const std::string& text, time_t now)
         if (*pEnd != '\0' && !utc && (pZoneEnd == nullptr || *pZoneEnd != '\0'))
             continue;
         parts.tm_isdst = -1;
-        return *pEnd == '\0' ? mktime(&parts) : timegm(&parts) - zone.tm_gmtoff;
+        const int day = parts.tm_mday;
+        const int64_t seconds = *pEnd == '\0' ? mktime(&parts) : timegm(&parts) - zone.tm_gmtoff;
+        if (parts.tm_mday != day || seconds < -static_cast<int64_t>(SecondsTo1970)) // no such day, or before all time
+            return std::nullopt;
+        return seconds;
     }
     return std::nullopt;
 }

@@ -10,6 +10,8 @@ namespace obregtool {
 
 namespace {
 
+constexpr uint64_t JustBefore = 10'000'000; // a second: what belongs to one deletion follows closer than that
+
 struct UndoOptions {
     std::string what; ///< a change's number, or a key
     std::string to;
@@ -61,12 +63,13 @@ void takeOne(uint64_t number, Undoing& undoing)
         throw Failure(ExitFailed, "change " + std::to_string(number) + " is no longer kept");
     checkUntouched(*change, history);
     undoing.take(*change);
-    const auto goesWithIt = [&found](const PastChange& one) {
+    uint64_t time = found->time;
+    const auto goesWithIt = [&](const PastChange& one) {
         return (one.kind == PastChange::KeyDeleted || one.kind == PastChange::ValueDeleted) && one.uid == found->uid &&
-               one.pid == found->pid;
+               one.pid == found->pid && one.time + JustBefore >= time;
     };
     if (found->kind == PastChange::KeyDeleted)
-        while ((change = history.next()) && goesWithIt(*change))
+        for (; (change = history.next()) && goesWithIt(*change); time = change->time)
             undoing.take(*change);
 }
 

@@ -14,9 +14,11 @@ bool Teller::watch(User& user, JobPtr& pJob, const Wait& wait)
 {
     if (user.watches >= m_most)
         return false;
+    // A reader looked, and there may have been more since then. What throws comes before the request is kept.
+    const bool isNews = m_stopping || m_store.lastChange() > wait.watched.since;
     m_watches.add(std::move(pJob), wait, Watches::Clock::now());
     ++user.watches;
-    if (m_stopping || m_store.lastChange() > wait.watched.since) // a reader looked, and there has been more since then
+    if (isNews)
         m_watches.wakeAll(wait.watched.key);
     tellAwake();
     waitForTime();

@@ -39,6 +39,8 @@ public:
 
     /// The key above a key, one that is deleted included; nothing when it is not known, 0 above a root.
     std::optional<KeyId> parentOf(KeyId id);
+    /// Where a key is, one that is deleted included; nothing when it is not known.
+    std::optional<Place> placeOf(KeyId id) { return m_places.of(id); }
 
     /// The number of the last change.
     int64_t last() { return m_journal.last(); }

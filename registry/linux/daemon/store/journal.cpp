@@ -114,14 +114,15 @@ void JournalWriter::valueChanges(ChangeKind kind, KeyId key, const ValueRow& row
     m_addFormer.exec();
 }
 
-void JournalWriter::dropSome(int rows)
+void JournalWriter::dropSome(int rows, int64_t bytes)
 {
     int64_t upTo = 0;
+    const int64_t enough = m_now.first + bytes;
     {
         const Use use(m_oldest);
         for (bindAll(m_oldest, rows); m_oldest.executeStep();) {
             const int64_t number = m_oldest.getColumn(0).getInt64();
-            if (number == m_now.number || m_now.position - m_now.first <= m_size)
+            if (number == m_now.number || m_now.position - m_now.first <= m_size || m_now.first > enough)
                 break;
             upTo = number;
             m_now.first = m_oldest.getColumn(1).getInt64();

@@ -104,8 +104,8 @@ public:
     void distrust();
 
     bool isTooLong() const { return m_now.position - m_now.first > m_size + m_size / 16; }
-    /// Drops up to so many of the oldest changes, as far as it is too long. Inside a transaction.
-    void dropSome(int rows);
+    /// Drops up to so many of the oldest changes, and bytes, as far as it is too long. Inside a transaction.
+    void dropSome(int rows, int64_t bytes);
 
 private:
     void next(int64_t bytes, KeyId key, KeyId parent);

@@ -11,6 +11,7 @@ namespace {
 
 constexpr size_t MostAnswers = 65536;
 constexpr auto FadingTime = std::chrono::minutes(1);
+constexpr auto FadingPause = std::chrono::seconds(1); // there may be many to look at
 
 constexpr const char* AllMarks =
     "SELECT key FROM regvalue INDEXED BY regvalue_secret WHERE name = '" OBREG_SECRET_VALUE "'";
@@ -45,9 +46,10 @@ void Secrets::marked(KeyId key, int64_t lastChange)
 
 void Secrets::unmarked(KeyId key)
 {
+    if (!m_marks.contains(key))
+        return;
     m_now.marks = true;
-    if (m_marks.contains(key))
-        m_fading[key] = Clock::now() + FadingTime;
+    m_fading[key] = Clock::now() + FadingTime;
 }
 
 void Secrets::fade()
@@ -59,6 +61,7 @@ void Secrets::fade()
         m_marks.erase(one.first);
         return true;
     };
+    m_nextFade = now + FadingPause;
     if (std::erase_if(m_fading, isOver) != 0)
         forget();
 }
@@ -125,6 +128,8 @@ bool Secrets::isSecret(KeyId key)
 
 void Secrets::clearSome(int rows)
 {
+    if (m_isStale)
+        distrust();
     const int64_t upTo = std::min(m_now.cleared + rows, m_upTo);
     std::vector<int64_t> numbers;
     {

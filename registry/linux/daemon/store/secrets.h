@@ -30,7 +30,7 @@ public:
     {
         if (m_isStale)
             distrust();
-        if (!m_fading.empty())
+        if (!m_fading.empty() && Clock::now() >= m_nextFade)
             fade();
         return hasAny() && isSecret(key);
     }
@@ -38,11 +38,14 @@ public:
     /// A key has been given the value that marks it, or has it no more. The last change then: what the journal has up
     /// to there is cleared.
     void marked(KeyId key, int64_t lastChange);
-    void unmarked(KeyId key); ///< which counts a minute later, for whoever deletes all values in whatever order
+    void unmarked(
+        KeyId key); ///< if it had it; which counts a minute later, for whoever deletes all values in whatever order
 
     void committed();
-    /// All, or a part of it, has been undone.
+    /// All has been undone.
     void rolledBack();
+    /// A part of it has, and what was marked before stays so.
+    void partRolledBack() { m_isStale = m_isStale || m_now.marks; }
     /// What is known of the file is not to be relied on any more.
     void distrust();
 
@@ -69,6 +72,7 @@ private:
     std::unordered_set<KeyId> m_marks;                     // keys that have the mark; a deleted one does no harm
     std::unordered_map<KeyId, Clock::time_point> m_fading; // those that have it no more, and until when that counts not
     std::unordered_map<KeyId, bool> m_answers;             // of isSecret()
+    Clock::time_point m_nextFade;
     State m_stored, m_now;
     bool m_isStale = false;
     int64_t m_upTo = 0; // changes that have to be looked at

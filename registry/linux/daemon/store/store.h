@@ -56,6 +56,8 @@ public:
     std::string history(const HistoryQuestion& question);
     /// The key above a key, one that is deleted included; nothing when it is not known, 0 above a root.
     std::optional<KeyId> parentOf(KeyId id) { return m_changes.parentOf(id); }
+    /// Where a key is; nothing when it is not known.
+    std::optional<Place> placeOf(KeyId id) { return m_changes.placeOf(id); }
 
     /// What is kept of a transaction of a user's that was done.
     std::optional<Token> token(uid_t uid, const std::string& name) { return m_tokens.find(uid, name); }

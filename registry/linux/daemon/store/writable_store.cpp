@@ -152,7 +152,7 @@ WritableStore::Savepoint::~Savepoint()
     for (const auto& [owner, usage] : m_accounts)
         m_store.m_accounts[owner].now = usage;
     m_store.m_journal.rolledBack(m_journal);
-    m_store.m_secrets.rolledBack();
+    m_store.m_secrets.partRolledBack();
     m_store.m_pShared->positions.takeBack(m_removals);
 }
 
@@ -252,6 +252,7 @@ void WritableStore::removeKey(const Key& key)
         leaveValues(key);
     else if (key.values != 0)
         removeValues(key, above.written);
+    m_secrets.unmarked(key.id);
     const std::string name = removeRow(key);
     m_journal.keyDeleted(key.id, key.parent, name, large ? key.values : 0, above.written);
     if (--above.subKeys < 0 || !above.lengths.subKeyName.remove(size(name)))
@@ -309,7 +310,7 @@ void WritableStore::removeValues(const Key& key, uint64_t time)
 bool WritableStore::clearSome(int maxRows)
 {
     if (m_journal.isTooLong())
-        m_journal.dropSome(maxRows);
+        m_journal.dropSome(maxRows, PieceBytes);
     if (m_secrets.hasToClear())
         m_secrets.clearSome(maxRows);
     return (m_hasToClear && clearLeftovers(maxRows)) || m_journal.isTooLong() || m_secrets.hasToClear();
