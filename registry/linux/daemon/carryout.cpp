@@ -1,7 +1,5 @@
 #include "daemon/carryout.h"
 
-#include <algorithm>
-
 #include "daemon/govern/names.h"
 #include "daemon/handlers.h"
 #include "obreg/roots.h"
@@ -17,13 +15,6 @@ std::string meaningOf(REGSTATUS status)
 {
     const obreg::StatusText* const pText = obreg::statusText(status);
     return pText == nullptr ? "it failed" : pText->sentence;
-}
-
-/// Whether a query of its values looks through the journal, or may: too long for the thread that writes.
-bool isDynamic(HANDLE key)
-{
-    return std::any_of(std::begin(DynamicKeys), std::end(DynamicKeys),
-                       [&](const DynamicKey& one) { return one.handle == reinterpret_cast<uintptr_t>(key); });
 }
 
 class CarryingOut {
@@ -94,7 +85,7 @@ private:
                 check(status, step);
             return require(isMissing == (step.kind == Step::RequireNoKey), isMissing ? "is missing" : "exists");
         }
-        if (isDynamic(m_key))
+        if (dynamicKey(m_key) != nullptr) // some look through the journal: too long for the thread that writes
             refuse(OBREG_STATUS_BAD_TRANSACTION, step, "what is made on demand is no condition");
         UINT32 type = 0;
         const char* pData = nullptr;

@@ -77,6 +77,14 @@ public:
 
 } // namespace
 
+const DynamicKey* dynamicKey(HANDLE handle)
+{
+    for (const DynamicKey& key : DynamicKeys)
+        if (key.handle == reinterpret_cast<uintptr_t>(handle))
+            return &key;
+    return nullptr;
+}
+
 std::optional<ParsedWait> parseWait(const std::string& name)
 {
     ParsedWait parsed{};

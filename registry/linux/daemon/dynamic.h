@@ -53,6 +53,8 @@ inline constexpr uint32_t TransactionsHandle = 0x80000011;
 inline constexpr DynamicKey DynamicKeys[] = {{ChangesId, 0x80000010, "Changes"},
                                              {TransactionsId, TransactionsHandle, "Transactions"},
                                              {HistoryId, 0x80000012, "History"}};
+/// Null for the handle of another key.
+const DynamicKey* dynamicKey(HANDLE handle);
 
 /// What a query of Changes asks for.
 struct Wait {

@@ -62,10 +62,8 @@ KeyId idOf(const Session& session, HANDLE handle)
     const auto number = reinterpret_cast<uintptr_t>(handle);
     if (number > PerformanceId && number <= LastKeyId)
         return static_cast<KeyId>(number);
-    for (const DynamicKey& key : DynamicKeys)
-        if (key.handle == number)
-            return key.id;
-    return 0;
+    const DynamicKey* const pKey = dynamicKey(handle);
+    return pKey == nullptr ? 0 : pKey->id;
 }
 
 REGSTATUS findById(const Session& session, KeyId id, Key& key)

@@ -72,15 +72,11 @@ void Backup::saveValue(const std::string& name)
     if (!m_named)
         m_writer.key(m_path.text());
     m_named = true;
-    std::error_code error;
-    const auto old = m_key.get<obreg::Value>(name, error);
     const std::string written = isUnnamed(name) ? "default" : name;
-    if (error == obreg::Status::notFound) {
+    if (const std::optional<obreg::Value> old = findValue(m_key, m_path, name))
+        m_writer.value(written, *old);
+    else
         m_writer.removeValue(written);
-        return;
-    }
-    check(error, m_path, &name);
-    m_writer.value(written, old);
 }
 
 void Backup::commit()

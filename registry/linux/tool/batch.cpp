@@ -28,28 +28,17 @@ Failure noTransactions(const std::string& advice)
     return {ExitFailed, "the daemon that runs here has no transactions", advice};
 }
 
-void Batch::note(const KeyPath& key, const Place& place)
+void Batch::add(OfKey statement, const KeyPath& key, const Place& place)
 {
     if (m_keys.empty() || m_keys.back().root != key.root || m_keys.back().path != key.path)
         m_keys.push_back(key);
     m_statements.push_back({m_keys.size() - 1, std::nullopt, place});
+    (m_transaction.*statement)(rootOf(key), key.path);
 }
 
 void Batch::note(const std::string& name, const Place& place)
 {
     m_statements.push_back({m_keys.size() - 1, name, place});
-}
-
-void Batch::key(const KeyPath& key, const Place& place)
-{
-    note(key, place);
-    m_transaction.create(rootOf(key), key.path);
-}
-
-void Batch::removeKey(const KeyPath& key, const Place& place)
-{
-    note(key, place);
-    m_transaction.remove(rootOf(key), key.path);
 }
 
 void Batch::set(const std::string& name, const obreg::Value& value, const Place& place)
@@ -62,18 +51,6 @@ void Batch::removeValue(std::string&& name, const Place& place)
 {
     note(name, place);
     m_transaction.removeValue(rootOf(m_keys.back()), m_keys.back().path, name);
-}
-
-void Batch::requireKey(const KeyPath& key, const Place& place)
-{
-    note(key, place);
-    m_transaction.requireKey(rootOf(key), key.path);
-}
-
-void Batch::requireNoKey(const KeyPath& key, const Place& place)
-{
-    note(key, place);
-    m_transaction.requireNoKey(rootOf(key), key.path);
 }
 
 void Batch::requireValue(std::string&& name, obreg::Value&& value, const Place& place)

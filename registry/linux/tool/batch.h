@@ -27,12 +27,12 @@ struct BatchFailure : Failure {
 
 class Batch : public RegSink {
 public:
-    void key(const KeyPath& key, const Place& place) override;
-    void removeKey(const KeyPath& key, const Place& place) override;
+    void key(const KeyPath& key, const Place& place) override { add(&Transaction::create, key, place); }
+    void removeKey(const KeyPath& key, const Place& place) override { add(&Transaction::remove, key, place); }
     void value(std::string&& name, obreg::Value&& value, const Place& place) override { set(name, value, place); }
     void removeValue(std::string&& name, const Place& place) override;
-    void requireKey(const KeyPath& key, const Place& place) override;
-    void requireNoKey(const KeyPath& key, const Place& place) override;
+    void requireKey(const KeyPath& key, const Place& place) override { add(&Transaction::requireKey, key, place); }
+    void requireNoKey(const KeyPath& key, const Place& place) override { add(&Transaction::requireNoKey, key, place); }
     void requireValue(std::string&& name, obreg::Value&& value, const Place& place) override;
     void requireNoValue(std::string&& name, const Place& place) override;
 
@@ -46,13 +46,15 @@ public:
     void commit();
 
 private:
+    using Transaction = obreg::Transaction;
+    using OfKey = Transaction& (Transaction::*)(const obreg::Key& key, const std::string& path);
     struct Statement {
         size_t key; // of m_keys
         std::optional<std::string> name;
         Place place;
     };
 
-    void note(const KeyPath& key, const Place& place);
+    void add(OfKey statement, const KeyPath& key, const Place& place);
     void note(const std::string& name, const Place& place);
     BatchFailure failureOfCommit(const std::error_code& error) const;
 

@@ -3,6 +3,7 @@
 #include <optional>
 
 #include "batch.h"
+#include "readtree.h"
 #include "text.h"
 #include "valuetext.h"
 
@@ -13,33 +14,16 @@ namespace {
 constexpr const char* IsThere = "is there";
 constexpr const char* IsNotThere = "is not there";
 
-/// Nothing when the error says that there is none.
-template <class Type>
-std::optional<Type> found(Type&& what, const std::error_code& error, const KeyPath& key, const std::string* pName)
-{
-    if (error == obreg::Status::notFound || error == obreg::Status::keyDeleted)
-        return std::nullopt;
-    check(error, key, pName);
-    return std::forward<Type>(what);
-}
-
-std::optional<obreg::Key> keyNow(const KeyPath& key)
-{
-    std::error_code error;
-    obreg::Key opened = openKey(key, KEY_READ, error);
-    if (!error)
-        opened.info(error); // a root by its handle is not asked for
-    return found(std::move(opened), error, key, nullptr);
-}
-
-std::optional<obreg::Value> valueNow(const KeyPath& key, const std::string& name)
+bool isKey(const KeyPath& key)
 {
     std::error_code error;
     const obreg::Key opened = openKey(key, KEY_READ, error);
-    obreg::Value value;
     if (!error)
-        value = opened.get<obreg::Value>(name, error);
-    return found(std::move(value), error, key, &name);
+        opened.info(error); // a root by its handle is not asked for
+    if (error == obreg::Status::notFound || error == obreg::Status::keyDeleted)
+        return false;
+    check(error, key);
+    return true;
 }
 
 std::string isInstead(const obreg::Value& value)
@@ -65,17 +49,17 @@ bool isWritten(const obreg::Value& value, const std::vector<std::string>& words)
 
 } // namespace
 
-std::string whyNoKey(const KeyPath& key) { return keyNow(key) ? "" : IsNotThere; }
+std::string whyNoKey(const KeyPath& key) { return isKey(key) ? "" : IsNotThere; }
 
-std::string whyKey(const KeyPath& key) { return keyNow(key) ? IsThere : ""; }
+std::string whyKey(const KeyPath& key) { return isKey(key) ? IsThere : ""; }
 
 std::string whyNotEqual(const KeyPath& key, const std::string& name, const obreg::Value& expected)
 {
-    const std::optional<obreg::Value> now = valueNow(key, name);
+    const std::optional<obreg::Value> now = findValue(key, name);
     return !now ? IsNotThere : *now == expected ? "" : isInstead(*now);
 }
 
-std::string whyNotAbsent(const KeyPath& key, const std::string& name) { return valueNow(key, name) ? IsThere : ""; }
+std::string whyNotAbsent(const KeyPath& key, const std::string& name) { return findValue(key, name) ? IsThere : ""; }
 
 Failure conditionFailure(const KeyPath& key, const std::string* pValueName, const std::string& why)
 {
@@ -87,14 +71,14 @@ Failure conditionFailure(const KeyPath& key, const std::string* pValueName, cons
 
 void ValueCondition::tell(const KeyPath& key, const std::string& name, RegSink& sink) const
 {
-    std::optional<obreg::Value> now = valueNow(key, name);
+    std::optional<obreg::Value> now = findValue(key, name);
     if (now && absent)
         throw conditionFailure(key, &name, IsThere);
     if (!now && !absent)
         throw conditionFailure(key, &name, IsNotThere);
     if (now && !isWritten(*now, equals))
         throw conditionFailure(key, &name, isInstead(*now));
-    if (!now && !keyNow(key)) {
+    if (!now && !isKey(key)) {
         sink.requireNoKey(key, {});
         return;
     }

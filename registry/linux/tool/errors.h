@@ -55,7 +55,7 @@ struct Failure : std::runtime_error {
 };
 
 /// A key, or a value of it when pValueName is not null, as messages name it.
-std::string subjectText(const KeyPath& key, const std::string* pValueName);
+std::string subjectText(const KeyPath& key, const std::string* pValueName = nullptr);
 
 /// The failure that a status means for a key, or for a value of it when pValueName is not null. dataLength: of the data
 /// that was sent.

@@ -11,7 +11,6 @@ namespace obregtool {
 namespace {
 
 constexpr uint64_t PageLength = 1000;
-constexpr const char* Kinds[] = {"key-made", "key-deleted", "value-set", "value-deleted"}; // by Kind
 const HANDLE Roots[] = {HKEY_LOCAL_MACHINE, HKEY_USERS, HKEY_CLASSES_ROOT};
 
 std::string idOf(const KeyPath& key) { return key.identity() + '\n'; } // no name has that
@@ -82,7 +81,7 @@ PastChange parseChange(const KeyPath& root, std::string_view line)
     change.uid = fields.number();
     change.pid = fields.number();
     const std::string_view kind = fields.text();
-    while (kind != Kinds[change.kind])
+    while (kind != change.kindName())
         if (change.kind == PastChange::ValueDeleted)
             throwUnknownForm();
         else
@@ -113,7 +112,7 @@ History::Page History::ask(const KeyPath& key, bool below, const std::string& fr
                                  (below ? " tree " : " key ") + key.path;
     const auto lines = history.get<obreg::StringList>(question, error);
     if (error == obreg::Status::badHandle)
-        throw Failure(ExitFailed, escaped(key.text(), Escape::Name) + ": has no history",
+        throw Failure(ExitFailed, subjectText(key) + ": has no history",
                       "the daemon makes it and stores nothing of it");
     check(error, key);
     if (lines.empty())

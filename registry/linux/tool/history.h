@@ -32,6 +32,7 @@ struct Past {
 
 struct PastChange {
     enum Kind { KeyMade, KeyDeleted, ValueSet, ValueDeleted } kind;
+    static constexpr const char* KindNames[] = {"key-made", "key-deleted", "value-set", "value-deleted"};
     uint64_t number;
     uint64_t time; ///< 100 ns units since 1601-01-01 UTC
     uint64_t uid;
@@ -42,6 +43,8 @@ struct PastChange {
     uint64_t lost = 0; ///< values that went with the key without being noted
     bool secret = false;
 
+    /// As the daemon and this program call it.
+    const char* kindName() const { return KindNames[kind]; }
     bool isOfKey() const { return kind == KeyMade || kind == KeyDeleted; }
 };
 

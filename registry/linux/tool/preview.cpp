@@ -148,12 +148,7 @@ std::optional<obreg::Value> Preview::valueNow(const std::string& name)
         return known->second.value;
     if (!m_stored)
         return std::nullopt;
-    std::error_code error;
-    auto value = m_stored.get<obreg::Value>(name, error);
-    if (error == obreg::Status::notFound)
-        return std::nullopt;
-    check(error, m_key, &name);
-    return value;
+    return findValue(m_stored, m_key, name);
 }
 
 } // namespace obregtool

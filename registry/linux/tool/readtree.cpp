@@ -134,7 +134,7 @@ Failure afterDeleting(Failure failure, const KeyPath& path, uint64_t done, uint6
 {
     const std::string figures =
         done == 0 ? "none" : std::to_string(done) + " of " + std::to_string(count) + ", the deepest first,";
-    failure.addAdvice("of the keys of " + escaped(path.text(), Escape::Name) + ' ' + figures +
+    failure.addAdvice("of the keys of " + subjectText(path) + ' ' + figures +
                       (done == 1 || done == 0 ? " was deleted" : " were deleted"));
     failure.details = {{"deleted", done}};
     return failure;
@@ -177,7 +177,7 @@ KeyContent readKey(const obreg::Key& key, const KeyPath& path, Read what, HeldBy
             return content;
         held.clear();
     }
-    throw Failure(ExitFailed, escaped(path.text(), Escape::Name) + ": kept changing while it was read",
+    throw Failure(ExitFailed, subjectText(path) + ": kept changing while it was read",
                   "run this again when less is written there");
 }
 
@@ -204,6 +204,26 @@ std::optional<obreg::NamedValue> takeValue(const obreg::Key& key, const KeyPath&
     check(obreg::errorCode(status), path, &entry.name);
     value.data.resize(entry.length);
     return obreg::NamedValue{std::move(entry.name), std::move(value)};
+}
+
+std::optional<obreg::Value> findValue(const obreg::Key& key, const KeyPath& path, const std::string& name)
+{
+    std::error_code error;
+    auto value = key.get<obreg::Value>(name, error);
+    if (error == obreg::Status::notFound || error == obreg::Status::keyDeleted)
+        return std::nullopt;
+    check(error, path, &name);
+    return value;
+}
+
+std::optional<obreg::Value> findValue(const KeyPath& path, const std::string& name)
+{
+    std::error_code error;
+    const obreg::Key key = openKey(path, KEY_READ, error);
+    if (error == obreg::Status::notFound || error == obreg::Status::keyDeleted)
+        return std::nullopt;
+    check(error, path, &name);
+    return findValue(key, path, name);
 }
 
 void walk(const KeyPath& path, bool recursive, const Visit& visit, Read what)

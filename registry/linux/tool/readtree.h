@@ -86,6 +86,10 @@ KeyContent readKeyOnce(const obreg::Key& key, const KeyPath& path, Read what = R
 /// The entry's value; the entry gives it away. Nothing when it has been deleted since.
 std::optional<obreg::NamedValue> takeValue(const obreg::Key& key, const KeyPath& path, ValueEntry&& entry);
 
+/// The value of a key that is open, or of one that may not be there; nothing when there is none. Throws Failure.
+std::optional<obreg::Value> findValue(const obreg::Key& key, const KeyPath& path, const std::string& name);
+std::optional<obreg::Value> findValue(const KeyPath& path, const std::string& name);
+
 /// Takes the values of a key one after the other and calls f(value) for each; those that have been deleted since are
 /// left out. While f works, a long one that comes next is read.
 template <class F>

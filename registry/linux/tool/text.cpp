@@ -93,6 +93,11 @@ std::string formatted(const tm& parts, const char* pFormat)
 
 } // namespace
 
+std::string counted(uint64_t count, const char* pWhat)
+{
+    return std::to_string(count) + ' ' + pWhat + (count == 1 ? "" : "s");
+}
+
 std::string timeText(uint64_t time)
 {
     const time_t seconds = secondsOf(time);

@@ -28,6 +28,9 @@ std::optional<std::string> bytesOfHex(std::string_view hex);
 /// A decimal or 0x number that is at most `greatest`.
 std::optional<uint64_t> numberOf(std::string_view text, uint64_t greatest);
 
+/// "1 value", "2 values".
+std::string counted(uint64_t count, const char* pWhat);
+
 /// A time in 100 ns units since 1601 as "2026-11-22T22:18:46.1234567Z".
 std::string timeText(uint64_t time);
 /// The same as a clock on the wall shows it: "2026-11-22 23:18:46 +0100".

@@ -10,22 +10,10 @@ namespace obregtool {
 
 namespace {
 
-std::string shown(const KeyPath& key) { return escaped(key.text(), Escape::Name); }
-
 [[noreturn]] void throwMissing(const std::string& what, uint64_t number, const std::string& why)
 {
     throw Failure(ExitFailed, what + ": " + why + " (change " + std::to_string(number) + ')',
                   "nothing was changed; undo other changes, or bring this back from a backup");
-}
-
-std::optional<obreg::Value> valueOf(const obreg::Key& key, const KeyPath& path, const std::string& name)
-{
-    std::error_code error;
-    auto value = key.get<obreg::Value>(name, error);
-    if (error == obreg::Status::notFound)
-        return std::nullopt;
-    check(error, path, &name);
-    return value;
 }
 
 } // namespace
@@ -62,7 +50,8 @@ void Undoing::look()
             continue;
         }
         if (key.lostBy != 0)
-            throwMissing(shown(key.path), key.lostBy, "it was deleted with so many values that these were not noted");
+            throwMissing(subjectText(key.path), key.lostBy,
+                         "it was deleted with so many values that these were not noted");
         if (!open && key.existed)
             m_made.push_back(key.path);
         lookAt(key, open);
@@ -78,7 +67,7 @@ void Undoing::lookAt(const KeyBefore& key, const obreg::Key& open)
 {
     for (const auto& [id, value] : key.values) {
         const std::string what = subjectText(key.path, &value.name);
-        std::optional<obreg::Value> now = open ? valueOf(open, key.path, value.name) : std::nullopt;
+        std::optional<obreg::Value> now = open ? findValue(open, key.path, value.name) : std::nullopt;
         std::optional<obreg::Value> before;
         if (value.past.what == Past::Secret)
             throwMissing(what, value.number, "what was there is secret and was not written down");

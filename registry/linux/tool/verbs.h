@@ -15,6 +15,16 @@ namespace obregtool {
 /// Runs the verb and returns the exit status; throws Failure, UsageError or std::system_error.
 using Run = std::function<int(Output&)>;
 
+/// What most of them begin with: a KEY, and options that are kept until the verb runs.
+template <class Options>
+std::shared_ptr<Options> withKey(Arguments& arguments)
+{
+    auto pOptions = std::make_shared<Options>();
+    arguments.text("KEY", pOptions->key, "Key, such as HKLM/Software/Acme or 'HKLM\\Software\\Acme'",
+                   Arguments::Required);
+    return pOptions;
+}
+
 Run declareQuery(Arguments& arguments);
 Run declareGet(Arguments& arguments);
 Run declareLs(Arguments& arguments);

@@ -12,7 +12,6 @@ namespace obregtool {
 namespace {
 
 constexpr uint64_t CountOnTerminal = 20;
-constexpr const char* Kinds[] = {"key-made", "key-deleted", "value-set", "value-deleted"}; // by PastChange::Kind
 
 struct HistoryOptions {
     std::string key;
@@ -34,8 +33,6 @@ struct Wanted {
                (!name || (!change.isOfKey() && compareValueNames(*name, change.name) == 0));
     }
 };
-
-std::string sizeText(const Past& past) { return std::to_string(past.length) + (past.length == 1 ? " byte" : " bytes"); }
 
 /// What stands in the place of data.
 std::string stateText(const Past& past)
@@ -61,7 +58,7 @@ void addPast(std::vector<Field>& fields, const char* const (&names)[3], const Pa
 
 Fact pipeFact(const PastChange& change, const Past& after, Form form)
 {
-    Fact fact{Kinds[change.kind],
+    Fact fact{change.kindName(),
               {{"number", change.number},
                {"time", timeText(change.time)},
                {"user", userName(change.uid)},
@@ -84,8 +81,8 @@ Fact pastLine(const char* pLead, Style style, const Past& past)
     if (past.what == Past::Data)
         return {"", {{"value", past.value, style}}, pLead, style};
     std::string text = past.what == Past::Unknown ? "not known, for what followed was not noted"
-                                                  : typeName(past.value.type) + "  (" + sizeText(past) + ", " +
-                                                        (past.what == Past::Secret ? "secret)" : "not kept)");
+                                                  : typeName(past.value.type) + "  (" + counted(past.length, "byte") +
+                                                        ", " + (past.what == Past::Secret ? "secret)" : "not kept)");
     return {"", {{"value", std::move(text), style}}, pLead, style};
 }
 

@@ -20,13 +20,6 @@ struct MoveOptions {
     Caution caution;
 };
 
-std::string shown(const KeyPath& path) { return escaped(path.text(), Escape::Name); }
-
-std::string shown(const KeyPath& path, const std::string& name)
-{
-    return shown(path) + ", value \"" + escaped(shownName(name), Escape::Name) + '"';
-}
-
 /// The failure, and what stands now.
 Failure standing(const Failure& failure, const std::string& what)
 {
@@ -53,7 +46,7 @@ public:
             const obreg::KeyInfo info = openKey(m_seen[i].path).info(error);
             check(error, m_seen[i].path);
             if (info.lastWriteTime != m_seen[i].lastWriteTime)
-                failChanged(shown(m_seen[i].path));
+                failChanged(subjectText(m_seen[i].path));
         });
     }
 
@@ -68,12 +61,12 @@ private:
 /// Compares the copy with the original, whose keys it notes.
 class Verification : public Comparer {
 public:
-    void missingRight(TreeReader::Entry& left) override { failChanged(shown(left.path)); }
-    void missingLeft(TreeReader::Entry& /*right*/, const KeyPath& place) override { failChanged(shown(place)); }
+    void missingRight(TreeReader::Entry& left) override { failChanged(subjectText(left.path)); }
+    void missingLeft(TreeReader::Entry& /*right*/, const KeyPath& place) override { failChanged(subjectText(place)); }
     void value(const TreeReader::Entry& left, const TreeReader::Entry& /*right*/, const obreg::NamedValue* pLeft,
                const obreg::NamedValue* pRight) override
     {
-        failChanged(shown(left.path, (pLeft != nullptr ? pLeft : pRight)->name));
+        failChanged(subjectText(left.path, &(pLeft != nullptr ? pLeft : pRight)->name));
     }
     void key(const TreeReader::Entry& left) override
     {
@@ -116,7 +109,7 @@ Moved copyAndDelete(const KeyPath& from, const KeyPath& to)
     makeKey(to, &created, error);
     check(error, to);
     if (!created)
-        refuseExisting(shown(to));
+        refuseExisting(subjectText(to));
     Verification verification;
     Copier copier;
     try {
@@ -125,13 +118,13 @@ Moved copyAndDelete(const KeyPath& from, const KeyPath& to)
         verification.seen.checkUnchanged();
         endIfInterrupted();
     } catch (const Failure& failure) {
-        throw standing(failure, shown(from) + " is as it was; " + shown(to) +
+        throw standing(failure, subjectText(from) + " is as it was; " + subjectText(to) +
                                     " has a part of it: delete that before you try again");
     }
     try {
         removeKeys(from, verification.levels);
     } catch (const Failure& failure) {
-        throw standing(failure, shown(to) + " is complete; of " + shown(from) +
+        throw standing(failure, subjectText(to) + " is complete; of " + subjectText(from) +
                                     " a part is left: delete that when nothing new is in it");
     }
     return {copier.keys(), copier.values()};
@@ -201,7 +194,7 @@ int moveKey(const KeyPath& from, const KeyPath& to, const Caution& caution, Outp
         throw UsageError("a key cannot be moved to itself, in whatever case, or below itself; choose another place");
     openKey(from, KEY_ALL_ACCESS); // the right to delete it
     if (isThere(to, nullptr))
-        refuseExisting(shown(to));
+        refuseExisting(subjectText(to));
     const Changes changes = [&](RegSink& sink) {
         tellCopy(sink, from, to, UINT64_MAX);
         sink.removeKey(from, {});
@@ -274,11 +267,13 @@ void copyAndDelete(const ValuePlace& from, const obreg::Key& fromKey, const obre
     check(error, to.key, &to.name, value.data.size());
     try {
         if (read(to.key, toKey, to.name) != value || read(from.key, fromKey, from.name) != value)
-            throw Failure(ExitFailed, shown(from.key, from.name) + ": was changed by somebody else while it was moved");
+            throw Failure(ExitFailed,
+                          subjectText(from.key, &from.name) + ": was changed by somebody else while it was moved");
         fromKey.removeValue(from.name, error);
         check(error, from.key, &from.name);
     } catch (const Failure& failure) {
-        throw standing(failure, "both values stand: " + shown(from.key, from.name) + " and " + shown(to.key, to.name));
+        throw standing(failure, "both values stand: " + subjectText(from.key, &from.name) + " and " +
+                                    subjectText(to.key, &to.name));
     }
 }
 
@@ -289,7 +284,7 @@ int moveValue(const ValuePlace& from, const ValuePlace& to, const Caution& cauti
     const obreg::Key fromKey = openKey(from.key, KEY_ALL_ACCESS);
     const obreg::Value value = read(from.key, fromKey, from.name);
     if (isThere(to.key, &to.name))
-        refuseExisting(shown(to.key, to.name));
+        refuseExisting(subjectText(to.key, &to.name));
     const Changes changes = [&](RegSink& sink) {
         sink.key(to.key, {});
         sink.value(std::string(to.name), obreg::Value(value), {});
@@ -323,19 +318,11 @@ KeyPath beside(const KeyPath& key, const MoveOptions& options)
     return key.parent().child(options.to);
 }
 
-std::shared_ptr<MoveOptions> withKey(Arguments& arguments)
-{
-    auto pOptions = std::make_shared<MoveOptions>();
-    arguments.text("KEY", pOptions->key, "Key, such as HKLM/Software/Acme or 'HKLM\\Software\\Acme'",
-                   Arguments::Required);
-    return pOptions;
-}
-
 } // namespace
 
 Run declareRename(Arguments& arguments)
 {
-    const auto pOptions = withKey(arguments);
+    const auto pOptions = withKey<MoveOptions>(arguments);
     arguments.text("NEWNAME", pOptions->to, "Its new name, which nothing beside it may have", Arguments::Required);
     arguments.text("-v,--value", pOptions->value, "Rename this value of KEY, not the key; @ for the unnamed");
     addDryRunAndBackup(arguments, pOptions->caution);
@@ -349,7 +336,7 @@ Run declareRename(Arguments& arguments)
 
 Run declareMove(Arguments& arguments)
 {
-    const auto pOptions = withKey(arguments);
+    const auto pOptions = withKey<MoveOptions>(arguments);
     arguments.text("TO", pOptions->to, "Key that it becomes, and that is not there yet", Arguments::Required);
     arguments.text("-v,--value", pOptions->value, "Move this value of KEY into the key TO; @ for the unnamed");
     addDryRunAndBackup(arguments, pOptions->caution);

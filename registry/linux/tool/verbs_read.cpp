@@ -177,19 +177,14 @@ int tree(const ReadOptions& options, Output& output)
     return ExitDone;
 }
 
-std::string counted(uint64_t count, const char* pOne, const char* pMany)
-{
-    return std::to_string(count) + ' ' + (count == 1 ? pOne : pMany);
-}
-
 /// The same as the fact, in words.
 std::string infoInWords(const obreg::KeyInfo& info)
 {
-    const auto bytes = [](uint64_t count) { return counted(count, "byte", "bytes"); };
-    std::string text = "  " + counted(info.subKeys, "sub-key", "sub-keys");
+    const auto bytes = [](uint64_t count) { return counted(count, "byte"); };
+    std::string text = "  " + counted(info.subKeys, "sub-key");
     if (info.subKeys != 0)
         text += ", the longest name " + bytes(info.maxSubKeyLength);
-    text += "\n  " + counted(info.values, "value", "values");
+    text += "\n  " + counted(info.values, "value");
     if (info.values != 0)
         text +=
             ", the longest name " + bytes(info.maxValueNameLength) + ", the longest data " + bytes(info.maxValueLength);
@@ -223,15 +218,6 @@ int info(const ReadOptions& options, Output& output)
 
 using Action = int (*)(const ReadOptions&, Output&);
 
-/// What all of them begin with: a KEY, and the options kept until it runs.
-std::shared_ptr<ReadOptions> withKey(Arguments& arguments)
-{
-    auto pOptions = std::make_shared<ReadOptions>();
-    arguments.text("KEY", pOptions->key, "Key, such as HKLM/Software/Acme or 'HKLM\\Software\\Acme'",
-                   Arguments::Required);
-    return pOptions;
-}
-
 Run running(Action action, const std::shared_ptr<ReadOptions>& pOptions)
 {
     return [=](Output& output) { return action(*pOptions, output); };
@@ -241,7 +227,7 @@ Run running(Action action, const std::shared_ptr<ReadOptions>& pOptions)
 
 Run declareQuery(Arguments& arguments)
 {
-    const auto pOptions = withKey(arguments);
+    const auto pOptions = withKey<ReadOptions>(arguments);
     arguments.text("-v,--value", pOptions->name, "Show this value only; @ for the unnamed");
     arguments.flag("-s,--recursive", pOptions->recursive, "Show all keys below as well", "--value");
     return [=, &arguments](Output& output) {
@@ -251,23 +237,23 @@ Run declareQuery(Arguments& arguments)
 
 Run declareGet(Arguments& arguments)
 {
-    const auto pOptions = withKey(arguments);
+    const auto pOptions = withKey<ReadOptions>(arguments);
     arguments.texts("NAME", pOptions->names,
                     "Value's name; without it the unnamed value. Several are printed in turn; JSON: an array");
     arguments.flag("--raw", pOptions->raw, "The stored bytes of one value, and nothing else");
     return running(get, pOptions);
 }
 
-Run declareLs(Arguments& arguments) { return running(ls, withKey(arguments)); }
+Run declareLs(Arguments& arguments) { return running(ls, withKey<ReadOptions>(arguments)); }
 
 Run declareTree(Arguments& arguments)
 {
-    const auto pOptions = withKey(arguments);
+    const auto pOptions = withKey<ReadOptions>(arguments);
     arguments.number("--depth", pOptions->depth, "Levels to show; 0: the key alone");
     arguments.flag("--values", pOptions->values, "Show the values as well");
     return running(tree, pOptions);
 }
 
-Run declareInfo(Arguments& arguments) { return running(info, withKey(arguments)); }
+Run declareInfo(Arguments& arguments) { return running(info, withKey<ReadOptions>(arguments)); }
 
 } // namespace obregtool

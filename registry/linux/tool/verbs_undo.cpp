@@ -21,7 +21,7 @@ struct UndoOptions {
 [[noreturn]] void refuse(const PastChange& change, const std::string& why, const std::string& advice)
 {
     throw Failure(ExitCondition,
-                  "change " + std::to_string(change.number) + " of " + escaped(change.key.text(), Escape::Name) +
+                  "change " + std::to_string(change.number) + " of " + subjectText(change.key) +
                       " cannot be taken back alone: " + why,
                   "nothing was changed; " + advice);
 }
@@ -85,7 +85,7 @@ void takeAll(const KeyPath& key, const Moment& to, Undoing& undoing)
     const std::optional<PastChange> oldest = History::find(history.first());
     if (to.isTime ? !oldest || to.isBefore(*oldest) : to.at + 1 < history.first())
         throw Failure(ExitFailed,
-                      escaped(key.text(), Escape::Name) + ": how it was then is not known, for changes before number " +
+                      subjectText(key) + ": how it was then is not known, for changes before number " +
                           std::to_string(history.first()) + " are no longer kept",
                       "nothing was changed; a later time can be named, or a backup restored");
 }

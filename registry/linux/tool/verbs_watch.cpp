@@ -113,11 +113,9 @@ private:
         if (error == obreg::Status::notFound)
             return; // with its key, of which a later change tells
         check(error, node.path);
-        std::vector<obreg::NamedValue> now(1, {name, key.get<obreg::Value>(name, error)});
-        if (error == obreg::Status::notFound || error == obreg::Status::keyDeleted)
-            now.clear();
-        else
-            check(error, node.path, &name);
+        std::vector<obreg::NamedValue> now;
+        if (std::optional<obreg::Value> value = findValue(key, node.path, name))
+            now.push_back({name, *std::move(value)});
         const auto at = std::lower_bound(node.values.begin(), node.values.end(), name,
                                          [](const obreg::NamedValue& value, const std::string& sought) {
                                              return compareValueNames(value.name, sought) < 0;
@@ -212,18 +210,6 @@ int watch(const WatchOptions& options, Output& output)
     return ExitDone;
 }
 
-/// The value; nothing when it, or its key, is not there.
-std::optional<obreg::Value> valueNow(const KeyPath& path, const std::string& name)
-{
-    std::error_code error;
-    const obreg::Key key = openKey(path, KEY_READ, error);
-    obreg::Value value = error ? obreg::Value() : key.get<obreg::Value>(name, error);
-    if (error == obreg::Status::notFound || error == obreg::Status::keyDeleted)
-        return std::nullopt;
-    check(error, path, &name);
-    return value;
-}
-
 /// Whether it is what `set` would store for that text in its place.
 bool isText(const std::optional<obreg::Value>& value, const std::string& text)
 {
@@ -277,7 +263,7 @@ int wait(const WatchOptions& options, const Arguments& arguments, Output& output
     changeTimeout(failureText(output.form() == Form::Json, late), late.exit);
     KeyWatch keyWatch(path, obreg::Watch::Scope::key, output);
     keyWatch.begin();
-    std::optional<obreg::Value> value = valueNow(path, options.name);
+    std::optional<obreg::Value> value = findValue(path, options.name);
     bool changed = false;
     for (bool anew = false; !holds(value, changed);) {
         const auto part = [&] {
@@ -291,7 +277,7 @@ int wait(const WatchOptions& options, const Arguments& arguments, Output& output
                 if (!told)
                     return;
             }
-            std::optional<obreg::Value> now = valueNow(path, options.name);
+            std::optional<obreg::Value> now = findValue(path, options.name);
             changed = told || now != value;
             value = std::move(now);
             anew = false;

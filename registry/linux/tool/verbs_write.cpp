@@ -113,8 +113,8 @@ obreg::Value valueOf(const WriteOptions& options, const KeyPath& path)
     const std::string other = "; --type " + typeName(wanted) + " --force-type stores it as that";
     if (!options.type.empty() && stored != wanted)
         throw Failure(ExitFailed,
-                      escaped(path.text(), Escape::Name) + ", value " + escaped(shownName(options.name), Escape::Name) +
-                          ": is a " + typeName(stored) + " and would become a " + typeName(wanted),
+                      subjectText(path, &options.name) + ": is a " + typeName(stored) + " and would become a " +
+                          typeName(wanted),
                       "without --type it stays a " + typeName(stored) + other);
     try {
         return fromFile ? valueOfFile(options, stored) : valueOfWords(options, stored);
@@ -212,8 +212,8 @@ void removeValues(const KeyPath& path, const obreg::Key& key, const std::vector<
             ++done;
         }
     } catch (Failure& failure) {
-        failure.addAdvice("of the values of " + escaped(path.text(), Escape::Name) + ' ' + std::to_string(done) +
-                          " of " + std::to_string(values.size()) + ", in order of name, were deleted");
+        failure.addAdvice("of the values of " + subjectText(path) + ' ' + std::to_string(done) + " of " +
+                          std::to_string(values.size()) + ", in order of name, were deleted");
         failure.details = {{"deleted", done}};
         throw;
     }
@@ -239,11 +239,6 @@ int removeAllValues(const WriteOptions& options, Output& output)
     return ExitDone;
 }
 
-std::string counted(UINT32 count, const char* pWhat)
-{
-    return std::to_string(count) + ' ' + pWhat + (count == 1 ? "" : "s");
-}
-
 /// Asks before a key goes that holds much.
 void confirmRemoval(const KeyPath& path)
 {
@@ -254,7 +249,7 @@ void confirmRemoval(const KeyPath& path)
         return;
     const std::string below =
         counted(info.subKeys, "sub-key") + ", all that is below " + (info.subKeys == 1 ? "it, and " : "them, and ");
-    if (!confirmed("Delete " + escaped(path.text(), Escape::Name) + " with its " + (info.subKeys == 0 ? "" : below) +
+    if (!confirmed("Delete " + subjectText(path) + " with its " + (info.subKeys == 0 ? "" : below) +
                    counted(info.values, "value") + '?'))
         throw Failure(ExitFailed, "nothing was deleted");
 }
@@ -274,14 +269,6 @@ int removeKey(const WriteOptions& options, Output& output)
     carryOut(options.caution, [&] { keys = removeTree(path); });
     output.summary({"deleted", {{"key", path.text()}, {"keys", keys}}, "", Style::Normal, true});
     return ExitDone;
-}
-
-std::shared_ptr<WriteOptions> withKey(Arguments& arguments)
-{
-    auto pOptions = std::make_shared<WriteOptions>();
-    arguments.text("KEY", pOptions->key, "Key, such as HKLM/Software/Acme or 'HKLM\\Software\\Acme'",
-                   Arguments::Required);
-    return pOptions;
 }
 
 void addDataOptions(Arguments& arguments, WriteOptions& options)
@@ -306,7 +293,7 @@ void addRemovalOptions(Arguments& arguments, WriteOptions& options)
 
 Run declareAdd(Arguments& arguments)
 {
-    const auto pOptions = withKey(arguments);
+    const auto pOptions = withKey<WriteOptions>(arguments);
     arguments.valueName("-v,--value", pOptions->name, "Value's name; @ for the unnamed");
     arguments.texts(
         "-d,--data", pOptions->data,
@@ -321,7 +308,7 @@ Run declareAdd(Arguments& arguments)
 
 Run declareSet(Arguments& arguments)
 {
-    const auto pOptions = withKey(arguments);
+    const auto pOptions = withKey<WriteOptions>(arguments);
     arguments.valueName("NAME", pOptions->name, "Value's name; @ for the unnamed", Arguments::Required);
     arguments.texts(
         "DATA", pOptions->data,
@@ -338,7 +325,7 @@ Run declareSet(Arguments& arguments)
 
 Run declareDelete(Arguments& arguments)
 {
-    const auto pOptions = withKey(arguments);
+    const auto pOptions = withKey<WriteOptions>(arguments);
     arguments.valueName("-v,--value", pOptions->name, "Delete this value only; @ for the unnamed");
     arguments.flag("--all-values", pOptions->allValues, "Delete the key's values and keep the key", "--value");
     addRemovalOptions(arguments, *pOptions);
@@ -351,7 +338,7 @@ Run declareDelete(Arguments& arguments)
 
 Run declareRm(Arguments& arguments)
 {
-    const auto pOptions = withKey(arguments);
+    const auto pOptions = withKey<WriteOptions>(arguments);
     arguments.valueName("NAME", pOptions->name, "Delete this value only; @ for the unnamed");
     addRemovalOptions(arguments, *pOptions);
     return [=, &arguments](Output& output) {
