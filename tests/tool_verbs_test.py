@@ -402,6 +402,7 @@ class Verbs(WithDaemon):
         self.expect(0, "ls", KEY, out=b"")
         for lines, holds in [(f'[?{KEY}]\n"n"=-\n[?-HKLM\\X]\n[HKLM\\X]\n"a"="1"\n', True), ("[?HKLM\\Y]", False),
                              ('[HKLM\\Z]\n[?HKLM\\X]\n"a"="2"\n', False), ('[?HKLM\\X]\n"a"=-', False), ("[?-HKLM\\X]", False),
+                             ("[?HKLM\\X]\nunchanged-since=0", False),
                              ('[?HKLM\\X]\n"a"="1"\n[-HKLM\\X]', True)]:
             text = ("REGEDIT4\n" + lines).encode()
             before = self.expect(0, "export", "HKLM")

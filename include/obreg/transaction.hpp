@@ -117,6 +117,20 @@ public:
     /// There is no such key.
     Transaction& requireNoKey(const Key& key, const std::string& path) { return section("[?-", key, path); }
 
+    /// The key is there, and neither it nor anything below it has changed after the change of that number: the number()
+    /// of a Watch, or that of an Outcome. To change a whole tree that others write too: take the number, read, commit
+    /// with this condition, and begin anew when it does not hold. What the daemon no longer knows counts as changed,
+    /// and so does what lies more than 10,000 changes back, of whatever key.
+    Transaction& requireUnchanged(const Key& key, const std::string& path, UINT64 since)
+    {
+        if (begin(mistakeIn("[?", key, path))) {
+            enterSection("[?", key, path);
+            m_text += "unchanged-since=" + std::to_string(since);
+            endStatement();
+        }
+        return *this;
+    }
+
     /// Carries it out. What was refused may be committed again, and is judged anew; what was done is not done again.
     /// Status::conditionFailed: a condition does not hold. Status::notFound, Status::badHandle: isKnown() tells whether
     /// that is because the daemon has no transactions.
@@ -319,6 +333,12 @@ private:
         endLine();
         m_section = std::move(line);
     }
+    /// The section that what follows belongs to, if it is another one.
+    void enterSection(const char* pBracket, const Key& key, const std::string& path)
+    {
+        if (std::string line = sectionLine(pBracket, key, path); line != m_section)
+            beginSection(std::move(line));
+    }
     static std::string sectionLine(const char* pBracket, const Key& key, const std::string& path)
     {
         std::string line = std::string(pBracket) + '#';
@@ -345,8 +365,7 @@ private:
             mistake = inKey;
         if (!begin(mistake))
             return false;
-        if (std::string line = sectionLine(pBracket, key, path); line != m_section)
-            beginSection(std::move(line));
+        enterSection(pBracket, key, path);
         if (name.empty() || name == "@" || name == "default")
             m_text += '@';
         else
@@ -354,7 +373,7 @@ private:
         m_text += '=';
         return true;
     }
-    void endValue()
+    void endStatement()
     {
         endLine();
         m_lines.back() = m_line;
@@ -366,7 +385,7 @@ private:
         const std::error_code mistake = value.data.empty() ? Status::invalidParameter : std::error_code();
         if (beginValue(pBracket, key, path, name, mistake)) {
             appendData(value);
-            endValue();
+            endStatement();
         }
         return *this;
     }
@@ -374,7 +393,7 @@ private:
     {
         if (beginValue(pBracket, key, path, name, {})) {
             m_text += '-';
-            endValue();
+            endStatement();
         }
         return *this;
     }

@@ -9,7 +9,8 @@ namespace obregd {
 
 namespace {
 
-constexpr UINT32 CountedValues = 1000; // of a key that is deleted; more are cleared away later
+constexpr int64_t ChangesLookedAt = 10'000; // by the conditions of one transaction: some ten milliseconds
+constexpr UINT32 CountedValues = 1000;      // of a key that is deleted; more are cleared away later
 
 std::string meaningOf(REGSTATUS status)
 {
@@ -56,7 +57,7 @@ private:
     [[noreturn]] void refuse(REGSTATUS status, const Step& step, const std::string& why) const
     {
         const Step& key = m_pKey == nullptr ? step : *m_pKey; // the reader lets no other step come first
-        throw Refused{status, step.place, subjectOf(key, step.isOfKey() ? nullptr : &step) + ": " + why};
+        throw Refused{status, step.place, subjectOf(key, step.isOfValue() ? &step : nullptr) + ": " + why};
     }
     [[noreturn]] void refuse(REGSTATUS status, const Step& step) const { refuse(status, step, meaningOf(status)); }
 
@@ -85,6 +86,8 @@ private:
                 check(status, step);
             return require(isMissing == (step.kind == Step::RequireNoKey), isMissing ? "is missing" : "exists");
         }
+        if (step.kind == Step::RequireUnchanged)
+            return judgeUnchanged(step);
         if (dynamicKey(m_key) != nullptr) // some look through the journal: too long for the thread that writes
             refuse(OBREG_STATUS_BAD_TRANSACTION, step, "what is made on demand is no condition");
         UINT32 type = 0;
@@ -99,6 +102,23 @@ private:
         require(isThere, "is missing");
         require(type == step.value.type, "is of another type");
         require(std::string_view(pData, length) == step.value.data, "is another");
+    }
+
+    void judgeUnchanged(const Step& step)
+    {
+        const KeyId key = storedKey(m_session, m_key);
+        if (key == 0)
+            refuse(OBREG_STATUS_BAD_TRANSACTION, step, "what is made on demand is no condition");
+        const auto since = static_cast<int64_t>(std::min<uint64_t>(step.since, INT64_MAX - 1));
+        switch (m_session.store.changedSince(key, since, m_changesLeft)) {
+        case Store::Changed::No:
+            return;
+        case Store::Changed::Yes:
+            refuse(OBREG_STATUS_CONDITION_FAILED, step, "has changed after change " + std::to_string(step.since));
+        case Store::Changed::Unknown:
+            refuse(OBREG_STATUS_CONDITION_FAILED, step,
+                   "may have changed after change " + std::to_string(step.since) + ", which is too long ago to tell");
+        }
     }
 
     void act(const Step& step)
@@ -194,6 +214,7 @@ private:
     HANDLE m_key = nullptr;       // and that key
     const Step* m_pOverQuota = nullptr;
     bool m_added = false;
+    int64_t m_changesLeft = ChangesLookedAt;
 };
 
 REGSTATUS doneBefore(const Session& session, const std::string& token, int64_t hash)

@@ -216,6 +216,12 @@ REGSTATUS queryHistory(const Session& session, const std::string& name, std::str
 
 } // namespace
 
+KeyId storedKey(const Session& session, HANDLE handle)
+{
+    const KeyId id = idOf(session, handle);
+    return &session.at(id) == &session.store ? id : 0;
+}
+
 REGSTATUS openKey(const Session& session, const OpenKeyReqMsg& request, HANDLE& key)
 {
     PathSearch search;

@@ -24,6 +24,9 @@ REGSTATUS queryInfoKey(const Session& session, const QueryInfoKeyReqMsg& request
                        UINT32& longestSubKey, UINT32& longestClass, UINT32& values, UINT32& longestValueName,
                        UINT32& longestValue, UINT64& written);
 
+/// The number of the store's key that a handle stands for, which may be gone; 0 when it is none of the store's.
+KeyId storedKey(const Session& session, HANDLE handle);
+
 } // namespace obregd
 
 #endif

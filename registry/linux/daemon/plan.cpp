@@ -38,6 +38,10 @@ public:
     {
         add({Step::RequireNoValue, place, nullptr, std::move(name)});
     }
+    void requireUnchanged(uint64_t since, const Place& place) override
+    {
+        add({Step::RequireUnchanged, place, nullptr, {}, {}, since});
+    }
 
     std::vector<Step> steps;
 

@@ -19,14 +19,26 @@ namespace obregd {
 
 /// One statement.
 struct Step {
-    enum Kind { MakeKey, RemoveKey, SetValue, RemoveValue, RequireKey, RequireNoKey, RequireValue, RequireNoValue };
+    enum Kind {
+        MakeKey,
+        RemoveKey,
+        SetValue,
+        RemoveValue,
+        RequireKey,
+        RequireNoKey,
+        RequireValue,
+        RequireNoValue,
+        RequireUnchanged
+    };
     Kind kind;
     regtext::Place place;
     HANDLE root = nullptr;   ///< of a key
     std::string name;        ///< the path of a key, or a value's name; the value is the last key's before it
     obreg::Value value = {}; ///< to be set, or required
+    uint64_t since = 0;      ///< of RequireUnchanged: a change's number
 
     bool isOfKey() const { return kind == MakeKey || kind == RemoveKey || kind == RequireKey || kind == RequireNoKey; }
+    bool isOfValue() const { return !isOfKey() && kind != RequireUnchanged; }
     bool isCondition() const { return kind >= RequireKey; }
 };
 

@@ -1,5 +1,6 @@
 #include "regtext/regreader.h"
 
+#include <charconv>
 #include <utility>
 
 #include "regtext/meaning.h"
@@ -37,6 +38,7 @@ constexpr struct {
 constexpr std::string_view Utf16Mark = "\xFF\xFE";
 constexpr std::string_view Utf8Mark = "\xEF\xBB\xBF";
 constexpr size_t LongestStart = 4;
+constexpr std::string_view Unchanged = "unchanged-since=";
 
 std::string placeText(const Place& place)
 {
@@ -254,8 +256,25 @@ void RegReader::statement(Cursor& cursor)
         keyStatement(cursor);
     else if (cursor.peek() == '"' || cursor.peek() == '@')
         valueStatement(cursor);
+    else if (m_isTransaction && cursor.acceptWord(Unchanged))
+        unchangedStatement(cursor);
     else
         cursor.expected("[key], \"name\"=, @= or a comment");
+}
+
+void RegReader::unchangedStatement(Cursor& cursor)
+{
+    const Place place = cursor.placeAt(cursor.at() - Unchanged.size());
+    if (!m_haveKey || !m_isCondition)
+        cursor.expected("a [?key] before this condition");
+    const std::string_view rest = cursor.rest();
+    uint64_t since = 0;
+    const auto [pEnd, error] = std::from_chars(rest.data(), rest.data() + rest.size(), since);
+    if (error != std::errc())
+        cursor.expected("the number of a change");
+    cursor.skip(static_cast<size_t>(pEnd - rest.data()));
+    cursor.endOfStatement("the number");
+    m_sink.requireUnchanged(since, place);
 }
 
 void RegReader::keyStatement(Cursor& cursor)

@@ -48,6 +48,8 @@ public:
     /// What the key of the last requireKey() has, and has not.
     virtual void requireValue(std::string&& /*name*/, obreg::Value&& /*value*/, const Place& /*place*/) {}
     virtual void requireNoValue(std::string&& /*name*/, const Place& /*place*/) {}
+    /// Neither that key nor anything below it has changed after the change of that number.
+    virtual void requireUnchanged(uint64_t /*since*/, const Place& /*place*/) {}
 };
 
 enum class RegKind {
@@ -91,6 +93,7 @@ private:
     void statement(Cursor& cursor);
     void keyStatement(Cursor& cursor);
     void valueStatement(Cursor& cursor);
+    void unchangedStatement(Cursor& cursor);
     static UINT32 hexNumber(Cursor& cursor, const char* pWhat);
     void readString(Cursor& cursor);
     void readHex(Cursor& cursor);

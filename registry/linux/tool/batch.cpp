@@ -65,6 +65,12 @@ void Batch::requireNoValue(std::string&& name, const Place& place)
     m_transaction.require(rootOf(m_keys.back()), m_keys.back().path, name, obreg::absent);
 }
 
+void Batch::requireUnchanged(uint64_t since, const Place& place)
+{
+    m_statements.push_back({m_keys.size() - 1, std::nullopt, place});
+    m_transaction.requireUnchanged(rootOf(m_keys.back()), m_keys.back().path, since);
+}
+
 void Batch::commit()
 {
     if (m_statements.empty())

@@ -35,6 +35,7 @@ public:
     void requireNoKey(const KeyPath& key, const Place& place) override { add(&Transaction::requireNoKey, key, place); }
     void requireValue(std::string&& name, obreg::Value&& value, const Place& place) override;
     void requireNoValue(std::string&& name, const Place& place) override;
+    void requireUnchanged(uint64_t since, const Place& place) override;
 
     /// As value(), for one that the caller keeps.
     void set(const std::string& name, const obreg::Value& value, const Place& place = {});

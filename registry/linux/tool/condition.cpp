@@ -2,6 +2,8 @@
 
 #include <optional>
 
+#include <obreg/watch.hpp>
+
 #include "batch.h"
 #include "readtree.h"
 #include "text.h"
@@ -13,6 +15,7 @@ namespace {
 
 constexpr const char* IsThere = "is there";
 constexpr const char* IsNotThere = "is not there";
+constexpr int MostTries = 100; // of what others keep changing to and fro
 
 bool isKey(const KeyPath& key)
 {
@@ -61,6 +64,19 @@ std::string whyNotEqual(const KeyPath& key, const std::string& name, const obreg
 
 std::string whyNotAbsent(const KeyPath& key, const std::string& name) { return findValue(key, name) ? IsThere : ""; }
 
+std::string whyChanged(const KeyPath& key, uint64_t since)
+{
+    std::error_code error;
+    const obreg::Key opened = openKey(key, KEY_READ, error);
+    obreg::Watch watch = error ? obreg::Watch() : obreg::Watch::start(opened, obreg::Watch::Scope::tree, since, error);
+    const obreg::Changes changes = error ? obreg::Changes() : watch.next(std::chrono::milliseconds(0), error);
+    check(error, key);
+    const std::string number = std::to_string(since);
+    return changes.lost              ? "may have changed after change " + number + ", which is too long ago to tell"
+           : changes.changes.empty() ? ""
+                                     : "has changed after change " + number;
+}
+
 Failure conditionFailure(const KeyPath& key, const std::string* pValueName, const std::string& why)
 {
     Failure failure(ExitCondition, subjectText(key, pValueName) + ": " + why, "nothing was changed");
@@ -102,7 +118,7 @@ void addIfAbsent(Arguments& arguments, ValueCondition& condition)
 
 void makeAsOne(const std::function<void(RegSink&)>& changes)
 {
-    for (;;) {
+    for (int left = MostTries;; --left) {
         Batch batch;
         changes(batch);
         try {
@@ -111,7 +127,7 @@ void makeAsOne(const std::function<void(RegSink&)>& changes)
         } catch (const BatchFailure& failure) {
             if (failure.asOne && failure.status == 0)
                 throw noTransactions("a condition needs one; nothing was changed");
-            if (failure.status != OBREG_STATUS_CONDITION_FAILED)
+            if (failure.status != OBREG_STATUS_CONDITION_FAILED || left == 1)
                 throw;
             // It was changed since it was looked at: the changes look again, and may find that they hold.
         }

@@ -19,6 +19,7 @@ std::string whyNoKey(const KeyPath& key);
 std::string whyKey(const KeyPath& key);
 std::string whyNotEqual(const KeyPath& key, const std::string& name, const obreg::Value& expected);
 std::string whyNotAbsent(const KeyPath& key, const std::string& name);
+std::string whyChanged(const KeyPath& key, uint64_t since);
 
 /// Of a condition that does not hold, for those reasons.
 Failure conditionFailure(const KeyPath& key, const std::string* pValueName, const std::string& why);
@@ -36,7 +37,8 @@ struct ValueCondition {
 void addIfEquals(Arguments& arguments, ValueCondition& condition);
 void addIfAbsent(Arguments& arguments, ValueCondition& condition);
 
-/// Has the daemon make changes, which begin with what a ValueCondition tells, as one. Throws Failure.
+/// Has the daemon make changes, which begin with what a ValueCondition tells, as one; anew when a condition that held
+/// when it was looked at did not hold any more. Throws Failure.
 void makeAsOne(const std::function<void(RegSink&)>& changes);
 
 } // namespace obregtool

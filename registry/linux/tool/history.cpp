@@ -97,14 +97,23 @@ PastChange parseChange(const KeyPath& root, std::string_view line)
     return change;
 }
 
+/// Empty where the daemon keeps none.
+obreg::Key openHistory(std::error_code& error)
+{
+    obreg::Key key = obreg::Key::open(obreg::Key::root(HKEY_DYN_DATA), "History", KEY_QUERY_VALUE, error);
+    if (error == obreg::Status::notFound || error == obreg::Status::badHandle)
+        error.clear();
+    return key;
+}
+
 } // namespace
 
 /// Always asked of the root: so a key is found that is not there any more, or is another than before.
 History::Page History::ask(const KeyPath& key, bool below, const std::string& from, bool newestFirst, uint64_t most)
 {
     std::error_code error;
-    const obreg::Key history = obreg::Key::open(obreg::Key::root(HKEY_DYN_DATA), "History", KEY_QUERY_VALUE, error);
-    if (error == obreg::Status::notFound || error == obreg::Status::badHandle)
+    const obreg::Key history = openHistory(error);
+    if (!error && !history)
         throw Failure(ExitFailed, "the daemon keeps no history", "it may be of an earlier version");
     check(error, key);
     const std::string question = hexOfNumber(reinterpret_cast<uintptr_t>(key.root), 8) + ' ' + from +
@@ -172,6 +181,19 @@ uint64_t History::changedAgain() const
     return later == m_later.end() ? 0 : later->second.number;
 }
 
+template <class F>
+void History::forEachSince(const KeyPath& key, bool below, const F& f) const
+{
+    for (Page page{m_last, 0, 0, {}};;) {
+        page = ask(key, below, std::to_string(page.next), false, PageLength);
+        for (const PastChange& change : page.changes)
+            if (!f(change))
+                return;
+        if (page.next >= page.last)
+            return;
+    }
+}
+
 /// What is there now; or was, when it has been changed since this began.
 Past History::now()
 {
@@ -186,15 +208,33 @@ Past History::now()
     } else if (error != obreg::Status::notFound) {
         check(error, m_current->key, &m_current->name);
     }
-    for (Page page{m_last, 0, 0, {}};;) {
-        const uint64_t from = page.next;
-        page = ask(m_current->key, false, std::to_string(from), false, PageLength);
-        for (const PastChange& change : page.changes)
-            if (idOf(change) == idOf(*m_current))
-                return change.before;
-        if (page.next >= page.last)
-            return past;
-    }
+    forEachSince(m_current->key, false, [&](const PastChange& change) {
+        const bool isIt = idOf(change) == idOf(*m_current);
+        if (isIt)
+            past = change.before;
+        return !isIt;
+    });
+    return past;
+}
+
+bool History::hasMovedOn() const
+{
+    bool moved = false;
+    forEachSince(m_key, m_below, [&](const PastChange& change) {
+        const std::string id = idOf(change);
+        moved = m_later.count(id) != 0 || (m_current && idOf(*m_current) == id);
+        return !moved;
+    });
+    return moved;
+}
+
+std::optional<uint64_t> History::lastNow()
+{
+    std::error_code error;
+    const bool isKept = static_cast<bool>(openHistory(error));
+    if (!isKept && !error)
+        return std::nullopt;
+    return ask({HKEY_LOCAL_MACHINE, {}}, false, "now", true, 1).last;
 }
 
 std::optional<PastChange> History::find(uint64_t number)

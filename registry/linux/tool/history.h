@@ -64,6 +64,13 @@ public:
     /// The number of the oldest change that is kept, of whatever key. After next().
     uint64_t first() const { return m_first; }
 
+    /// Whether something that next() has given was changed again since it was first called.
+    bool hasMovedOn() const;
+    /// The number of the last change, of whatever key, when next() was first called.
+    uint64_t last() const { return m_last; }
+    /// The same now; nothing where the daemon keeps no history.
+    static std::optional<uint64_t> lastNow();
+
     /// A change by its number, of whatever key; nothing when there is none, or it is no longer kept.
     static std::optional<PastChange> find(uint64_t number);
 
@@ -78,6 +85,9 @@ private:
     };
 
     static Page ask(const KeyPath& key, bool below, const std::string& from, bool newestFirst, uint64_t most);
+    /// What has happened since next() was first called, the oldest first, as long as f(change) wants more.
+    template <class F>
+    void forEachSince(const KeyPath& key, bool below, const F& f) const;
     void note(const PastChange& change);
     Past now();
 

@@ -98,6 +98,11 @@ void Preview::requireNoValue(std::string&& name, const Place& /*place*/)
     judged(m_key, &name, whyNotAbsent(m_key, name));
 }
 
+void Preview::requireUnchanged(uint64_t since, const Place& /*place*/)
+{
+    judged(m_key, nullptr, whyChanged(m_key, since));
+}
+
 void Preview::judged(const KeyPath& key, const std::string* pValueName, const std::string& why)
 {
     Fact fact = keyFact(key, why.empty() ? "condition-holds" : "condition-fails");

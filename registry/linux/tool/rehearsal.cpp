@@ -111,6 +111,11 @@ void Rehearsal::requireNoValue(std::string&& name, const Place& place)
     mustHold(place, m_key, &name, whyNotAbsent(m_key, name));
 }
 
+void Rehearsal::requireUnchanged(uint64_t since, const Place& place)
+{
+    mustHold(place, m_key, nullptr, whyChanged(m_key, since));
+}
+
 void Rehearsal::checkValue(const std::string& name)
 {
     if (!isName(name, OBREG_MAX_VALUE_NAME))

@@ -30,6 +30,7 @@ public:
     void requireNoKey(const KeyPath& key, const Place& place) override;
     void requireValue(std::string&& name, obreg::Value&& value, const Place& place) override;
     void requireNoValue(std::string&& name, const Place& place) override;
+    void requireUnchanged(uint64_t since, const Place& place) override;
 
     KeyProbe& probe() { return m_probe; }
 

@@ -35,8 +35,9 @@ void Undoing::take(const PastChange& change)
     key.values[id] = {change.name, change.before, change.number};
 }
 
-void Undoing::look()
+void Undoing::look(uint64_t since)
 {
+    m_since = since;
     for (const auto& [identity, key] : m_keys) {
         if (!m_removed.empty() && key.path.isWithin(m_removed.back()))
             continue;
@@ -104,13 +105,10 @@ void Undoing::tellConditions(Batch& batch) const
 {
     for (const KeyPath& key : m_made)
         batch.requireNoKey(key, {});
-    for (const KeyPath& top : m_removed)
-        walk(top, true, [&batch](const KeyPath& path, const obreg::Key& key, KeyContent& content, size_t /*depth*/) {
-            batch.requireKey(path, {});
-            forEachValue(key, path, content.values, [&batch](obreg::NamedValue&& value) {
-                batch.requireValue(std::move(value.name), std::move(value.value), {});
-            });
-        });
+    for (const KeyPath& top : m_removed) {
+        batch.requireKey(top, {});
+        batch.requireUnchanged(m_since, {});
+    }
     const auto isMade = [this](const KeyPath& key) {
         const auto isIt = [&key](const KeyPath& made) { return made.identity() == key.identity(); };
         return std::any_of(m_made.begin(), m_made.end(), isIt);

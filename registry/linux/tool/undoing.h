@@ -21,8 +21,9 @@ public:
     /// Takes a change back; one that is older than those before.
     void take(const PastChange& change);
 
-    /// Looks at what is there now. Throws the Failure of what cannot be brought back, before anything is done.
-    void look();
+    /// Looks at what is there now, as it has been since that change. Throws the Failure of what cannot be brought back,
+    /// before anything is done.
+    void look(uint64_t since);
 
     /// What makes it so. Marks of secret keys come first and go last.
     void tell(RegSink& sink) const;
@@ -53,6 +54,7 @@ private:
 
     void lookAt(const KeyBefore& key, const obreg::Key& open);
 
+    uint64_t m_since = 0;
     size_t m_changes = 0;
     std::map<std::string, KeyBefore> m_keys; // by identity: a key comes before those below it
     std::vector<KeyPath> m_removed, m_made;

@@ -43,6 +43,7 @@ public:
         ++conditions;
     }
     void requireNoValue(std::string&& /*name*/, const Place& /*place*/) override { ++conditions; }
+    void requireUnchanged(uint64_t /*since*/, const Place& /*place*/) override { ++conditions; }
 
     uint64_t all() const { return keys + values + deletions; }
 

@@ -5,6 +5,7 @@
 #include "caution.h"
 #include "comparison.h"
 #include "copier.h"
+#include "history.h"
 #include "parallel.h"
 #include "text.h"
 #include "verbs.h"
@@ -12,6 +13,8 @@
 namespace obregtool {
 
 namespace {
+
+constexpr int MostTries = 5;
 
 struct MoveOptions {
     std::string key;
@@ -130,60 +133,69 @@ Moved copyAndDelete(const KeyPath& from, const KeyPath& to)
     return {copier.keys(), copier.values()};
 }
 
-/// Carries out a move. False when it cannot be done as one; then nothing was done.
-bool commitMove(Batch& batch)
+enum class End { Moved, TooMuchForOne, ChangedMeanwhile };
+
+/// Carries out a move; nothing was done when it gives another end.
+End commitMove(Batch& batch)
 {
     try {
         batch.commit();
-        return true;
+        return End::Moved;
     } catch (const BatchFailure& failure) {
         if (failure.asOne)
-            return false;
+            return End::TooMuchForOne;
         if (failure.status == OBREG_STATUS_CONDITION_FAILED)
-            failChanged(escaped(failure.key, Escape::Name));
+            return End::ChangedMeanwhile;
         throw;
     }
 }
 
-/// Puts into a batch that the key and its values are as they were read, and the same under another key.
-void addMove(Batch& batch, TreeReader::Entry& from, const KeyPath& to)
+/// Moves a key in one transaction, unless it changes while it is read.
+End tryMove(const KeyPath& from, const KeyPath& to, Moved& moved)
 {
-    sortByPosition(from.content.values);
-    std::vector<obreg::NamedValue> values;
-    batch.requireKey(from.path, {});
-    forEachValue(from.key, from.path, from.content.values, [&](obreg::NamedValue&& value) {
-        batch.requireValue(std::string(value.name), obreg::Value(value.value), {});
-        values.push_back(std::move(value));
-    });
-    batch.key(to, {});
-    for (obreg::NamedValue& value : values)
-        batch.value(std::move(value.name), std::move(value.value), {});
-}
-
-/// Moves a key in one transaction; nothing when it is too much for one, and then nothing was done.
-std::optional<Moved> moveAsOne(const KeyPath& from, const KeyPath& to)
-{
-    letInterruptsEndWork();
-    Moved moved;
-    SeenKeys seen; // what is new in them would be deleted unseen
+    moved = {};
+    const std::optional<uint64_t> since = History::lastNow();
+    if (!since)
+        return End::TooMuchForOne; // the daemon has no transactions either
+    if (isThere(to, nullptr))
+        refuseExisting(subjectText(to));
     Batch batch;
     batch.requireNoKey(to, {});
+    batch.requireKey(from, {});
+    batch.requireUnchanged(*since, {});
     TreeReader reader(from, UINT64_MAX, Read::All);
     while (TreeReader::Entry* const pEntry = reader.next()) {
         endIfInterrupted();
-        seen.add(*pEntry);
+        std::vector<ValueEntry>& values = pEntry->content.values;
         ++moved.keys;
-        moved.values += pEntry->content.values.size();
+        moved.values += values.size();
         size_t bytes = batch.bytes();
-        for (const ValueEntry& value : pEntry->content.values)
-            bytes += 2 * size_t{value.length}; // at least
-        if (batch.size() + 2 * pEntry->content.values.size() > MostAsOne || bytes > MostBytesAsOne)
-            return std::nullopt;
-        addMove(batch, *pEntry, obregtool::moved(pEntry->path, from, to));
+        for (const ValueEntry& value : values)
+            bytes += value.length;                                                 // at least
+        if (2 * (moved.keys + moved.values) > MostAsOne || bytes > MostBytesAsOne) // made here, deleted there
+            return End::TooMuchForOne;
+        batch.key(obregtool::moved(pEntry->path, from, to), {});
+        sortByPosition(values);
+        forEachValue(pEntry->key, pEntry->path, values, [&batch](obreg::NamedValue&& value) {
+            batch.value(std::move(value.name), std::move(value.value), {});
+        });
     }
     batch.removeKey(from, {});
-    seen.checkUnchanged();
-    return commitMove(batch) ? std::optional(moved) : std::nullopt;
+    return commitMove(batch);
+}
+
+/// Nothing when it is too much for one transaction, and then nothing was done.
+std::optional<Moved> moveAsOne(const KeyPath& from, const KeyPath& to)
+{
+    letInterruptsEndWork();
+    for (int i = 0; i < MostTries; ++i) {
+        Moved moved;
+        const End end = tryMove(from, to, moved);
+        if (end != End::ChangedMeanwhile)
+            return end == End::Moved ? std::optional(moved) : std::nullopt;
+    }
+    throw Failure(ExitFailed, subjectText(from) + ": kept changing while it was moved",
+                  "run this again when less is written there");
 }
 
 int moveKey(const KeyPath& from, const KeyPath& to, const Caution& caution, Output& output)
@@ -255,7 +267,10 @@ bool moveAsOne(const ValuePlace& from, const obreg::Value& value, const ValuePla
     batch.value(std::string(to.name), obreg::Value(value), {});
     batch.key(from.key, {});
     batch.removeValue(std::string(from.name), {});
-    return commitMove(batch);
+    const End end = commitMove(batch);
+    if (end == End::ChangedMeanwhile)
+        failChanged(subjectText(from.key, &from.name));
+    return end == End::Moved;
 }
 
 void copyAndDelete(const ValuePlace& from, const obreg::Key& fromKey, const obreg::Value& value, const ValuePlace& to)

@@ -10,6 +10,7 @@ namespace obregtool {
 
 namespace {
 
+constexpr int MostLooks = 10;
 constexpr uint64_t JustBefore = 10'000'000; // a second: what belongs to one deletion follows closer than that
 
 struct UndoOptions {
@@ -48,8 +49,8 @@ void checkUntouched(const PastChange& change, const History& history)
 }
 
 /// Takes back one change. The deletion of a key comes with those of its values, and of all that was deleted below it by
-/// the same process just before.
-void takeOne(uint64_t number, Undoing& undoing)
+/// the same process just before. Returns the history that it has gone through.
+History takeOne(uint64_t number, Undoing& undoing)
 {
     const std::optional<PastChange> found = number == 0 ? std::nullopt : History::find(number);
     if (!found)
@@ -71,37 +72,50 @@ void takeOne(uint64_t number, Undoing& undoing)
     if (found->kind == PastChange::KeyDeleted)
         for (; (change = history.next()) && goesWithIt(*change); time = change->time)
             undoing.take(*change);
+    return history;
 }
 
 /// Takes back all that has happened to a key and below it since then.
-void takeAll(const KeyPath& key, const Moment& to, Undoing& undoing)
+History takeAll(const KeyPath& key, const Moment& to, Undoing& undoing)
 {
     History history(key, true);
     std::optional<PastChange> change = history.next();
     for (; change && to.isBefore(*change); change = history.next())
         undoing.take(*change);
     if (change || history.first() <= 1)
-        return;
+        return history;
     const std::optional<PastChange> oldest = History::find(history.first());
     if (to.isTime ? !oldest || to.isBefore(*oldest) : to.at + 1 < history.first())
         throw Failure(ExitFailed,
                       subjectText(key) + ": how it was then is not known, for changes before number " +
                           std::to_string(history.first()) + " are no longer kept",
                       "nothing was changed; a later time can be named, or a backup restored");
+    return history;
+}
+
+/// What is to be done, from a look at the history and one at what is there, between which nothing of it has changed.
+Undoing plan(const UndoOptions& options)
+{
+    const std::optional<uint64_t> number = numberOf(options.what, INT64_MAX);
+    if (options.to.empty() && !number)
+        throw UsageError("\"" + escaped(options.what, Escape::Name) +
+                         "\" is no change's number; to bring a key back to what it was, add --to and when");
+    for (int i = 0; i < MostLooks; ++i) {
+        Undoing undoing;
+        const History history = options.to.empty()
+                                    ? takeOne(*number, undoing)
+                                    : takeAll(keyArgument(options.what), momentArgument(options.to), undoing);
+        undoing.look(history.last());
+        if (!history.hasMovedOn())
+            return undoing;
+    }
+    throw Failure(ExitFailed, "what is to be taken back kept changing while it was looked at",
+                  "nothing was changed; run this again when less is written there");
 }
 
 int undo(const UndoOptions& options, Output& output)
 {
-    Undoing undoing;
-    if (!options.to.empty()) {
-        takeAll(keyArgument(options.what), momentArgument(options.to), undoing);
-    } else if (const std::optional<uint64_t> number = numberOf(options.what, INT64_MAX)) {
-        takeOne(*number, undoing);
-    } else {
-        throw UsageError("\"" + escaped(options.what, Escape::Name) +
-                         "\" is no change's number; to bring a key back to what it was, add --to and when");
-    }
-    undoing.look();
+    const Undoing undoing = plan(options);
     const Changes changes = [&undoing](RegSink& sink) { undoing.tell(sink); };
     if (!prepare(options.caution, Rehearsal::Missing::Passes, changes, output))
         return ExitDone;

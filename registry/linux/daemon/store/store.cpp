@@ -239,6 +239,16 @@ Told Store::told(const Watched& watched)
     return m_changes.told(watched, m_brief ? BriefWalk : std::numeric_limits<int64_t>::max());
 }
 
+Store::Changed Store::changedSince(KeyId key, int64_t since, int64_t& most)
+{
+    const int64_t later = m_changes.last() - since;
+    if (later > most)
+        return Changed::Unknown;
+    most -= std::max<int64_t>(later, 0);
+    const Told told = m_changes.told({key, true, since}, later);
+    return told.lost ? Changed::Unknown : told.empty() ? Changed::No : Changed::Yes;
+}
+
 std::string Store::history(const HistoryQuestion& question)
 {
     if (m_brief)

@@ -51,6 +51,11 @@ public:
 
     /// What has changed at a key. See changes.h.
     Told told(const Watched& watched);
+    enum class Changed { No, Yes, Unknown };
+    /// Whether a key, or anything below it, has changed after the change of that number. `most`: how many later changes
+    /// are looked at, of whatever key; it is lessened by them. Unknown: there were more, or the journal no longer has
+    /// them.
+    Changed changedSince(KeyId key, int64_t since, int64_t& most);
     int64_t lastChange() { return m_changes.last(); }
     /// What has happened to a key. See history.h. A brief Store throws TooLong.
     std::string history(const HistoryQuestion& question);
