@@ -42,6 +42,9 @@
 #define OBREG_STATUS_BAD_TRANSACTION ((REGSTATUS)0xC7F21A2Fu)
 /* What the user's tree may take is used up. */
 #define OBREG_STATUS_QUOTA_EXCEEDED ((REGSTATUS)0xC7F20718u)
+/* The engine through which this tree is shared with other machines gave no answer in time. Nothing was changed here;
+ * what was sent may still be done, and is then told as any change. */
+#define OBREG_STATUS_ENGINE_AWAY ((REGSTATUS)0xC7F204CFu)
 /* Value data is longer than the daemon keeps, or a transaction than it carries out. */
 #define OBREG_STATUS_TOO_LARGE ((REGSTATUS)0xC7F200DFu)
 /* An enumeration's position is past the last entry. */

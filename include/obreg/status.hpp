@@ -40,6 +40,7 @@ inline constexpr StatusText statusTexts[] = {
     {OBREG_STATUS_TOKEN_USED, "TOKEN_USED", "the token was used for another transaction"},
     {OBREG_STATUS_CONDITION_FAILED, "CONDITION_FAILED", "a condition of the transaction does not hold"},
     {OBREG_STATUS_BAD_TRANSACTION, "BAD_TRANSACTION", "the text of the transaction cannot be read"},
+    {OBREG_STATUS_ENGINE_AWAY, "ENGINE_AWAY", "the engine that shares this tree among machines gave no answer in time"},
     {OBREG_STATUS_QUOTA_EXCEEDED, "QUOTA_EXCEEDED", "what this user's tree may take is used up"},
 };
 

@@ -79,6 +79,7 @@ private:
             if (!holds)
                 refuse(OBREG_STATUS_CONDITION_FAILED, step, pWhy);
         };
+        lookAt(step);
         if (step.isOfKey()) {
             const REGSTATUS status = open(step.root, step.name, m_key);
             const bool isMissing = status == OBREG_STATUS_NOT_FOUND || status == OBREG_STATUS_KEY_DELETED;
@@ -102,6 +103,20 @@ private:
         require(isThere, "is missing");
         require(type == step.value.type, "is of another type");
         require(std::string_view(pData, length) == step.value.data, "is another");
+    }
+
+    /// Where trees are shared the others are to find it so, too.
+    void lookAt(const Step& step) const
+    {
+        SharedCalls* const pShared = m_session.pShared;
+        const KeyId root = pShared == nullptr ? 0 : storedKey(m_session, m_pKey->root);
+        if (root == 0)
+            return;
+        SharedCalls::LookedAt looked{root, m_pKey->name};
+        if (step.isOfValue())
+            looked.value = step.name;
+        looked.isWholeTree = step.kind == Step::RequireUnchanged;
+        pShared->lookedAt.push_back(std::move(looked));
     }
 
     void judgeUnchanged(const Step& step)

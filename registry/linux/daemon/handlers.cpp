@@ -248,7 +248,8 @@ REGSTATUS createKey(const Session& session, const CreateKeyReqMsg& request, HAND
         if (deniesAccess(session, request.m_access, owner))
             return OBREG_STATUS_ACCESS_DENIED;
         key = handleOf(id);
-        disposition = REG_OPENED_EXISTING_KEY;
+        const bool wasMade = session.pShared != nullptr && session.pShared->isDone;
+        disposition = wasMade ? REG_CREATED_NEW_KEY : REG_OPENED_EXISTING_KEY;
         return Success;
     }
     owner = ownerBelow(id, owner, search.names[search.found]); // and so of all below

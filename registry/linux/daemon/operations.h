@@ -35,6 +35,20 @@ struct Planned {
     std::shared_ptr<const Plan> pPlan;
 };
 
+/// What a session has to do with trees that are shared with other machines (serve/sharedtrees.h).
+struct SharedCalls {
+    /// What a transaction's condition has looked at: a key, by the path from one that is there, and perhaps more.
+    struct LookedAt {
+        KeyId key;
+        std::string path;
+        std::optional<std::string> value{}; ///< its value of that name, there or not
+        bool isWholeTree = false;           ///< that nothing in it has changed
+    };
+    std::vector<LookedAt> lookedAt{};
+    std::optional<size_t> sync{}; ///< it is to be answered when all is here that the engine has by now of that tree
+    bool isDone = false;          ///< the request was carried out before, and only its answer is to be made
+};
+
 struct Session {
     Store& store;
     WritableStore* pWriter; ///< the same store when it can be written, else null
@@ -42,6 +56,7 @@ struct Session {
     bool mayWait = false;
     size_t maxStatements = DefaultMaxStatements; ///< of a transaction
     bool quotaLater = false;                     ///< somebody looks at the quota when all is done
+    SharedCalls* pShared = nullptr;              ///< where trees are shared
 
     /// Where the key of that number is to be found.
     Tree& at(KeyId id) const

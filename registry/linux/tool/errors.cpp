@@ -34,6 +34,8 @@ const struct Advice {
      "delete what this user's tree does not need (obregd --quota-bytes, --quota-keys), or ask less often "
      "(--quota-requests)"},
     {OBREG_STATUS_TOO_MANY_WATCHES, ExitFailed, "end some of them, or let a user have more (obregd --quota-watches)"},
+    {OBREG_STATUS_ENGINE_AWAY, ExitFailed,
+     "\"obreg shared status\" tells what the engine is doing; it may still be done: look before you try again"},
     {OBREG_STATUS_STORE_FULL, ExitFailed, "make room on the daemon's disk, or delete keys and values"},
     {OBREG_STATUS_STORE_FAILED, ExitFailed, "%l tells how"},
     {OBREG_STATUS_CONDITION_FAILED, ExitCondition, "nothing was changed; look at what is there now"},

@@ -18,15 +18,18 @@ constexpr int PauseFactor = 10;
 constexpr JobQueue::Clock::duration LongestPause = std::chrono::seconds(1);
 constexpr int BatchesLookedAt = 32; // for the time that the disk takes for any
 
+constexpr auto LastPause = std::chrono::milliseconds(5);
+
 // Values of deleted keys that are cleared in one transaction: when nobody waits, and after each batch.
 constexpr int ManyRows = 2000;
 constexpr int FewRows = 200;
 
 } // namespace
 
-Committer::Committer(WritableStore& store, WriteGuard* pGuard, JobQueue& queue, Callbacks callbacks)
-    : m_store(store), m_queue(queue), m_callbacks(std::move(callbacks)),
-      m_transactions(store, pGuard, m_callbacks.tidying), m_tidier(store.path(), store, m_callbacks.tidying),
+Committer::Committer(WritableStore& store, WriteGuard* pGuard, SharedTrees* pShared, JobQueue& queue,
+                     Callbacks callbacks)
+    : m_store(store), m_pShared(pShared), m_queue(queue), m_callbacks(std::move(callbacks)),
+      m_transactions(store, pGuard, m_callbacks.tidying, pShared), m_tidier(store.path(), store, m_callbacks.tidying),
       m_thread([this] { work(); })
 {}
 
@@ -38,18 +41,41 @@ Committer::~Committer()
 
 void Committer::work()
 {
+    if (m_pShared != nullptr)
+        m_pShared->start([this] { m_queue.wake(); });
     for (;;) {
         while (m_queue.isIdle() && clear(ManyRows)) {
         }
         JobPtr pFirst = m_queue.pop(INT_MAX);
-        if (pFirst == nullptr)
+        turn();
+        if (pFirst == nullptr && m_queue.isFinished() && (m_pShared == nullptr || m_pShared->isIdle()))
             break;
+        if (pFirst == nullptr && m_queue.isFinished())
+            std::this_thread::sleep_for(LastPause); // for those who still wait
+        if (pFirst == nullptr)
+            continue;
         JobList batch = runBatch(std::move(pFirst));
+        if (m_pShared != nullptr)
+            m_pShared->send(batch);
         m_callbacks.answered(std::move(batch), m_store.journal().takeTouched());
         m_tidier.transactionOver();
         clear(FewRows);
     }
+    if (m_pShared != nullptr)
+        m_callbacks.answered(m_pShared->end(), {});
     m_callbacks.ended();
+}
+
+/// What is shared with other machines goes on.
+void Committer::turn()
+{
+    if (m_pShared == nullptr)
+        return;
+    JobList answered = m_pShared->turn(m_transactions);
+    std::vector<Touched> touched = m_store.journal().takeTouched();
+    if (!answered.empty() || !touched.empty())
+        m_callbacks.answered(std::move(answered), std::move(touched));
+    m_tidier.transactionOver();
 }
 
 /// Clears some of what deleted keys have left behind; whether there is more, and it can be done.

@@ -30,7 +30,8 @@ public:
         std::function<void()> ended;       ///< after the queue's finish(): the last batch has been answered
     };
 
-    Committer(WritableStore& store, WriteGuard* pGuard, JobQueue& queue, Callbacks callbacks);
+    /// The guard and the shared trees may be null.
+    Committer(WritableStore& store, WriteGuard* pGuard, SharedTrees* pShared, JobQueue& queue, Callbacks callbacks);
     /// Finishes the queue and waits.
     ~Committer();
 
@@ -38,11 +39,13 @@ private:
     using Clock = JobQueue::Clock;
 
     void work();
+    void turn();
     JobList runBatch(JobPtr pFirst);
     void done(const JobList& batch, Clock::duration taken);
     bool clear(int rows);
 
     WritableStore& m_store;
+    SharedTrees* const m_pShared;
     JobQueue& m_queue;
     Callbacks m_callbacks;
     Transactions m_transactions;

@@ -74,6 +74,8 @@ JobPtr JobQueue::pop(int mostOfOneUser)
         const Clock::time_point now = Clock::now();
         if (JobPtr pJob = take(mostOfOneUser, now))
             return pJob;
+        if (std::exchange(m_woken, false))
+            return nullptr;
         if (m_turns.empty()) {
             if (m_finishing)
                 return nullptr;
@@ -121,6 +123,21 @@ size_t JobQueue::size() const
 {
     const std::lock_guard lock(m_mutex);
     return m_size;
+}
+
+void JobQueue::wake()
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        m_woken = true;
+    }
+    m_wakeUp.notify_all();
+}
+
+bool JobQueue::isFinished() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_finishing && m_turns.empty();
 }
 
 void JobQueue::finish()

@@ -21,6 +21,7 @@ namespace obregd {
 
 class Connection;
 struct JobLane;
+struct SharedWork;
 
 /// One request and, when it comes back, its reply.
 struct Job {
@@ -30,12 +31,13 @@ struct Job {
     const Operation* pOperation = nullptr;
     Payload request{};
     Reply reply{};
-    JobLane* pLane = nullptr;            ///< of the queue that it went through last
-    bool needsWriter = false;            ///< in place of a reply: it is one for the committer
-    std::shared_ptr<const Plan> pPlan{}; ///< of a transaction, which takes the request's place
-    size_t extraWork = 0;                ///< that it made, in bytes that would have been as much
-    std::optional<Wait> wait{};          ///< in place of a reply: there is nothing to tell yet
-    std::unique_ptr<Job> pNext{};        ///< in a JobList
+    JobLane* pLane = nullptr;              ///< of the queue that it went through last
+    bool needsWriter = false;              ///< in place of a reply: it is one for the committer
+    std::shared_ptr<const Plan> pPlan{};   ///< of a transaction, which takes the request's place
+    size_t extraWork = 0;                  ///< that it made, in bytes that would have been as much
+    std::optional<Wait> wait{};            ///< in place of a reply: there is nothing to tell yet
+    std::shared_ptr<SharedWork> pShared{}; ///< while it is about a shared tree
+    std::unique_ptr<Job> pNext{};          ///< in a JobList
 
     /// Bytes that it makes the daemon hold; a job without data has its cost too.
     size_t cost() const { return request.capacity() + (pPlan == nullptr ? 0 : pPlan->bytes) + Overhead; }
@@ -142,8 +144,11 @@ public:
     JobList takeBack(JobLane& lane);
 
     /// The job whose turn it is. Waits for one that may be taken: a user has no more than mostOfOneUser taken and not
-    /// done. Null when the end was asked for and no job is left.
+    /// done. Null when the end was asked for and no job is left, and after wake().
     JobPtr pop(int mostOfOneUser);
+    /// Lets one pop() end that waits, or would.
+    void wake();
+    bool isFinished() const;
     /// The same, null when it would have to wait.
     JobPtr tryPop(int mostOfOneUser);
 
@@ -173,6 +178,7 @@ private:
     Clock::time_point m_changed;   // when that was last another than before
     int m_holds = 0;
     bool m_finishing = false;
+    bool m_woken = false;
 };
 
 /// A connection's part in a queue.

@@ -61,7 +61,7 @@ void insist(Action action)
 } // namespace
 
 Server::Server(int listeningDescriptor, Store& store, WritableStore& writableStore, const Limits& limits,
-               WriteGuard* pGuard)
+               WriteGuard* pGuard, SharedTrees* pShared)
     : m_store(store), m_descriptors(descriptorsToHave()), m_limits(completed(limits, m_descriptors)),
       m_work(m_io.get_executor()), m_acceptor(m_io), m_signals(m_io, SIGTERM, SIGINT), m_deadline(m_io),
       m_lastReads(m_io), m_pause(m_io), m_teller(m_io, store, m_limits.maxWatches),
@@ -71,7 +71,7 @@ Server::Server(int listeningDescriptor, Store& store, WritableStore& writableSto
                     jobs.append(std::move(pJob));
                     postAnswers(std::move(jobs));
                 }),
-      m_committer(writableStore, pGuard, m_writes, committerCallbacks())
+      m_committer(writableStore, pGuard, pShared, m_writes, committerCallbacks())
 {
     listenOn(listeningDescriptor);
     m_store.setBrief(true);

@@ -32,10 +32,10 @@ struct Descriptors {
 
 class Server : private ConnectionHost {
 public:
-    /// Serves the connections made to a listening descriptor, which it takes over. The stores and the guard, which may
-    /// be null, outlive the server.
+    /// Serves the connections made to a listening descriptor, which it takes over. The stores, and the guard and the
+    /// shared trees, which may be null, outlive the server.
     Server(int listeningDescriptor, Store& store, WritableStore& writableStore, const Limits& limits,
-           WriteGuard* pGuard = nullptr);
+           WriteGuard* pGuard = nullptr, SharedTrees* pShared = nullptr);
 
     /// Takes over another listening descriptor in place of the one that it has.
     void listenOn(int descriptor);

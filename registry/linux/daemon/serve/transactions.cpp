@@ -137,16 +137,27 @@ void Transactions::serve(Job& job)
     m_store.journal().setAuthor({job.peer.uid, job.peer.pid});
     if (refusal != OBREG_STATUS_SUCCESS)
         refuse(job, refusal);
-    else if (job.pPlan == nullptr)
-        job.reply = job.pOperation->serve({m_store, &m_store, job.peer}, job.request.text());
+    else if (m_pShared == nullptr)
+        act(job, nullptr);
     else
-        carryOut(job);
+        m_pShared->serve(job, [&](SharedCalls& calls) { act(job, &calls); });
 }
 
-void Transactions::carryOut(Job& job)
+void Transactions::act(Job& job, SharedCalls* pCalls)
+{
+    if (job.pPlan != nullptr)
+        return carryOut(job, pCalls);
+    Session session{m_store, &m_store, job.peer};
+    session.pShared = pCalls;
+    job.reply = job.pOperation->serve(session, job.request.text());
+}
+
+void Transactions::carryOut(Job& job, SharedCalls* pCalls)
 {
     const auto mayAdd = [&] { return judge(job, false) == OBREG_STATUS_SUCCESS; };
-    const Done done = obregd::carryOut({m_store, &m_store, job.peer}, *job.pPlan, mayAdd);
+    Session session{m_store, &m_store, job.peer};
+    session.pShared = pCalls;
+    const Done done = obregd::carryOut(session, *job.pPlan, mayAdd);
     job.reply = job.pOperation->refuse(done.status);
     job.extraWork = done.steps * StatementWork;
 }
@@ -155,6 +166,7 @@ void Transactions::carryOut(Job& job)
 void Transactions::refuse(Job& job, REGSTATUS status)
 {
     obregd::refuse(job, status);
+    job.pShared.reset();
     if (job.pPlan == nullptr)
         return;
     try {

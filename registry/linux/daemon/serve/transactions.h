@@ -11,7 +11,7 @@
 #include <optional>
 
 #include "daemon/log.h"
-#include "daemon/serve/job.h"
+#include "daemon/serve/sharedtrees.h"
 
 namespace obregd {
 
@@ -32,10 +32,11 @@ public:
 
 class Transactions {
 public:
-    /// The guard, which may be null, and the store outlive it. tidying: readers are to keep no state from now on
-    /// (true), or may again (false).
-    explicit Transactions(WritableStore& store, WriteGuard* pGuard = nullptr, std::function<void(bool)> tidying = {})
-        : m_store(store), m_pGuard(pGuard), m_tidying(std::move(tidying))
+    /// The guard and the shared trees, which may be null, and the store outlive it. tidying: readers are to keep no
+    /// state from now on (true), or may again (false).
+    explicit Transactions(WritableStore& store, WriteGuard* pGuard = nullptr, std::function<void(bool)> tidying = {},
+                          SharedTrees* pShared = nullptr)
+        : m_store(store), m_pGuard(pGuard), m_tidying(std::move(tidying)), m_pShared(pShared)
     {}
 
     /// Runs the jobs that next() gives, until it gives null or one fails. Each comes back with its reply. Pass next by
@@ -56,13 +57,15 @@ private:
     void runPart(JobList& jobs);
     void runAgain(JobList& jobs, const Failure& failure);
     void serve(Job& job);
-    void carryOut(Job& job);
+    void act(Job& job, SharedCalls* pCalls);
+    void carryOut(Job& job, SharedCalls* pCalls);
     REGSTATUS judge(const Job& job, bool frees) { return m_pGuard == nullptr ? 0 : m_pGuard->judge(job, frees); }
     static void refuse(Job& job, REGSTATUS status);
 
     WritableStore& m_store;
     WriteGuard* const m_pGuard;
     const std::function<void(bool)> m_tidying;
+    SharedTrees* const m_pShared;
     LogLimit m_log;
 };
 

@@ -199,6 +199,13 @@ public:
         m_tokenWriter.add(uid, name, {hash, m_journal.last()});
     }
 
+    /// For rooms that keep tables of their own in it.
+    SQLite::Database& database() { return m_database; }
+    /// Changes from now on are dated so, if that is later than what is there; 0: with the time of the clock.
+    void setTime(uint64_t time) { m_time = time; }
+    /// The changes with greater numbers than that, committed or not.
+    std::vector<Change> changesAfter(int64_t number);
+
     /// Where each change is noted.
     JournalWriter& journal() { return m_journal; }
     /// Keys of which the journal keeps no data, beside those that are marked.
@@ -261,12 +268,14 @@ private:
         m_leftValues, m_clearValues, m_removeLeftover, m_lastNumber, m_freePages, m_valuesOf;
     SQLite::Statement m_savepoint, m_rollbackTo, m_releaseSavepoint;
     JournalWriter m_journal;
+    JournalReader m_journalReader;
     Secrets m_secrets;
     TokenWriter m_tokenWriter;
     Quota m_quota;
     std::unordered_map<Owner, Account> m_accounts; // of those who were met
     std::vector<Owner> m_changedAccounts;          // since begin()
     int64_t m_lastValueRowUsed = 0;                // a value's row is not used again while this lives
+    uint64_t m_time = 0;
     bool m_hasToClear = false;
     bool m_cleared = false;   // the last of it since begin()
     bool m_lockedOut = false; // by a program from outside, when last tried

@@ -50,8 +50,8 @@ WritableStore::WritableStore(const std::string& path)
       m_lastNumber(m_database, "SELECT seq FROM sqlite_sequence WHERE name = 'regkey'"),
       m_freePages(m_database, "PRAGMA freelist_count"), m_valuesOf(m_database, ValuesOf),
       m_savepoint(m_database, "SAVEPOINT part"), m_rollbackTo(m_database, "ROLLBACK TO part"),
-      m_releaseSavepoint(m_database, "RELEASE part"), m_journal(m_database), m_secrets(m_database),
-      m_tokenWriter(m_database)
+      m_releaseSavepoint(m_database, "RELEASE part"), m_journal(m_database), m_journalReader(m_database),
+      m_secrets(m_database), m_tokenWriter(m_database)
 {
     m_database.exec(WriterCache);
     m_database.exec("PRAGMA synchronous = FULL");
@@ -206,11 +206,22 @@ int WritableStore::finishTidying()
     return pages - moved;
 }
 
+std::vector<Change> WritableStore::changesAfter(int64_t number)
+{
+    std::vector<Change> changes;
+    const auto all = [](ChangeKind, KeyId, KeyId) { return true; };
+    m_journalReader.read({number, m_journal.last() + 1}, all, [&](Change&& change) {
+        changes.push_back(std::move(change));
+        return true;
+    });
+    return changes;
+}
+
 /// A key's row, to be changed, with the new time.
 Store::Row WritableStore::changing(KeyId id)
 {
     Row row = this->row(id);
-    row.written = std::max(timeNow(), row.written + 1);
+    row.written = std::max(m_time != 0 ? m_time : timeNow(), row.written + 1);
     return row;
 }
 

@@ -1,0 +1,197 @@
+#include "daemon/engine/keeper.h"
+
+#include <cinttypes>
+
+#include "daemon/log.h"
+
+namespace obregd {
+
+namespace {
+
+constexpr size_t PageLength = 2000;
+constexpr size_t MostWaiting = 50'000; // events: then the engine is to wait
+constexpr auto Patience = std::chrono::seconds(5);
+constexpr auto Pause = std::chrono::milliseconds(500);  // after a failure
+constexpr auto MembersPause = std::chrono::seconds(10); // between two questions for these
+
+} // namespace
+
+ShareKeeper::ShareKeeper(engine::Engine& engine, std::string share, int64_t revision, std::function<void()> wake)
+    : m_engine(engine), m_share(std::move(share)), m_names(m_share), m_wake(std::move(wake)), m_revision(revision),
+      m_thread([this] { run(); })
+{}
+
+ShareKeeper::~ShareKeeper()
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        m_ending = true;
+    }
+    m_changed.notify_all();
+    m_thread.join();
+}
+
+ShareKeeper::News ShareKeeper::take()
+{
+    News news;
+    {
+        const std::lock_guard lock(m_mutex);
+        std::swap(news, m_news);
+        m_waiting = 0;
+    }
+    m_changed.notify_all();
+    return news;
+}
+
+ShareKeeper::State ShareKeeper::state() const
+{
+    const std::lock_guard lock(m_mutex);
+    State state = m_state;
+    if (state.is == State::Connected)
+        state.since = Clock::now();
+    return state;
+}
+
+void ShareKeeper::changed(std::vector<engine::Revision>&& revisions)
+{
+    {
+        std::unique_lock lock(m_mutex);
+        m_changed.wait(lock, [this] { return m_waiting < MostWaiting || m_ending; });
+        for (engine::Revision& revision : revisions) {
+            m_waiting += revision.events.size();
+            m_news.revisions.push_back(std::move(revision));
+        }
+    }
+    m_wake();
+}
+
+void ShareKeeper::compacted()
+{
+    logLine(LOG_WARNING,
+            "share %s: the engine no longer has what changed since its revision %" PRId64
+            ", for it was compacted; the whole tree is read again",
+            m_share.c_str(), m_revision);
+    {
+        const std::lock_guard lock(m_mutex);
+        m_isOutdated = true;
+    }
+    m_changed.notify_all();
+}
+
+void ShareKeeper::reached(bool isReached, const std::string& why)
+{
+    bool isNews = false;
+    {
+        const std::lock_guard lock(m_mutex);
+        isNews = isReached != (m_state.is == State::Connected);
+        m_state.since = Clock::now();
+        m_state.is = isReached ? State::Connected : State::Away;
+        m_state.why = why;
+    }
+    if (isNews && isReached)
+        logLine(LOG_NOTICE, "share %s: the engine is reached", m_share.c_str());
+    else if (isNews)
+        logLine(LOG_WARNING, "share %s: the engine cannot be reached: %s; reads go on, writes wait", m_share.c_str(),
+                why.c_str());
+    m_wake();
+}
+
+void ShareKeeper::failed(const std::string& why)
+{
+    bool isReached = false;
+    {
+        const std::lock_guard lock(m_mutex);
+        isReached = m_state.is != State::Away;
+    }
+    if (isReached)
+        reached(false, why);
+}
+
+/// False when it is to end.
+bool ShareKeeper::pause(std::chrono::milliseconds time)
+{
+    std::unique_lock lock(m_mutex);
+    return !m_changed.wait_for(lock, time, [this] { return m_ending; });
+}
+
+void ShareKeeper::run()
+{
+    while (m_revision == 0 || !isCurrent(m_revision)) {
+        if (std::optional<Whole> whole = readAll()) {
+            m_revision = whole->revision;
+            {
+                const std::lock_guard lock(m_mutex);
+                m_news = {std::move(whole), {}};
+            }
+            m_wake();
+            break;
+        }
+        if (!pause(Pause))
+            return;
+    }
+    for (;;) {
+        auto pWatch = m_engine.watch(m_names.begin(), m_names.end(), m_revision, *this);
+        std::unique_lock lock(m_mutex);
+        while (!m_ending && !m_isOutdated) {
+            lock.unlock();
+            std::string members = m_engine.members(Patience);
+            lock.lock();
+            m_state.members = std::move(members);
+            m_changed.wait_for(lock, MembersPause, [this] { return m_ending || m_isOutdated; });
+        }
+        const bool ends = m_ending;
+        m_isOutdated = false;
+        lock.unlock();
+        pWatch.reset();
+        std::optional<Whole> whole;
+        while (!ends && !(whole = readAll()))
+            if (!pause(Pause))
+                return;
+        if (ends)
+            return;
+        m_revision = whole->revision;
+        {
+            const std::lock_guard relock(m_mutex);
+            m_news = {std::move(whole), {}}; // what waits is older
+        }
+        m_wake();
+    }
+}
+
+/// Whether the engine has got as far as that; it has not when it was set up anew, or from an old backup.
+bool ShareKeeper::isCurrent(int64_t revision)
+{
+    for (;;) {
+        const engine::Page page = m_engine.read(m_names.begin(), m_names.end(), 0, 1, Patience);
+        if (page.good && page.revision < revision)
+            logLine(LOG_WARNING, "share %s: the engine is older than the copy here, which is replaced by what it has",
+                    m_share.c_str());
+        if (page.good)
+            return page.revision >= revision;
+        failed(page.why);
+        if (!pause(Pause))
+            return true;
+    }
+}
+
+std::optional<ShareKeeper::Whole> ShareKeeper::readAll()
+{
+    Whole whole{{}, 0};
+    std::string from = m_names.begin();
+    for (;;) {
+        engine::Page page = m_engine.read(from, m_names.end(), whole.revision, PageLength, Patience);
+        if (!page.good) {
+            failed(page.why);
+            return std::nullopt;
+        }
+        if (whole.revision == 0)
+            whole.revision = page.revision;
+        for (engine::Entry& entry : page.entries)
+            whole.entries.push_back(std::move(entry));
+        if (!page.more || whole.entries.empty())
+            return whole;
+        from = whole.entries.back().key + '\0';
+    }
+}
+
+} // namespace obregd

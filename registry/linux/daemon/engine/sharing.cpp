@@ -1,0 +1,410 @@
+#include "daemon/engine/sharing.h"
+
+#include <algorithm>
+#include <unistd.h>
+
+#include "daemon/log.h"
+#include "obreg/roots.h"
+
+namespace obregd {
+
+namespace {
+
+using engine::Compare;
+
+using engine::Outcome;
+using engine::Revision;
+
+constexpr size_t SlotsOfATree = 64;
+constexpr size_t EventsAtOnce = 2000;                // applied in one transaction, about
+constexpr auto Tick = std::chrono::milliseconds(20); // while somebody waits
+constexpr auto ShortPause = std::chrono::milliseconds(5);
+constexpr auto SettlePause = std::chrono::milliseconds(50);
+constexpr auto LongPause = std::chrono::milliseconds(500); // after a failure
+constexpr auto Patience = std::chrono::milliseconds(2000); // with one answer
+
+std::string randomName()
+{
+    unsigned char random[8] = {};
+    if (getentropy(random, sizeof random) != 0)
+        throw std::runtime_error("no random numbers can be had");
+    std::string name;
+    for (const unsigned char byte : random)
+        for (const int digit : {byte >> 4, byte & 15})
+            name += "0123456789abcdef"[digit];
+    return name;
+}
+
+size_t bytesOf(const engine::Transaction& transaction)
+{
+    size_t bytes = 0;
+    for (const Compare& compare : transaction.compares)
+        bytes += compare.key.size() + compare.end.size() + compare.value.size();
+    for (const engine::Operation& operation : transaction.operations)
+        bytes += operation.key.size() + operation.end.size() + operation.value.size();
+    return bytes;
+}
+
+} // namespace
+
+Sharing::Sharing(WritableStore& store, std::unique_ptr<engine::Engine> pEngine, const std::vector<Share>& shares,
+                 std::chrono::milliseconds patience)
+    : m_store(store), m_patience(patience), m_daemon(randomName()), m_proposer(store, m_copies),
+      m_pEngine(std::move(pEngine))
+{
+    for (const Share& share : shares) {
+        SharedCopy& copy = *m_copies.emplace_back(std::make_unique<SharedCopy>(store, share.name, share.top));
+        Tree& tree = m_trees.emplace_back();
+        tree.name = share.name;
+        tree.applied = copy.revision();
+        for (size_t i = 0; i < SlotsOfATree; ++i)
+            tree.slots.push_back({copy.names().underWay(m_daemon, i), {}});
+    }
+}
+
+Sharing::~Sharing() { end(); }
+
+JobList Sharing::end()
+{
+    JobList all;
+    const auto take = [&](JobPtr& pJob) {
+        if (pJob == nullptr)
+            return;
+        refuse(*pJob, OBREG_STATUS_ENGINE_AWAY);
+        all.append(std::move(pJob));
+    };
+    for (UnderWay& one : m_underWay)
+        take(one.pJob);
+    for (Again& one : m_again)
+        take(one.pJob);
+    m_again.clear();
+    for (Tree& tree : m_trees)
+        tree.pKeeper.reset();
+    {
+        const std::lock_guard lock(m_mutex);
+        m_ending = true;
+    }
+    m_ends.notify_all();
+    if (m_clock.joinable())
+        m_clock.join();
+    m_pEngine.reset(); // its last outcomes come meanwhile
+    return all;
+}
+
+void Sharing::start(std::function<void()> wake)
+{
+    m_wake = std::move(wake);
+    for (Tree& tree : m_trees)
+        tree.pKeeper = std::make_unique<ShareKeeper>(*m_pEngine, tree.name, tree.applied, m_wake);
+    m_clock = std::thread([this] {
+        std::unique_lock lock(m_mutex);
+        while (!m_ending) {
+            m_ends.wait_for(lock, Tick);
+            lock.unlock();
+            if (m_ticks)
+                m_wake();
+            lock.lock();
+        }
+    });
+}
+
+void Sharing::serve(Job& job, const std::function<void(SharedCalls&)>& act)
+{
+    if (job.pShared != nullptr)
+        job.pShared->proposal.reset();
+    SharedCalls calls;
+    const int64_t before = m_store.journal().last();
+    WritableStore::Savepoint savepoint(m_store);
+    act(calls);
+    try {
+        std::optional<Proposal> proposal;
+        if (calls.sync) {
+            const EntryNames& names = m_copies[*calls.sync]->names();
+            proposal = {*calls.sync, {{}, {{engine::Operation::Kind::Put, names.sync(m_daemon), "sync"}}}};
+        } else {
+            proposal = m_proposer.propose(before, calls.lookedAt);
+        }
+        if (!proposal)
+            return savepoint.keep();
+        if (job.pPlan != nullptr) {
+            const EntryNames& names = m_copies[proposal->share]->names();
+            const std::string token = names.token(job.peer.uid, job.pPlan->token);
+            proposal->transaction.compares.push_back({Compare::What::Created, Compare::Is::Equal, token});
+            proposal->transaction.operations.push_back(
+                {engine::Operation::Kind::Put, token, std::to_string(job.pPlan->hash)});
+        }
+        if (job.pShared == nullptr)
+            job.pShared = std::make_shared<SharedWork>();
+        job.pShared->proposal = std::move(proposal);
+    } catch (const CannotPropose& cannot) {
+        refuse(job, cannot.status);
+        if (job.pPlan != nullptr)
+            rememberRefusal(job.peer.uid, job.pPlan->token, {cannot.status, {}, cannot.pWhy});
+    }
+}
+
+void Sharing::send(JobList& batch)
+{
+    JobList others;
+    while (!batch.empty()) {
+        JobPtr pJob = batch.pop();
+        if (pJob->pShared == nullptr || !pJob->pShared->proposal)
+            others.append(std::move(pJob));
+        else
+            propose(std::move(pJob));
+    }
+    batch = std::move(others);
+    m_ticks = !isIdle();
+}
+
+engine::Compare Sharing::slotIs(const Slot& slot)
+{
+    if (slot.value.empty())
+        return {Compare::What::Created, Compare::Is::Equal, slot.entry};
+    return {Compare::What::Value, Compare::Is::Equal, slot.entry, {}, 0, slot.value};
+}
+
+void Sharing::propose(JobPtr pJob)
+{
+    SharedWork& work = *pJob->pShared;
+    if (!work.deadline)
+        work.deadline = Clock::now() + m_patience;
+    Tree& tree = m_trees[work.proposal->share];
+    const auto slot = std::find_if(tree.slots.begin(), tree.slots.end(), [](const Slot& one) { return one.isFree; });
+    if (slot == tree.slots.end())
+        return again(std::move(pJob), ShortPause);
+    engine::Transaction transaction = std::move(work.proposal->transaction);
+    const size_t index = work.proposal->share;
+    const Clock::time_point deadline = *work.deadline;
+    const auto place =
+        m_underWay.insert(m_underWay.end(), {std::move(pJob), index, static_cast<size_t>(slot - tree.slots.begin()),
+                                             std::to_string(++m_lastId), deadline});
+    slot->isFree = false;
+    transaction.compares.push_back(slotIs(*slot));
+    transaction.operations.push_back({engine::Operation::Kind::Put, slot->entry, place->id});
+    transaction.asked = slot->entry;
+    if (std::max(transaction.operations.size(), transaction.compares.size()) > m_pEngine->mostOperations() ||
+        bytesOf(transaction) > m_pEngine->longestValue()) {
+        Outcome outcome;
+        outcome.end = Outcome::End::Refused;
+        outcome.why = "too large for one transaction of the engine";
+        const std::lock_guard lock(m_mutex);
+        m_outcomes.emplace_back(place, std::move(outcome));
+        return;
+    }
+    commit(place, std::move(transaction));
+}
+
+void Sharing::commit(Place place, engine::Transaction&& transaction)
+{
+    m_pEngine->commit(std::move(transaction), Patience, [this, place](Outcome&& outcome) {
+        {
+            const std::lock_guard lock(m_mutex);
+            m_outcomes.emplace_back(place, std::move(outcome));
+        }
+        m_wake();
+    });
+}
+
+void Sharing::settleLater(Place place)
+{
+    place->is = UnderWay::ToSettle;
+    place->notBefore = Clock::now() + SettlePause;
+}
+
+/// Finds out what became of a change of which no answer came, and sees to it that it is not done any more.
+void Sharing::settle(Place place)
+{
+    place->is = UnderWay::Settling;
+    const Slot& slot = m_trees[place->tree].slots[place->slot];
+    engine::Transaction transaction{
+        {slotIs(slot)}, {{engine::Operation::Kind::Put, slot.entry, place->id + '!'}}, slot.entry};
+    commit(place, std::move(transaction));
+}
+
+void Sharing::decide(Place place, Outcome&& outcome)
+{
+    Slot& slot = m_trees[place->tree].slots[place->slot];
+    const auto isSet = [&](const std::string& value) { return outcome.asked && outcome.asked->value == value; };
+    const auto free = [&](const std::string& value) {
+        slot.value = value;
+        slot.isFree = true;
+    };
+    const bool settles = place->is == UnderWay::Settling;
+    const auto done = [&](int64_t revision) {
+        free(place->id);
+        place->is = UnderWay::Done;
+        place->revision = revision;
+        if (place->pJob == nullptr)
+            m_underWay.erase(place);
+    };
+    const auto runAgain = [&] {
+        if (place->pJob != nullptr)
+            again(std::move(place->pJob), ShortPause);
+        m_underWay.erase(place);
+    };
+    switch (outcome.end) {
+    case Outcome::End::Done:
+        if (!settles)
+            return done(outcome.revision);
+        free(place->id + '!');
+        return runAgain();
+    case Outcome::End::NotDone:
+        if (isSet(place->id))
+            return done(outcome.asked->modified);
+        if (settles && !isSet(place->id + '!'))
+            return settleLater(place); // it is nobody else's: try again
+        free(outcome.asked ? outcome.asked->value : std::string());
+        return runAgain();
+    case Outcome::End::Refused: {
+        if (settles)
+            return settleLater(place);
+        free(slot.value);
+        if (place->pJob != nullptr) {
+            logLine(LOG_WARNING, "share %s: a change was refused: %s", m_trees[place->tree].name.c_str(),
+                    outcome.why.c_str());
+            refuse(*place->pJob, OBREG_STATUS_TOO_LARGE);
+            place->revision = 0;
+            place->is = UnderWay::Done;
+        } else {
+            m_underWay.erase(place);
+        }
+        return;
+    }
+    case Outcome::End::Unknown:
+        return settleLater(place);
+    }
+}
+
+void Sharing::again(JobPtr pJob, Clock::duration pause) { m_again.push_back({std::move(pJob), Clock::now() + pause}); }
+
+/// What waits of a tree is applied, in transactions of a bounded size.
+void Sharing::applyNews(Tree& tree, size_t index, Transactions& transactions)
+{
+    ShareKeeper::News news = tree.pKeeper->take();
+    if (news.whole) {
+        tree.waiting = std::move(news);
+        tree.notBefore = {};
+    } else {
+        std::move(news.revisions.begin(), news.revisions.end(), std::back_inserter(tree.waiting.revisions));
+    }
+    SharedCopy& copy = *m_copies[index];
+    const auto ignore = [](const std::string&) {};
+    if (Clock::now() < tree.notBefore)
+        return;
+    bool good = true;
+    if (tree.waiting.whole) {
+        std::vector<Revision> pieces;
+        const int64_t revision = tree.waiting.whole->revision;
+        const auto entries = tree.waiting.whole->entries; // in case it fails
+        good = transactions.runOne([&] { pieces = copy.difference(std::vector(entries), revision); });
+        for (size_t i = 0; good && i < pieces.size(); ++i)
+            good = transactions.runOne([&] { copy.apply(pieces[i], ignore); });
+        good = good && transactions.runOne([&] { copy.setRevision(revision); });
+        if (good) {
+            tree.waiting.whole.reset();
+            tree.applied = revision;
+        }
+    }
+    std::vector<Revision>& waiting = tree.waiting.revisions;
+    size_t at = 0;
+    while (good && at < waiting.size()) {
+        size_t end = at;
+        for (size_t events = 0; end < waiting.size() && events < EventsAtOnce; ++end)
+            events += waiting[end].events.size();
+        good = transactions.runOne([&] {
+            for (size_t i = at; i < end; ++i)
+                copy.apply(waiting[i], ignore);
+            copy.setRevision(waiting[end - 1].number);
+        });
+        if (!good)
+            break;
+        tree.applied = waiting[end - 1].number;
+        at = end;
+    }
+    waiting.erase(waiting.begin(), waiting.begin() + static_cast<ptrdiff_t>(at));
+    m_store.setTime(0);
+    if (!good)
+        tree.notBefore = Clock::now() + LongPause;
+}
+
+/// Its change is here. Where the reply says more than that it was done, it is made now.
+void Sharing::answer(Job& job)
+{
+    job.pShared.reset();
+    const auto type = job.pOperation->type;
+    if (job.pPlan != nullptr || (type != ReqMessage::CreateKeyReqMsgType && type != ReqMessage::QueryValueReqMsgType))
+        return;
+    SharedCalls calls;
+    calls.isDone = true;
+    try {
+        Session session{m_store, nullptr, job.peer};
+        session.pShared = &calls;
+        job.reply = job.pOperation->serve(session, job.request.text());
+    } catch (const NeedsWriter&) { // somebody else has deleted it already
+        refuse(job, OBREG_STATUS_KEY_DELETED);
+    } catch (const std::exception&) {
+        refuse(job, OBREG_STATUS_STORE_FAILED);
+    }
+}
+
+JobList Sharing::turn(Transactions& transactions)
+{
+    for (size_t i = 0; i < m_trees.size(); ++i)
+        applyNews(m_trees[i], i, transactions);
+    std::vector<std::pair<Place, Outcome>> outcomes;
+    {
+        const std::lock_guard lock(m_mutex);
+        outcomes.swap(m_outcomes);
+    }
+    for (auto& [place, outcome] : outcomes)
+        decide(place, std::move(outcome));
+    JobList answered;
+    const Clock::time_point now = Clock::now();
+    for (auto at = m_underWay.begin(); at != m_underWay.end();) {
+        const auto next = std::next(at);
+        if (at->is == UnderWay::ToSettle && now >= at->notBefore)
+            settle(at);
+        const bool isHere = at->is == UnderWay::Done && at->revision <= m_trees[at->tree].applied;
+        if (at->pJob != nullptr && (isHere || now >= at->deadline)) {
+            if (isHere && at->revision != 0)
+                answer(*at->pJob);
+            else if (!isHere)
+                refuse(*at->pJob, OBREG_STATUS_ENGINE_AWAY);
+            at->pJob->pShared.reset();
+            answered.append(std::move(at->pJob));
+            if (at->is == UnderWay::Done)
+                m_underWay.erase(at);
+        }
+        at = next;
+    }
+    runAgain(transactions, answered);
+    m_ticks = !isIdle();
+    return answered;
+}
+
+void Sharing::runAgain(Transactions& transactions, JobList& answered)
+{
+    const Clock::time_point now = Clock::now();
+    JobList due;
+    for (auto at = m_again.begin(); at != m_again.end();) {
+        const auto next = std::next(at);
+        if (now >= *at->pJob->pShared->deadline) {
+            refuse(*at->pJob, OBREG_STATUS_ENGINE_AWAY);
+            answered.append(std::move(at->pJob));
+            m_again.erase(at);
+        } else if (now >= at->notBefore) {
+            due.append(std::move(at->pJob));
+            m_again.erase(at);
+        }
+        at = next;
+    }
+    while (!due.empty()) {
+        const auto next = [&] { return due.empty() ? nullptr : due.pop(); };
+        JobList batch = transactions.run(next);
+        send(batch);
+        answered.append(std::move(batch));
+    }
+}
+
+} // namespace obregd
