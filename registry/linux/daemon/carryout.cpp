@@ -89,7 +89,7 @@ private:
         }
         if (step.kind == Step::RequireUnchanged)
             return judgeUnchanged(step);
-        if (dynamicKey(m_key) != nullptr) // some look through the journal: too long for the thread that writes
+        if (dynamicKey(m_key) != 0) // some look through the journal: too long for the thread that writes
             refuse(OBREG_STATUS_BAD_TRANSACTION, step, "what is made on demand is no condition");
         UINT32 type = 0;
         const char* pData = nullptr;

@@ -26,6 +26,11 @@
 // of the oldest change that is kept, and that of the last one; then, for each change, its number, time, uid, pid, what
 // was done, the path from the asked key, the value's name, what was there before (docs/daemon.md tells how), and
 // `secret` for a value of a secret key, separated by tabs.
+//
+// `Shared`, where trees are shared with other machines, has a key for each share: State ("connected", "reading" or
+// "away: why"), Revision (of the engine, up to which all is here), Lag (milliseconds for which the engine was not
+// reached) and Members (the engine's). A query of its value `Sync` is answered, with the revision, when all is here
+// that the engine had when it was asked.
 #ifndef OBREG_DAEMON_DYNAMIC_H
 #define OBREG_DAEMON_DYNAMIC_H
 
@@ -42,6 +47,7 @@ inline constexpr KeyId DynamicId = LastKeyId + 1;
 inline constexpr KeyId ChangesId = DynamicId + 1;
 inline constexpr KeyId TransactionsId = DynamicId + 2;
 inline constexpr KeyId HistoryId = DynamicId + 3;
+inline constexpr KeyId SharedId = DynamicId + 4; ///< and behind it one for each share
 
 /// The keys of HKEY_DYN_DATA, each with a handle of its own.
 struct DynamicKey {
@@ -52,9 +58,14 @@ struct DynamicKey {
 inline constexpr uint32_t TransactionsHandle = 0x80000011;
 inline constexpr DynamicKey DynamicKeys[] = {{ChangesId, 0x80000010, "Changes"},
                                              {TransactionsId, TransactionsHandle, "Transactions"},
-                                             {HistoryId, 0x80000012, "History"}};
-/// Null for the handle of another key.
-const DynamicKey* dynamicKey(HANDLE handle);
+                                             {HistoryId, 0x80000012, "History"},
+                                             {SharedId, 0x80000013, "Shared"}};
+inline constexpr uint32_t FirstShareHandle = 0x80000020;
+/// The key that a handle stands for, and the handle of a key; 0: of another key.
+KeyId dynamicKey(HANDLE handle);
+uint32_t dynamicHandle(KeyId key);
+/// Which share a key tells of.
+std::optional<size_t> shareOf(KeyId key);
 
 /// What a query of Changes asks for.
 struct Wait {

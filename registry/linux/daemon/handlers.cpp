@@ -31,9 +31,8 @@ HANDLE handleOf(KeyId id)
     for (const auto& root : Roots)
         if (root.id == id)
             return root.handle;
-    for (const DynamicKey& key : DynamicKeys)
-        if (key.id == id)
-            return reinterpret_cast<HANDLE>(uintptr_t{key.handle});
+    if (const uint32_t handle = dynamicHandle(id); handle != 0)
+        return reinterpret_cast<HANDLE>(uintptr_t{handle});
     return reinterpret_cast<HANDLE>(static_cast<uintptr_t>(id));
 }
 
@@ -62,8 +61,7 @@ KeyId idOf(const Session& session, HANDLE handle)
     const auto number = reinterpret_cast<uintptr_t>(handle);
     if (number > PerformanceId && number <= LastKeyId)
         return static_cast<KeyId>(number);
-    const DynamicKey* const pKey = dynamicKey(handle);
-    return pKey == nullptr ? 0 : pKey->id;
+    return dynamicKey(handle);
 }
 
 REGSTATUS findById(const Session& session, KeyId id, Key& key)
@@ -214,6 +212,20 @@ REGSTATUS queryHistory(const Session& session, const std::string& name, std::str
     return Success;
 }
 
+/// Answers when the copy of a shared tree is as new as the engine was when it was asked.
+REGSTATUS syncShare(const Session& session, KeyId id, UINT32& type, const char*& pData, UINT32& length)
+{
+    if (session.pShared == nullptr)
+        throw NeedsWriter();
+    if (!session.pShared->isDone)
+        session.pShared->sync = shareOf(id);
+    const std::optional<Value> revision = session.at(id).value(id, "Revision");
+    type = revision->type;
+    pData = revision->pData;
+    length = revision->length;
+    return Success;
+}
+
 } // namespace
 
 KeyId storedKey(const Session& session, HANDLE handle)
@@ -328,6 +340,8 @@ REGSTATUS queryValue(const Session& session, const QueryValueReqMsg& request, UI
         length = static_cast<UINT32>(text.size());
         return Success;
     }
+    if (shareOf(id) && strcasecmp(request.m_valueName.c_str(), "Sync") == 0)
+        return syncShare(session, id, type, pData, length);
     if (const auto value = session.at(id).value(id, request.m_valueName)) {
         type = value->type;
         pData = value->pData;

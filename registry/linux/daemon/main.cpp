@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 
 #include "common/ipcint.h"
+#include "daemon/engine/sharing.h"
 #include "daemon/figures.h"
 #include "daemon/files.h"
 #include "daemon/log.h"
@@ -144,7 +145,14 @@ void serve(const Options& options)
         activated.get() < 0 ? ListeningSocket(options.socketPath) : ListeningSocket(std::move(activated));
     QuickCheck check(options.storePath);
     StoreGuard guard(writableStore, storeIdentity, diskSpace, check);
-    Server server(socket.releaseDescriptor(), store, writableStore, options.limits, &guard);
+    std::optional<Sharing> sharing;
+    if (!options.sharing.shares.empty()) {
+        const std::vector<Share> shares = prepareShares(writableStore, options.sharing.shares);
+        sharing.emplace(writableStore, loadEngine(options.sharing), shares, options.sharing.patience);
+        setShareViews(sharing->views());
+    }
+    Server server(socket.releaseDescriptor(), store, writableStore, options.limits, &guard,
+                  sharing ? &*sharing : nullptr);
     addChores(server, socket, store, check, watchdog);
     logLine(LOG_NOTICE, "listening on %s, storing in %s", socket.path().c_str(), options.storePath.c_str());
     systemd::notify("READY=1");

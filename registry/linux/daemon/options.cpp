@@ -8,6 +8,47 @@
 
 namespace obregd {
 
+namespace {
+
+void addSharing(CLI::App& app, SharingOptions& sharing)
+{
+    const auto addShare = [&sharing](const std::string& text) {
+        try {
+            sharing.shares.push_back(parseShare(text));
+        } catch (const std::runtime_error& error) {
+            throw CLI::ValidationError("--share", error.what());
+        }
+    };
+    CLI::Option* const pEngine = app.add_option("--engine", sharing.engine.endpoints,
+                                                "Where the members of the engine are, https://HOST:PORT, with commas "
+                                                "between them")
+                                     ->type_name("URLS")
+                                     ->delimiter(',');
+    const auto need = [pEngine](CLI::Option* pOption) { return pOption->needs(pEngine); };
+    need(app.add_option_function<std::string>("--share", addShare,
+                                              "Share a key, with all below it, with other machines under a name, as "
+                                              "'HKLM\\Shared=NAME'; may be given again")
+             ->type_name("KEY=NAME")
+             ->take_all()
+             ->trigger_on_parse());
+    need(app.add_option("--engine-ca", sharing.engine.authority, "Certificates that the engine's is checked with"))
+        ->type_name("FILE");
+    need(app.add_option("--engine-cert", sharing.engine.certificate, "Certificate to show to the engine"))
+        ->type_name("FILE");
+    need(app.add_option("--engine-key", sharing.engine.key, "Its key"))->type_name("FILE");
+    need(app.add_option("--engine-user", sharing.engine.user, "Name to give to the engine"))->type_name("NAME");
+    need(app.add_option("--engine-password", sharing.passwordFile, "File whose first line is the password"))
+        ->type_name("FILE");
+    need(app.add_option("--engine-patience", sharing.patience,
+                        "Time for which a write waits for the engine before it is refused"))
+        ->type_name("SECONDS")
+        ->capture_default_str();
+    need(app.add_option("--engine-library", sharing.library, "The engine's library [that of the package obregd-etcd]"))
+        ->type_name("FILE");
+}
+
+} // namespace
+
 std::optional<Options> parseOptions(int argc, const char* const* argv, int* pExitCode)
 {
     Options options;
@@ -82,6 +123,7 @@ std::optional<Options> parseOptions(int argc, const char* const* argv, int* pExi
         ->check(CLI::Range(1, 86400).description(""))
         ->type_name("SECONDS")
         ->capture_default_str();
+    addSharing(app, options.sharing);
     CLI::Option* const pCheck = app.add_flag(
         "--check", options.check, "Check the store instead, which a daemon may be using; 1 if it is unsound");
     CLI::Option* const pBackup = app.add_option("--backup", options.backupPath,

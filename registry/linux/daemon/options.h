@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "daemon/engine/shares.h"
 #include "daemon/govern/quota.h"
 #include "daemon/govern/secrecy.h"
 #include "daemon/plan.h"
@@ -50,6 +51,7 @@ struct Options {
     Quota quota;
     uint64_t history = 64 * MiB;        ///< bytes of the journal; 0: what watchers need
     std::vector<SecretPattern> secrets; ///< keys of whose values the journal keeps no data
+    SharingOptions sharing;
     int verbosity = 0;
 };
 

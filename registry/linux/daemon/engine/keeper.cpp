@@ -16,9 +16,9 @@ constexpr auto MembersPause = std::chrono::seconds(10); // between two questions
 
 } // namespace
 
-ShareKeeper::ShareKeeper(engine::Engine& engine, std::string share, int64_t revision, std::function<void()> wake)
-    : m_engine(engine), m_share(std::move(share)), m_names(m_share), m_wake(std::move(wake)), m_revision(revision),
-      m_thread([this] { run(); })
+ShareKeeper::ShareKeeper(engine::Engine& engine, std::shared_ptr<ShareView> pView, std::function<void()> wake)
+    : m_engine(engine), m_pView(std::move(pView)), m_names(m_pView->name), m_wake(std::move(wake)),
+      m_revision(m_pView->revision), m_thread([this] { run(); })
 {}
 
 ShareKeeper::~ShareKeeper()
@@ -43,15 +43,6 @@ ShareKeeper::News ShareKeeper::take()
     return news;
 }
 
-ShareKeeper::State ShareKeeper::state() const
-{
-    const std::lock_guard lock(m_mutex);
-    State state = m_state;
-    if (state.is == State::Connected)
-        state.since = Clock::now();
-    return state;
-}
-
 void ShareKeeper::changed(std::vector<engine::Revision>&& revisions)
 {
     {
@@ -70,7 +61,7 @@ void ShareKeeper::compacted()
     logLine(LOG_WARNING,
             "share %s: the engine no longer has what changed since its revision %" PRId64
             ", for it was compacted; the whole tree is read again",
-            m_share.c_str(), m_revision);
+            m_pView->name.c_str(), m_revision);
     {
         const std::lock_guard lock(m_mutex);
         m_isOutdated = true;
@@ -80,31 +71,22 @@ void ShareKeeper::compacted()
 
 void ShareKeeper::reached(bool isReached, const std::string& why)
 {
-    bool isNews = false;
-    {
-        const std::lock_guard lock(m_mutex);
-        isNews = isReached != (m_state.is == State::Connected);
-        m_state.since = Clock::now();
-        m_state.is = isReached ? State::Connected : State::Away;
-        m_state.why = why;
-    }
+    using Is = ShareView::Is;
+    const Is before = m_pView->set(isReached ? Is::Connected : Is::Away, why);
+    const bool isNews = isReached != (before == Is::Connected);
     if (isNews && isReached)
-        logLine(LOG_NOTICE, "share %s: the engine is reached", m_share.c_str());
-    else if (isNews)
-        logLine(LOG_WARNING, "share %s: the engine cannot be reached: %s; reads go on, writes wait", m_share.c_str(),
-                why.c_str());
+        logLine(LOG_NOTICE, "share %s: the engine is reached", m_pView->name.c_str());
+    else if (!isReached && before != Is::Away)
+        logLine(LOG_WARNING, "share %s: the engine cannot be reached: %s; reads go on, writes wait",
+                m_pView->name.c_str(), why.c_str());
     m_wake();
 }
 
 void ShareKeeper::failed(const std::string& why)
 {
-    bool isReached = false;
-    {
-        const std::lock_guard lock(m_mutex);
-        isReached = m_state.is != State::Away;
-    }
-    if (isReached)
-        reached(false, why);
+    if (m_pView->set(ShareView::Is::Away, why) != ShareView::Is::Away)
+        logLine(LOG_WARNING, "share %s: the engine cannot be reached: %s; reads go on, writes wait",
+                m_pView->name.c_str(), why.c_str());
 }
 
 /// False when it is to end.
@@ -135,8 +117,8 @@ void ShareKeeper::run()
         while (!m_ending && !m_isOutdated) {
             lock.unlock();
             std::string members = m_engine.members(Patience);
+            m_pView->setMembers(std::move(members));
             lock.lock();
-            m_state.members = std::move(members);
             m_changed.wait_for(lock, MembersPause, [this] { return m_ending || m_isOutdated; });
         }
         const bool ends = m_ending;
@@ -165,7 +147,7 @@ bool ShareKeeper::isCurrent(int64_t revision)
         const engine::Page page = m_engine.read(m_names.begin(), m_names.end(), 0, 1, Patience);
         if (page.good && page.revision < revision)
             logLine(LOG_WARNING, "share %s: the engine is older than the copy here, which is replaced by what it has",
-                    m_share.c_str());
+                    m_pView->name.c_str());
         if (page.good)
             return page.revision >= revision;
         failed(page.why);

@@ -12,13 +12,15 @@
 
 #include "daemon/engine/engine.h"
 #include "daemon/engine/entries.h"
+#include "daemon/engine/shareview.h"
 
 namespace obregd {
 
 class ShareKeeper final : private engine::Watcher {
 public:
-    /// Goes on after that revision; 0: reads all. `wake` is called, on other threads, when there is something to take.
-    ShareKeeper(engine::Engine& engine, std::string share, int64_t revision, std::function<void()> wake);
+    /// Goes on after the view's revision; 0: reads all. `wake` is called, on other threads, when there is something to
+    /// take. The view tells its state from now on.
+    ShareKeeper(engine::Engine& engine, std::shared_ptr<ShareView> pView, std::function<void()> wake);
     ~ShareKeeper() override;
     ShareKeeper(const ShareKeeper&) = delete;
     ShareKeeper& operator=(const ShareKeeper&) = delete;
@@ -34,14 +36,6 @@ public:
     };
     News take();
 
-    struct State {
-        enum Is { Reading, Away, Connected } is;
-        std::chrono::steady_clock::time_point since; ///< when it was last connected; now, while it is
-        std::string why;                             ///< it is away
-        std::string members;
-    };
-    State state() const;
-
 private:
     using Clock = std::chrono::steady_clock;
 
@@ -55,14 +49,13 @@ private:
     void failed(const std::string& why);
 
     engine::Engine& m_engine;
-    const std::string m_share;
+    const std::shared_ptr<ShareView> m_pView;
     const EntryNames m_names;
     const std::function<void()> m_wake;
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
     News m_news;
     size_t m_waiting = 0; // events in it
-    State m_state{State::Reading, Clock::now(), {}, {}};
     int64_t m_revision;
     bool m_isOutdated = false;
     bool m_ending = false;

@@ -6,7 +6,7 @@
 #include <stdexcept>
 
 #include "daemon/engine/copy.h"
-#include "daemon/outcomes.h"
+#include "daemon/govern/names.h"
 #include "obreg/roots.h"
 
 namespace obregd {
@@ -15,7 +15,10 @@ namespace {
 
 KeyId rootOf(HANDLE root)
 {
-    return root == HKEY_LOCAL_MACHINE ? MachineId : root == HKEY_USERS ? UsersId : root == HKEY_CLASSES_ROOT ? ClassesId : 0;
+    return root == HKEY_LOCAL_MACHINE  ? MachineId
+           : root == HKEY_USERS        ? UsersId
+           : root == HKEY_CLASSES_ROOT ? ClassesId
+                                       : 0;
 }
 
 /// The key at a path, with those above it made when they are not there.
@@ -70,8 +73,9 @@ std::vector<Share> prepareShares(WritableStore& store, const std::vector<ShareOp
     for (const ShareOption& option : options) {
         for (const ShareOption& other : options)
             if (&other != &option && (option.key.isWithin(other.key) || option.name == other.name))
-                throw std::runtime_error(option.key.text() + ": is shared twice, or below another shared key, or has the "
-                                                             "name of another share; share each key once");
+                throw std::runtime_error(option.key.text() +
+                                         ": is shared twice, or below another shared key, or has the "
+                                         "name of another share; share each key once");
         const KeyId top = keyAt(store, option.key);
         const Key key = *store.key(top);
         if ((key.subKeys != 0 || key.values != 0) && SharedCopy(store, option.name, top).revision() == 0)

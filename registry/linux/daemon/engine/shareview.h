@@ -5,24 +5,43 @@
 #define OBREGD_ENGINE_SHAREVIEW_H
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
-#include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
 namespace obregd {
 
-struct ShareView {
-    std::string name;
+class ShareView {
+public:
+    explicit ShareView(std::string share) : name(std::move(share)) {}
+
+    const std::string name;
     std::atomic<int64_t> revision{0}; ///< of the engine, up to which all is here
+
     /// "connected", "reading" or "away: why"; milliseconds for which nothing was heard; who makes up the engine.
     struct State {
         std::string text;
         uint64_t lag;
         std::string members;
     };
-    std::function<State()> state;
+    State state() const;
+
+    enum class Is { Reading, Away, Connected };
+    /// Returns what it was.
+    Is set(Is is, const std::string& why = {});
+    void setMembers(std::string members);
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    mutable std::mutex m_mutex; // guards what follows
+    Is m_is = Is::Reading;
+    Clock::time_point m_heard = Clock::now(); // when it was last connected
+    std::string m_why;
+    std::string m_members;
 };
 
 using ShareViews = std::vector<std::shared_ptr<ShareView>>;

@@ -55,8 +55,8 @@ Sharing::Sharing(WritableStore& store, std::unique_ptr<engine::Engine> pEngine, 
     for (const Share& share : shares) {
         SharedCopy& copy = *m_copies.emplace_back(std::make_unique<SharedCopy>(store, share.name, share.top));
         Tree& tree = m_trees.emplace_back();
-        tree.name = share.name;
-        tree.applied = copy.revision();
+        tree.pView = std::make_shared<ShareView>(share.name);
+        tree.pView->revision = copy.revision();
         for (size_t i = 0; i < SlotsOfATree; ++i)
             tree.slots.push_back({copy.names().underWay(m_daemon, i), {}});
     }
@@ -91,11 +91,19 @@ JobList Sharing::end()
     return all;
 }
 
+ShareViews Sharing::views() const
+{
+    ShareViews views;
+    for (const Tree& tree : m_trees)
+        views.push_back(tree.pView);
+    return views;
+}
+
 void Sharing::start(std::function<void()> wake)
 {
     m_wake = std::move(wake);
     for (Tree& tree : m_trees)
-        tree.pKeeper = std::make_unique<ShareKeeper>(*m_pEngine, tree.name, tree.applied, m_wake);
+        tree.pKeeper = std::make_unique<ShareKeeper>(*m_pEngine, tree.pView, m_wake);
     m_clock = std::thread([this] {
         std::unique_lock lock(m_mutex);
         while (!m_ending) {
@@ -261,7 +269,7 @@ void Sharing::decide(Place place, Outcome&& outcome)
             return settleLater(place);
         free(slot.value);
         if (place->pJob != nullptr) {
-            logLine(LOG_WARNING, "share %s: a change was refused: %s", m_trees[place->tree].name.c_str(),
+            logLine(LOG_WARNING, "share %s: a change was refused: %s", m_trees[place->tree].pView->name.c_str(),
                     outcome.why.c_str());
             refuse(*place->pJob, OBREG_STATUS_TOO_LARGE);
             place->revision = 0;
@@ -303,7 +311,7 @@ void Sharing::applyNews(Tree& tree, size_t index, Transactions& transactions)
         good = good && transactions.runOne([&] { copy.setRevision(revision); });
         if (good) {
             tree.waiting.whole.reset();
-            tree.applied = revision;
+            tree.pView->revision = revision;
         }
     }
     std::vector<Revision>& waiting = tree.waiting.revisions;
@@ -319,7 +327,7 @@ void Sharing::applyNews(Tree& tree, size_t index, Transactions& transactions)
         });
         if (!good)
             break;
-        tree.applied = waiting[end - 1].number;
+        tree.pView->revision = waiting[end - 1].number;
         at = end;
     }
     waiting.erase(waiting.begin(), waiting.begin() + static_cast<ptrdiff_t>(at));
@@ -365,7 +373,7 @@ JobList Sharing::turn(Transactions& transactions)
         const auto next = std::next(at);
         if (at->is == UnderWay::ToSettle && now >= at->notBefore)
             settle(at);
-        const bool isHere = at->is == UnderWay::Done && at->revision <= m_trees[at->tree].applied;
+        const bool isHere = at->is == UnderWay::Done && at->revision <= m_trees[at->tree].pView->revision;
         if (at->pJob != nullptr && (isHere || now >= at->deadline)) {
             if (isHere && at->revision != 0)
                 answer(*at->pJob);

@@ -18,15 +18,11 @@
 
 #include "daemon/engine/keeper.h"
 #include "daemon/engine/proposal.h"
+#include "daemon/engine/shares.h"
+#include "daemon/engine/shareview.h"
 #include "daemon/serve/transactions.h"
 
 namespace obregd {
-
-/// A key that is shared, and the name of what it shares.
-struct Share {
-    std::string name;
-    KeyId top;
-};
 
 /// What a job carries with it while it is about a shared tree.
 struct SharedWork {
@@ -39,6 +35,9 @@ public:
     Sharing(WritableStore& store, std::unique_ptr<engine::Engine> pEngine, const std::vector<Share>& shares,
             std::chrono::milliseconds patience);
     ~Sharing() override;
+
+    /// What is to be seen of the trees; while this lives.
+    ShareViews views() const;
 
     /// Begins to follow the trees. `wake`: turn() has something to do; any thread.
     void start(std::function<void()> wake) override;
@@ -59,10 +58,9 @@ private:
         bool isFree = true;
     };
     struct Tree {
-        std::string name;
         std::unique_ptr<ShareKeeper> pKeeper;
-        int64_t applied = 0;
-        ShareKeeper::News waiting; ///< to be applied
+        std::shared_ptr<ShareView> pView; ///< its revision is what is applied
+        ShareKeeper::News waiting;        ///< to be applied
         Clock::time_point notBefore{};
         std::vector<Slot> slots;
     };
