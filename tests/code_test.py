@@ -14,7 +14,7 @@ TOP = " ".join(f"daemon/{name}.h" for name in ("figures", "files", "log", "optio
 ROOMS = {  # each folder of the product, and all that it may include of ours: folders and files
     "obreg": "obreg/", "": "none", "common": SHARED, "client": f"{SHARED} client/", "regtext": "obreg/ regtext/",
     "tool": f"obreg/ tool/ regtext/ {STREAMS}",
-    "daemon": f"{SHARED} daemon/ regtext/ {STREAMS}", "daemon/serve": f"{SHARED} daemon/ regtext/",
+    "daemon": f"{SHARED} daemon/ regtext/ {STREAMS}", "daemon/serve": f"{SHARED} daemon/ regtext/", "daemon/engine": f"{SHARED} daemon/ regtext/", "etcd": "daemon/engine/engine.h etcd/",
     "daemon/store": f"{SHARED} {TOP} daemon/store/ daemon/govern/", "daemon/govern": f"{SHARED} {TOP} daemon/govern/",
 }
 INSIDE = {"IpcInit", "IpcShutdown", "OBRegForkHandler", "ReqReply", "getCChannel"}  # visible, but nobody's to call

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "daemon/engine/shares.h"
+#include "daemon/engine/sharingoptions.h"
 #include "daemon/govern/quota.h"
 #include "daemon/govern/secrecy.h"
 #include "daemon/plan.h"

@@ -41,6 +41,7 @@ const struct Verb {
     {"log", "Show what has changed, when, and who did it", Shape::List, declareLog},
     {"blame", "Show who set each value of a key last", Shape::List, declareBlame},
     {"undo", "Take changes back", Shape::Record, declareUndo},
+    {"shared", "Tell how it stands with what machines share, or wait until all is here", Shape::List, declareShared},
     {"ping", "Measure how fast the daemon answers", Shape::Record, declarePing},
     {"get", "Print the data of values", Shape::Record, declareGet},
     {"set", "Store one value", Shape::Record, declareSet},

@@ -47,6 +47,7 @@ Run declarePing(Arguments& arguments);
 Run declareLog(Arguments& arguments);
 Run declareBlame(Arguments& arguments);
 Run declareUndo(Arguments& arguments);
+Run declareShared(Arguments& arguments);
 
 } // namespace obregtool
 

@@ -1,15 +1,13 @@
-// Which keys are shared, as the operator says it, and with which engine.
+// What the operator wants shared, found in the store; and the engine that shares it. At the daemon's start.
 #ifndef OBREGD_ENGINE_SHARES_H
 #define OBREGD_ENGINE_SHARES_H
 
-#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "daemon/engine/engine.h"
+#include "daemon/engine/sharingoptions.h"
 #include "daemon/store/store.h"
-#include "regtext/keypath.h"
 
 namespace obregd {
 
@@ -18,22 +16,6 @@ struct Share {
     std::string name;
     KeyId top;
 };
-
-struct ShareOption {
-    regtext::KeyPath key;
-    std::string name; ///< 1 to 64 letters, digits, '-', '_' and '.'
-};
-
-struct SharingOptions {
-    std::vector<ShareOption> shares;
-    std::string library; ///< of the engine; empty: the one that is installed
-    engine::Options engine;
-    std::string passwordFile;
-    std::chrono::seconds patience{10}; ///< with the engine, before a write is answered that it is away
-};
-
-/// KEY=NAME. Throws std::runtime_error, with what is wrong.
-ShareOption parseShare(const std::string& text);
 
 /// Finds the keys in the store, or makes them. Throws std::runtime_error, with what is wrong, when one has content that
 /// is not the share's, or is below another.
