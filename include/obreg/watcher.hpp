@@ -48,15 +48,12 @@ public:
             std::unique_lock<std::mutex> lock(m_mutex);
             closeDescriptor();
             if (!m_wake.wait_for(lock, Grace, [this] { return m_running == 0; })) {
-                m_asker.detach();
-                m_ender.detach();
                 m_left = true;
+                eachThread([](std::thread& thread) { thread.detach(); });
                 return;
             }
         }
-        for (std::thread* const pThread : {&m_asker, &m_ender})
-            if (pThread->joinable())
-                pThread->join();
+        eachThread([](std::thread& thread) { thread.join(); });
         delete this;
     }
 
@@ -224,6 +221,14 @@ private:
             countRunning(-1);
             throw;
         }
+    }
+
+    template <class Action>
+    void eachThread(Action action)
+    {
+        for (std::thread* const pThread : {&m_asker, &m_ender})
+            if (pThread->joinable()) // if it could be started
+                action(*pThread);
     }
 
     /// Whether this was the last thread of a Watcher that is left to its threads.
