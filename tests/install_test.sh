@@ -25,7 +25,7 @@ if grep -rlI -e "$work/first" -e "$build" -e "$sources" "$root" | grep .; then
 fi
 
 # What else there must be, by the components of the build.
-expected=(include/obreg/{obreg.h,roots.h,registry.hpp,status.hpp,transaction.hpp,value.hpp} share/cmake/obreg/obreg-config.cmake)
+expected=(include/obreg/{changes.hpp,obreg.h,roots.h,registry.hpp,status.hpp,transaction.hpp,value.hpp,watch.hpp,watcher.hpp} share/cmake/obreg/obreg-config.cmake)
 if grep -q ELF64 <<<"$class"; then
     expected+=(bin/obreg sbin/obregd lib/systemd/system/obregd{,-backup,-compact}.service
                lib/systemd/system/{obregd.socket,obregd-{backup,compact}.timer} lib/{sysusers,tmpfiles}.d/obregd.conf

@@ -1,12 +1,18 @@
 // The .reg reader by itself; then a hostile tree through the tool and the real daemon, and out as .reg text and in
 // again.
 #include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <ctime>
 #include <map>
+#include <optional>
 #include <sstream>
 
 #include <gtest/gtest.h>
 
 #include "app.h"
+#include "errors.h"
+#include "moment.h"
 #include "support/read_reg.h"
 #include "support/running_daemon.h"
 #include "text.h"
@@ -240,6 +246,50 @@ TEST(Tool, AHostileTreeSurvivesExportAndImport)
         ASSERT_EQ(tool({"import", file.c_str()}), 0);
         EXPECT_EQ(tool({"compare", "HKLM/Tree", "HKLM/Twin", "-s"}), 0);
     }
+}
+
+TEST(Moment, OfALocalClockThatIsSetForwardAndBack)
+{
+    constexpr const char* Europe = "CET-1CEST,M3.5.0,M10.5.0/3";
+    constexpr const char* AtMidnight = "<-04>4<-03>,M9.1.0/0,M4.1.0/0"; // set back to 23:00
+    constexpr const char* ToMidnight = "<-05>5<-04>,M3.2.0/0,M11.1.0/1";
+    const struct {
+        const char *pZone, *pText, *pSays; ///< the same with a zone, or what a refusal has
+    } rows[] = {
+        {Europe, "2026-10-25 01:59:59", "2026-10-24 23:59:59Z"},
+        {Europe, "2026-10-25 02:30",
+         "twice: it is set back; write the zone behind it: '2026-10-25 02:30 +0200' or "
+         "'2026-10-25 02:30 +0100'"},
+        {Europe, "2026-10-25 03:00", "2026-10-25 02:00Z"},
+        {Europe, "2026-03-29 01:59", "2026-03-29 00:59Z"},
+        {Europe, "2026-03-29 02:30", "never shows"},
+        {Europe, "2026-03-29 03:00", "2026-03-29 01:00Z"},
+        {Europe, "2026-03-29 02:30 +0100", "2026-03-29 01:30Z"},
+        {Europe, "2026-02-30", "no time"},
+        {AtMidnight, "2026-09-06", "2026-09-06 04:00Z"}, // its first moment shows 01:00
+        {AtMidnight, "2026-09-06 00:30", "never shows"},
+        {ToMidnight, "2026-11-01", "2026-11-01 04:00Z"}, // 00:00 comes again an hour later
+        {ToMidnight, "2026-11-01 00:00", "twice"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.pText);
+        setenv("TZ", row.pZone, 1);
+        tzset();
+        std::optional<uint64_t> at;
+        std::string refusal;
+        try {
+            at = momentArgument(row.pText).at;
+        } catch (const UsageError& error) {
+            refusal = error.what();
+        }
+        EXPECT_EQ(at.has_value(), std::isdigit(*row.pSays) != 0) << refusal;
+        if (at)
+            EXPECT_EQ(*at, momentArgument(row.pSays).at);
+        else
+            EXPECT_NE(refusal.find(row.pSays), std::string::npos) << refusal;
+    }
+    unsetenv("TZ");
+    tzset();
 }
 
 } // namespace

@@ -89,7 +89,8 @@ int runVerb(const Common& common, const Verb& verb, Shape shape, const Run& run)
         Output output = makeOutput(common, shape);
         setTimeout(common.timeout,
                    failureText(common.json, {ExitNoDaemon, "not done in time (--timeout)",
-                                             "is obregd running, and not under heavy load? What was written stays"}));
+                                             "is obregd running, and not under heavy load? What was written stays, "
+                                             "of what is one transaction all or nothing"}));
         const int status = run(output);
         output.finish();
         return status;

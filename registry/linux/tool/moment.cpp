@@ -1,5 +1,8 @@
 #include "moment.h"
 
+#include <array>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <map>
@@ -36,13 +39,54 @@ std::optional<int64_t> ago(const std::string& text)
     return std::nullopt;
 }
 
+/// How far the local clock is ahead then, in seconds.
+int64_t aheadAt(time_t time)
+{
+    tm local{};
+    localtime_r(&time, &local);
+    return local.tm_gmtoff;
+}
+
+std::string zoneText(int64_t ahead)
+{
+    const auto minutes = static_cast<int>(std::abs(ahead) / 60);
+    std::array<char, 16> text{};
+    std::snprintf(text.data(), text.size(), "%c%02d%02d", ahead < 0 ? '-' : '+', minutes / 60, minutes % 60);
+    return text.data();
+}
+
+/// The seconds since 1970 of what the local clock shows. A time that it shows twice, or passes over, when it is set
+/// back or forward, must be told with its zone; a day alone begins with the first moment that the clock shows on it.
+std::optional<int64_t> localSeconds(const std::string& text, tm parts, bool dayAlone)
+{
+    const time_t shown = timegm(&parts);
+    const int64_t before = aheadAt(shown - 86400);
+    const int64_t after = aheadAt(shown + 86400);
+    const bool isBefore = aheadAt(shown - before) == before;
+    const bool isAfter = aheadAt(shown - after) == after;
+    if (isBefore != isAfter || before == after)
+        return shown - (isBefore ? before : after);
+    if (dayAlone) { // which can be passed over as a whole, by a zone that crosses the date line
+        const time_t first = shown - before;
+        tm local{};
+        localtime_r(&first, &local);
+        return local.tm_mday == parts.tm_mday ? std::optional<int64_t>(first) : std::nullopt;
+    }
+    throw UsageError("the local clock " +
+                     std::string(isBefore ? "shows \"" + text + "\" twice: it is set back"
+                                          : "never shows \"" + text + "\": it is set forward") +
+                     "; write the zone behind it: '" + text + ' ' + zoneText(before) + "' or '" + text + ' ' +
+                     zoneText(after) + '\'');
+}
+
 /// The seconds since 1970 of a date and time.
 std::optional<int64_t> dated(const std::string& text, time_t now)
 {
     tm today{};
     localtime_r(&now, &today);
     today.tm_hour = today.tm_min = today.tm_sec = 0;
-    for (const char* const pFormat : {"%Y-%m-%d", "%Y-%m-%d %H:%M", "%Y-%m-%d %H:%M:%S", "%Y-%m-%dT%H:%M",
+    static constexpr const char* DayAlone = "%Y-%m-%d";
+    for (const char* const pFormat : {DayAlone, "%Y-%m-%d %H:%M", "%Y-%m-%d %H:%M:%S", "%Y-%m-%dT%H:%M",
                                       "%Y-%m-%dT%H:%M:%S", "%H:%M", "%H:%M:%S"}) {
         tm parts = today;
         const char* pEnd = strptime(text.c_str(), pFormat, &parts);
@@ -55,12 +99,12 @@ std::optional<int64_t> dated(const std::string& text, time_t now)
         const char* const pZoneEnd = *pEnd == '\0' || utc ? nullptr : strptime(pEnd, " %z", &zone);
         if (*pEnd != '\0' && !utc && (pZoneEnd == nullptr || *pZoneEnd != '\0'))
             continue;
-        parts.tm_isdst = -1;
         const int day = parts.tm_mday;
-        const int64_t seconds = *pEnd == '\0' ? mktime(&parts) : timegm(&parts) - zone.tm_gmtoff;
-        if (parts.tm_mday != day || seconds < -static_cast<int64_t>(SecondsTo1970)) // no such day, or before all time
+        const int64_t shown = timegm(&parts);
+        if (parts.tm_mday != day ||
+            shown - 86400 < -static_cast<int64_t>(SecondsTo1970)) // no such day; before all time
             return std::nullopt;
-        return seconds;
+        return *pEnd == '\0' ? localSeconds(text, parts, pFormat == DayAlone) : shown - zone.tm_gmtoff;
     }
     return std::nullopt;
 }

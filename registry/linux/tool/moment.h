@@ -18,7 +18,8 @@ struct Moment {
 };
 
 /// A number; "2026-11-22 22:18:46", "2026-11-22 22:18", "2026-11-22" in local time, or with "Z" or "+0100" at the end;
-/// "22:18" of today; "10s", "5m", "2h", "3d", "1w" ago. Throws UsageError.
+/// "22:18" of today; "10s", "5m", "2h", "3d", "1w" ago. A day alone is its first moment. A local time that the clock
+/// shows twice or never, as it is set back or forward, wants its zone. Throws UsageError.
 Moment momentArgument(const std::string& text);
 
 /// A user by name or number. Throws UsageError.

@@ -85,6 +85,7 @@ void QuickCheck::run()
     } catch (const std::exception& failure) {
         logLine(LOG_WARNING, "%s: is not checked at this start: %s", m_path.c_str(), failure.what());
     }
+    logLine(LOG_DEBUG, "%s: the check at the start has ended", m_path.c_str());
 }
 
 /// In one line; empty for a sound store, and when it is to stop.
