@@ -21,6 +21,7 @@ namespace obregd {
 
 class Connection;
 struct JobLane;
+using JobClock = std::chrono::steady_clock;
 
 /// One request and, when it comes back, its reply.
 struct Job {
@@ -30,12 +31,13 @@ struct Job {
     const Operation* pOperation = nullptr;
     Payload request{};
     Reply reply{};
-    JobLane* pLane = nullptr;            ///< of the queue that it went through last
-    bool needsWriter = false;            ///< in place of a reply: it is one for the committer
-    std::shared_ptr<const Plan> pPlan{}; ///< of a transaction, which takes the request's place
-    size_t extraWork = 0;                ///< that it made, in bytes that would have been as much
-    std::optional<Wait> wait{};          ///< in place of a reply: there is nothing to tell yet
-    std::unique_ptr<Job> pNext{};        ///< in a JobList
+    JobLane* pLane = nullptr;                         ///< of the queue that it went through last
+    bool needsWriter = false;                         ///< in place of a reply: it is one for the committer
+    std::shared_ptr<const Plan> pPlan{};              ///< of a transaction, which takes the request's place
+    size_t extraWork = 0;                             ///< that it made, in bytes that would have been as much
+    std::optional<Wait> wait{};                       ///< in place of a reply: there is nothing to tell yet
+    std::optional<JobClock::time_point> waitsUntil{}; ///< once it has waited
+    std::unique_ptr<Job> pNext{};                     ///< in a JobList
 
     /// Bytes that it makes the daemon hold; a job without data has its cost too.
     size_t cost() const { return request.capacity() + (pPlan == nullptr ? 0 : pPlan->bytes) + Overhead; }
@@ -126,7 +128,7 @@ private:
 /// Jobs that wait for a worker, in turns by user and by connection.
 class JobQueue {
 public:
-    using Clock = std::chrono::steady_clock;
+    using Clock = JobClock;
 
     /// A user's part in it.
     struct User {
