@@ -89,6 +89,8 @@ TEST_F(Guard, AFullDiskIsCuredByDeletions)
     const std::string data(10000, 'd');
     std::optional<RawClient> client(m_socket);
     const HANDLE key = client->create("K");
+    ASSERT_EQ(client->set(key, "large", std::string(4 * MiB, 'l')), 0u); // more than the reserve has
+    ASSERT_EQ(client->set(client->create("Secret"), OBREG_SECRET_VALUE, ""), 0u);
     size_t count = 0;
     REGSTATUS status = 0;
     while ((status = client->set(key, std::to_string(count), data)) == 0)
@@ -100,6 +102,7 @@ TEST_F(Guard, AFullDiskIsCuredByDeletions)
     } // now all the room that was left is somebody else's
     daemon.start();
     client.emplace(m_socket);
+    ASSERT_EQ(client->call<DeleteValueRespMsg>(DeleteValueReqMsg(key, "large"))->m_status, 0u) << daemon.log();
     for (size_t i = 0; i < count; ++i) {
         const DeleteValueReqMsg request(key, std::to_string(i).c_str());
         ASSERT_EQ(client->call<DeleteValueRespMsg>(request)->m_status, 0u) << i << '\n' << daemon.log();

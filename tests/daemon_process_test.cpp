@@ -9,6 +9,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include "support/eventually.h"
 #include "support/raw_client.h"
 #include "support/running_daemon.h"
 #include "support/temporary_folder.h"
@@ -92,6 +93,24 @@ TEST_F(DaemonTest, WhoMakesItHoldTooMuchIsCutOff)
     }
     EXPECT_EQ(modest.set(key, "v", "small"), 0u);
     EXPECT_TRUE(daemon.logs("limit (--max-held)")) << daemon.log();
+}
+
+TEST_F(DaemonTest, TransactionsOfAClientThatHangsUpAreDone)
+{
+    m_daemon.start();
+    RawClient other(m_socket);
+    const HANDLE key = other.create("K");
+    const HANDLE transactions = reinterpret_cast<HANDLE>(uintptr_t{0x80000011});
+    const std::string text = "REGEDIT4\n[HKLM\\K]\n\"";
+    {
+        const RawClient gone(m_socket);
+        std::string all;
+        for (const char* pName : {"1", "2", "3"})
+            all += packet(1, setText(transactions, pName, text + pName + "\"=\"\"\n"));
+        gone.send(all + packet(2, encoded(CloseKeyReqMsg(key))));
+        EXPECT_TRUE(gone.hasMore(5000)) << "all is read: the last is answered, or the first";
+    }
+    EXPECT_TRUE(eventually([&] { return other.query(key, "3") != "(none)"; }));
 }
 
 TEST_F(DaemonTest, StartsOnlyWhereNoOtherLives)

@@ -329,6 +329,26 @@ TEST_F(StoreTest, WhatWasSecretIsNowhereInTheFile)
         const WritableStore::Savepoint part(*m_pWriter);
         mark(key);
     };
+    const auto data = [](const char* pName, bool isLong) { // one that takes pages of its own
+        const std::string text = (isLong ? "long, " : "short, ") + std::string(pName) + '|';
+        return isLong ? text + std::string(20000, '.') + text : text;
+    };
+    constexpr const char* pReused = "in place of an undone key";
+    const auto reuse = [&](KeyId top, KeyId sub) {
+        mark(top);
+        {
+            const WritableStore::Savepoint part(*m_pWriter);
+            set(m_pWriter->addKey(MachineId, "Undone", MachineOwner), "v", "known not to be secret");
+        }
+        const KeyId key = m_pWriter->addKey(top, "Another", MachineOwner);
+        set(key, "v", data(pReused, false));
+        replace(key);
+        replace(sub);
+    };
+    const auto clear = [&] {
+        while (m_pWriter->hasToClear())
+            m_pWriter->clearSome(1000);
+    };
     const struct {
         const char* pName; ///< and the key's
         bool kept;
@@ -347,15 +367,21 @@ TEST_F(StoreTest, WhatWasSecretIsNowhereInTheFile)
              m_pWriter->removeValue(top, OBREG_SECRET_VALUE);
              replace(sub);
          }},
+        {"marked beside what was undone", false,
+         [&](KeyId, KeyId sub) {
+             replace(sub);
+             clear();
+         },
+         [&](KeyId top, KeyId sub) {
+             mark(top);
+             undone(sub);
+         }},
+        {pReused, false, {}, reuse},
         {"marked in what was undone", true, [&](KeyId, KeyId sub) { undone(sub); },
          [&](KeyId, KeyId sub) { replace(sub); }},
     };
     m_pWriter->journal().setSize(64 << 20);
     m_pWriter->setSecret({secretPattern("HKLM/of a *").value()});
-    const auto data = [](const char* pName, bool isLong) { // one that takes pages of its own
-        const std::string text = (isLong ? "long, " : "short, ") + std::string(pName) + '|';
-        return isLong ? text + std::string(20000, '.') + text : text;
-    };
     for (const bool isLong : {false, true})
         for (const auto& row : rows) {
             KeyId top = 0;

@@ -105,6 +105,8 @@ TEST_F(TransactionTest, IsDoneWholeOrTellsWhatIsWrongAndWhere)
         {"[HKCU\\A]\n\"v\"=\"1\"\n[HKLM\\K]\n\"v\"=\"1\"\n", "refused 4 1 0xC7F20005", Ann},
         {"[-HKLM\\K]\n", "refused 2 1 0xC7F20005 HKEY_LOCAL_MACHINE\\K: this user may not do that", Ann},
         {"[#80000011]\n\"t\"=\"\"\n", "refused 3 1 0xC7F20005"},
+        {"[?#80000010]\n\"80000002 1 0 key\"=-\n", "refused 3 1 0xC7F21A2F #80000010, value \"80000002 1 0 key\""},
+        {"[?#80000012]\n\"80000002 now before 1 key\"=-\n", "refused 3 1 0xC7F21A2F"},
     };
     int number = 0;
     for (const auto& row : rows) {
@@ -193,6 +195,40 @@ TEST_F(TransactionTest, IsBoundedAndHeldToTheQuotaAsAWhole)
     EXPECT_EQ(transact("9", "[-HKCU\\M]\n", Ann, 2), OBREG_STATUS_TOO_LARGE) << "two keys and a value";
     EXPECT_EQ(transact("10", "[-HKCU\\M]\n", Ann, 3), 0u);
     expectSound();
+
+    m_pWriter->setQuota({});
+    set(tree, "large", std::string(3 * GivenBackPerStatement, 'x'));
+    const auto path = [](size_t names, size_t length) {
+        std::string text;
+        for (size_t i = 0; i < names; ++i)
+            text += '\\' + std::string(length, 'a');
+        return text;
+    };
+    const struct {
+        std::string text;
+        size_t most;
+        REGSTATUS status;
+    } rows[] = {
+        {"[?HKCU" + path(2 * NamesPerStatement, 1) + "]\n", 2, OBREG_STATUS_CONDITION_FAILED},
+        {"[?HKCU" + path(2 * NamesPerStatement + 1, 1) + "]\n", 2, OBREG_STATUS_TOO_LARGE},
+        {"[HKCU\\new\\new\\new]\n", 2, OBREG_STATUS_TOO_LARGE},
+        {"[HKCU\\new\\new]\n[HKCU]\n", 2, 0},
+        {"[HKCU]\n\"large\"=-\n", 2, OBREG_STATUS_TOO_LARGE},
+        {"[HKCU]\n\"large\"=\"\"\n", 2, OBREG_STATUS_TOO_LARGE},
+        {"[HKCU]\n\"large\"=-\n", 4, 0},
+        // a key's depth; the user's own is the first below the root
+        {"[HKCU" + path(400, 1) + "]\n", 400, 0},
+        {"[HKCU" + path(65, 1000) + "]\n", 200, 0},
+        {"[HKCU" + path(66, 1000) + "]\n", 200, OBREG_STATUS_BAD_NAME},
+    };
+    int number = 10;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.text.substr(0, 60));
+        EXPECT_EQ(transact(std::to_string(++number), row.text, Ann, row.most), row.status);
+    }
+    const HANDLE deep = open(tree, path(400, 1).substr(1))->m_keyHandle;
+    EXPECT_EQ(create(deep, path(368, 1).substr(1))->m_status, OBREG_STATUS_BAD_NAME) << "the 769th";
+    EXPECT_EQ(create(deep, path(367, 1).substr(1))->m_status, 0u);
 }
 
 TEST_F(TransactionTest, ActsOnceForEachTokenOfAUsers)

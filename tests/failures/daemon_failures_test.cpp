@@ -1,5 +1,6 @@
-// The daemon when something below it fails: each of the ten requests, with the first, second, third ... allocation,
-// system call or call of the store failing while it is worked on, once and for a while.
+// The daemon when something below it fails: each of the ten requests, a transaction and a query of the past, with the
+// first, second, third ... allocation, system call or call of the store failing while it is worked on, once and for a
+// while.
 //
 // Whatever failed, the client gets a reply that tells the truth, an error packet, or the end of its connection; other
 // clients are served on; nothing of a refused write stays; the store is sound in the end.
@@ -104,6 +105,30 @@ constexpr char Doomed[] = "another name that needs a block of its own";
 constexpr char Folder[] = "/var/opt/quorlin/ombrel/obregd"; // in memory
 const std::string Data(20000, 'd');                         // more than a page of the store
 
+const HANDLE Transactions = reinterpret_cast<HANDLE>(uintptr_t{0x80000011});
+const HANDLE History = reinterpret_cast<HANDLE>(uintptr_t{0x80000012});
+int g_round = 0; ///< the token of its transaction
+
+/// Deletes and makes keys, and sets what "set" does.
+std::string transaction(HANDLE key)
+{
+    char handle[12];
+    std::snprintf(handle, sizeof handle, "#%08x", static_cast<unsigned>(reinterpret_cast<uintptr_t>(key)));
+    std::string text = std::string("REGEDIT4\n[-") + handle + '\\' + Doomed + "]\n[" + handle +
+                       "\\a\\key\\that is not there]\n[" + handle + "]\n\"" + Doomed + "\"=-\n\"changing\"=hex:64";
+    for (size_t i = 1; i < Data.size(); ++i)
+        text += ",64";
+    return setText(Transactions, std::to_string(g_round), text + '\n');
+}
+
+std::string question(HANDLE key)
+{
+    char name[60];
+    std::snprintf(name, sizeof name, "%08x now before 100 tree",
+                  static_cast<unsigned>(reinterpret_cast<uintptr_t>(key)));
+    return encoded(QueryValueReqMsg(History, name));
+}
+
 const struct Request {
     const char* pName;
     std::string (*text)(HANDLE key);
@@ -118,6 +143,8 @@ const struct Request {
     {"enum key", [](HANDLE key) { return encoded(EnumKeyReqMsg(key, 0)); }},
     {"enum value", [](HANDLE key) { return encoded(EnumValueReqMsg(key, 0)); }},
     {"query info", [](HANDLE key) { return encoded(QueryInfoKeyReqMsg(key)); }},
+    {"transaction", transaction},
+    {"history", question},
 };
 
 /// How long a lasting failure lasts when the client hears nothing meanwhile.
@@ -161,7 +188,6 @@ protected:
     const TemporaryFolder m_folder{Folder};
     RawClientPtr m_pIdle;
     HANDLE m_key = nullptr;
-    int m_round = 0;
 };
 
 /// Sends a request and gives its reply's status; none for an error packet or the connection's end. A lasting failure
@@ -185,7 +211,7 @@ std::optional<REGSTATUS> DaemonFailures::send(RawClient& client, const std::stri
 bool DaemonFailures::run(const Request& request, const Attempt& attempt)
 {
     RawClientPtr pOther = connect();
-    const std::string before = "before " + std::to_string(++m_round);
+    const std::string before = "before " + std::to_string(++g_round);
     EXPECT_EQ(pOther->set(m_key, "changing", before), 0u);
     pOther->call<DeleteKeyRespMsg>(DeleteKeyReqMsg(m_key, "a\\key\\that is not there"));
     EXPECT_EQ(pOther->set(m_key, Doomed, "x"), 0u);
@@ -203,10 +229,13 @@ bool DaemonFailures::run(const Request& request, const Attempt& attempt)
     EXPECT_TRUE(status == 0u || (reached && attempt.mayFail()));
     pOther = connect(); // what the daemon did last for the old one may have met the failure
     const std::string now = pOther->query(m_key, "changing");
+    const std::string told = pOther->query(Transactions, std::to_string(g_round));
+    const bool transacts = request.text == transaction;
+    EXPECT_EQ(transacts && now == Data, told.starts_with("done"));
     if (status) {
         EXPECT_TRUE(*status == 0 || *status == OBREG_STATUS_STORE_FULL || *status == OBREG_STATUS_STORE_FAILED)
             << std::hex << *status;
-        const bool isSet = *status == 0 && std::strcmp(request.pName, "set") == 0;
+        const bool isSet = *status == 0 && (transacts || std::strcmp(request.pName, "set") == 0);
         EXPECT_EQ(now, isSet ? Data : before) << "of a write, as it was answered";
     }
     return reached;
@@ -233,7 +262,7 @@ TEST_F(DaemonFailures, AtEveryPoint)
         if (HasFailure())
             break;
     }
-    std::printf("FIGURE daemon: %zu kinds of failure, at %u points of the ten requests\n", std::size(failures), points);
+    std::printf("FIGURE daemon: %zu kinds of failure, at %u points of the requests\n", std::size(failures), points);
     kill(getpid(), SIGTERM);
     thread.join();
     EXPECT_TRUE(obregd::checkStore(m_folder / "store").problems.empty());

@@ -22,7 +22,7 @@ class CarryingOut {
 public:
     CarryingOut(const Session& session, const Plan& plan)
         : m_session(session), m_plan(plan), m_steps(plan.steps.size()), m_limited(isLimited(session.peer, ownOwner())),
-          m_before(session.writer().usage(ownOwner()))
+          m_before(session.writer().usage(ownOwner())), m_workBefore(session.writer().work())
     {}
 
     void judgeConditions()
@@ -163,6 +163,7 @@ private:
                 check(status, step);
         }
         }
+        checkWork(step);
         lookAtQuota(step);
     }
 
@@ -214,10 +215,22 @@ private:
     {
         const auto key = m_session.store.key(static_cast<KeyId>(handle));
         m_steps += (isBelow ? 1 : 0) + (key && key->values <= CountedValues ? key->values : 0);
-        if (m_steps > m_plan.mostSteps)
-            refuse(OBREG_STATUS_TOO_LARGE, step,
-                   "with the keys and values below it, a transaction has at most " + std::to_string(m_plan.mostSteps) +
-                       " statements");
+        atMost(m_steps, m_plan.mostSteps, "statements, with the keys and values that go with a key", step);
+    }
+
+    /// What statements bring along keeps the others' writes waiting as well.
+    void checkWork(const Step& step) const
+    {
+        const auto& [keys, bytes] = m_session.writer().work();
+        atMost(keys - m_workBefore.keysMade, m_plan.mostSteps, "new keys", step);
+        atMost(bytes - m_workBefore.bytesGivenBack, m_plan.mostSteps * GivenBackPerStatement,
+               "bytes of values that it replaces or deletes", step);
+    }
+
+    void atMost(uint64_t number, uint64_t most, const char* pWhat, const Step& step) const
+    {
+        if (number > most)
+            refuse(OBREG_STATUS_TOO_LARGE, step, "a transaction has at most " + std::to_string(most) + ' ' + pWhat);
     }
 
     const Session& m_session;
@@ -225,6 +238,7 @@ private:
     size_t m_steps;
     const bool m_limited;
     const Usage m_before;
+    const WritableStore::Work m_workBefore;
     const Step* m_pKey = nullptr; // the last step that named a key
     HANDLE m_key = nullptr;       // and that key
     const Step* m_pOverQuota = nullptr;

@@ -1,6 +1,5 @@
 #include "daemon/handlers.h"
 
-#include <algorithm>
 #include <cstddef>
 #include <vector>
 
@@ -138,19 +137,11 @@ bool looksAtQuota(const Session& session, Owner owner) { return !session.quotaLa
 /// Whether keys of these names, from the given one on, would come to stand deeper below the root than any may.
 bool isTooDeep(const Session& session, KeyId parent, const std::vector<std::string>& names, size_t first)
 {
-    size_t levels = 0;
-    size_t bytes = 0;
-    const auto isTooMuch = [&](const std::string& name) {
-        bytes += name.size() + 1;
-        return ++levels > MaxDepth || bytes > MaxDepthBytes;
-    };
-    if (std::any_of(names.begin() + static_cast<std::ptrdiff_t>(first), names.end(), isTooMuch))
-        return true;
-    for (auto place = session.store.placeOf(parent); place && place->parent != 0;
-         place = session.store.placeOf(place->parent))
-        if (isTooMuch(place->name))
-            return true;
-    return false;
+    auto [keys, bytes] = session.writer().depthOf(parent);
+    keys += names.size() - first;
+    for (size_t i = first; i < names.size(); ++i)
+        bytes += names[i].size() + 1;
+    return keys > MaxDepth || bytes > MaxDepthBytes;
 }
 
 /// Whether the quota of the tree lets the peer make keys of these names, from the given one on.

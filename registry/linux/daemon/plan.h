@@ -56,6 +56,8 @@ inline constexpr size_t DefaultMaxStatements = 10'000;
 inline constexpr size_t TrustedFactor = 10;
 /// Its keys' paths may have so many names for each of them.
 inline constexpr size_t NamesPerStatement = 4;
+/// The values that it replaces or deletes may have so many bytes for each of them.
+inline constexpr size_t GivenBackPerStatement = 4096;
 /// Its text may have so many bytes for each of them.
 inline constexpr size_t BytesPerStatement = 512;
 

@@ -165,11 +165,6 @@ bool Connection::hasHungUp()
     return isOpen() && poll(&events, 1, 0) > 0 && (events.revents & (POLLHUP | POLLERR)) != 0;
 }
 
-bool Connection::isOverdue(Clock::time_point now) const
-{
-    return m_begun && now - *m_begun > std::chrono::seconds(m_host.limits().maxArrival);
-}
-
 /// Serves the next request if all of it is there.
 bool Connection::takePacket()
 {
@@ -233,14 +228,6 @@ asio::mutable_buffer Connection::room()
     m_end -= m_begin;
     m_begin = 0;
     return {m_input.data() + m_end, m_input.size() - m_end};
-}
-
-void Connection::arrived(size_t bytes)
-{
-    if (m_inPayload && payloadIsLong())
-        m_payload.arrived(bytes);
-    else
-        m_end += bytes;
 }
 
 void Connection::serve(std::string_view request)
@@ -327,10 +314,19 @@ void Connection::readLater(JobPtr pJob)
 /// Gives the readers the next one when the client has taken the reply to the last.
 void Connection::nextLongRead()
 {
-    if (m_longRead != 0 || m_longReads.empty() || !m_out.empty() || m_host.isEnding())
+    if (m_host.isEnding())
+        return dropLongReads(); // they hold this connection
+    if (m_longRead != 0 || m_longReads.empty() || !m_out.empty())
         return;
     m_longRead = m_longReads.front().cost();
     m_host.reads().push(m_reads, m_longReads.pop());
+}
+
+void Connection::dropLongReads()
+{
+    m_host.countLongReads(-static_cast<ptrdiff_t>(m_longReads.size()));
+    setHeld(m_queued, m_queued - m_longReads.cost());
+    m_longReads.clear();
 }
 
 void Connection::answer(Job& job)
@@ -441,9 +437,12 @@ void Connection::cutOff(Cause cause, const char* pFormat, ...)
     std::vsnprintf(reason.data(), reason.size(), pFormat, values); // NOLINT: the caller's format is checked
     va_end(values);
     warn(*m_pUser, m_peer.pid, cause, "%s; the connection is closed", reason.data());
+    dropLongReads();
     close();
     const JobList dropped = m_host.writes().takeBack(m_writes);
     setCommitting(m_committing - dropped.cost());
+    if (!m_host.reads().takeBack(m_reads).empty())
+        longReadOver();
 }
 
 void Connection::close()
@@ -456,9 +455,8 @@ void Connection::close()
     m_outSent = 0;
     m_payload = Payload();
     setHeld(m_arriving, 0);
-    setHeld(m_queued, m_longRead);
-    m_host.countLongReads(-static_cast<ptrdiff_t>(m_longReads.size()));
-    m_longReads.clear();
+    setHeld(m_queued, m_longRead + m_longReads.cost());
+    nextLongRead(); // of which the readers do the transactions only
     if (m_watching != 0) {
         m_host.dropWatches(*this);
         setHeld(m_watching, 0);

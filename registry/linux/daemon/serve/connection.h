@@ -8,9 +8,9 @@
 // with one call, and a client that lets them pile up beyond the limit is cut off. It does read no more while too many
 // writes, its own or its user's, are on their way to the disk, which depends on no client.
 //
-// A client that has hung up is served no more; the writes that were read from it by then are done all the same. One
-// that has only shut down its sending side still gets its replies. Of one that is cut off, writes that have not begun
-// are dropped.
+// A client that has hung up is served no more; the writes that were read from it by then, transactions too, are done
+// all the same. One that has only shut down its sending side still gets its replies. Of one that is cut off, writes
+// that have not begun are dropped.
 //
 // Everything runs on the server's thread, but for isOpen(). A connection lives as long as a read, a job, a reply under
 // way or a place in line holds it.
@@ -103,7 +103,10 @@ public:
     bool isOpen() const { return m_open.load(std::memory_order_relaxed); }
 
     /// Whether a request has been arriving for longer than the limit.
-    bool isOverdue(Clock::time_point now) const;
+    bool isOverdue(Clock::time_point now) const
+    {
+        return m_begun && now - *m_begun > std::chrono::seconds(m_host.limits().maxArrival);
+    }
 
     User& user() const { return *m_pUser; }
 
@@ -134,13 +137,20 @@ private:
     bool takeHeader();
     bool payloadIsLong() const { return m_length > m_input.size(); }
     asio::mutable_buffer room();
-    void arrived(size_t bytes);
+    void arrived(size_t bytes)
+    {
+        if (m_inPayload && payloadIsLong())
+            m_payload.arrived(bytes);
+        else
+            m_end += bytes;
+    }
     void serve(std::string_view request);
     JobPtr makeJob(const Operation& operation, std::string_view request);
     void write(JobPtr pJob);
     void readLater(JobPtr pJob);
     void wait(JobPtr pJob, const Wait& wait);
     void nextLongRead();
+    void dropLongReads();
     void longReadOver();
     void queue(uint32_t reqId, Reply&& reply);
     void flush();

@@ -22,6 +22,7 @@ namespace obregd {
 class Connection;
 struct JobLane;
 struct SharedWork;
+using JobClock = std::chrono::steady_clock;
 
 /// One request and, when it comes back, its reply.
 struct Job {
@@ -31,13 +32,14 @@ struct Job {
     const Operation* pOperation = nullptr;
     Payload request{};
     Reply reply{};
-    JobLane* pLane = nullptr;              ///< of the queue that it went through last
-    bool needsWriter = false;              ///< in place of a reply: it is one for the committer
-    std::shared_ptr<const Plan> pPlan{};   ///< of a transaction, which takes the request's place
-    size_t extraWork = 0;                  ///< that it made, in bytes that would have been as much
-    std::optional<Wait> wait{};            ///< in place of a reply: there is nothing to tell yet
-    std::shared_ptr<SharedWork> pShared{}; ///< while it is about a shared tree
-    std::unique_ptr<Job> pNext{};          ///< in a JobList
+    JobLane* pLane = nullptr;                         ///< of the queue that it went through last
+    bool needsWriter = false;                         ///< in place of a reply: it is one for the committer
+    std::shared_ptr<const Plan> pPlan{};              ///< of a transaction, which takes the request's place
+    size_t extraWork = 0;                             ///< that it made, in bytes that would have been as much
+    std::optional<Wait> wait{};                       ///< in place of a reply: there is nothing to tell yet
+    std::optional<JobClock::time_point> waitsUntil{}; ///< once it has waited
+    std::shared_ptr<SharedWork> pShared{};            ///< while it is about a shared tree
+    std::unique_ptr<Job> pNext{};                     ///< in a JobList
 
     /// Bytes that it makes the daemon hold; a job without data has its cost too.
     size_t cost() const { return request.capacity() + (pPlan == nullptr ? 0 : pPlan->bytes) + Overhead; }
@@ -128,7 +130,7 @@ private:
 /// Jobs that wait for a worker, in turns by user and by connection.
 class JobQueue {
 public:
-    using Clock = std::chrono::steady_clock;
+    using Clock = JobClock;
 
     /// A user's part in it.
     struct User {

@@ -73,7 +73,7 @@ void Readers::work(Store& store)
 {
     setpriority(PRIO_PROCESS, 0, Niceness); // of this thread only; it is as well if that is refused
     while (JobPtr pJob = m_queue.pop(Threads - 1)) {
-        if (pJob->pConnection->isOpen())
+        if (pJob->pConnection->isOpen() || pJob->pOperation->writes)
             read(*pJob, store);
         m_queue.done(*pJob);
         m_answered(std::move(pJob));

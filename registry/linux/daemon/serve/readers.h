@@ -2,8 +2,8 @@
 // nobody waiting but those who want the same.
 //
 // Each has a Store of its own and takes one job after the other from a queue in which users take turns. One user's jobs
-// take all threads but one at most. A job whose client has gone is not begun; none is begun while the queue is held, so
-// that the store's log can begin anew.
+// take all threads but one at most. A job whose client has gone is not begun, unless it is a transaction; none is begun
+// while the queue is held, so that the store's log can begin anew.
 #ifndef OBREG_DAEMON_SERVE_READERS_H
 #define OBREG_DAEMON_SERVE_READERS_H
 

@@ -21,6 +21,7 @@ bool StoreGuard::look(const Job& first)
 {
     m_kept = m_identity.isKept();
     m_store.journal().keepData(!m_space.isShort());
+    m_store.overwriteSecrets(true);
     m_wanted = Least;
     m_granted = 0;
     m_inLog = static_cast<uint64_t>(m_store.logPages()) * StorePageSize;
@@ -50,6 +51,7 @@ void StoreGuard::giveReserve()
 {
     m_space.release();
     m_store.journal().keepData(false);
+    m_store.overwriteSecrets(false); // that would write to the log all that is deleted
     m_granted = 0;
 }
 

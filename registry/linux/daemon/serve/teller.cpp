@@ -32,11 +32,7 @@ size_t Teller::end(const User& user, uint64_t id)
     return ended;
 }
 
-void Teller::drop(const Connection& connection)
-{
-    for (const Watches::Watch& watch : m_watches.takeOf(connection))
-        --watch.pJob->pConnection->user().watches;
-}
+void Teller::drop(const Connection& connection) { connection.user().watches -= m_watches.drop(connection); }
 
 /// Wakes those who want to know of changes.
 void Teller::wake(const std::vector<Touched>& changes)
@@ -70,20 +66,26 @@ void Teller::tellAwake()
 void Teller::tell(Watches::Watch&& watch)
 {
     const std::shared_ptr<Connection> pConnection = watch.pJob->pConnection;
-    const bool timeIsUp = m_stopping || Watches::Clock::now() >= watch.until;
+    User& user = pConnection->user();
+    --user.watches;
+    if (!pConnection->isOpen())
+        return;
     try {
+        const auto now = Watches::Clock::now();
+        const bool timeIsUp = m_stopping || now >= watch.pJob->waitsUntil;
         std::optional<Reply> reply;
         try {
             reply = tellChanges(m_store, watch.wait, timeIsUp);
         } catch (const SQLite::Exception& failure) {
             reply = watch.pJob->pOperation->refuse(statusOf(failure));
         } catch (const TooLong&) {
-            --pConnection->user().watches;
             return pConnection->lookLater(std::move(watch.pJob));
         }
-        if (!reply)
-            return m_watches.addAgain(std::move(watch));
-        --pConnection->user().watches;
+        if (!reply) {
+            m_watches.add(std::move(watch.pJob), watch.wait, now);
+            ++user.watches;
+            return;
+        }
         pConnection->tell(*watch.pJob, std::move(*reply));
         pConnection->goOn();
     } catch (const std::exception& failure) {

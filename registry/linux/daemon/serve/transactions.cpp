@@ -62,6 +62,16 @@ JobList Transactions::run(const std::function<JobPtr()>& next)
     return jobs;
 }
 
+bool Transactions::runOne(const std::function<void()>& action)
+{
+    auto failure = transact(action);
+    if (failure && failure->status == OBREG_STATUS_STORE_FULL) {
+        m_store.overwriteSecrets(false);
+        failure = transact(action);
+    }
+    return !failure;
+}
+
 std::optional<Transactions::Failure> Transactions::transact(const std::function<void()>& action)
 {
     const auto fail = [&](REGSTATUS status, bool atOnce, const char* pReason) {

@@ -44,7 +44,7 @@ public:
     JobList run(const std::function<JobPtr()>& next);
 
     /// Runs an action in a transaction of its own; false, with a line in the log, when it failed and nothing stayed.
-    bool runOne(const std::function<void()>& action) { return !transact(action); }
+    bool runOne(const std::function<void()>& action);
 
 private:
     struct Failure {

@@ -1,6 +1,7 @@
 #include "daemon/serve/watches.h"
 
 #include <unordered_set>
+#include <utility>
 
 #include "daemon/serve/connection.h"
 
@@ -8,46 +9,34 @@ namespace obregd {
 
 void Watches::add(JobPtr pJob, const Wait& wait, Clock::time_point now)
 {
-    insert({std::move(pJob), wait, now + wait.atMost});
-}
-
-void Watches::addAgain(Watch&& watch) { insert(std::move(watch)); }
-
-void Watches::insert(Watch&& watch)
-{
-    Entries& entries = m_waiting[watch.wait.watched.key];
-    const auto time = m_byTime.emplace(watch.until, entries.end());
-    auto id = m_byId.end();
+    if (!pJob->waitsUntil)
+        pJob->waitsUntil = now + wait.atMost;
+    const Connection* const pConnection = pJob->pConnection.get();
+    Entries one;
+    one.push_back({{std::move(pJob), wait}, m_byTime.end(), m_byId.end(), m_byConnection.end()});
+    Entry& entry = one.front();
     try {
-        if (watch.wait.id != 0)
-            id = m_byId.emplace(std::pair(&watch.pJob->pConnection->user(), watch.wait.id), entries.end());
-        entries.push_back({std::move(watch), time, id});
+        entry.time = m_byTime.emplace(*entry.watch.pJob->waitsUntil, one.begin());
+        if (wait.id != 0)
+            entry.id = m_byId.emplace(std::pair(&pConnection->user(), wait.id), one.begin());
+        entry.connection = m_byConnection.emplace(pConnection, one.begin());
+        Entries& entries = m_waiting[wait.watched.key];
+        entries.splice(entries.end(), one);
     } catch (...) {
-        m_byTime.erase(time);
-        if (id != m_byId.end())
-            m_byId.erase(id);
+        leaveIndexes(entry);
         throw;
     }
-    time->second = std::prev(entries.end());
-    if (id != m_byId.end())
-        id->second = time->second;
 }
 
-void Watches::erase(Entries& entries, Entries::iterator entry)
+void Watches::leaveIndexes(Entry& entry)
 {
-    m_byTime.erase(entry->time);
-    if (entry->id != m_byId.end())
-        m_byId.erase(entry->id);
-    entries.erase(entry);
-}
-
-/// The same, where the list goes when nothing is left in it.
-void Watches::erase(Entries::iterator entry)
-{
-    const auto found = m_waiting.find(entry->watch.wait.watched.key);
-    erase(found->second, entry);
-    if (found->second.empty())
-        m_waiting.erase(found);
+    const auto leave = [](auto& index, auto& place) {
+        if (place != index.end())
+            index.erase(std::exchange(place, index.end()));
+    };
+    leave(m_byTime, entry.time);
+    leave(m_byId, entry.id);
+    leave(m_byConnection, entry.connection);
 }
 
 /// Wakes those who watch a key, or those who watch what is below it as well, of a change with that number.
@@ -63,8 +52,8 @@ void Watches::wake(KeyId key, bool above, int64_t number)
         if (watched.since < number && (!above || watched.subTree)) {
             if (number != INT64_MAX)
                 watched.since = number - 1; // all before that was none of its concern
-            m_awake.push_back(std::move(entry->watch));
-            erase(entries, entry);
+            leaveIndexes(*entry);
+            m_awake.splice(m_awake.end(), entries, entry);
         }
         entry = next;
     }
@@ -72,10 +61,13 @@ void Watches::wake(KeyId key, bool above, int64_t number)
         m_waiting.erase(found);
 }
 
-void Watches::wake(Entries::iterator entry)
+void Watches::move(Entries::iterator entry, Entries& to)
 {
-    m_awake.push_back(std::move(entry->watch));
-    erase(entry);
+    const auto found = m_waiting.find(entry->watch.wait.watched.key);
+    leaveIndexes(*entry);
+    to.splice(to.end(), found->second, entry);
+    if (found->second.empty())
+        m_waiting.erase(found);
 }
 
 void Watches::touched(const std::vector<Touched>& changes, Store& store)
@@ -113,13 +105,15 @@ void Watches::wakeAll() { static_cast<void>(timeIsUp(Clock::time_point::max()));
 size_t Watches::end(const User& user, uint64_t id)
 {
     size_t ended = 0;
-    const auto endOne = [&](Watch& watch) {
-        watch.until = Clock::time_point::min();
+    const auto endOne = [&](const Watch& watch) {
+        watch.pJob->waitsUntil = Clock::time_point::min();
         ++ended;
     };
-    for (Watch& watch : m_awake) // perhaps for nothing
-        if (watch.wait.id == id && &watch.pJob->pConnection->user() == &user)
-            endOne(watch);
+    for (const Entry& entry : m_awake) { // perhaps for nothing
+        const Connection& connection = *entry.watch.pJob->pConnection;
+        if (entry.watch.wait.id == id && &connection.user() == &user && connection.isOpen())
+            endOne(entry.watch);
+    }
     const std::pair key(&user, id);
     for (auto found = m_byId.find(key); found != m_byId.end(); found = m_byId.find(key)) {
         endOne(found->second->watch);
@@ -130,30 +124,18 @@ size_t Watches::end(const User& user, uint64_t id)
 
 Watches::Watch Watches::takeAwake()
 {
-    Watch watch = std::move(m_awake.front());
+    Watch watch = std::move(m_awake.front().watch);
     m_awake.pop_front();
     return watch;
 }
 
-std::list<Watches::Watch> Watches::takeOf(const Connection& connection)
+size_t Watches::drop(const Connection& connection)
 {
-    std::list<Watch> taken;
-    const auto isOf = [&](const Watch& watch) { return watch.pJob->pConnection.get() == &connection; };
-    for (auto time = m_byTime.begin(); time != m_byTime.end();) {
-        const auto entry = time->second;
-        ++time;
-        if (!isOf(entry->watch))
-            continue;
-        taken.push_back(std::move(entry->watch));
-        erase(entry);
-    }
-    for (auto watch = m_awake.begin(); watch != m_awake.end();) {
-        const auto next = std::next(watch);
-        if (isOf(*watch))
-            taken.splice(taken.end(), m_awake, watch);
-        watch = next;
-    }
-    return taken;
+    Entries dropped;
+    for (auto found = m_byConnection.find(&connection); found != m_byConnection.end();
+         found = m_byConnection.find(&connection))
+        move(found->second, dropped);
+    return dropped.size();
 }
 
 } // namespace obregd

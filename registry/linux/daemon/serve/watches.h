@@ -22,28 +22,25 @@ struct User;
 
 class Watches {
 public:
-    using Clock = std::chrono::steady_clock;
+    using Clock = JobClock;
 
-    /// A waiting request.
+    /// A waiting request; until when the job tells.
     struct Watch {
         JobPtr pJob;
         Wait wait;
-        Clock::time_point until;
     };
 
     bool empty() const { return m_byTime.empty(); }
-    size_t size() const { return m_byTime.size(); }
 
+    /// A job that has waited waits on, as long as it would have.
     void add(JobPtr pJob, const Wait& wait, Clock::time_point now);
-    /// It waits on, as long as it would have.
-    void addAgain(Watch&& watch);
 
     /// Wakes those whom changes concern that have been committed. They are in the order of their numbers, and the store
     /// has all of them.
     void touched(const std::vector<Touched>& changes, Store& store);
     /// Wakes those whose time is up; when the next one's is.
     std::optional<Clock::time_point> timeIsUp(Clock::time_point now);
-    /// Wakes all, or all who watch a key.
+    /// Wakes all, or all who watch a key. Needs no memory.
     void wakeAll();
     void wakeAll(KeyId key) { wake(key, false, INT64_MAX); }
 
@@ -54,30 +51,35 @@ public:
     Watch takeAwake();
     bool isAnyAwake() const { return !m_awake.empty(); }
 
-    /// Takes out what waits for a connection, or is awake for it.
-    std::list<Watch> takeOf(const Connection& connection);
+    /// Drops what waits for a connection, but for what is awake; how many that were.
+    size_t drop(const Connection& connection);
 
 private:
     struct Entry;
     using Entries = std::list<Entry>;
-    using ByTime = std::multimap<Clock::time_point, Entries::iterator>;
-    using ById = std::multimap<std::pair<const User*, uint64_t>, Entries::iterator>;
+    template <class Key>
+    using Index = std::multimap<Key, Entries::iterator>;
+    using ByTime = Index<Clock::time_point>;
+    using ById = Index<std::pair<const User*, uint64_t>>;
+    using ByConnection = Index<const Connection*>;
     struct Entry {
         Watch watch;
+        // The end where it is not in the index.
         ByTime::iterator time;
-        ById::iterator id; // none: the end
+        ById::iterator id;
+        ByConnection::iterator connection;
     };
 
-    void insert(Watch&& watch);
     void wake(KeyId key, bool above, int64_t number);
-    void wake(Entries::iterator entry);
-    void erase(Entries& entries, Entries::iterator entry);
-    void erase(Entries::iterator entry);
+    void wake(Entries::iterator entry) { move(entry, m_awake); }
+    void move(Entries::iterator entry, Entries& to);
+    void leaveIndexes(Entry& entry);
 
     std::unordered_map<KeyId, Entries> m_waiting; // by what they watch
     ByTime m_byTime;                              // the same
     ById m_byId;                                  // those of them that have one
-    std::list<Watch> m_awake;
+    ByConnection m_byConnection;
+    Entries m_awake;
 };
 
 } // namespace obregd

@@ -24,7 +24,7 @@ Told ChangeReader::told(const Watched& watched, int64_t mostRows)
     Told told{last, watched.since > last || watched.since + 1 < m_journal.first(), {}};
     if (told.lost)
         return told;
-    Places::Below known{{watched.key, std::string()}};
+    Places::Below known(watched.key);
     const Use use(m_since);
     bindAll(m_since, watched.since);
     for (int64_t rows = 0; m_since.executeStep(); ++rows) {
@@ -44,7 +44,7 @@ Told ChangeReader::told(const Watched& watched, int64_t mostRows)
             continue;
         std::string path;
         if (!itself) {
-            const std::optional<std::string>& above = m_places.pathBelow(in, known);
+            const std::optional<std::string> above = m_places.pathBelow(in, known);
             if (!above)
                 continue;
             path = *above;

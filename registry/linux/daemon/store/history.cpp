@@ -14,6 +14,7 @@ constexpr int64_t MostRows = 50'000;
 constexpr int64_t MostRowsOfOneKey = 400'000; // which SQLite skips by itself
 constexpr int64_t MostChanges = 2000;
 constexpr size_t LongestAnswer = size_t{256} * 1024;
+constexpr size_t MostLookedAt = size_t{64} << 20; // bytes of keys' places: many rows of deep keys
 
 std::string hex(const std::string& data)
 {
@@ -61,31 +62,36 @@ std::string HistoryReader::answer(const HistoryQuestion& question)
     if (oneKey)
         stretch.key = question.key;
     int64_t next = question.newestFirst ? stretch.after + 1 : stretch.before - 1; // when all of it is looked at
-    Places::Below known{{question.key, std::string()}};
+    Places::Below known(question.key);
     const auto concerns = [&](const std::string& in, const std::string& changed) {
         return question.subTree ? isWithin(changed, question.path)
                                 : isSame(in, question.path) || isSame(changed, question.path);
     };
-    const std::string* pIn = nullptr; // the path of the key whose values or sub-keys have changed, or which has itself
+    std::optional<std::string> in; // the path of the key whose values or sub-keys have changed, or which has itself
+    const auto isEnough = [&] { return known.looked > MostLookedAt; };
     const auto wants = [&](ChangeKind kind, KeyId key, KeyId parent) {
         const bool ofKey = isOfKey(kind);
         const bool itself = ofKey && key == question.key;
-        const auto& in = itself ? known.at(key) : m_places.pathBelow(ofKey ? parent : key, known);
-        pIn = in ? &*in : nullptr;
-        return in && (ofKey || concerns(*in, *in));
+        in = itself ? std::string() : m_places.pathBelow(ofKey ? parent : key, known);
+        return isEnough() || (in && (ofKey || concerns(*in, *in)));
     };
     int64_t told = 0;
     std::string text;
-    const auto see = [&](const Change& change) {
+    const auto tell = [&](const Change& change) {
         const bool ofKey = isOfKey(change.kind);
-        const std::string path = ofKey && change.key != question.key ? joined(*pIn, change.name) : *pIn;
-        if (ofKey && !concerns(*pIn, path))
-            return true;
+        const std::string path = ofKey && change.key != question.key ? joined(*in, change.name) : *in;
+        if (!concerns(*in, path))
+            return;
         text += std::to_string(change.number) + '\t' + std::to_string(change.time) + '\t' +
                 std::to_string(change.author.uid) + '\t' + std::to_string(change.author.pid) + '\t' +
                 ChangeNames[static_cast<int>(change.kind)] + '\t' + path + '\t' + (ofKey ? "" : change.name) + '\t' +
                 formerText(change) + (change.isSecret ? "\tsecret" : "\t") + '\0';
-        if (++told < std::min(question.most, MostChanges) && text.size() < LongestAnswer)
+        ++told;
+    };
+    const auto see = [&](const Change& change) {
+        if (in)
+            tell(change);
+        if (told < std::min(question.most, MostChanges) && text.size() < LongestAnswer && !isEnough())
             return true;
         next = change.number;
         return false;

@@ -1,6 +1,5 @@
 #include "daemon/store/places.h"
 
-#include <algorithm>
 #include <vector>
 
 #include "daemon/store/statements.h"
@@ -8,6 +7,10 @@
 namespace obregd {
 
 namespace {
+
+constexpr size_t MostBytes = size_t{8} << 20; // of places that are remembered for one answer
+constexpr size_t PlaceBytes = 64;             // of one, beside its name, about
+constexpr size_t MostKnown = 65536;           // depths
 
 /// Of a key that is deleted, where it was.
 constexpr const char* WhereIs = "SELECT parent, name FROM regkey WHERE id = ?1 "
@@ -31,27 +34,61 @@ std::optional<Place> Places::of(KeyId id)
     return Place{m_place.getColumn(0).getInt64(), m_place.getColumn(1).getString()};
 }
 
-const std::optional<std::string>& Places::pathBelow(KeyId id, Below& known)
+std::optional<std::string> Places::pathBelow(KeyId id, Below& known)
 {
-    std::vector<std::pair<KeyId, std::string>> way; // upwards
-    KeyId up = id;
-    while (!known.contains(up)) {
-        const std::optional<Place> found = of(up);
-        way.emplace_back(up, found ? found->name : "");
-        if (!found || way.size() > MaxLevels) {
-            for (const auto& [key, name] : way)
-                known.emplace(key, std::nullopt);
-            return known.at(id);
+    if (known.bytes > MostBytes) {
+        known.places.clear();
+        known.bytes = 0;
+    }
+    std::vector<KeyId> way; // upwards
+    for (KeyId up = id; up != known.top;) {
+        auto found = known.places.find(up);
+        if (found == known.places.end()) {
+            found = known.places.emplace(up, of(up)).first;
+            known.bytes += PlaceBytes + (found->second ? found->second->name.size() : 0);
         }
-        up = found->parent;
+        way.push_back(up);
+        const std::optional<Place>& place = found->second;
+        if (!place || place->parent == 0 || way.size() > MaxLevels) {
+            for (const KeyId key : way)
+                known.places.at(key).reset();
+            return std::nullopt;
+        }
+        known.looked += PlaceBytes + place->name.size();
+        up = place->parent;
     }
-    std::reverse(way.begin(), way.end());
-    for (const auto& [key, name] : way) {
-        const std::optional<std::string>& above = known.at(up);
-        known.emplace(key, above ? std::optional(joined(*above, name)) : std::nullopt);
-        up = key;
+    std::string path;
+    for (auto key = way.rbegin(); key != way.rend(); ++key) {
+        if (!path.empty())
+            path += '\\';
+        path += known.places.at(*key)->name;
     }
-    return known.at(id);
+    return path;
+}
+
+Depth Depths::of(KeyId id)
+{
+    std::vector<std::pair<KeyId, size_t>> way; // upwards
+    Depth depth;
+    KeyId up = id;
+    for (;;) {
+        if (const auto known = m_known.find(up); known != m_known.end()) {
+            depth = known->second;
+            break;
+        }
+        const std::optional<Place> place = m_places.of(up);
+        if (!place || place->parent == 0 || way.size() > MaxLevels)
+            break;
+        way.emplace_back(up, place->name.size() + 1);
+        up = place->parent;
+    }
+    if (m_known.size() + way.size() > MostKnown)
+        m_known.clear();
+    for (auto step = way.rbegin(); step != way.rend(); ++step) {
+        depth = {depth.keys + 1, depth.bytes + step->second};
+        m_known.emplace(step->first, depth);
+    }
+    return depth;
 }
 
 } // namespace obregd

@@ -1,5 +1,5 @@
-// Where keys are: the key above each, and the path from one key down to another. Keys that are deleted are found as
-// long as the journal has their end.
+// Where keys are: the key above each, the path from one key down to another, how deep they are. Keys that are deleted
+// are found as long as the journal has their end.
 //
 // Belongs to the connection that it is made with, and to its thread. Whatever fails throws SQLite::Exception.
 #ifndef OBREG_DAEMON_STORE_PLACES_H
@@ -23,18 +23,45 @@ struct Place {
 
 class Places {
 public:
-    /// Paths from a key; none for a key that is not below it. Made with that key's own, which is empty.
-    using Below = std::unordered_map<KeyId, std::optional<std::string>>;
+    /// What is known of the keys below one: their places; none of a key that is not below it. No paths, with which many
+    /// deep keys would fill the memory.
+    struct Below {
+        explicit Below(KeyId from) : top(from) {}
+        const KeyId top;
+        std::unordered_map<KeyId, std::optional<Place>> places{};
+        size_t bytes = 0;  ///< that they take, about; when it is too much all is forgotten
+        size_t looked = 0; ///< bytes that were looked at so far, about
+    };
 
     explicit Places(SQLite::Database& database);
 
     /// Nothing when it is not known.
     std::optional<Place> of(KeyId id);
-    /// The path to a key from the one whose paths are known, which learn of it.
-    const std::optional<std::string>& pathBelow(KeyId id, Below& known);
+    /// The path to a key from the one of `known`; nothing when it is not below that.
+    std::optional<std::string> pathBelow(KeyId id, Below& known);
 
 private:
     SQLite::Statement m_place;
+};
+
+/// How deep a key is below its root: keys on the way down, and the bytes of their names, each with a separator.
+struct Depth {
+    size_t keys = 0;
+    size_t bytes = 0;
+};
+
+/// Remembers how deep keys are, which does not change.
+class Depths {
+public:
+    explicit Depths(SQLite::Database& database) : m_places(database) {}
+
+    Depth of(KeyId id);
+    /// Keys are gone that never were: their numbers may be used again.
+    void clear() { m_known.clear(); }
+
+private:
+    Places m_places;
+    std::unordered_map<KeyId, Depth> m_known;
 };
 
 /// A path and a name below it.

@@ -179,10 +179,13 @@ public:
     private:
         WritableStore& m_store;
         const JournalWriter::Ends m_journal;
+        const Secrets::Point m_secrets;
         const uint64_t m_removals;
         std::vector<std::pair<Owner, Usage>> m_accounts; // of those who were changed before
         bool m_kept = false;
     };
+
+    Depth depthOf(KeyId id) { return m_depths.of(id); }
 
     /// The name must be new to the parent.
     KeyId addKey(KeyId parent, const std::string& name, Owner owner);
@@ -216,6 +219,16 @@ public:
     bool hasToClear() const { return m_hasToClear || m_journal.isTooLong() || m_secrets.hasToClear(); }
     /// Clears away up to that many of them, and not too many bytes. True when more is left.
     bool clearSome(int maxRows);
+
+    /// Whether what is secret is overwritten where it is deleted; on unless there is no room for that.
+    void overwriteSecrets(bool overwrites) { m_secrets.overwrite(overwrites); }
+
+    /// What has been done since this was made, for whomever, undone or not.
+    struct Work {
+        uint64_t keysMade = 0;
+        uint64_t bytesGivenBack = 0; ///< of names and values; what is left to clearSome() counts when that is cleared
+    };
+    const Work& work() const { return m_work; }
 
     void setQuota(const Quota& quota) { m_quota = quota; }
     /// What an owner's trees take, by all that has been done so far.
@@ -271,10 +284,12 @@ private:
     JournalReader m_journalReader;
     Secrets m_secrets;
     TokenWriter m_tokenWriter;
+    Depths m_depths;
     Quota m_quota;
     std::unordered_map<Owner, Account> m_accounts; // of those who were met
     std::vector<Owner> m_changedAccounts;          // since begin()
-    int64_t m_lastValueRowUsed = 0;                // a value's row is not used again while this lives
+    Work m_work;
+    int64_t m_lastValueRowUsed = 0; // a value's row is not used again while this lives
     uint64_t m_time = 0;
     bool m_hasToClear = false;
     bool m_cleared = false;   // the last of it since begin()

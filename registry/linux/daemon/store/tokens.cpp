@@ -88,18 +88,26 @@ void TokenWriter::count(uid_t uid, int64_t more)
 {
     if (more == 0)
         return;
+    int64_t& counted = m_count[uid];
     m_changes.emplace_back(uid, more);
+    counted += more;
     m_all += more;
-    if ((m_count[uid] += more) == 0)
-        m_count.erase(uid);
+}
+
+void TokenWriter::committed()
+{
+    for (const auto& [uid, more] : m_changes)
+        if (const auto counted = m_count.find(uid); counted != m_count.end() && counted->second == 0)
+            m_count.erase(counted);
+    m_changes.clear();
 }
 
 void TokenWriter::rolledBack()
 {
-    std::vector<std::pair<uid_t, int64_t>> changes;
-    changes.swap(m_changes);
-    for (const auto& [uid, more] : changes)
-        count(uid, -more);
+    for (const auto& [uid, more] : m_changes) {
+        m_count.at(uid) -= more;
+        m_all -= more;
+    }
     m_changes.clear();
 }
 

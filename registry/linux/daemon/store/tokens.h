@@ -44,8 +44,8 @@ public:
     /// The user has none of that name that is found.
     void add(uid_t uid, const std::string& name, const Token& token);
 
-    void committed() { m_changes.clear(); }
-    void rolledBack();
+    void committed();
+    void rolledBack(); ///< needs no memory
     /// What is known of the file is not to be relied on any more.
     void distrust();
 

@@ -51,7 +51,7 @@ WritableStore::WritableStore(const std::string& path)
       m_freePages(m_database, "PRAGMA freelist_count"), m_valuesOf(m_database, ValuesOf),
       m_savepoint(m_database, "SAVEPOINT part"), m_rollbackTo(m_database, "ROLLBACK TO part"),
       m_releaseSavepoint(m_database, "RELEASE part"), m_journal(m_database), m_journalReader(m_database),
-      m_secrets(m_database), m_tokenWriter(m_database)
+      m_secrets(m_database), m_tokenWriter(m_database), m_depths(m_database)
 {
     m_database.exec(WriterCache);
     m_database.exec("PRAGMA synchronous = FULL");
@@ -118,12 +118,14 @@ void WritableStore::rollback()
     m_changedAccounts.clear();
     m_journal.rolledBack();
     m_secrets.rolledBack();
+    m_depths.clear();
     m_tokenWriter.rolledBack();
     m_cleared = false;
 }
 
 WritableStore::Savepoint::Savepoint(WritableStore& store)
-    : m_store(store), m_journal(store.m_journal.ends()), m_removals(store.m_pShared->positions.noted())
+    : m_store(store), m_journal(store.m_journal.ends()), m_secrets(store.m_secrets.point()),
+      m_removals(store.m_pShared->positions.noted())
 {
     for (const Owner owner : store.m_changedAccounts)
         m_accounts.emplace_back(owner, store.m_accounts[owner].now);
@@ -152,7 +154,8 @@ WritableStore::Savepoint::~Savepoint()
     for (const auto& [owner, usage] : m_accounts)
         m_store.m_accounts[owner].now = usage;
     m_store.m_journal.rolledBack(m_journal);
-    m_store.m_secrets.partRolledBack();
+    m_store.m_secrets.rolledBack(m_secrets);
+    m_store.m_depths.clear(); // the numbers of keys that were made may be used again
     m_store.m_pShared->positions.takeBack(m_removals);
 }
 
@@ -162,6 +165,7 @@ void WritableStore::distrust()
     Store::distrust();
     m_accounts.clear();
     m_changedAccounts.clear();
+    m_depths.clear();
     m_journal.distrust();
     m_secrets.distrust();
     m_tokenWriter.distrust();
@@ -251,6 +255,7 @@ KeyId WritableStore::addKey(KeyId parent, const std::string& name, Owner owner)
     Usage& taken = change(owner);
     ++taken.keys;
     ++taken.numbers;
+    ++m_work.keysMade;
     taken.bytes += name.size();
     return id;
 }
@@ -445,6 +450,7 @@ Usage& WritableStore::change(Owner owner)
 
 void WritableStore::giveBack(Owner owner, int64_t bytes)
 {
+    m_work.bytesGivenBack += static_cast<uint64_t>(bytes);
     Usage& taken = change(owner);
     taken.bytes -= std::min(taken.bytes, static_cast<uint64_t>(bytes));
 }
