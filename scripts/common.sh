@@ -5,7 +5,7 @@
 # answered at once and takes everything with it that the script has started.
 
 # shellcheck disable=SC2034 # used by those who source this
-build_packages=(g++ g++-multilib cmake ninja-build googletest libasio-dev libsqlite3-dev libsqlitecpp-dev libcli11-dev
+build_packages=(g++ g++-multilib cmake ninja-build libgtest-dev libasio-dev libsqlite3-dev libsqlitecpp-dev libcli11-dev
     nlohmann-json3-dev)
 # shellcheck disable=SC2034
 packaging_packages=(dpkg-dev file scdoc)

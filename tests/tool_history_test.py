@@ -62,13 +62,13 @@ class History(tool.WithDaemon):
     def test_undo_to_any_number_gives_back_what_was_then(self):
         random = Random(14)
         states = {}
-        for _ in range(60):
+        for _ in range(60 // tool.SLOWER):
             key = "HKLM/Run" + "".join("/" + random.choice("ab") for _ in range(random.randrange(3)))
             change = random.choice([["set", key, random.choice("vwVW@"), random.choice("12"), "--force-type"], ["add", key],
                                     ["rm", key, "-y"], ["rm", key, "v"], ["set", key, "w", "0A", "-t", "binary", "--force-type"]])
             tool.run(*change)
             states[self.last()] = tool.run("export", "HKLM/Run")[1]
-        for number in random.sample(list(states), 12) + ["2"]:
+        for number in random.sample(list(states), min(12, len(states))) + ["2"]:
             expected = states.get(number, b"")
             before = self.last()
             self.expect(0, "undo", "HKLM/Run", "--to", number)

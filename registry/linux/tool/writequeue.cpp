@@ -14,8 +14,8 @@ namespace {
 constexpr size_t MaxQueued = 4096;
 constexpr size_t MaxQueuedBytes = 16u << 20;
 constexpr size_t MaxUnsettled = 16384;
-constexpr size_t MostAsOne = 256; // writes in a transaction
-constexpr size_t MostBytesAsOne = 256u << 10;
+constexpr size_t MostInTransaction = 256; // writes in a transaction
+constexpr size_t MostBytesInTransaction = 256u << 10;
 constexpr size_t ThreadsOfTransactions = 4;
 
 } // namespace
@@ -186,8 +186,8 @@ WriteQueue::Writes WriteQueue::take()
         size += m_writes.front().size();
         writes.push_back(std::move(m_writes.front()));
         m_writes.pop_front();
-    } while (!m_apart && !m_writes.empty() && writes.size() < MostAsOne &&
-             size + m_writes.front().size() <= MostBytesAsOne);
+    } while (!m_apart && !m_writes.empty() && writes.size() < MostInTransaction &&
+             size + m_writes.front().size() <= MostBytesInTransaction);
     m_begun = std::max(m_begun, writes.back().number);
     return writes;
 }
