@@ -61,6 +61,13 @@ else()
         DESCRIPTION "registry daemon" ${about}
         "This is obregd, which keeps the registry in a file, answers the clients of"
         "a local socket, and decides who may change what.")
+    if(TARGET obregd_etcd)
+        list(APPEND CPACK_COMPONENTS_ALL etcd)
+    endif()
+    obreg_package(etcd obregd-etcd admin DEPENDS "obregd ${same_version}"
+        DESCRIPTION "registry daemon (engine for trees that machines share)" ${about}
+        "This is what obregd loads to share a part of it with other machines,"
+        "through etcd.")
     obreg_package(tool obreg utils DEPENDS "libobreg ${same_version}"
         DESCRIPTION "registry command line" ${about}
         "This is obreg, which looks at the registry, changes it, exports and"

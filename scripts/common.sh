@@ -7,6 +7,12 @@
 # shellcheck disable=SC2034 # used by those who source this
 build_packages=(g++ g++-multilib cmake ninja-build libgtest-dev libasio-dev libsqlite3-dev libsqlitecpp-dev libcli11-dev
     nlohmann-json3-dev)
+# What the engine of shared trees is built from, and what it is tried with.
+# shellcheck disable=SC2034
+engine_packages=(libgrpc++-dev protobuf-compiler protobuf-compiler-grpc golang-etcd-server-dev golang-github-gogo-protobuf-dev
+    golang-github-grpc-ecosystem-grpc-gateway-dev)
+# shellcheck disable=SC2034
+machines_packages=(etcd-server iproute2)
 # shellcheck disable=SC2034
 packaging_packages=(dpkg-dev file scdoc)
 jobs=$(nproc)

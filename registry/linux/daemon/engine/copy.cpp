@@ -9,9 +9,6 @@ namespace obregd {
 
 namespace {
 
-using engine::Entry;
-using engine::Revision;
-
 constexpr size_t EventsAtOnce = 1000; // of a difference
 constexpr const char* Tables =
     "CREATE TABLE IF NOT EXISTS share (name TEXT PRIMARY KEY, revision INTEGER NOT NULL) STRICT;"
@@ -61,18 +58,18 @@ std::optional<SharedCopy::Seen> SharedCopy::seen(const std::string& entry)
     return Seen{at(0), at(1), static_cast<uint64_t>(at(2))};
 }
 
-void SharedCopy::apply(const Revision& revision, const std::function<void(const std::string&)>& synced)
+void SharedCopy::apply(const engine::Revision& revision, const std::function<void(const std::string&)>& synced)
 {
-    for (const Revision::Event& event : revision.events) {
+    for (const engine::Revision::Event& event : revision.events) {
         applyOne(event, revision.number);
         if (!event.isDeletion && m_names.parse(event.entry.key).kind == 'y')
             synced(event.entry.value);
     }
 }
 
-void SharedCopy::applyOne(const Revision::Event& event, int64_t number)
+void SharedCopy::applyOne(const engine::Revision::Event& event, int64_t number)
 {
-    const Entry& entry = event.entry;
+    const engine::Entry& entry = event.entry;
     const EntryNames::Parsed parsed = m_names.parse(entry.key);
     if (parsed.kind != 'k' && parsed.kind != 'v' && parsed.kind != 't')
         return;
@@ -111,7 +108,7 @@ void SharedCopy::remove(const EntryNames::Parsed& entry)
         m_store.removeValue(*key, entry.name);
 }
 
-void SharedCopy::set(const EntryNames::Parsed& entry, const Entry& told, const std::optional<Seen>& before)
+void SharedCopy::set(const EntryNames::Parsed& entry, const engine::Entry& told, const std::optional<Seen>& before)
 {
     if (entry.kind == 't') {
         const size_t slash = entry.path.find('/');
@@ -184,9 +181,9 @@ std::optional<KeyId> SharedCopy::find(const std::string& path)
     return key;
 }
 
-std::vector<Revision> SharedCopy::difference(std::vector<Entry>&& entries, int64_t revision)
+std::vector<engine::Revision> SharedCopy::difference(std::vector<engine::Entry>&& entries, int64_t revision)
 {
-    std::vector<Revision::Event> gone, changed, made;
+    std::vector<engine::Revision::Event> gone, changed, made;
     auto at = entries.begin();
     const auto takeUpTo = [&](const std::string* pEntry) {
         for (; at != entries.end() && (pEntry == nullptr || at->key < *pEntry); ++at)
@@ -215,14 +212,14 @@ std::vector<Revision> SharedCopy::difference(std::vector<Entry>&& entries, int64
         }
     }
     takeUpTo(nullptr);
-    const auto place = [](const Revision::Event& event) {
+    const auto place = [](const engine::Revision::Event& event) {
         const std::optional<EntryText> text = parseEntry(event.entry.value);
         return std::pair(event.entry.created, text ? text->place : 0);
     };
     std::sort(made.begin(), made.end(), [&](const auto& a, const auto& b) { return place(a) < place(b); });
-    std::vector<Revision> revisions;
-    for (std::vector<Revision::Event>* const pEvents : {&gone, &changed, &made})
-        for (Revision::Event& event : *pEvents) {
+    std::vector<engine::Revision> revisions;
+    for (std::vector<engine::Revision::Event>* const pEvents : {&gone, &changed, &made})
+        for (engine::Revision::Event& event : *pEvents) {
             if (revisions.empty() || revisions.back().events.size() == EventsAtOnce)
                 revisions.push_back({revision, {}});
             revisions.back().events.push_back(std::move(event));

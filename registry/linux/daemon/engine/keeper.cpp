@@ -10,9 +10,9 @@ namespace {
 
 constexpr size_t PageLength = 2000;
 constexpr size_t MostWaiting = 50'000; // events: then the engine is to wait
-constexpr auto Patience = std::chrono::seconds(5);
-constexpr auto Pause = std::chrono::milliseconds(500);  // after a failure
-constexpr auto MembersPause = std::chrono::seconds(10); // between two questions for these
+constexpr auto ReadPatience = std::chrono::seconds(5);
+constexpr auto ReadPause = std::chrono::milliseconds(500); // after a failure
+constexpr auto MembersPause = std::chrono::seconds(10);    // between two questions for these
 
 } // namespace
 
@@ -108,7 +108,7 @@ void ShareKeeper::run()
             m_wake();
             break;
         }
-        if (!pause(Pause))
+        if (!pause(ReadPause))
             return;
     }
     for (;;) {
@@ -116,7 +116,7 @@ void ShareKeeper::run()
         std::unique_lock lock(m_mutex);
         while (!m_ending && !m_isOutdated) {
             lock.unlock();
-            std::string members = m_engine.members(Patience);
+            std::string members = m_engine.members(ReadPatience);
             m_pView->setMembers(std::move(members));
             lock.lock();
             m_changed.wait_for(lock, MembersPause, [this] { return m_ending || m_isOutdated; });
@@ -127,7 +127,7 @@ void ShareKeeper::run()
         pWatch.reset();
         std::optional<Whole> whole;
         while (!ends && !(whole = readAll()))
-            if (!pause(Pause))
+            if (!pause(ReadPause))
                 return;
         if (ends)
             return;
@@ -144,14 +144,14 @@ void ShareKeeper::run()
 bool ShareKeeper::isCurrent(int64_t revision)
 {
     for (;;) {
-        const engine::Page page = m_engine.read(m_names.begin(), m_names.end(), 0, 1, Patience);
+        const engine::Page page = m_engine.read(m_names.begin(), m_names.end(), 0, 1, ReadPatience);
         if (page.good && page.revision < revision)
             logLine(LOG_WARNING, "share %s: the engine is older than the copy here, which is replaced by what it has",
                     m_pView->name.c_str());
         if (page.good)
             return page.revision >= revision;
         failed(page.why);
-        if (!pause(Pause))
+        if (!pause(ReadPause))
             return true;
     }
 }
@@ -161,7 +161,7 @@ std::optional<ShareKeeper::Whole> ShareKeeper::readAll()
     Whole whole{{}, 0};
     std::string from = m_names.begin();
     for (;;) {
-        engine::Page page = m_engine.read(from, m_names.end(), whole.revision, PageLength, Patience);
+        engine::Page page = m_engine.read(from, m_names.end(), whole.revision, PageLength, ReadPatience);
         if (!page.good) {
             failed(page.why);
             return std::nullopt;

@@ -9,9 +9,6 @@ namespace obregd {
 
 namespace {
 
-using engine::Compare;
-using engine::Operation;
-
 /// Collects what is proposed for one share; each entry once.
 class Collector {
 public:
@@ -48,19 +45,22 @@ public:
         if (isMade || entry == names().key(""))
             return false;
         const int64_t created = seen ? seen->created : 0;
-        m_compares.emplace(entry, Compare{Compare::What::Created, Compare::Is::Equal, entry, {}, created});
+        m_compares.emplace(
+            entry, engine::Compare{engine::Compare::What::Created, engine::Compare::Is::Equal, entry, {}, created});
         return seen.has_value();
     }
     /// And on what it says.
     void restOnData(const std::string& entry)
     {
         const std::optional<SharedCopy::Seen> seen = m_copy.seen(entry);
-        m_compares[entry + '\n'] = {Compare::What::Modified, Compare::Is::Equal, entry, {}, seen ? seen->modified : 0};
+        m_compares[entry + '\n'] = {
+            engine::Compare::What::Modified, engine::Compare::Is::Equal, entry, {}, seen ? seen->modified : 0};
     }
     /// And on nothing new in a range.
     void restOnRange(const std::string& begin, const std::string& end)
     {
-        m_compares[begin + '\n'] = {Compare::What::Modified, Compare::Is::Less, begin, end, m_revision + 1};
+        m_compares[begin + '\n'] = {engine::Compare::What::Modified, engine::Compare::Is::Less, begin, end,
+                                    m_revision + 1};
     }
 
     /// And on a key with all that is below it.
@@ -90,12 +90,12 @@ public:
 private:
     void set(const std::string& entry, EntryText&& text, bool isKey)
     {
-        if (m_operations.count(entry) != 0 && m_operations[entry].kind == Operation::Kind::Delete && isKey)
+        if (m_operations.count(entry) != 0 && m_operations[entry].kind == engine::Operation::Kind::Delete && isKey)
             throw CannotPropose{OBREG_STATUS_TOO_LARGE,
                                 "a key of a shared tree is deleted and made in one transaction"};
         text.place = m_place++;
         m_made.insert(entry);
-        m_operations[entry] = {Operation::Kind::Put, entry, isKey ? keyText(text) : valueText(text)};
+        m_operations[entry] = {engine::Operation::Kind::Put, entry, isKey ? keyText(text) : valueText(text)};
     }
 
     void setValue(const Change& change, const std::string& path)
@@ -115,7 +115,7 @@ private:
             return;
         }
         rest(entry);
-        m_operations[entry] = {Operation::Kind::Delete, entry};
+        m_operations[entry] = {engine::Operation::Kind::Delete, entry};
     }
 
     static std::string parentOf(const std::string& path)
@@ -133,7 +133,7 @@ private:
             return; // made by what is proposed
         rest(key);
         m_operations[key] = {
-            Operation::Kind::Put, key,
+            engine::Operation::Kind::Put, key,
             keyText(
                 {change.time, change.author.uid, 0, seen ? seen->place : 0, path.substr(path.rfind('\\') + 1), {}})};
     }
@@ -158,9 +158,9 @@ private:
         }
         if (!isHere)
             return; // it was made by what is proposed
-        m_operations[key] = {Operation::Kind::Delete, key};
+        m_operations[key] = {engine::Operation::Kind::Delete, key};
         const auto deleteRange = [this](const std::string& begin, const std::string& end) {
-            m_operations[begin] = {Operation::Kind::Delete, begin, {}, end};
+            m_operations[begin] = {engine::Operation::Kind::Delete, begin, {}, end};
         };
         deleteRange(EntryNames::below(key), EntryNames::belowEnd(key));
         deleteRange(EntryNames::values(ofKey), EntryNames::valuesEnd(ofKey));
@@ -173,8 +173,8 @@ private:
     const int64_t m_revision;
     uint64_t m_place = 0;
     std::set<std::string> m_made;
-    std::map<std::string, Compare> m_compares;     // by entry, and what of it
-    std::map<std::string, Operation> m_operations; // by entry
+    std::map<std::string, engine::Compare> m_compares;     // by entry, and what of it
+    std::map<std::string, engine::Operation> m_operations; // by entry
 };
 
 } // namespace

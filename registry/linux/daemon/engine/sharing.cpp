@@ -10,18 +10,13 @@ namespace obregd {
 
 namespace {
 
-using engine::Compare;
-
-using engine::Outcome;
-using engine::Revision;
-
 constexpr size_t SlotsOfATree = 64;
 constexpr size_t EventsAtOnce = 2000;                // applied in one transaction, about
 constexpr auto Tick = std::chrono::milliseconds(20); // while somebody waits
 constexpr auto ShortPause = std::chrono::milliseconds(5);
 constexpr auto SettlePause = std::chrono::milliseconds(50);
-constexpr auto LongPause = std::chrono::milliseconds(500); // after a failure
-constexpr auto Patience = std::chrono::milliseconds(2000); // with one answer
+constexpr auto LongPause = std::chrono::milliseconds(500);       // after a failure
+constexpr auto AnswerPatience = std::chrono::milliseconds(2000); // with one answer
 
 std::string randomName()
 {
@@ -38,7 +33,7 @@ std::string randomName()
 size_t bytesOf(const engine::Transaction& transaction)
 {
     size_t bytes = 0;
-    for (const Compare& compare : transaction.compares)
+    for (const engine::Compare& compare : transaction.compares)
         bytes += compare.key.size() + compare.end.size() + compare.value.size();
     for (const engine::Operation& operation : transaction.operations)
         bytes += operation.key.size() + operation.end.size() + operation.value.size();
@@ -137,7 +132,8 @@ void Sharing::serve(Job& job, const std::function<void(SharedCalls&)>& act)
         if (job.pPlan != nullptr) {
             const EntryNames& names = m_copies[proposal->share]->names();
             const std::string token = names.token(job.peer.uid, job.pPlan->token);
-            proposal->transaction.compares.push_back({Compare::What::Created, Compare::Is::Equal, token});
+            proposal->transaction.compares.push_back(
+                {engine::Compare::What::Created, engine::Compare::Is::Equal, token});
             proposal->transaction.operations.push_back(
                 {engine::Operation::Kind::Put, token, std::to_string(job.pPlan->hash)});
         }
@@ -168,8 +164,8 @@ void Sharing::send(JobList& batch)
 engine::Compare Sharing::slotIs(const Slot& slot)
 {
     if (slot.value.empty())
-        return {Compare::What::Created, Compare::Is::Equal, slot.entry};
-    return {Compare::What::Value, Compare::Is::Equal, slot.entry, {}, 0, slot.value};
+        return {engine::Compare::What::Created, engine::Compare::Is::Equal, slot.entry};
+    return {engine::Compare::What::Value, engine::Compare::Is::Equal, slot.entry, {}, 0, slot.value};
 }
 
 void Sharing::propose(JobPtr pJob)
@@ -193,8 +189,8 @@ void Sharing::propose(JobPtr pJob)
     transaction.asked = slot->entry;
     if (std::max(transaction.operations.size(), transaction.compares.size()) > m_pEngine->mostOperations() ||
         bytesOf(transaction) > m_pEngine->longestValue()) {
-        Outcome outcome;
-        outcome.end = Outcome::End::Refused;
+        engine::Outcome outcome;
+        outcome.end = engine::Outcome::End::Refused;
         outcome.why = "too large for one transaction of the engine";
         const std::lock_guard lock(m_mutex);
         m_outcomes.emplace_back(place, std::move(outcome));
@@ -205,7 +201,7 @@ void Sharing::propose(JobPtr pJob)
 
 void Sharing::commit(Place place, engine::Transaction&& transaction)
 {
-    m_pEngine->commit(std::move(transaction), Patience, [this, place](Outcome&& outcome) {
+    m_pEngine->commit(std::move(transaction), AnswerPatience, [this, place](engine::Outcome&& outcome) {
         {
             const std::lock_guard lock(m_mutex);
             m_outcomes.emplace_back(place, std::move(outcome));
@@ -230,7 +226,7 @@ void Sharing::settle(Place place)
     commit(place, std::move(transaction));
 }
 
-void Sharing::decide(Place place, Outcome&& outcome)
+void Sharing::decide(Place place, engine::Outcome&& outcome)
 {
     Slot& slot = m_trees[place->tree].slots[place->slot];
     const auto isSet = [&](const std::string& value) { return outcome.asked && outcome.asked->value == value; };
@@ -252,19 +248,19 @@ void Sharing::decide(Place place, Outcome&& outcome)
         m_underWay.erase(place);
     };
     switch (outcome.end) {
-    case Outcome::End::Done:
+    case engine::Outcome::End::Done:
         if (!settles)
             return done(outcome.revision);
         free(place->id + '!');
         return runAgain();
-    case Outcome::End::NotDone:
+    case engine::Outcome::End::NotDone:
         if (isSet(place->id))
             return done(outcome.asked->modified);
         if (settles && !isSet(place->id + '!'))
             return settleLater(place); // it is nobody else's: try again
         free(outcome.asked ? outcome.asked->value : std::string());
         return runAgain();
-    case Outcome::End::Refused: {
+    case engine::Outcome::End::Refused: {
         if (settles)
             return settleLater(place);
         free(slot.value);
@@ -279,7 +275,7 @@ void Sharing::decide(Place place, Outcome&& outcome)
         }
         return;
     }
-    case Outcome::End::Unknown:
+    case engine::Outcome::End::Unknown:
         return settleLater(place);
     }
 }
@@ -302,7 +298,7 @@ void Sharing::applyNews(Tree& tree, size_t index, Transactions& transactions)
         return;
     bool good = true;
     if (tree.waiting.whole) {
-        std::vector<Revision> pieces;
+        std::vector<engine::Revision> pieces;
         const int64_t revision = tree.waiting.whole->revision;
         const auto entries = tree.waiting.whole->entries; // in case it fails
         good = transactions.runOne([&] { pieces = copy.difference(std::vector(entries), revision); });
@@ -314,7 +310,7 @@ void Sharing::applyNews(Tree& tree, size_t index, Transactions& transactions)
             tree.pView->revision = revision;
         }
     }
-    std::vector<Revision>& waiting = tree.waiting.revisions;
+    std::vector<engine::Revision>& waiting = tree.waiting.revisions;
     size_t at = 0;
     while (good && at < waiting.size()) {
         size_t end = at;
@@ -360,7 +356,7 @@ JobList Sharing::turn(Transactions& transactions)
 {
     for (size_t i = 0; i < m_trees.size(); ++i)
         applyNews(m_trees[i], i, transactions);
-    std::vector<std::pair<Place, Outcome>> outcomes;
+    std::vector<std::pair<Place, engine::Outcome>> outcomes;
     {
         const std::lock_guard lock(m_mutex);
         outcomes.swap(m_outcomes);
