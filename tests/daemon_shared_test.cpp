@@ -222,3 +222,36 @@ TEST(SharedTest, NothingIsLostOrDoneTwiceWhateverFails)
             EXPECT_EQ(dump.find(key + value) != std::string::npos, i % 5 != 0) << key;
         }
 }
+
+TEST(SharedTest, ACopyBecomesWhatAnotherEngineHas)
+{
+    const TemporaryFolder folder;
+    WritableStore store(folder / "store");
+    const EntryNames names("acme");
+    const auto key = [&](const std::string& path, int64_t created) {
+        return engine::Entry{names.key(path), keyText({1, 0, 0, 0, path.substr(path.rfind('\\') + 1), {}}), created,
+                             created};
+    };
+    const auto value = [&](const std::string& path, const std::string& data, int64_t created, int64_t modified) {
+        return engine::Entry{names.value(path, "v"), valueText({1, 0, REG_BINARY, 0, "v", data}), created, modified};
+    };
+    store.begin();
+    SharedCopy copy(store, "acme", MachineId);
+    copy.apply(
+        {9, {{false, key("a", 5)}, {false, value("a", "new", 6, 9)}, {false, key("a\\x", 7)}, {false, key("b", 8)}}});
+    copy.apply({8, {{true, {names.value("a", "v"), {}}}, {false, value("a", "old", 6, 8)}}}); // again, and later
+    const KeyId a = *store.child(MachineId, "a");
+    EXPECT_EQ(std::string(store.value(a, "v")->pData, 3), "new");
+    // An older engine: no x, another b, an older value, and a key more.
+    const std::vector<engine::Entry> older = {key("a", 5), key("b", 2), key("c", 1), value("a", "was", 6, 6)};
+    for (const engine::Revision& revision : copy.difference(std::vector(older), 3))
+        copy.apply(revision, true);
+    EXPECT_EQ(store.child(a, "x"), std::nullopt);
+    EXPECT_EQ(std::string(store.value(a, "v")->pData, 3), "was");
+    const Key top = *store.key(MachineId);
+    ASSERT_EQ(top.subKeys, 3u);
+    for (UINT32 i = 0; i < 3; ++i)
+        EXPECT_EQ(std::string(store.subKeyAt(top, i)->pName), std::vector<std::string>({"a", "c", "b"})[i]);
+    EXPECT_TRUE(copy.difference(std::vector(older), 3).empty());
+    store.commit();
+}

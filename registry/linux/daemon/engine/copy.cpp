@@ -58,16 +58,13 @@ std::optional<SharedCopy::Seen> SharedCopy::seen(const std::string& entry)
     return Seen{at(0), at(1), static_cast<uint64_t>(at(2))};
 }
 
-void SharedCopy::apply(const engine::Revision& revision, const std::function<void(const std::string&)>& synced)
+void SharedCopy::apply(const engine::Revision& revision, bool isReadAnew)
 {
-    for (const engine::Revision::Event& event : revision.events) {
-        applyOne(event, revision.number);
-        if (!event.isDeletion && m_names.parse(event.entry.key).kind == 'y')
-            synced(event.entry.value);
-    }
+    for (const engine::Revision::Event& event : revision.events)
+        applyOne(event, revision.number, isReadAnew);
 }
 
-void SharedCopy::applyOne(const engine::Revision::Event& event, int64_t number)
+void SharedCopy::applyOne(const engine::Revision::Event& event, int64_t number, bool isReadAnew)
 {
     const engine::Entry& entry = event.entry;
     const EntryNames::Parsed parsed = m_names.parse(entry.key);
@@ -75,7 +72,7 @@ void SharedCopy::applyOne(const engine::Revision::Event& event, int64_t number)
         return;
     const std::optional<Seen> before = seen(entry.key);
     if (event.isDeletion) {
-        if (!before || before->modified > number)
+        if (!before || (before->modified > number && !isReadAnew))
             return;
         remove(parsed);
         const Use use(m_forget);
@@ -83,7 +80,7 @@ void SharedCopy::applyOne(const engine::Revision::Event& event, int64_t number)
         m_forget.exec();
         return;
     }
-    if (before && before->modified >= entry.modified)
+    if (before && before->modified >= entry.modified && !isReadAnew)
         return;
     set(parsed, entry, before);
     const Use use(m_note);

@@ -34,15 +34,15 @@ public:
     };
     std::optional<Seen> seen(const std::string& entry);
 
-    /// Applies what changed. A `y` entry's text is given to `synced`.
-    void apply(const engine::Revision& revision, const std::function<void(const std::string&)>& synced);
+    /// Applies what changed. Of what was read anew that is so whatever the numbers say: the engine may be another one.
+    void apply(const engine::Revision& revision, bool isReadAnew = false);
 
     /// What makes the copy equal to entries that were read at a revision, in order of key: revisions to be applied,
     /// each of a bounded size.
     std::vector<engine::Revision> difference(std::vector<engine::Entry>&& entries, int64_t revision);
 
 private:
-    void applyOne(const engine::Revision::Event& event, int64_t number);
+    void applyOne(const engine::Revision::Event& event, int64_t number, bool isReadAnew);
     void remove(const EntryNames::Parsed& entry);
     void set(const EntryNames::Parsed& entry, const engine::Entry& told, const std::optional<Seen>& before);
     void removeTree(KeyId key);

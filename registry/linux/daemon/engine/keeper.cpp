@@ -12,7 +12,8 @@ constexpr size_t PageLength = 2000;
 constexpr size_t MostWaiting = 50'000; // events: then the engine is to wait
 constexpr auto ReadPatience = std::chrono::seconds(5);
 constexpr auto ReadPause = std::chrono::milliseconds(500); // after a failure
-constexpr auto MembersPause = std::chrono::seconds(10);    // between two questions for these
+constexpr auto LookPause = std::chrono::seconds(10);       // between two looks at the engine
+constexpr auto LookPatience = std::chrono::seconds(1);
 
 } // namespace
 
@@ -98,7 +99,7 @@ bool ShareKeeper::pause(std::chrono::milliseconds time)
 
 void ShareKeeper::run()
 {
-    while (m_revision == 0 || !isCurrent(m_revision)) {
+    while (m_revision == 0 || !isCurrent()) {
         if (std::optional<Whole> whole = readAll()) {
             m_revision = whole->revision;
             {
@@ -116,10 +117,11 @@ void ShareKeeper::run()
         std::unique_lock lock(m_mutex);
         while (!m_ending && !m_isOutdated) {
             lock.unlock();
-            std::string members = m_engine.members(ReadPatience);
-            m_pView->setMembers(std::move(members));
+            m_pView->setMembers(m_engine.members(LookPatience));
+            const bool isOlder = look(LookPatience) == Look::Older;
             lock.lock();
-            m_changed.wait_for(lock, MembersPause, [this] { return m_ending || m_isOutdated; });
+            m_isOutdated = m_isOutdated || isOlder;
+            m_changed.wait_for(lock, LookPause, [this] { return m_ending || m_isOutdated; });
         }
         const bool ends = m_ending;
         m_isOutdated = false;
@@ -140,17 +142,29 @@ void ShareKeeper::run()
     }
 }
 
-/// Whether the engine has got as far as that; it has not when it was set up anew, or from an old backup.
-bool ShareKeeper::isCurrent(int64_t revision)
+/// Whether the engine has got as far as the copy. It has not when it was set up anew, or from an old backup.
+ShareKeeper::Look ShareKeeper::look(std::chrono::milliseconds patience)
+{
+    const int64_t here = m_pView->revision;
+    const engine::Page page = m_engine.read(m_names.begin(), m_names.end(), 0, 1, patience);
+    if (!page.good) {
+        failed(page.why);
+        return Look::Away;
+    }
+    if (page.revision >= here)
+        return Look::Current;
+    logLine(LOG_WARNING, "share %s: the engine is older than the copy here, which is replaced by what it has",
+            m_pView->name.c_str());
+    return Look::Older;
+}
+
+/// Whether what the copy has can be gone on from. Waits until that is known.
+bool ShareKeeper::isCurrent()
 {
     for (;;) {
-        const engine::Page page = m_engine.read(m_names.begin(), m_names.end(), 0, 1, ReadPatience);
-        if (page.good && page.revision < revision)
-            logLine(LOG_WARNING, "share %s: the engine is older than the copy here, which is replaced by what it has",
-                    m_pView->name.c_str());
-        if (page.good)
-            return page.revision >= revision;
-        failed(page.why);
+        const Look found = look(ReadPatience);
+        if (found != Look::Away)
+            return found == Look::Current;
         if (!pause(ReadPause))
             return true;
     }

@@ -43,7 +43,9 @@ private:
     void compacted() override;
     void reached(bool isReached, const std::string& why) override;
     void run();
-    bool isCurrent(int64_t revision);
+    bool isCurrent();
+    enum class Look { Current, Older, Away };
+    Look look(std::chrono::milliseconds patience);
     std::optional<Whole> readAll();
     bool pause(std::chrono::milliseconds time);
     void failed(const std::string& why);

@@ -265,8 +265,9 @@ void Sharing::decide(Place place, engine::Outcome&& outcome)
             return settleLater(place);
         free(slot.value);
         if (place->pJob != nullptr) {
-            logLine(LOG_WARNING, "share %s: a change was refused: %s", m_trees[place->tree].pView->name.c_str(),
-                    outcome.why.c_str());
+            if (const auto leftOut = m_log.allow(Clock::now()))
+                logLine(LOG_WARNING, "share %s: a change was refused: %s (%zu such lines were left out)",
+                        m_trees[place->tree].pView->name.c_str(), outcome.why.c_str(), *leftOut);
             refuse(*place->pJob, OBREG_STATUS_TOO_LARGE);
             place->revision = 0;
             place->is = UnderWay::Done;
@@ -282,54 +283,64 @@ void Sharing::decide(Place place, engine::Outcome&& outcome)
 
 void Sharing::again(JobPtr pJob, Clock::duration pause) { m_again.push_back({std::move(pJob), Clock::now() + pause}); }
 
-/// What waits of a tree is applied, in transactions of a bounded size.
+/// What waits of a tree is applied.
 void Sharing::applyNews(Tree& tree, size_t index, Transactions& transactions)
 {
     ShareKeeper::News news = tree.pKeeper->take();
-    if (news.whole) {
-        tree.waiting = std::move(news);
-        tree.notBefore = {};
-    } else {
+    if (news.whole)
+        tree.waiting = std::move(news); // what waited is older
+    else
         std::move(news.revisions.begin(), news.revisions.end(), std::back_inserter(tree.waiting.revisions));
-    }
-    SharedCopy& copy = *m_copies[index];
-    const auto ignore = [](const std::string&) {};
     if (Clock::now() < tree.notBefore)
         return;
-    bool good = true;
-    if (tree.waiting.whole) {
-        std::vector<engine::Revision> pieces;
-        const int64_t revision = tree.waiting.whole->revision;
-        const auto entries = tree.waiting.whole->entries; // in case it fails
-        good = transactions.runOne([&] { pieces = copy.difference(std::vector(entries), revision); });
-        for (size_t i = 0; good && i < pieces.size(); ++i)
-            good = transactions.runOne([&] { copy.apply(pieces[i], ignore); });
-        good = good && transactions.runOne([&] { copy.setRevision(revision); });
-        if (good) {
-            tree.waiting.whole.reset();
-            tree.pView->revision = revision;
-        }
-    }
+    SharedCopy& copy = *m_copies[index];
+    if (!applyWhole(tree, copy, transactions) || !applyChanges(tree, copy, transactions))
+        tree.notBefore = Clock::now() + LongPause;
+    m_store.setTime(0);
+}
+
+/// False when the store failed.
+bool Sharing::applyWhole(Tree& tree, SharedCopy& copy, Transactions& transactions)
+{
+    if (!tree.waiting.whole)
+        return true;
+    const int64_t revision = tree.waiting.whole->revision;
+    std::vector<engine::Revision> pieces;
+    const auto compare = [&] { pieces = copy.difference(std::vector(tree.waiting.whole->entries), revision); };
+    if (!transactions.runOne(compare))
+        return false;
+    for (const engine::Revision& piece : pieces)
+        if (!transactions.runOne([&] { copy.apply(piece, true); }))
+            return false;
+    if (!transactions.runOne([&] { copy.setRevision(revision); }))
+        return false;
+    tree.waiting.whole.reset();
+    tree.pView->revision = revision;
+    return true;
+}
+
+/// In transactions of a bounded size. False when the store failed.
+bool Sharing::applyChanges(Tree& tree, SharedCopy& copy, Transactions& transactions)
+{
     std::vector<engine::Revision>& waiting = tree.waiting.revisions;
-    size_t at = 0;
-    while (good && at < waiting.size()) {
-        size_t end = at;
+    size_t done = 0;
+    bool good = true;
+    while (good && done < waiting.size()) {
+        size_t end = done;
         for (size_t events = 0; end < waiting.size() && events < EventsAtOnce; ++end)
             events += waiting[end].events.size();
         good = transactions.runOne([&] {
-            for (size_t i = at; i < end; ++i)
-                copy.apply(waiting[i], ignore);
+            for (size_t i = done; i < end; ++i)
+                copy.apply(waiting[i]);
             copy.setRevision(waiting[end - 1].number);
         });
         if (!good)
             break;
         tree.pView->revision = waiting[end - 1].number;
-        at = end;
+        done = end;
     }
-    waiting.erase(waiting.begin(), waiting.begin() + static_cast<ptrdiff_t>(at));
-    m_store.setTime(0);
-    if (!good)
-        tree.notBefore = Clock::now() + LongPause;
+    waiting.erase(waiting.begin(), waiting.begin() + static_cast<ptrdiff_t>(done));
+    return good;
 }
 
 /// Its change is here. Where the reply says more than that it was done, it is made now.

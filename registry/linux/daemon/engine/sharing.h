@@ -81,6 +81,8 @@ private:
     };
 
     void applyNews(Tree& tree, size_t index, Transactions& transactions);
+    bool applyWhole(Tree& tree, SharedCopy& copy, Transactions& transactions);
+    bool applyChanges(Tree& tree, SharedCopy& copy, Transactions& transactions);
     void propose(JobPtr pJob);
     void commit(Place place, engine::Transaction&& transaction);
     void settle(Place place);
@@ -101,6 +103,7 @@ private:
     std::list<UnderWay> m_underWay;
     std::list<Again> m_again;
     std::function<void()> m_wake;
+    LogLimit m_log;
     std::mutex m_mutex; // guards what follows
     std::vector<std::pair<Place, engine::Outcome>> m_outcomes;
     bool m_ending = false;
