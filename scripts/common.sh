@@ -12,7 +12,7 @@ build_packages=(g++ g++-multilib cmake ninja-build libgtest-dev libasio-dev libs
 engine_packages=(libgrpc++-dev protobuf-compiler protobuf-compiler-grpc golang-etcd-server-dev golang-github-gogo-protobuf-dev
     golang-github-grpc-ecosystem-grpc-gateway-dev)
 # shellcheck disable=SC2034
-machines_packages=(etcd-server iproute2)
+machines_packages=(etcd-server etcd-client iproute2)
 # shellcheck disable=SC2034
 packaging_packages=(dpkg-dev file scdoc)
 jobs=$(nproc)
