@@ -109,7 +109,9 @@ private:
     void lookAt(const Step& step) const
     {
         SharedCalls* const pShared = m_session.pShared;
-        const KeyId root = pShared == nullptr ? 0 : storedKey(m_session, m_pKey->root);
+        if (pShared == nullptr || m_pKey == nullptr)
+            return;
+        const KeyId root = storedKey(m_session, m_pKey->root);
         if (root == 0)
             return;
         SharedCalls::LookedAt looked{root, m_pKey->name};

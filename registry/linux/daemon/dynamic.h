@@ -63,7 +63,7 @@ inline constexpr DynamicKey DynamicKeys[] = {{ChangesId, 0x80000010, "Changes"},
 inline constexpr uint32_t FirstShareHandle = 0x80000020;
 /// The key that a handle stands for, and the handle of a key; 0: of another key.
 KeyId dynamicKey(HANDLE handle);
-uint32_t dynamicHandle(KeyId key);
+uint32_t dynamicHandle(KeyId id);
 /// Which share a key tells of.
 std::optional<size_t> shareOf(KeyId key);
 

@@ -20,7 +20,7 @@ namespace obregd::etcd {
 class Cluster {
 public:
     /// Throws std::runtime_error when the options make no sense or a file cannot be read.
-    explicit Cluster(const engine::Options& options);
+    explicit Cluster(const engine::Options& given);
 
     std::shared_ptr<Connection> inUse();
     std::vector<std::shared_ptr<Connection>> all();

@@ -50,7 +50,8 @@ bool Connection::hasCalls() const
     return !m_calls.empty();
 }
 
-Call::Call(std::shared_ptr<Connection> on, const std::string& withToken) : connection(std::move(on)), token(withToken)
+Call::Call(std::shared_ptr<Connection> on, std::string withToken)
+    : connection(std::move(on)), token(std::move(withToken))
 {
     if (!token.empty())
         context.AddMetadata("token", token);

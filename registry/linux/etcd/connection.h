@@ -20,8 +20,8 @@ using Clock = std::chrono::system_clock; // what gRPC takes for a deadline
 
 class Connection {
 public:
-    /// `endpoint` as an operator writes it, with "http://" or "https://".
-    Connection(const std::string& endpoint, const std::shared_ptr<grpc::ChannelCredentials>& credentials);
+    /// `at`: as an operator writes it, with "http://" or "https://".
+    Connection(const std::string& at, const std::shared_ptr<grpc::ChannelCredentials>& credentials);
 
     const std::string endpoint;
     const std::shared_ptr<grpc::Channel> channel;
@@ -46,7 +46,7 @@ private:
 /// One call, from before it is sent until its end was seen. It can be cancelled from any thread.
 class Call {
 public:
-    Call(std::shared_ptr<Connection> on, const std::string& token);
+    Call(std::shared_ptr<Connection> on, std::string withToken);
     ~Call();
     Call(const Call&) = delete;
     Call& operator=(const Call&) = delete;

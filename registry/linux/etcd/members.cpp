@@ -64,6 +64,7 @@ std::string tellMembers(Cluster& cluster, Clock::time_point deadline)
     for (const auto& connection : cluster.all())
         asked.push_back(std::async(std::launch::async, askOne, connection, cluster.token(), half));
     std::vector<Answer> answers;
+    answers.reserve(asked.size());
     for (auto& future : asked)
         answers.push_back(future.get());
 

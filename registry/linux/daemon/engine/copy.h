@@ -45,7 +45,7 @@ private:
     void applyOne(const engine::Revision::Event& event, int64_t number, bool isReadAnew);
     void remove(const EntryNames::Parsed& entry);
     void set(const EntryNames::Parsed& entry, const engine::Entry& told, const std::optional<Seen>& before);
-    void removeTree(KeyId key);
+    void removeTree(KeyId top);
     std::optional<KeyId> find(const std::string& path);
 
     WritableStore& m_store;

@@ -40,7 +40,7 @@ public:
     /// The proposal rests on the entry as it is here. Returns whether it is.
     bool rest(const std::string& entry)
     {
-        const bool isMade = m_made.count(entry) != 0;
+        const bool isMade = m_made.contains(entry);
         const std::optional<SharedCopy::Seen> seen = m_copy.seen(entry);
         if (isMade || entry == names().key(""))
             return false;
@@ -90,7 +90,7 @@ public:
 private:
     void set(const std::string& entry, EntryText&& text, bool isKey)
     {
-        if (m_operations.count(entry) != 0 && m_operations[entry].kind == engine::Operation::Kind::Delete && isKey)
+        if (m_operations.contains(entry) && m_operations[entry].kind == engine::Operation::Kind::Delete && isKey)
             throw CannotPropose{OBREG_STATUS_TOO_LARGE,
                                 "a key of a shared tree is deleted and made in one transaction"};
         text.place = m_place++;
@@ -129,7 +129,7 @@ private:
     {
         const std::string key = names().key(path);
         const std::optional<SharedCopy::Seen> seen = m_copy.seen(key);
-        if (m_operations.count(key) != 0 || (!seen && !path.empty()))
+        if (m_operations.contains(key) || (!seen && !path.empty()))
             return; // made by what is proposed
         rest(key);
         m_operations[key] = {
@@ -189,7 +189,7 @@ std::optional<Proposer::Place> Proposer::placeOf(KeyId key)
         const auto place = m_store.placeOf(at);
         if (!place)
             break;
-        path = path.empty() ? place->name : place->name + '\\' + path;
+        path.insert(0, path.empty() ? place->name : place->name + '\\');
         at = place->parent;
     }
     return std::nullopt;

@@ -6,7 +6,7 @@ namespace obregd {
 
 namespace {
 
-ShareViews views;
+ShareViews shared;
 
 } // namespace
 
@@ -39,8 +39,8 @@ void ShareView::setMembers(std::string members)
     m_members = std::move(members);
 }
 
-const ShareViews& shareViews() { return views; }
+const ShareViews& shareViews() { return shared; }
 
-void setShareViews(ShareViews shares) { views = std::move(shares); }
+void setShareViews(ShareViews views) { shared = std::move(views); }
 
 } // namespace obregd

@@ -1,5 +1,6 @@
 #include "daemon/store/places.h"
 
+#include <ranges>
 #include <vector>
 
 #include "daemon/store/statements.h"
@@ -58,10 +59,10 @@ std::optional<std::string> Places::pathBelow(KeyId id, Below& known)
         up = place->parent;
     }
     std::string path;
-    for (auto key = way.rbegin(); key != way.rend(); ++key) {
+    for (const KeyId key : std::ranges::reverse_view(way)) {
         if (!path.empty())
             path += '\\';
-        path += known.places.at(*key)->name;
+        path += known.places.at(key)->name;
     }
     return path;
 }
@@ -84,9 +85,9 @@ Depth Depths::of(KeyId id)
     }
     if (m_known.size() + way.size() > MostKnown)
         m_known.clear();
-    for (auto step = way.rbegin(); step != way.rend(); ++step) {
-        depth = {depth.keys + 1, depth.bytes + step->second};
-        m_known.emplace(step->first, depth);
+    for (const auto& [key, bytes] : std::ranges::reverse_view(way)) {
+        depth = {depth.keys + 1, depth.bytes + bytes};
+        m_known.emplace(key, depth);
     }
     return depth;
 }

@@ -1,6 +1,7 @@
 #include "daemon/store/secrets.h"
 
 #include <algorithm>
+#include <ranges>
 #include <utility>
 
 #include "daemon/store/statements.h"
@@ -165,14 +166,14 @@ bool Secrets::isSecret(KeyId key)
     }
     if (m_answers.size() + way.size() > MostAnswers)
         m_answers.clear();
-    for (auto step = way.rbegin(); step != way.rend(); ++step) {
+    for (const auto& [at, name] : std::ranges::reverse_view(way)) {
         ++answer.levels;
-        answer.isSecret = answer.isSecret || m_marks.contains(step->first);
+        answer.isSecret = answer.isSecret || m_marks.contains(at);
         if (!answer.isSecret && answer.levels <= m_longestPattern) {
-            path.push_back(step->second);
+            path.push_back(name);
             answer.isSecret = isNamed();
         }
-        m_answers.emplace(step->first, answer);
+        m_answers.emplace(at, answer);
     }
     return answer.isSecret;
 }
