@@ -1,6 +1,6 @@
 #include "daemon/store/places.h"
 
-#include <ranges>
+#include <algorithm>
 #include <vector>
 
 #include "daemon/store/statements.h"
@@ -59,7 +59,8 @@ std::optional<std::string> Places::pathBelow(KeyId id, Below& known)
         up = place->parent;
     }
     std::string path;
-    for (const KeyId key : std::ranges::reverse_view(way)) {
+    std::reverse(way.begin(), way.end());
+    for (const KeyId key : way) {
         if (!path.empty())
             path += '\\';
         path += known.places.at(key)->name;
@@ -85,7 +86,8 @@ Depth Depths::of(KeyId id)
     }
     if (m_known.size() + way.size() > MostKnown)
         m_known.clear();
-    for (const auto& [key, bytes] : std::ranges::reverse_view(way)) {
+    std::reverse(way.begin(), way.end());
+    for (const auto& [key, bytes] : way) {
         depth = {depth.keys + 1, depth.bytes + bytes};
         m_known.emplace(key, depth);
     }

@@ -1,7 +1,6 @@
 #include "daemon/store/secrets.h"
 
 #include <algorithm>
-#include <ranges>
 #include <utility>
 
 #include "daemon/store/statements.h"
@@ -166,7 +165,8 @@ bool Secrets::isSecret(KeyId key)
     }
     if (m_answers.size() + way.size() > MostAnswers)
         m_answers.clear();
-    for (const auto& [at, name] : std::ranges::reverse_view(way)) {
+    std::reverse(way.begin(), way.end());
+    for (const auto& [at, name] : way) {
         ++answer.levels;
         answer.isSecret = answer.isSecret || m_marks.contains(at);
         if (!answer.isSecret && answer.levels <= m_longestPattern) {
