@@ -39,8 +39,10 @@ done
 
 again() { kill -KILL "$1" && wait "$1" || true; } 2>/dev/null
 for ((round = 0; round < rounds; ++round)); do
+    first=$((RANDOM % 4))
     for fault in kill_etcd stop_etcd kill_daemon stop_daemon cut compact wipe; do
-        m=${machines[RANDOM % 4]}
+        first=$(((first + 1 + RANDOM % 3) % 4))
+        m=${machines[first]} other=${machines[(first + 1) % 4]}
         echo "round $round: $fault on $m"
         case $fault in
         kill_etcd) again "${etcd[$m]}"; sleep 1; start_etcd "$m" ;;
@@ -51,7 +53,6 @@ for ((round = 0; round < rounds; ++round)); do
         compact)
             kill -STOP "${daemon[$m]}"
             sleep 1
-            other=${machines[(RANDOM % 4)]}
             revision=$(on "$other" obreg shared status | cut -f 4)
             on "$other" env ETCDCTL_API=3 etcdctl --endpoints "http://${address[$other]}:2379" compact "$revision" || true
             kill -CONT "${daemon[$m]}" ;;
