@@ -206,9 +206,8 @@ TEST_F(WatchFace, EachWatcherSeesEachChangeOnceAndInOrderOverCutsAndKills)
     std::atomic<UINT64> end{UINT64_MAX};
     std::vector<std::thread> threads;
     for (int i = 0; i < 8; ++i)
-        threads.emplace_back([&, i] {
+        threads.emplace_back([&over, key = Key::create(m_key, "W" + std::to_string(i))] {
             std::error_code error;
-            const Key key = Key::create(m_key, "W" + std::to_string(i));
             for (unsigned count = 0; !over; ++count)
                 key.set("v", count, error);
         });

@@ -118,7 +118,8 @@ void ShareKeeper::run()
         while (!m_ending && !m_isOutdated) {
             lock.unlock();
             m_pView->setMembers(m_engine.members(LookPatience));
-            const bool isOlder = look(LookPatience) == Look::Older;
+            std::string why; // the watch tells whether the engine is reached
+            const bool isOlder = look(LookPatience, why) == Look::Older;
             lock.lock();
             m_isOutdated = m_isOutdated || isOlder;
             m_changed.wait_for(lock, LookPause, [this] { return m_ending || m_isOutdated; });
@@ -143,12 +144,12 @@ void ShareKeeper::run()
 }
 
 /// Whether the engine has got as far as the copy. It has not when it was set up anew, or from an old backup.
-ShareKeeper::Look ShareKeeper::look(std::chrono::milliseconds patience)
+ShareKeeper::Look ShareKeeper::look(std::chrono::milliseconds patience, std::string& why)
 {
     const int64_t here = m_pView->revision;
     const engine::Page page = m_engine.read(m_names.begin(), m_names.end(), 0, 1, patience);
     if (!page.good) {
-        failed(page.why);
+        why = page.why;
         return Look::Away;
     }
     if (page.revision >= here)
@@ -162,9 +163,11 @@ ShareKeeper::Look ShareKeeper::look(std::chrono::milliseconds patience)
 bool ShareKeeper::isCurrent()
 {
     for (;;) {
-        const Look found = look(ReadPatience);
+        std::string why;
+        const Look found = look(ReadPatience, why);
         if (found != Look::Away)
             return found == Look::Current;
+        failed(why);
         if (!pause(ReadPause))
             return true;
     }

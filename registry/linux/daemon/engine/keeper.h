@@ -45,7 +45,7 @@ private:
     void run();
     bool isCurrent();
     enum class Look { Current, Older, Away };
-    Look look(std::chrono::milliseconds patience);
+    Look look(std::chrono::milliseconds patience, std::string& why);
     std::optional<Whole> readAll();
     bool pause(std::chrono::milliseconds time);
     void failed(const std::string& why);
