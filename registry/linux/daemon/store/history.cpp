@@ -18,10 +18,10 @@ constexpr size_t MostLookedAt = size_t{64} << 20; // bytes of keys' places: many
 
 std::string hex(const std::string& data)
 {
-    std::string text;
-    text.reserve(2 * data.size());
+    std::string text(2 * data.size(), '\0');
+    char* pOut = text.data();
     for (const char byte : data)
-        text.append(wiretext::HexPairs[static_cast<unsigned char>(byte)].data(), 2);
+        pOut = wiretext::putHex(pOut, static_cast<uint8_t>(byte));
     return text;
 }
 
