@@ -63,7 +63,7 @@ protected:
     void TearDown() override
     {
         EXPECT_TRUE(eventually([] { return now(numCChannelObjects) == 0 && now(numClientReqObjects) == 0; }));
-        LiveChannels::awaitReaders(5000);
+        LiveChannels::awaitReaders(std::chrono::seconds(5));
         EXPECT_TRUE(eventually([this] { return entriesOf("/proc/self/fd") == m_descriptors; }));
         logcapture::take();
     }

@@ -263,19 +263,29 @@ TEST_F(Functions, FirstSetupWaitsForTheDaemon)
 TEST_F(Functions, ForkChildClosesButNeverDestroysTheParentsChannel)
 {
     // The reader has ended, so the process's is the last reference; the child may still not run the destructor.
-    LiveChannels::awaitReaders(5000); // of the test before
+    LiveChannels::awaitReaders(std::chrono::seconds(5)); // of the test before
     const size_t descriptors = entriesOf("/proc/self/fd");
     startDaemon();
     EXPECT_EQ(OBRegCloseKey(key), 0u);
     m_daemon.reset();
-    LiveChannels::awaitReaders(5000);
+    LiveChannels::awaitReaders(std::chrono::seconds(5));
     EXPECT_EQ(numCChannelObjects, 1u);
-    const pid_t child = fork();
+    const pid_t child = [] {
+        logcapture::take();
+        logcapture::setDebugLevel(1);
+        const pid_t pid = fork();
+        logcapture::setDebugLevel(0);
+        return pid;
+    }();
     if (child == 0) {
+        const std::vector<std::string> trace = logcapture::take();
+        const bool told = trace.size() == 4 && trace[0] == "15 OBReg -IpcShutdown- Start\n" &&
+                          trace[1].find("15 CChannel::closeChannel- Start, Obj = ") == 0 &&
+                          trace[2] == "15 CChannel::closeChannel- End\n" && trace[3] == "15 OBReg -IpcShutdown- End\n";
         if (__gcov_dump != nullptr)
             __gcov_dump(); // what ran in the child counts too
         const bool closed = g_pSmartCChannel == nullptr && entriesOf("/proc/self/fd") == descriptors;
-        _exit(closed && numCChannelObjects == 1 ? 0 : 1);
+        _exit(closed && told && numCChannelObjects == 1 ? 0 : 1);
     }
     int status = -1;
     waitpid(child, &status, 0);

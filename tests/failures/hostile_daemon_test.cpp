@@ -136,7 +136,7 @@ TEST(HostileDaemon, EndsNoCallWithoutAnAnswerAndLosesNothing)
             thread.join();
         connections = daemon.connections();
         IpcShutdown();
-        LiveChannels::awaitReaders(5000);
+        LiveChannels::awaitReaders(std::chrono::seconds(5));
     }
     EXPECT_GT(succeeded, 0);
     EXPECT_GT(connections, 10);

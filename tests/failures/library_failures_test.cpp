@@ -71,7 +71,7 @@ protected:
     static void disconnect()
     {
         IpcShutdown();
-        LiveChannels::awaitReaders(5000);
+        LiveChannels::awaitReaders(std::chrono::seconds(5));
         ClientReq::renewConditions(); // so that the next call initialises one
     }
 

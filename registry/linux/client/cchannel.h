@@ -9,9 +9,8 @@
 //     be delivered before its request is out. A send that the daemon does not take therefore holds up everything else;
 //   - by removeReq;
 //   - by the reader around each map look-up with its hand-over, and around its exit sweep. So the reader touches a
-//     pending request only while it is in the map, and a submitter that has removed its own may destroy it. One thing
-//     the reader does when it has given the channel lock up: it wakes the submitter, if that sleeps, and touches
-//     nothing of the request that could be gone by then (clientreq.h);
+//     pending request only while it is in the map, and a submitter that has removed its own may destroy it. Only the
+//     wake-up of a submitter that sleeps comes after the lock, and touches nothing of the request (clientreq.h);
 //   - by closeChannel.
 // It is held shortly but taken three times for every request. So who finds it taken tries a few times more before he
 // sleeps, as long as that succeeds (worthtrying.h).
@@ -22,8 +21,9 @@
 // sleep and a wake-up take longer than a quick daemon. It looks at one atomic flag of its own request and holds no
 // lock. When the reply comes later than that, or on a machine with one processor to share, it stops trying.
 //
-// READ WITHOUT THE LOCK: m_state, by ok() and by the reader when it begins, and the number of pending requests, by who
-// watches. All need only an answer that was true a moment ago; both are atomics so that the answer is a whole one.
+// READ WITHOUT THE LOCK: m_state, by ok() and by the reader when it begins, and whether the newest pending request is
+// alone, by who watches. All need only an answer that was true a moment ago; both are atomics so that the answer is a
+// whole one.
 //
 // TWO DESCRIPTORS of the one socket. m_socket is the one that is sent on, and shut down and closed under the lock. The
 // reader cannot use it: between reading the number and entering recv, another thread may close it and the application
@@ -48,6 +48,7 @@
 #include <sys/types.h>
 #include <sys/un.h>
 
+#include "client/guards.h"
 #include "client/livechannels.h"
 #include "client/pendingreqs.h"
 #include "common/ipcint.h"
@@ -118,16 +119,15 @@ private:
     int sendPacket(char* pHeader, char* pPayload, size_t payloadLength);
     void tearDownSocket();
 
-    static void* connectionThread(void* pSmartCChannel);
+    static void* connectionThread(void* pReaderReference);
     void receivePackets();
     bool receiveData(uint32_t reqId, int payloadLength);
     ssize_t receive(char* pBuff, size_t length) const;
     ClientReq* findReq(uint32_t reqId) const;
-    bool alone() const { return m_rcMap.young() <= 1; }
     void failPendingReqs();
 
     std::atomic<ChannelStates> m_state{State_Uninitialized};
-    int m_socket = -1;
+    Descriptor m_socket;
     sockaddr_in m_remoteAddrIn{};
     sockaddr_un m_remoteAddrUn{};
     bool m_useTcpSocket;
@@ -137,7 +137,7 @@ private:
     WorthTrying m_worthSpinning; // for m_mutex
     WorthTrying m_worthWatching; // for replies
 
-    int m_recvSocket = -1; // set by init before there is a reader, closed by the destructor
+    Descriptor m_recvSocket; // set by init before there is a reader, closed by the destructor
     LiveChannels::Registration m_registration{this};
 };
 

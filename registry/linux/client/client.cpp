@@ -2,15 +2,19 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <memory>
-#include <utility>
+
+#include <execinfo.h>
 
 #include "client/clientreq.h"
 #include "client/guards.h"
+#include "client/patience.h"
+#include "common/channelproto.h"
 #include "common/msgproto.h"
 
 int CDebugLevel = 0;
@@ -34,17 +38,28 @@ constexpr timespec SetupRetryPause = {1, 0};
 constexpr timespec RequestRetryPause = {0, 100000};
 constexpr int MaxRetries = 2;
 
-/// Patience of the destructor, in milliseconds: for a thread that is just getting a channel, and for the readers' end.
-constexpr int UnloadLockPatience = 100;
-constexpr int UnloadReaderPatience = 5000;
+/// Patience of the destructor: for a thread that is just getting a channel, and for the readers' end.
+constexpr std::chrono::milliseconds UnloadLockPatience{100};
+constexpr std::chrono::milliseconds UnloadReaderPatience{5000};
 
 /// Set by the destructor under clientMutex: threads that still run while the process exits get no new channel.
 bool unloading = false;
 
 // --- Load, unload, fork
 
+/// The first pthread_exit of a process loads the unwinder, under the loader's lock. A thread that unloads this library
+/// holds that lock while it waits for the reader's end, and one in a plug-in's constructor while it waits for
+/// clientMutex: so the unwinder is loaded now, when the loader's lock is held anyway and no other.
+void loadUnwinder()
+{
+    void* pFrame = nullptr;
+    backtrace(&pFrame, 1);
+}
+
 __attribute__((constructor)) void so_init()
 {
+    const NoCancellation noCancellation;
+    loadUnwinder();
     pthread_atfork(nullptr, nullptr, OBRegForkHandler);
     const char* const pSetupTime = std::getenv("OMBREL_MAX_REGIPC_SETUP_TIME");
     if (pSetupTime != nullptr && *pSetupTime != '\0')
@@ -58,25 +73,23 @@ __attribute__((constructor)) void so_init()
 /// appear has no channel that would need closing.
 __attribute__((destructor)) void so_fini()
 {
-    bool locked = false;
-    for (int i = 0; !(locked = pthread_mutex_trylock(&clientMutex) == 0) && i < UnloadLockPatience; ++i) {
-        const timespec oneMillisecond = {0, 1000000};
-        nanosleep(&oneMillisecond, nullptr);
-    }
-    if (!locked)
+    const NoCancellation noCancellation;
+    if (!await([] { return pthread_mutex_trylock(&clientMutex) == 0; }, UnloadLockPatience))
         return;
-    unloading = true;
-    IpcShutdown();
-    pthread_mutex_unlock(&clientMutex);
+    {
+        const MutexLock lock(clientMutex, std::adopt_lock);
+        unloading = true;
+        IpcShutdown();
+    }
     LiveChannels::awaitReaders(UnloadReaderPatience);
 }
 
 } // namespace
 
-/// Logs nothing: a thread of the parent may have held the log's lock, which nobody gives back in the child.
 void OBRegForkHandler()
 {
-    const int level = std::exchange(CDebugLevel, 0);
+    const NoCancellation noCancellation;
+    LogTurn::afterFork();
     unloading = false;
     pthread_mutex_init(&clientMutex, nullptr);
     const CChannel* const pPublished = g_pSmartCChannel != nullptr ? g_pSmartCChannel->operator->() : nullptr;
@@ -86,13 +99,13 @@ void OBRegForkHandler()
     IpcShutdown();
     ipcInitAttempts = 0;
     ipcInitSuccessfulAttempts = 0;
-    CDebugLevel = level;
 }
 
 // --- The process channel
 
 int IpcInit()
 {
+    const NoCancellation noCancellation;
     IPC_TRACE("OBReg -IpcInit- Start\n");
     ++ipcInitAttempts;
     sockaddr_un address{};
@@ -117,6 +130,7 @@ int IpcInit()
 
 void IpcShutdown()
 {
+    const NoCancellation noCancellation;
     IPC_TRACE("OBReg -IpcShutdown- Start\n");
     if (g_pSmartCChannel != nullptr) {
         const std::unique_ptr<SmartCChannel> pHolder(g_pSmartCChannel);
@@ -162,51 +176,48 @@ bool haveProcessChannel()
     return connectProcessChannel();
 }
 
-} // namespace
-
-SmartCChannel* getCChannel()
+/// Takes a reference to the process channel, if one can be had, for a thread that is not cancelled already.
+void takeProcessChannel(SmartCChannel& pChannel)
 {
     IPC_TRACE("OBReg -getCChannel- Start\n");
-    SmartCChannel* pSmartCChannel = nullptr;
     {
         const MutexLock lock(clientMutex);
         if (haveProcessChannel())
-            pSmartCChannel = new SmartCChannel(*g_pSmartCChannel);
+            pChannel = *g_pSmartCChannel;
     }
-    IPC_TRACE("OBReg -getCChannel- End, Obj = %p\n", static_cast<void*>(pSmartCChannel));
-    return pSmartCChannel;
+    IPC_TRACE("OBReg -getCChannel- End, Obj = %p\n", pChannel ? static_cast<void*>(&pChannel) : nullptr);
 }
 
 // --- The exchange
-
-namespace {
 
 /// ReqReply for a thread that is not cancelled already.
 int exchange(char* pClientData, int clientDataLen, char** ppServerData, int* pServerDataLen)
 {
     IPC_TRACE("OBReg -ReqReply- Start\n");
     int retStatus = -1;
+    bool okToRetry = clientDataLen <= MaxPayloadLength; // no daemon takes more: it would end the connection each time
+    if (!okToRetry)
+        IPC_ERROR("OBReg -ReqReply- A request of %d bytes is longer than %d\n", clientDataLen, MaxPayloadLength);
     try {
-        bool okToRetry = true;
         for (int retryCount = 0; retStatus != 0 && okToRetry; ++retryCount) {
-            std::unique_ptr<SmartCChannel> pChannel(getCChannel());
+            SmartCChannel pChannel;
+            takeProcessChannel(pChannel);
             if (!pChannel) {
                 IPC_TRACE("OBReg -ReqReply- Channel unavailable\n");
                 break;
             }
-            const uint32_t reqId = (*pChannel)->allocReqId();
+            const uint32_t reqId = pChannel->allocReqId();
             ClientReq clientReq(reqId);
-            if ((*pChannel)->submitReq(reqId, clientReq, pClientData, clientDataLen) == 0) {
-                (*pChannel)->watch(clientReq);
+            if (pChannel->submitReq(reqId, clientReq, pClientData, clientDataLen) == 0) {
+                pChannel->watch(clientReq);
                 retStatus = clientReq.waitForCompletion(ppServerData, pServerDataLen);
             } else {
                 IPC_ERROR("OBReg -ReqReply- Request submittion over the channel failed\n");
             }
-            (*pChannel)->removeReq(reqId);
+            pChannel->removeReq(reqId);
             okToRetry = retStatus != 0 && retryCount < MaxRetries;
             if (okToRetry)
                 nanosleep(&RequestRetryPause, nullptr);
-            pChannel.reset();
         }
     } catch (...) {
         IPC_ERROR("OBReg -ReqReply-- Exception caught\n");
@@ -290,6 +301,14 @@ void copyData(const Response& response, void* pData, UINT32* pDataLength, REGSTA
 }
 
 } // namespace
+
+SmartCChannel* getCChannel()
+{
+    const NoCancellation noCancellation;
+    auto pHolder = std::make_unique<SmartCChannel>();
+    takeProcessChannel(*pHolder);
+    return *pHolder ? pHolder.release() : nullptr;
+}
 
 int ReqReply(char* pClientData, int clientDataLen, char** ppServerData, int* pServerDataLen)
 {

@@ -54,41 +54,44 @@ void ClientReq::releaseCondition()
 
 void ClientReq::renewConditions() { conditions.renew(); }
 
-/// Lets `store` put the outcome in place, marks the request completed and wakes its submitter if that sleeps.
-template <class Store>
-void ClientReq::complete(Store store, MutexLock* pChannelLock)
+/// Marks the request completed, when the outcome is in place; m_mutex is held.
+WakeUp ClientReq::complete()
 {
-    MutexLock lock(m_mutex);
-    store();
     m_completed.store(true, std::memory_order_release);
-    if (m_submitThreadActive)
-        return;
-    m_submitThreadActive = true;
-    Condition* const pCondition = m_pCondition;
-    if (pCondition != &m_ownCondition)
-        lock.unlock();
-    if (pChannelLock != nullptr)
-        pChannelLock->unlock(); // from now on the request may be gone, unless `lock` is held
-    pthread_cond_signal(&pCondition->variable);
+    if (std::exchange(m_submitThreadActive, true))
+        return {};
+    if (m_pCondition != &m_ownCondition)
+        return WakeUp(*m_pCondition);
+    pthread_cond_signal(&m_ownCondition.variable);
+    return {};
 }
 
-void ClientReq::processServerData(char* pServerData, int serverDataLength, MutexLock* pChannelLock)
+WakeUp ClientReq::processServerData(char* pServerData, int serverDataLength)
 {
     IPC_TRACE("ClientReq::processServerData- Start, Obj = %08X\n", logAddress(this));
-    const auto store = [&] {
+    WakeUp wakeUp;
+    {
+        const MutexLock lock(m_mutex);
         delete[] m_pServerData;
         m_pServerData = pServerData;
         m_serverDataLen = serverDataLength;
-    };
-    complete(store, pChannelLock);
+        wakeUp = complete();
+    }
     IPC_TRACE("ClientReq::processServerData- End\n");
+    return wakeUp;
 }
 
-void ClientReq::processError(MutexLock* pChannelLock)
+WakeUp ClientReq::processError()
 {
     IPC_TRACE("ClientReq::processError- Start, Obj = %08X\n", logAddress(this));
-    complete([&] { m_internalProblem = true; }, pChannelLock);
+    WakeUp wakeUp;
+    {
+        const MutexLock lock(m_mutex);
+        m_internalProblem = true;
+        wakeUp = complete();
+    }
     IPC_TRACE("ClientReq::processError- End\n");
+    return wakeUp;
 }
 
 int ClientReq::waitForCompletion(char** ppResponseData, int* pResponseDataLength)

