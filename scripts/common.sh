@@ -98,7 +98,19 @@ apt_install() {
     apt-get update -q && apt-get install -q -y --no-install-recommends "$@"
 }
 
-# build PRESET [TARGET...] : all targets unless some are named
+build_options=()
+
+# build PRESET [TARGET...] : all targets unless some are named; with build_options for CMake
 build() {
-    cmake --preset "$1" -D BUILD_TESTING=ON && ninja -C "build/$1" -j "$jobs" "${@:2}"
+    cmake --preset "$1" -D BUILD_TESTING=ON "${build_options[@]}" && ninja -C "build/$1" -j "$jobs" "${@:2}"
+}
+
+# build_as_packaged FLAG... : what is built from now on goes where the packages go, compiled with the flags that Debian
+# wants for them, and these.
+build_as_packaged() {
+    local variable
+    build_options=(-D CMAKE_INSTALL_PREFIX=/usr)
+    for variable in C_FLAGS:CFLAGS CXX_FLAGS:CXXFLAGS {EXE,SHARED,MODULE}_LINKER_FLAGS:LDFLAGS; do
+        build_options+=(-D "CMAKE_${variable%:*}=$(DEB_BUILD_MAINT_OPTIONS=hardening=+all dpkg-buildflags --get "${variable#*:}") $*")
+    done
 }
