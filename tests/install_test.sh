@@ -79,6 +79,8 @@ configure user "${cflags[@]}" || { cat user.log; fail "find_package does not fin
 cmake --build user/out >build.log || { cat build.log; fail "what find_package finds does not build"; }
 check "$work/app/user/out/c"
 
+# What goes to /usr leaves it to the loader to find the library.
+[ "$(value_of CMAKE_INSTALL_PREFIX)" != /usr ] || export LD_LIBRARY_PATH=${library%/*}
 [ ! -e "$root/bin/obreg" ] || "$root/bin/obreg" --help >/dev/null || fail "the installed obreg does not find its library"
 
 # As a part of another project: the library alone.

@@ -30,15 +30,19 @@ inline int debugLevel() { return __atomic_load_n(&CDebugLevel, __ATOMIC_RELAXED)
 /// Where the lines go. Set before other threads are started, if at all.
 inline void (*ipcLog)(int priority, const char* pFormat, ...) __attribute__((format(printf, 2, 3))) = syslog;
 
-/// A thread's stay in the log, while it lives.
+/// Counts the threads in the log. Not inlined, and no guard, which would be code in a hundred places; nothing unwinds from
+/// a log call.
 class LogTurn {
 public:
-    LogTurn() { s_inside.fetch_add(1, std::memory_order_relaxed); }
-    ~LogTurn() { s_inside.fetch_sub(1, std::memory_order_relaxed); }
-    LogTurn(const LogTurn&) = delete;
-    LogTurn& operator=(const LogTurn&) = delete;
-
-    static bool granted() { return !s_lockIsLost.load(std::memory_order_relaxed); }
+    /// False when no line may be written; else end() follows.
+    [[gnu::noinline, gnu::cold]] static bool begin()
+    {
+        if (s_lockIsLost.load(std::memory_order_relaxed))
+            return false;
+        s_inside.fetch_add(1, std::memory_order_relaxed);
+        return true;
+    }
+    [[gnu::noinline, gnu::cold]] static void end() { s_inside.fetch_sub(1, std::memory_order_relaxed); }
 
     /// In a fork child, which has one thread, before its first line.
     static void afterFork() { s_lockIsLost = s_lockIsLost || s_inside != 0; }
@@ -48,7 +52,8 @@ private:
     static inline std::atomic<bool> s_lockIsLost{false};
 };
 
-#define IPC_LOG(priority, ...) (LogTurn().granted() ? ipcLog(LOG_USER | (priority), __VA_ARGS__) : static_cast<void>(0))
+#define IPC_LOG(priority, ...)                                                                                         \
+    (LogTurn::begin() ? (ipcLog(LOG_USER | (priority), __VA_ARGS__), LogTurn::end()) : static_cast<void>(0))
 #define IPC_ERROR(...) IPC_LOG(LOG_INFO, __VA_ARGS__)
 #define IPC_TRACE(...) (debugLevel() > 0 ? IPC_LOG(LOG_DEBUG, __VA_ARGS__) : static_cast<void>(0))
 #define IPC_DETAIL(...) (debugLevel() > 1 ? IPC_LOG(LOG_DEBUG, __VA_ARGS__) : static_cast<void>(0))
