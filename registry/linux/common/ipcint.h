@@ -30,8 +30,8 @@ inline int debugLevel() { return __atomic_load_n(&CDebugLevel, __ATOMIC_RELAXED)
 /// Where the lines go. Set before other threads are started, if at all.
 inline void (*ipcLog)(int priority, const char* pFormat, ...) __attribute__((format(printf, 2, 3))) = syslog;
 
-/// Counts the threads in the log. Not inlined, and no guard, which would be code in a hundred places; nothing unwinds from
-/// a log call.
+/// Counts the threads in the log. Not inlined, and no guard, which would be code in a hundred places; nothing unwinds
+/// from a log call.
 class LogTurn {
 public:
     /// False when no line may be written; else end() follows.
