@@ -79,8 +79,9 @@ void takeOverMemory()
 constexpr auto Others = Victims::OtherThreads; // the daemon's
 
 // Harmless: the client notices nothing.
+const auto Stride = static_cast<unsigned>(scaled(30));
 const failnth::Failure failures[] = {
-    {"an allocation", Call::Allocation, ENOMEM, Others, Effect::MayFail},
+    {"an allocation", Call::Allocation, ENOMEM, Others, Effect::MayFail, FromThereOn, Stride},
     {"the store's disk full", Call::StoreWrite, ENOSPC, Others, Effect::MayFail},
     {"a write of the store", Call::StoreWrite, EIO, Others, Effect::MayFail},
     {"a read of the store", Call::StoreRead, EIO, Others, Effect::MayFail},
