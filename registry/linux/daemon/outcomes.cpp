@@ -23,7 +23,7 @@ struct Entry {
     std::string text;
 };
 
-struct User {
+struct RefusedUser {
     uid_t uid;
     std::deque<Entry> entries; // the oldest first
 };
@@ -52,7 +52,7 @@ public:
     }
 
 private:
-    User& of(uid_t uid)
+    RefusedUser& of(uid_t uid)
     {
         if (const auto known = m_byUid.find(uid); known != m_byUid.end()) {
             m_users.splice(m_users.end(), m_users, known->second);
@@ -68,8 +68,8 @@ private:
     }
 
     std::mutex m_mutex; // guards what follows
-    std::list<User> m_users;
-    std::unordered_map<uid_t, std::list<User>::iterator> m_byUid;
+    std::list<RefusedUser> m_users;
+    std::unordered_map<uid_t, std::list<RefusedUser>::iterator> m_byUid;
 };
 
 Memory& memory()

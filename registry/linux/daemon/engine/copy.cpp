@@ -9,7 +9,7 @@ namespace obregd {
 
 namespace {
 
-constexpr size_t EventsAtOnce = 1000; // of a difference
+constexpr size_t EventsOfAPiece = 1000; // of a difference
 constexpr const char* Tables =
     "CREATE TABLE IF NOT EXISTS share (name TEXT PRIMARY KEY, revision INTEGER NOT NULL) STRICT;"
     "CREATE TABLE IF NOT EXISTS sharedentry (entry BLOB PRIMARY KEY, created INTEGER NOT NULL, "
@@ -217,7 +217,7 @@ std::vector<engine::Revision> SharedCopy::difference(std::vector<engine::Entry>&
     std::vector<engine::Revision> revisions;
     for (std::vector<engine::Revision::Event>* const pEvents : {&gone, &changed, &made})
         for (engine::Revision::Event& event : *pEvents) {
-            if (revisions.empty() || revisions.back().events.size() == EventsAtOnce)
+            if (revisions.empty() || revisions.back().events.size() == EventsOfAPiece)
                 revisions.push_back({revision, {}});
             revisions.back().events.push_back(std::move(event));
         }

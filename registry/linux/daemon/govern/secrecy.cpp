@@ -15,9 +15,9 @@ const struct {
     const char* pShortName;
     const char* pName;
     KeyId id;
-} Roots[] = {{"HKLM", "HKEY_LOCAL_MACHINE", MachineId},
-             {"HKCR", "HKEY_CLASSES_ROOT", ClassesId},
-             {"HKU", "HKEY_USERS", UsersId}};
+} NamedRoots[] = {{"HKLM", "HKEY_LOCAL_MACHINE", MachineId},
+                  {"HKCR", "HKEY_CLASSES_ROOT", ClassesId},
+                  {"HKU", "HKEY_USERS", UsersId}};
 
 } // namespace
 
@@ -42,7 +42,7 @@ std::optional<SecretPattern> secretPattern(const std::string& text)
     SecretPattern pattern{};
     if (!splitPath(path, pattern.names) || pattern.names.empty())
         return std::nullopt;
-    for (const auto& root : Roots)
+    for (const auto& root : NamedRoots)
         for (const char* const pName : {root.pShortName, root.pName})
             if (strcasecmp(pattern.names.front().c_str(), pName) == 0)
                 pattern.root = root.id;
